@@ -1,0 +1,44 @@
+// The table of contents at the head of the modem's firmware partition.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace rvd {
+
+#pragma pack(push, 1)
+struct toc_entry {
+    char name[12];       // NUL-terminated unless all 12 bytes are used
+    uint32_t b_off;      // where the image begins in its source file
+    uint32_t m_off;      // where it goes in modem memory (low 30 bits)
+    uint32_t size;       // bytes
+    uint32_t crc;        // carried to the modem, never computed here
+    uint32_t toc_count;  // entry 0 only: number of entries
+};
+#pragma pack(pop)
+static_assert(sizeof(toc_entry) == 32 && offsetof(toc_entry, b_off) == 12 &&
+              offsetof(toc_entry, m_off) == 16 && offsetof(toc_entry, size) == 20 &&
+              offsetof(toc_entry, crc) == 24 && offsetof(toc_entry, toc_count) == 28);
+
+constexpr unsigned kTocEntries = 16;
+constexpr uint32_t kModemOffsetMask = 0x3FFFFFFF;
+
+// Names that a controller gives a meaning to; every other entry is a plain partition image.
+constexpr char kTocName[] = "TOC";
+constexpr char kTocBoot[] = "BOOT";
+constexpr char kTocMain[] = "MAIN";
+constexpr char kTocVss[] = "VSS";
+constexpr char kTocNv[] = "NV";
+constexpr char kTocNvNorm[] = "NV_NORM";
+constexpr char kTocNvProt[] = "NV_PROT";
+constexpr char kTocOffset[] = "OFFSET";
+
+inline bool has_name(const toc_entry& entry, const char* name) {
+    return strncmp(entry.name, name, sizeof(entry.name)) == 0;
+}
+
+// For "%.*s": a name that fills its field has no terminator.
+constexpr int kTocNameWidth = sizeof(toc_entry::name);
+
+}  // namespace rvd
