@@ -44,6 +44,42 @@ enum security_mode : uint32_t {
     SECURITY_VSS = 12,        // verify VSS on request; parameters: its memory offset and size
 };
 
+// Results of a security request that mean an image is not one for this device.
+constexpr uint32_t kInvalidImageCodes[] = {0x00FEED02, 0x00FEED04, 0xFEED0002, 0x00050E00};
+
+// Who crashed the modem, by the driver's numbers.
+enum class crash_origin { CP, RIL, USER, LNKM, CP_WATCHDOG, CLD, UNKNOWN };
+
+constexpr crash_origin crash_origin_of(int32_t owner) {
+    switch (owner) {
+        case 0:
+        case 13:
+        case 14:
+        case 15:
+            return crash_origin::CP;
+        case 1:
+        case 2:
+        case 3:
+        case 4:
+        case 9:
+            return crash_origin::RIL;
+        case 5:
+            return crash_origin::USER;
+        case 6:
+        case 7:
+        case 8:
+        case 10:
+        case 12:
+            return crash_origin::LNKM;
+        case 11:
+            return crash_origin::CP_WATCHDOG;
+        case 16:
+            return crash_origin::CLD;
+        default:
+            return crash_origin::UNKNOWN;
+    }
+}
+
 #pragma pack(push, 1)
 
 // One chunk of an image for modem memory.
@@ -76,7 +112,7 @@ struct cp_security_req {
 };
 static_assert(sizeof(cp_security_req) == 16 && offsetof(cp_security_req, param3) == 12);
 
-// Who crashed the modem, and the driver's text about it.
+// A crash's owner, and the driver's text about it.
 struct cp_crash_reason {
     int32_t owner;
     char text[512];  // NUL-terminated by the driver; read no further than its end all the same

@@ -1,0 +1,95 @@
+// The modem controller: boots the modem, collects its crash dump, powers it off and sends the
+// device into upload mode. One exists per process, of the variant that belongs to the modem. What
+// both variants do has its body here; a variant holds the two records and what is different about
+// its modem. Main thread only.
+//
+// Results: 0 or more on success, the first failing step's negative result otherwise; every failure
+// has been logged when an operation returns.
+#pragma once
+
+#include "bootdump/StdArgs.h"
+
+namespace rvd {
+
+class BootDump {
+  public:
+    virtual ~BootDump() {}
+
+    // Boots the modem up to the completed normal boot-up.
+    virtual int boot() = 0;
+    // Collects a crash dump, then triggers the kernel panic.
+    virtual int dump() = 0;
+    // Powers the modem off at device shutdown. The negated errno when the boot node does not open.
+    virtual int shutdown();
+    // Sends the device into upload mode with the crash reason of the arguments.
+    virtual int upload();
+    // Writes the SIM count of the factory to the driver.
+    virtual void set_sim_configuration();
+    // upload() with this reason, shorter than 512 bytes.
+    virtual int set_kernel_panic(const char* reason);
+    virtual std_boot_args* getStdBoot() = 0;
+    virtual std_dump_args* getStdDump() = 0;
+    // Plans the stages of the table of contents in the boot record into its `dload`.
+    virtual void build_std_dload_control() = 0;
+    // The driver's state number, asked on the open boot record.
+    virtual int get_modem_state();
+    // Copies one memory region into a file of the log directory.
+    virtual int get_log_dump(const char* name, cp_log_dump_index idx);
+    virtual int std_reboot_system(const char* reason);
+    virtual bool check_vtc_sales_code();
+    // Opens the boot record with everything a boot of this mode needs and plans it. False: the
+    // record is closed again.
+    virtual bool prepare_boot_args(cp_boot_mode mode) = 0;
+    // Opens the boot record with the boot node alone.
+    virtual bool std_boot_prepare_args(unsigned int max_stage);
+    virtual void std_boot_close_args();
+    virtual int std_boot_power_on();
+    virtual int std_boot_power_reset(cp_boot_mode mode);
+    virtual int std_boot_start_cp_bootloader(cp_boot_mode mode);
+    // Completes the boot-up and notifies the driver how that went.
+    virtual int std_boot_complete_normal_bootup();
+    // Opens the dump record: storage checked, dump node and crash files open, versions written.
+    // False leaves what was opened in the record.
+    virtual bool std_dump_prepare_args();
+    virtual void std_dump_close_args();
+    virtual int std_dump_receive_cp_dump();
+    // Completes the crash files and has the driver panic the kernel with the crash reason.
+    virtual int std_dump_trigger_kernel_panic();
+    virtual int std_dump_write_versions();
+    virtual void std_boot_init_args();
+    virtual void std_dump_init_args();
+
+  protected:
+    // --- What both variants' boots begin with ----------------------------------------------------
+
+    static void log_boot_files();
+    // 0, or -19 for a link that this modem does not have.
+    static int check_links(bool has_pcie);
+    // Waits until the platform has validated the NV data, at most 5 s; the boot goes on either way.
+    static void wait_nv_validation();
+
+    // --- What both variants' preparations do -----------------------------------------------------
+
+    // Opens the boot node and the partition, reads the table of contents and checks its head.
+    bool open_firmware();
+    // Opens the file behind an NV entry into its slot and notes the entry's size in `*nv_size`;
+    // other entries are left alone.
+    bool open_nv(const toc_entry& entry, cp_boot_mode mode, uint32_t* nv_size);
+    // Whether a boot of this mode may go without more NV data than was found.
+    static bool nv_found(cp_boot_mode mode, uint32_t nv_size);
+    // The descriptor that an entry's image is read from.
+    int source_fd(const toc_entry& entry);
+    // The last stage to plan when a table asks for stages up to `last`: what the plan has room for,
+    // with a message when that is less.
+    static unsigned last_planned(unsigned last);
+
+    // Logs a failed step and hands its result on.
+    static int failed(const char* tag, const char* text, int result);
+    // The same, to the crash text log too.
+    static int dump_failed(const char* tag, const char* text, int result);
+
+    // Saves the kernel log in line, under a name.
+    static void save_kernel_log(const char* format, ...) __attribute__((format(printf, 1, 2)));
+};
+
+}  // namespace rvd

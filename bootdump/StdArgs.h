@@ -1,0 +1,65 @@
+// The two argument records of a controller: everything one boot or one dump holds open and knows.
+// A record owns the descriptors in its slots; between boots and dumps it is closed, that is, all
+// zero bytes but for the slots, which are -1.
+#pragma once
+
+#include <cstdint>
+
+#include "bootdump/lnkm.h"
+#include "bootdump/toc.h"
+
+namespace rvd {
+
+constexpr unsigned kFdSlots = 8;
+
+enum boot_fd_slot : unsigned {
+    BOOT_FD_NODE = 0,       // boot node: requests and the download link
+    BOOT_FD_PARTITION = 1,  // firmware partition
+    BOOT_FD_NV = 2,
+    BOOT_FD_NV_NORM = 3,
+    BOOT_FD_NV_PROT = 4,
+};
+
+enum dump_fd_slot : unsigned {
+    DUMP_FD_NODE = 0,  // dump node: requests and the upload link
+    DUMP_FD_LOG = 5,   // crash text log; open: dump messages are copied there
+    DUMP_FD_INFO = 6,  // crash info file
+    DUMP_FD_DUMP = 7,  // crash dump file
+};
+
+// One planned stage of a download.
+struct std_dload_control {
+    uint32_t stage;
+    uint32_t stage_start;   // link: announce the stage first
+    uint32_t send_bin;      // link: send the image
+    uint32_t send_crc;      // link: send `crc` after the image
+    uint32_t stage_done;    // link: close the stage
+    int32_t fd;             // where the image is read from; owned by std_boot_args
+    uint32_t b_off;         // where it begins there
+    uint32_t m_off;         // where it goes in modem memory
+    uint32_t size;          // bytes
+    uint32_t crc;           // as the table of contents has it
+    uint32_t skip_if_sent;  // driver load: once since the device started is enough
+};
+static_assert(sizeof(std_dload_control) == 44);
+
+constexpr unsigned kDloadStages = 13;  // stage numbers 0 to 12
+
+struct std_boot_args {
+    int32_t fd[kFdSlots];
+    int32_t max_stage;     // integrated modem: last stage to load; external: entries to walk
+    uint32_t first_stage;  // integrated modem: first stage to load
+    uint32_t has_vss;      // integrated modem: the table has a "VSS" entry in the plan
+    toc_entry toc[kTocEntries];
+    std_dload_control dload[kDloadStages];
+};
+
+struct std_dump_args {
+    int32_t fd[kFdSlots];
+    uint32_t dump_size;   // bytes announced by the modem
+    uint32_t num_steps;   // steps announced
+    uint32_t reason_len;  // bytes of reason text announced
+    char reason[512];     // the modem's reason behind its prefix, "UMTS: "
+};
+
+}  // namespace rvd

@@ -1,0 +1,145 @@
+// The message operations. A line is formatted once; every sink gets its own tail of it, in one
+// write.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <log/log.h>
+
+#include "bootdump/BootDump.h"
+#include "log/Log.h"
+#include "main/Container.h"
+
+namespace rvd {
+
+int kmsg_fd = STDOUT_FILENO;
+
+namespace {
+
+// A longer record is refused whole by some kernels.
+constexpr size_t kMaxRecord = 976;
+
+constexpr char kInfoLevel[] = "<6>";
+constexpr char kErrorLevel[] = "<3>";
+constexpr char kDriverPrefix[] = "lnkm: ";
+constexpr char kDaemonPrefix[] = "rvd: ";
+constexpr char kAndroidTag[] = "boot";
+
+constexpr size_t kAndroidStart = sizeof(kInfoLevel) - 1 + sizeof(kDriverPrefix) - 1;
+constexpr size_t kCrashLogStart = kAndroidStart + sizeof(kDaemonPrefix) - 1;
+static_assert(sizeof(kInfoLevel) == sizeof(kErrorLevel));
+
+// The C library gives either of two strerror_r; one of these is never called.
+[[maybe_unused]] const char* error_text(int status, const char* buffer) {
+    return status == 0 ? buffer : "Unknown error";
+}
+[[maybe_unused]] const char* error_text(const char* text, const char*) {
+    return text;
+}
+
+void write_line(int fd, const char* line, size_t length) {
+    // A sink that cannot take the line must not keep it from the next.
+    const ssize_t written = write(fd, line, length);
+    static_cast<void>(written);
+}
+
+class Line {
+  public:
+    Line(const char* tag, const char* format, va_list values) {
+        length_ = snprintf(text_, sizeof(text_), "%s%s%s%s: ", kInfoLevel, kDriverPrefix,
+                           kDaemonPrefix, tag);
+        append(format, values);
+    }
+
+    Line(int error, const char* tag, const char* format, va_list values)
+        : priority_(ANDROID_LOG_ERROR) {
+        char buffer[128] = "";
+        const char* reason = error_text(strerror_r(error, buffer, sizeof(buffer)), buffer);
+        length_ = snprintf(text_, sizeof(text_), "%s%s%s(ERR! %s) %s: ", kErrorLevel, kDriverPrefix,
+                           kDaemonPrefix, reason, tag);
+        append(format, values);
+    }
+
+    void to_logs() const {
+        write_line(kmsg_fd, text_, length());
+        __android_log_buf_print(LOG_ID_RADIO, priority_, kAndroidTag, "%s", text_ + kAndroidStart);
+    }
+
+    void to_crash_log() const {
+        const std_dump_args* dump = Container::getStdDump();
+        if (dump == nullptr || dump->fd[DUMP_FD_LOG] < 0) return;
+        write_line(dump->fd[DUMP_FD_LOG], text_ + kCrashLogStart, length() - kCrashLogStart);
+    }
+
+  private:
+    size_t length() const { return static_cast<size_t>(length_); }
+
+    __attribute__((format(printf, 2, 0))) void append(const char* format, va_list values) {
+        constexpr int kCapacity = static_cast<int>(sizeof(text_)) - 1;
+        if (length_ > kCapacity) length_ = kCapacity;
+        length_ += vsnprintf(text_ + length_, sizeof(text_) - length(), format, values);
+        if (length_ > kCapacity) {
+            length_ = kCapacity;
+            text_[length_ - 1] = '\n';
+        }
+    }
+
+    int priority_ = ANDROID_LOG_DEBUG;
+    int length_ = 0;
+    char text_[kMaxRecord + 1];
+};
+
+}  // namespace
+
+void Log::kprintf_init() {
+    kmsg_fd = open("/dev/kmsg", O_RDWR | O_CLOEXEC);
+}
+
+void Log::kprintf_deinit() {
+    if (kmsg_fd != STDOUT_FILENO) close(kmsg_fd);
+}
+
+void Log::info(const char* tag, const char* format, ...) {
+    const int saved_errno = errno;
+    va_list values;
+    va_start(values, format);
+    Line(tag, format, values).to_logs();
+    va_end(values);
+    errno = saved_errno;
+}
+
+void Log::error(const char* tag, const char* format, ...) {
+    const int saved_errno = errno;
+    va_list values;
+    va_start(values, format);
+    Line(saved_errno, tag, format, values).to_logs();
+    va_end(values);
+    errno = saved_errno;
+}
+
+void Log::dump_info(const char* tag, const char* format, ...) {
+    const int saved_errno = errno;
+    va_list values;
+    va_start(values, format);
+    const Line line(tag, format, values);
+    va_end(values);
+    line.to_logs();
+    line.to_crash_log();
+    errno = saved_errno;
+}
+
+void Log::dump_error(const char* tag, const char* format, ...) {
+    const int saved_errno = errno;
+    va_list values;
+    va_start(values, format);
+    const Line line(saved_errno, tag, format, values);
+    va_end(values);
+    line.to_logs();
+    line.to_crash_log();
+    errno = saved_errno;
+}
+
+}  // namespace rvd

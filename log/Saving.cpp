@@ -1,0 +1,136 @@
+// Copies of the kernel log: in line while a crash is handled, on detached threads otherwise.
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/klog.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+#include <new>
+
+#include <cutils/properties.h>
+
+#include "log/Log.h"
+#include "util/Heap.h"
+#include "util/Io.h"
+#include "util/ScopedFd.h"
+#include "util/Text.h"
+
+namespace rvd {
+
+namespace {
+
+constexpr int kRingSize = 512 * 1024;
+constexpr int kReadAll = 3;  // the whole ring, left as it is
+constexpr mode_t kSavedMode = 0664;
+
+constexpr char kChipProperty[] = "ro.hardware.chipname";
+constexpr const char* kChipsWithoutSaves[] = {"talvir410", "talvir4180"};
+
+// A request that outlives its caller's name.
+struct OwnedRequest {
+    Log::SaveRequest request;
+    HeapPtr<char> name;
+};
+
+std::unique_ptr<OwnedRequest> own_request(int flags, const char* name) {
+    std::unique_ptr<OwnedRequest> owned(new (std::nothrow) OwnedRequest);
+    if (!owned) return nullptr;
+    owned->name.reset(strdup(name));
+    if (!owned->name) return nullptr;
+    owned->request = {flags, owned->name.get()};
+    return owned;
+}
+
+void* save_on_thread(void* argument) {
+    const std::unique_ptr<OwnedRequest> owned(static_cast<OwnedRequest*>(argument));
+    return Log::_save_logs(&owned->request);
+}
+
+bool chip_saves_in_background() {
+    char chip[PROPERTY_VALUE_MAX];
+    property_get(kChipProperty, chip, "NONE");
+    for (const char* without : kChipsWithoutSaves) {
+        if (strncmp(chip, without, strlen(without)) == 0) return false;
+    }
+    return true;
+}
+
+// Fills `path` with the file a request names; false when its flags name none.
+bool saved_path(const Log::SaveRequest& request, const char* stamp, TextRoom path) {
+    if (request.flags & Log::kSaveLast) {
+        format_text(path, "%s/%s_last.log", Log::get_log_dir(), request.name);
+        return true;
+    }
+    if (request.flags & Log::kSaveStamped) {
+        format_text(path, "%s/%s_%s.log", Log::get_log_dir(), request.name, stamp);
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+void Log::save_logs(int flags, const char* name) {
+    SaveRequest request = {flags, name};
+    _save_logs(&request);
+}
+
+void Log::save_logs_thread(int flags, const char* name) {
+    if (debug_level == 0 || !chip_saves_in_background()) return;
+    std::unique_ptr<OwnedRequest> owned = own_request(flags, name);
+    pthread_t thread = {};
+    if (!owned || pthread_create(&thread, nullptr, save_on_thread, owned.get()) != 0) {
+        info("save_logs_thread", "pthread_create fail\n");
+        return;
+    }
+    static_cast<void>(owned.release());
+    pthread_detach(thread);
+}
+
+void* Log::_save_logs(void* argument) {
+    const SaveRequest& request = *static_cast<SaveRequest*>(argument);
+    if (create_log_directory(get_log_dir()) != 0) return nullptr;
+    info("_save_logs", "save dmesg begin...\n");
+    char stamp[20];
+    const tm now = local_now();
+    strftime(stamp, sizeof(stamp), "%Y%m%d%H%M_%S", &now);
+    char path[256];
+    if (!saved_path(request, stamp, path)) return nullptr;
+    dmesg_to_file(path);
+    info("_save_logs", "%s\n", path);
+    return nullptr;
+}
+
+int Log::dmesg_to_file(const char* path) {
+    const HeapPtr<char> ring(static_cast<char*>(calloc(1, kRingSize + 1)));
+    const ScopedFd file(
+            open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, kSavedMode));
+    if (!file.valid()) {
+        error("dmesg_to_file", "file open fail %s\n", path);
+        return -1;
+    }
+    fchmod(file.get(), kSavedMode);
+    if (lseek(file.get(), 0, SEEK_END) < 0) {
+        error("dmesg_to_file", "lseek fail %s\n", path);
+        return 0;
+    }
+    const int count = ring ? klogctl(kReadAll, ring.get(), kRingSize) : -1;
+    if (count < 0) {
+        info("dmesg_to_file", "klogctl fail\n");
+        return -1;
+    }
+    const size_t length = static_cast<size_t>(count);
+    ring.get()[length] = '\0';
+    if (write_all(file.get(), ring.get(), length + 1) < 0) {
+        error("dmesg_to_file", "write fail\n");
+        return 0;
+    }
+    if (fsync(file.get()) < 0) error("dmesg_to_file", "ERR! fsync(fd) fail\n");
+    return 0;
+}
+
+}  // namespace rvd

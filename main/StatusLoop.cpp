@@ -1,0 +1,183 @@
+// What follows a boot: the books are kept, then the modem is watched until an event ends the pass.
+// The driver signals a change of state as a hang-up on the boot node.
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <climits>
+
+#include "bootdump/BootDump.h"
+#include "log/Log.h"
+#include "main/Container.h"
+#include "main/DeviceState.h"
+#include "main/Supervisor.h"
+#include "util/ScopedFd.h"
+#include "util/Text.h"
+
+namespace rvd {
+
+namespace {
+
+constexpr char kTag[] = "status_loop";
+
+constexpr int kSilentResetWait = 50000;   // ms
+constexpr int kForEver = -1;              // ms
+constexpr unsigned kRildRestartWait = 3;  // s
+constexpr unsigned kAfterPowerOff = 27;   // s
+constexpr unsigned kDumpRetryPause = 1;   // s
+constexpr unsigned kIdlePause = 1;        // s
+constexpr int kDumpRetries = 6;
+
+bool in_normal_operation() {
+    return debug_level != 0 && cp_debug == CP_DEBUG_NONE;
+}
+
+// A modem that just booted has no node any more: what can be had is collected at once.
+void handle_missing_node(const char* path, int result) {
+    if (!in_normal_operation()) return;
+    Log::info(kTag, "%s open fail, err = %d\n", path, result);
+    if (Container::getBootDump()->dump() < 0) Log::info(kTag, "start_dump fail\n");
+}
+
+void count_boot() {
+    const Property count(kBootCount, "0");
+    long boots = strtol(count.text(), nullptr, 10);
+    if (boots < LONG_MAX) ++boots;
+    char text[64];
+    format_text(text, "%ld", boots);
+    property_set(kBootCount, text);
+}
+
+void note_boot() {
+    count_boot();
+    if (in_normal_operation()) {
+        if (Property(kBootDone, "0").is_set()) {
+            save_logs_in_background("cp_boot_done_%s", Container::getRvdArgs()->node_prefix);
+        }
+        property_set(kResetDone, "1");
+    }
+    property_set(kBootDone, "1");
+}
+
+bool wait_for_hang_up(int node, int timeout) {
+    pollfd entry = {node, POLLHUP, 0};
+    poll(&entry, 1, timeout);
+    return entry.revents & POLLHUP;
+}
+
+int wait_for_event(int node) {
+    // Only a node in trouble wakes the wait without a hang-up, and then does so at once every time.
+    while (!wait_for_hang_up(node, kForEver))
+        sleep(kIdlePause);
+    return ioctl(node, IOCTL_GET_CP_STATUS, 0);
+}
+
+void park_on_device_shutdown() {
+    const Property shutdown(kShutdownRequested, "0");
+    Log::info(kTag, "deviceOff = %s\n", shutdown.text());
+    if (!shutdown.is_set()) return;
+    Log::info(kTag, "deviceOff = %s\n", shutdown.text());
+    Log::info(kTag, "shutdown\n");
+    Container::getBootDump()->shutdown();
+    property_set(kDeviceOffAnswer, "1");
+    park();
+}
+
+void collect_dump() {
+    BootDump* modem = Container::getBootDump();
+    for (int retries = 0; modem->dump() < 0; ++retries) {
+        Log::info(kTag, "start_dump fail\n");
+        if (retries == kDumpRetries) return;
+        sleep(kDumpRetryPause);
+    }
+}
+
+void handle_crash() {
+    Log::check_debug_level();
+    if (cp_debug == CP_DEBUG_KERNEL_PANIC) force_kernel_panic(kTag, "Force a kernel panic");
+    if (debug_level == 0) {
+        Log::info(kTag, "DBG_LOW, wait onrestart by rild\n");
+        sleep(kRildRestartWait);
+        return;
+    }
+    if (cp_debug != CP_DEBUG_NONE) return;
+
+    Log::info(kTag, "CP status CRASH\n");
+    const int storage = Log::create_log_directory(Log::get_log_dir());
+    if (storage == -ENOSPC) {
+        force_kernel_panic(kTag, "Not enough freespace");
+    } else if (storage != 0) {
+        return;
+    }
+    collect_dump();
+    Log::info(kTag, "CP status RESET\n");
+}
+
+void handle_reset(int node) {
+    if (cp_debug == CP_DEBUG_KERNEL_PANIC) force_kernel_panic(kTag, "Force a kernel panic");
+    if (cp_debug != CP_DEBUG_NONE) return;
+
+    Log::info(kTag, "STATE_CRASH_RESET, wait onrestart by rild\n");
+    sleep(kRildRestartWait);
+    const int result = ioctl(node, IOCTL_POWER_OFF, 0);
+    if (result != 0) Log::info(kTag, "cp off ioctl fail err=%d\n", result);
+    Log::info(kTag, "RILD dosenot restart for 3sec, save logs\n\n");
+    if (debug_level != 0) {
+        save_logs_in_background("rvd_only_%s", Container::getRvdArgs()->node_prefix);
+    }
+    sleep(kAfterPowerOff);
+}
+
+// Every event but an unknown state ends the pass.
+void handle_events(int node) {
+    Log::info(kTag, "Wait event from modem %d\n", Container::getRvdArgs()->modem_type);
+    for (;;) {
+        const int state = wait_for_event(node);
+        park_on_device_shutdown();
+        Log::info(kTag, "get event %d\n", state);
+        switch (state) {
+            case MODEM_STATE_CRASH:
+            case MODEM_STATE_CRASH_WATCHDOG:
+                return handle_crash();
+            case MODEM_STATE_CRASH_RESET:
+                return handle_reset(node);
+            default:
+                Log::info(kTag, "unknown Modem status\n");
+                // The hang-up stands for as long as the state does.
+                sleep(kIdlePause);
+                break;
+        }
+    }
+}
+
+void watch_node() {
+    const RvdArgs* args = Container::getRvdArgs();
+    Log::info(kTag, "CP status_loop start (modem = %d)\n", args->modem_type);
+    const ScopedFd node(open(args->boot_device, O_RDWR | O_CLOEXEC));
+    if (!node.valid()) {
+        Log::error(kTag, "%s open fail\n", args->boot_device);
+        if (debug_level == 0 || cp_debug == CP_DEBUG_NONE) {
+            return handle_missing_node(args->boot_device, node.get());
+        }
+    }
+    note_boot();
+    if (debug_level != 0 && cp_debug == CP_DEBUG_SILENT_RESET) {
+        Log::info(kTag, "CP Silent reset repeat\n");
+        wait_for_hang_up(node.get(), kSilentResetWait);
+        return;
+    }
+    // Without a node there is nothing that could end a wait.
+    if (node.valid()) handle_events(node.get());
+}
+
+}  // namespace
+
+void watch_modem() {
+    watch_node();
+    Log::info(kTag, "status loop exit\n");
+}
+
+}  // namespace rvd

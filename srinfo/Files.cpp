@@ -1,0 +1,178 @@
+// The two files of a record and where they live: the log that people read, with one older
+// generation, and the file that carries the text to the next boot.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include "bootdump/lnkm.h"
+#include "log/Log.h"
+#include "srinfo/SrinfoVelo.h"
+#include "util/Io.h"
+#include "util/ScopedFd.h"
+#include "util/Text.h"
+
+namespace rvd {
+
+namespace {
+
+constexpr off_t kRotationSize = 65536;
+constexpr mode_t kDirMode = 0775;
+constexpr mode_t kFileMode = 0666;
+constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC;
+
+constexpr unsigned kDataSize = sizeof(srinfo_buf::data);
+constexpr unsigned kTextOffset = 16;
+constexpr unsigned kRow = 16;
+
+// A record with zeros behind it, so that a last row or a text without a brace may reach past the
+// data area. The driver's length never counts more than the area holds.
+struct PaddedRecord {
+    PaddedRecord(const char* data, unsigned valid) : size(std::min(valid, kDataSize)) {
+        memcpy(bytes, data, kDataSize);
+    }
+
+    char bytes[kDataSize + kTextOffset + kRow] = {};
+    unsigned size;
+};
+
+void write_row(int fd, unsigned offset, const char* row, const char (&text)[kRow + 1]) {
+    uint32_t words[kRow / sizeof(uint32_t)];
+    memcpy(words, row, sizeof(words));
+    char line[80];
+    format_text(line, "%04x:%08x %08x %08x %08x %s\n", offset, words[0], words[1], words[2],
+                words[3], text);
+    write_all(fd, line, strlen(line));
+}
+
+}  // namespace
+
+void Srinfo::restore_srinfo(int) {}
+
+void Srinfo::last_path(char (&path)[kPathSize], const char* tag) {
+    format_text(path, "%s/%s_%s", Log::kErrorDir, "last_sr_info", tag);
+}
+
+char Srinfo::tochar(char c) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    return byte >= 0x22 && byte <= 0x7D ? c : '.';
+}
+
+int Srinfo::create_srinfo_directory(const char* path) {
+    struct stat status = {};
+    if (stat(path, &status) == 0) {
+        if (S_ISDIR(status.st_mode)) return 0;
+        Log::info("create_srinfo_directory", "(%s) is not a directory\n", path);
+        return -1;
+    }
+    if (mkdir(path, kDirMode) < 0) {
+        Log::error("create_srinfo_directory", "log path create fail : %s\n", path);
+        return -1;
+    }
+    Log::info("create_srinfo_directory", "log path (%s) created\n", path);
+    return 0;
+}
+
+int Srinfo::open_srinfo_file(const char* tag) {
+    constexpr char kTag[] = "open_srinfo_file";
+    char path[kPathSize];
+    char previous[kPathSize];
+    format_text(path, "%s/%s_%s", Log::get_log_dir(), "sr_info", tag);
+    format_text(previous, "%s/.%s_%s.bak", Log::get_log_dir(), "sr_info", tag);
+    Log::info(kTag, "open file - %s(%s)\n", path, previous);
+    ScopedFd file(open(path, kAppend, kFileMode));
+    if (!file.valid()) {
+        Log::error(kTag, "open fail - %s\n", path);
+        return -1;
+    }
+    struct stat status = {};
+    if (fstat(file.get(), &status) < 0) {
+        Log::error(kTag, "stat fail - srinfo log\n");
+        return -1;
+    }
+    const unsigned long size = static_cast<unsigned long>(status.st_size);
+    Log::info(kTag, "srinfo log size : %lu(0x%lx/0x%x)\n", size, size,
+              static_cast<unsigned>(kRotationSize));
+    if (status.st_size <= kRotationSize) return file.release();
+
+    file.reset();
+    remove(previous);
+    if (rename(path, previous) < 0) {
+        Log::error(kTag, "rename (%s -> %s) file fail\n", path, previous);
+        return -1;
+    }
+    file.reset(open(path, kAppend, kFileMode));
+    if (!file.valid()) Log::error(kTag, "srinfo open fail\n");
+    return file.release();
+}
+
+int Srinfo::open_last_at_start(const char* path, int flags, const char* failure) {
+    ScopedFd file(open(path, flags | O_RDWR | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    const char* tag = flags & O_CREAT ? "create_srinfo_last" : "open_srinfo_last";
+    if (!file.valid()) {
+        Log::error(tag, "%s", failure);
+        return -1;
+    }
+    if (lseek(file.get(), 0, SEEK_SET) < 0) {
+        Log::error(tag, "fd_last lseek fail\n");
+        return -1;
+    }
+    return file.release();
+}
+
+int Srinfo::open_srinfo_last(const char* tag) {
+    char path[kPathSize];
+    last_path(path, tag);
+    Log::info("open_srinfo_last", "open last_sr_info file - %s\n", path);
+    return open_last_at_start(path, 0, "last_sr_info open fail\n");
+}
+
+int SrinfoVelo::create_srinfo_last(const char* tag) {
+    char path[kPathSize];
+    last_path(path, tag);
+    Log::info("create_srinfo_last", "create last_sr_info file - %s\n", path);
+    return open_last_at_start(path, O_CREAT, "last_sr_info create fail\n");
+}
+
+int SrinfoVelo::write_srinfo_last(int fd, char* data, unsigned int size) {
+    const PaddedRecord record(data, size);
+    const char* text = record.bytes + kTextOffset;
+    const void* brace = memchr(text, '}', record.size);
+    const size_t length = brace == nullptr
+                                  ? record.size
+                                  : static_cast<size_t>(static_cast<const char*>(brace) - text);
+    Log::info("write_srinfo_last", "store to ascii text (%d bytes)\n", static_cast<int>(length));
+    const ssize_t written = write_all(fd, text, length + 1);
+    const int saved_errno = errno;
+    if (fsync(fd) < 0) Log::error("write_srinfo_last", "ERR! fsync(srinfo) fail\n");
+    errno = saved_errno;
+    return static_cast<int>(written);
+}
+
+int SrinfoVelo::write_srinfo_file(int fd, char* data, unsigned int size) {
+    constexpr char kTag[] = "write_srinfo_file";
+    const PaddedRecord record(data, size);
+    char header[64];
+    const tm now = local_now();
+    strftime(header, sizeof(header), "[%Y-%m-%d %H:%M:%S]\n", &now);
+    write_all(fd, header, strlen(header));
+    Log::info(kTag, "store to hex ascii text size=(0x%x)\n", record.size);
+    for (unsigned offset = 0; offset < record.size; offset += kRow) {
+        const char* row = record.bytes + offset;
+        char text[kRow + 1] = {};
+        for (unsigned i = 0; i < kRow; ++i)
+            text[i] = tochar(row[i]);
+        write_row(fd, offset, row, text);
+    }
+    write_all(fd, "\n", 1);
+    if (fsync(fd) < 0) Log::error(kTag, "ERR! fsync(srinfo_hex) fail\n");
+    Log::info(kTag, "store done\n");
+    return static_cast<int>(record.size);
+}
+
+}  // namespace rvd

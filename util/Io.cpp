@@ -1,0 +1,25 @@
+#include "util/Io.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+namespace rvd {
+
+ssize_t write_all(int fd, const void* data, size_t size) {
+    const char* bytes = static_cast<const char*>(data);
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t count = write(fd, bytes + done, size - done);
+        if (count > 0) {
+            done += static_cast<size_t>(count);
+        } else if (count == 0) {
+            errno = ENOSPC;
+            return -1;
+        } else if (errno != EINTR) {
+            return -1;
+        }
+    }
+    return static_cast<ssize_t>(size);
+}
+
+}  // namespace rvd

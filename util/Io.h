@@ -1,0 +1,14 @@
+// Writing what must not be lost half-way.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+namespace rvd {
+
+// Writes all of `size` bytes, going on after a short or an interrupted write. Returns `size`, or -1
+// with errno set; a write that takes nothing counts as a full disk.
+ssize_t write_all(int fd, const void* data, size_t size);
+
+}  // namespace rvd

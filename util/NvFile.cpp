@@ -1,0 +1,96 @@
+// NV data files: opened for a boot, and made in their erased state when the device never had one.
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "log/Log.h"
+#include "util/Heap.h"
+#include "util/Io.h"
+#include "util/ScopedFd.h"
+#include "util/Util.h"
+
+namespace rvd {
+
+namespace {
+
+constexpr mode_t kNvMode = 0660;
+constexpr int kErased = 0xFF;
+constexpr uint64_t kFillBlock = 64 * 1024;
+// Sizes come from a signed 32-bit field; a larger one is a negative size that was widened.
+constexpr uint64_t kMaxNvSize = INT_MAX;
+
+bool open_nv(const char* path, int* fd) {
+    const int opened = open(path, O_RDONLY | O_CLOEXEC);
+    if (opened < 0) return false;
+    Log::info("getNvFd", "NV(%s) opened (fd %d)\n", path, opened);
+    *fd = opened;
+    return true;
+}
+
+// Block by block, so that memory does not grow with the size of an image.
+int fill_erased(int fd, const char* path, uint64_t size) {
+    const size_t block_size = static_cast<size_t>(std::min(size, kFillBlock));
+    const HeapPtr<char> block = size > kMaxNvSize ? nullptr : heap_bytes(block_size);
+    if (!block) {
+        Log::info("create_empty_nv", "ERR! malloc(%ld) fail\n", static_cast<long>(size));
+        return -ENOMEM;
+    }
+    memset(block.get(), kErased, block_size);
+    for (uint64_t done = 0; done < size;) {
+        const size_t length = static_cast<size_t>(std::min<uint64_t>(size - done, block_size));
+        if (write_all(fd, block.get(), length) < 0) {
+            Log::error("create_empty_nv", "NV(%s) write fail\n", path);
+            return -EFAULT;
+        }
+        done += length;
+    }
+    return 0;
+}
+
+}  // namespace
+
+bool Util::getNvFd(cp_boot_mode mode, const char* path, int size, int* fd) {
+    if (mode != CP_BOOT_MODE_NORMAL || path[0] == '\0') {
+        *fd = -1;
+        return true;
+    }
+    if (open_nv(path, fd)) return true;
+    if (errno != ENOENT) {
+        Log::error("getNvFd", "ERR! NV(%s) open fail\n", path);
+        return false;
+    }
+    Log::info("getNvFd", "ERR! no NV(%s) file\n", path);
+    if (create_empty_nv(path, static_cast<uint64_t>(static_cast<int64_t>(size))) < 0) {
+        Log::info("getNvFd", "ERR! create_empty_nv(%s, %d) fail\n", path, size);
+        return false;
+    }
+    if (open_nv(path, fd)) return true;
+    Log::error("getNvFd", "ERR! NV(%s) open fail\n", path);
+    return false;
+}
+
+int Util::create_empty_nv(const char* path, uint64_t size) {
+    Log::info("create_empty_nv", "create NV(%s)\n", path);
+    const ScopedFd nv(open(path, O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC, kNvMode));
+    if (!nv.valid()) {
+        Log::error("create_empty_nv", "ERR! NV(%s) open fail\n", path);
+        return -EFAULT;
+    }
+    if (size == 0) {
+        Log::info("create_empty_nv", "ERR! wrong size(%ld)\n", 0L);
+        return -EFAULT;
+    }
+    const int result = fill_erased(nv.get(), path, size);
+    if (result < 0) return result;
+    if (fsync(nv.get()) < 0) {
+        Log::error("create_empty_nv", "ERR! fsync(nv_fd) fail\n");
+    } else {
+        Log::info("create_empty_nv", "NV(%s) saved %d bytes\n", path, static_cast<int>(size));
+    }
+    return 0;
+}
+
+}  // namespace rvd

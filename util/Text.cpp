@@ -1,0 +1,32 @@
+#include "util/Text.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+namespace rvd {
+
+bool format_text(TextRoom room, const char* format, ...) {
+    va_list values;
+    va_start(values, format);
+    const int length = vsnprintf(room.data, room.size, format, values);
+    va_end(values);
+    return length >= 0 && static_cast<size_t>(length) < room.size;
+}
+
+bool copy_text(TextRoom room, const char* text, size_t length) {
+    const size_t whole = strnlen(text, length);
+    const size_t kept = whole < room.size ? whole : room.size - 1;
+    memcpy(room.data, text, kept);
+    room.data[kept] = '\0';
+    return kept == whole;
+}
+
+tm local_now() {
+    const time_t now = time(nullptr);
+    tm local = {};
+    localtime_r(&now, &local);
+    return local;
+}
+
+}  // namespace rvd

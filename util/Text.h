@@ -1,0 +1,29 @@
+// The one way to fill fixed-size text: bounded, always terminated, checked by the compiler.
+#pragma once
+
+#include <time.h>
+
+#include <cstddef>
+
+namespace rvd {
+
+// Room for text, its terminator included. Does not own the bytes.
+struct TextRoom {
+    template <size_t N>
+    TextRoom(char (&array)[N]) : data(array), size(N) {}
+    TextRoom(char* first, size_t bytes) : data(first), size(bytes) {}
+
+    char* data;
+    size_t size;  // at least 1
+};
+
+// Formats into `room`, cut to fit. False when it had to be cut.
+bool format_text(TextRoom room, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Copies at most `length` bytes of `text` into `room`, up to a NUL among them. False when cut.
+bool copy_text(TextRoom room, const char* text, size_t length);
+
+// The local time of now, for strftime.
+tm local_now();
+
+}  // namespace rvd
