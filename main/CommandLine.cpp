@@ -1,4 +1,5 @@
 // The command line, option by option in the order given, a later one overriding an earlier.
+#include <stdio.h>
 #include <unistd.h>
 
 #include "log/Log.h"
@@ -163,8 +164,8 @@ int accepted(bool valid) {
 
 }  // namespace
 
-const char* Container::usage() {
-    return kUsage;
+void Container::printUsage(const char* program) {
+    printf(kUsage, program);
 }
 
 int Container::parseArgs(int argc, char** argv) {

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -130,7 +129,7 @@ std::optional<int> start_up(int argc, char** argv) {
         case PARSE_TEST:
             return 0;
         case PARSE_USAGE:
-            printf(Container::usage(), argv[0]);
+            Container::printUsage(argv[0]);
             return 0;
         default:
             return -EINVAL;
