@@ -140,24 +140,23 @@ constexpr size_t kCrashReasonSize = 512;
 // Requests of the boot node, except where noted. Results are 0 or more on success and negative on
 // failure unless the line says otherwise.
 constexpr unsigned kLnkmType = 'o';
-constexpr unsigned long IOCTL_POWER_ON = _IO(kLnkmType, 0x19);
-constexpr unsigned long IOCTL_POWER_OFF = _IO(kLnkmType, 0x20);  // non-zero on failure
-constexpr unsigned long IOCTL_POWER_RESET = _IOW(kLnkmType, 0x21, cp_boot_mode);
-constexpr unsigned long IOCTL_START_CP_BOOTLOADER = _IOW(kLnkmType, 0x22, cp_boot_mode);
-constexpr unsigned long IOCTL_COMPLETE_NORMAL_BOOTUP = _IO(kLnkmType, 0x23);
-constexpr unsigned long IOCTL_GET_CP_STATUS = _IO(kLnkmType, 0x27);         // result: modem_state
-constexpr unsigned long IOCTL_TRIGGER_KERNEL_PANIC = _IO(kLnkmType, 0x35);  // both; crash reason
-constexpr unsigned long IOCTL_LOAD_CP_IMAGE = _IOW(kLnkmType, 0x40, cp_image);     // 0 on success
-constexpr unsigned long IOCTL_GET_SRINFO = _IO(kLnkmType, 0x45);                   // srinfo_buf
-constexpr unsigned long IOCTL_SET_SRINFO = _IO(kLnkmType, 0x46);                   // srinfo_buf
-constexpr unsigned long IOCTL_NOTIFY_BOOT_FAIL = _IO(kLnkmType, 0x47);             // result ignored
-constexpr unsigned long IOCTL_NOTIFY_BOOT_DONE = _IO(kLnkmType, 0x48);             // result ignored
-constexpr unsigned long IOCTL_GET_LOG_DUMP = _IOWR(kLnkmType, 0x52, cp_log_dump);  // dump node
-constexpr unsigned long IOCTL_CHECK_SECURITY =
+constexpr unsigned IOCTL_POWER_ON = _IO(kLnkmType, 0x19);
+constexpr unsigned IOCTL_POWER_OFF = _IO(kLnkmType, 0x20);  // non-zero on failure
+constexpr unsigned IOCTL_POWER_RESET = _IOW(kLnkmType, 0x21, cp_boot_mode);
+constexpr unsigned IOCTL_START_CP_BOOTLOADER = _IOW(kLnkmType, 0x22, cp_boot_mode);
+constexpr unsigned IOCTL_COMPLETE_NORMAL_BOOTUP = _IO(kLnkmType, 0x23);
+constexpr unsigned IOCTL_GET_CP_STATUS = _IO(kLnkmType, 0x27);                // result: modem_state
+constexpr unsigned IOCTL_TRIGGER_KERNEL_PANIC = _IO(kLnkmType, 0x35);         // both; crash reason
+constexpr unsigned IOCTL_LOAD_CP_IMAGE = _IOW(kLnkmType, 0x40, cp_image);     // 0 on success
+constexpr unsigned IOCTL_GET_SRINFO = _IO(kLnkmType, 0x45);                   // srinfo_buf
+constexpr unsigned IOCTL_SET_SRINFO = _IO(kLnkmType, 0x46);                   // srinfo_buf
+constexpr unsigned IOCTL_NOTIFY_BOOT_FAIL = _IO(kLnkmType, 0x47);             // result ignored
+constexpr unsigned IOCTL_NOTIFY_BOOT_DONE = _IO(kLnkmType, 0x48);             // result ignored
+constexpr unsigned IOCTL_GET_LOG_DUMP = _IOWR(kLnkmType, 0x52, cp_log_dump);  // dump node
+constexpr unsigned IOCTL_CHECK_SECURITY =
         _IOW(kLnkmType, 0x53, cp_security_req);  // non-zero on failure
-constexpr unsigned long IOCTL_GET_CP_CRASH_REASON =
-        _IOR(kLnkmType, 0x55, cp_crash_reason);                                        // dump node
-constexpr unsigned long IOCTL_GET_LNKM_VERSION = _IOR(kLnkmType, 0x56, lnkm_version);  // dump node
+constexpr unsigned IOCTL_GET_CP_CRASH_REASON = _IOR(kLnkmType, 0x55, cp_crash_reason);  // dump node
+constexpr unsigned IOCTL_GET_LNKM_VERSION = _IOR(kLnkmType, 0x56, lnkm_version);        // dump node
 
 static_assert(IOCTL_POWER_ON == 0x00006F19 && IOCTL_POWER_OFF == 0x00006F20 &&
               IOCTL_POWER_RESET == 0x40046F21 && IOCTL_START_CP_BOOTLOADER == 0x40046F22 &&

@@ -22,15 +22,12 @@ namespace {
 // A longer record is refused whole by some kernels.
 constexpr size_t kMaxRecord = 976;
 
-constexpr char kInfoLevel[] = "<6>";
-constexpr char kErrorLevel[] = "<3>";
-constexpr char kDriverPrefix[] = "lnkm: ";
-constexpr char kDaemonPrefix[] = "rvd: ";
 constexpr char kAndroidTag[] = "boot";
 
-constexpr size_t kAndroidStart = sizeof(kInfoLevel) - 1 + sizeof(kDriverPrefix) - 1;
-constexpr size_t kCrashLogStart = kAndroidStart + sizeof(kDaemonPrefix) - 1;
-static_assert(sizeof(kInfoLevel) == sizeof(kErrorLevel));
+// Where the Android log's and the crash text log's share of a line begins. The level, which the
+// kernel takes off a record, and the driver's prefix are for the kernel log alone.
+constexpr size_t kAndroidStart = sizeof("<6>lnkm: ") - 1;
+constexpr size_t kCrashLogStart = sizeof("<6>lnkm: rvd: ") - 1;
 
 // The C library gives either of two strerror_r; one of these is never called.
 [[maybe_unused]] const char* error_text(int status, const char* buffer) {
@@ -49,8 +46,7 @@ void write_line(int fd, const char* line, size_t length) {
 class Line {
   public:
     Line(const char* tag, const char* format, va_list values) {
-        length_ = snprintf(text_, sizeof(text_), "%s%s%s%s: ", kInfoLevel, kDriverPrefix,
-                           kDaemonPrefix, tag);
+        length_ = snprintf(text_, sizeof(text_), "<6>lnkm: rvd: %s: ", tag);
         append(format, values);
     }
 
@@ -58,8 +54,7 @@ class Line {
         : priority_(ANDROID_LOG_ERROR) {
         char buffer[128] = "";
         const char* reason = error_text(strerror_r(error, buffer, sizeof(buffer)), buffer);
-        length_ = snprintf(text_, sizeof(text_), "%s%s%s(ERR! %s) %s: ", kErrorLevel, kDriverPrefix,
-                           kDaemonPrefix, reason, tag);
+        length_ = snprintf(text_, sizeof(text_), "<3>lnkm: rvd: (ERR! %s) %s: ", reason, tag);
         append(format, values);
     }
 

@@ -107,6 +107,10 @@ void* Log::_save_logs(void* argument) {
 
 int Log::dmesg_to_file(const char* path) {
     const HeapPtr<char> ring(static_cast<char*>(calloc(1, kRingSize + 1)));
+    if (!ring) {
+        info("dmesg_to_file", "ERR! malloc(%d) fail\n", kRingSize + 1);
+        return -1;
+    }
     const ScopedFd file(
             open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, kSavedMode));
     if (!file.valid()) {
@@ -118,7 +122,7 @@ int Log::dmesg_to_file(const char* path) {
         error("dmesg_to_file", "lseek fail %s\n", path);
         return 0;
     }
-    const int count = ring ? klogctl(kReadAll, ring.get(), kRingSize) : -1;
+    const int count = klogctl(kReadAll, ring.get(), kRingSize);
     if (count < 0) {
         info("dmesg_to_file", "klogctl fail\n");
         return -1;
