@@ -1,0 +1,110 @@
+#include "lab/base.h"
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
+namespace rvd::lab {
+
+void fail_errno(const std::string& what) {
+    const int error = errno;
+    throw Unable(what + ": " + strerror(error));
+}
+
+std::string format(const char* text, ...) {
+    char buffer[1200];
+    va_list arguments;
+    va_start(arguments, text);
+    vsnprintf(buffer, sizeof(buffer), text, arguments);
+    va_end(arguments);
+    return buffer;
+}
+
+std::string human_size(uint64_t bytes) {
+    const char* const units[] = {"bytes", "KiB", "MiB", "GiB"};
+    size_t unit = 0;
+    double value = static_cast<double>(bytes);
+    while (value >= 1024 && unit < 3) {
+        value /= 1024;
+        unit++;
+    }
+    const bool whole = value == static_cast<double>(static_cast<uint64_t>(value));
+    return format(whole ? "%.0f %s" : "%.1f %s", value, units[unit]);
+}
+
+bool matches(const std::string& pattern, const std::string& text) {
+    size_t p = 0, t = 0, star = std::string::npos, resume = 0;
+    while (t < text.size()) {
+        if (p < pattern.size() && pattern[p] == '*') {
+            star = p++;
+            resume = t;
+        } else if (p < pattern.size() && pattern[p] == text[t]) {
+            p++;
+            t++;
+        } else if (star != std::string::npos) {
+            p = star + 1;
+            t = ++resume;
+        } else {
+            return false;
+        }
+    }
+    while (p < pattern.size() && pattern[p] == '*')
+        p++;
+    return p == pattern.size();
+}
+
+namespace {
+
+// A well-known 64-bit mixer: word `index` of the stream costs two multiplications.
+uint64_t seeded_word(uint64_t seed, uint64_t index) {
+    uint64_t z = (seed + index + 1) * 0x9E3779B97F4A7C15u;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
+    return z ^ (z >> 31);
+}
+
+}  // namespace
+
+void fill_seeded(uint64_t seed, uint64_t offset, void* out, size_t size) {
+    auto* bytes = static_cast<uint8_t*>(out);
+    seed *= 0xD6E8FEB86659FD93u;
+    while (size > 0) {
+        const uint64_t word = seeded_word(seed, offset / 8);
+        const size_t skip = offset % 8;
+        const size_t take = std::min(size, 8 - skip);
+        memcpy(bytes, reinterpret_cast<const uint8_t*>(&word) + skip, take);
+        bytes += take;
+        offset += take;
+        size -= take;
+    }
+}
+
+int errno_number(const std::string& name) {
+    for (int number = 1; number < 134; number++) {
+        const char* known = strerrorname_np(number);
+        if (known != nullptr && name == known) return number;
+    }
+    return 0;
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void write_file(const std::string& path, const std::string& content) {
+    const std::string draft = path + ".new";
+    {
+        std::ofstream file(draft, std::ios::binary | std::ios::trunc);
+        file << content;
+        if (!file.flush()) fail_errno("cannot write " + draft);
+    }
+    if (rename(draft.c_str(), path.c_str()) != 0) fail_errno("cannot write " + path);
+}
+
+}  // namespace rvd::lab

@@ -1,0 +1,49 @@
+// Small things that every room of the lab uses: virtual time, packets, text, seeded content.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace rvd::lab {
+
+// Nanoseconds: a moment is counted from the epoch, a span from 0.
+using Time = int64_t;
+constexpr Time kMillisecond = 1'000'000;
+constexpr Time kSecond = 1'000'000'000;
+constexpr Time kNever = INT64_MAX;
+
+using Packet = std::vector<uint8_t>;
+
+// Something about the machine or the scenario that makes a run impossible; the text says what to
+// do.
+struct Unable : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Throws Unable("what: strerror(errno)").
+[[noreturn]] void fail_errno(const std::string& what);
+
+std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
+
+// "1048576 bytes" as people say it: "1 MiB".
+std::string human_size(uint64_t bytes);
+
+// Whole-text match; '*' stands for any run of characters, everything else for itself.
+bool matches(const std::string& pattern, const std::string& text);
+
+// Bytes `offset`.. of an endless seeded stream: the same however the stream is cut into pieces.
+void fill_seeded(uint64_t seed, uint64_t offset, void* out, size_t size);
+
+// The number of an errno name such as "ENOSPC"; 0 if there is no such name.
+int errno_number(const std::string& name);
+
+// Reads a whole file; empty if it can't be read.
+std::string read_file(const std::string& path);
+
+// Replaces a file at once, creating it where needed.
+void write_file(const std::string& path, const std::string& content);
+
+}  // namespace rvd::lab

@@ -1,0 +1,168 @@
+// The gate between the daemon and its kernel: takes the system calls of calls.h, carries what is
+// said on the driver's nodes to the models, and, unless the clock is the real one, owns time. Then
+// one thread of the daemon runs at a time, and the clock moves only when all of them wait.
+#pragma once
+
+#include <linux/seccomp.h>
+#include <poll.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "lab/calls.h"
+#include "lab/modem.h"
+#include "lab/phone.h"
+#include "lab/story.h"
+
+namespace rvd::lab {
+
+class Gate : public Stage {
+  public:
+    struct Setup {
+        Time start;
+        bool real_time;
+        std::chrono::seconds patience;  // wall-clock time after which a run has failed
+    };
+
+    Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup setup);
+    ~Gate() override;
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
+
+    void connect(Modem& modem) { modem_ = &modem; }
+
+    // Starts the daemon, instead of the one that runs.
+    void start_daemon();
+
+    // Serves until the daemon exits ("exit N", "signal N"), waits for what can't come ("waits",
+    // "parked"), the limit is reached ("limit") or stop() is called. Ends the daemon.
+    std::string serve();
+    void stop(const std::string& end) { end_ = end; }
+
+    // Called when the daemon begins to wait for a hang-up, and with each sleep of its only thread.
+    std::function<void()> on_wait;
+    std::function<void(Time)> on_sleep;
+
+    // Called when the device goes to upload mode; true if the run goes on, with a reboot.
+    std::function<bool()> on_upload;
+
+    // What the daemon has open: path by descriptor, "boot" and "dump" for the nodes.
+    std::map<int, std::string> descriptors() const;
+
+    Time now() const override { return now_; }
+    void later(Time delay, std::function<void()> what) override;
+    void hang_up(Node node) override;
+    void end_hang_up() override;
+    void flush(Node node) override;
+    void pump(Node node) override;
+    void panic() override;
+
+  private:
+    // One end of a node's descriptor; the other is the daemon's.
+    struct Link {
+        Node node;
+        int fd;
+        int daemon_fd;
+        ino_t inode;  // of the daemon's end
+        bool hung = false, pending = false;
+        Packet out = {};
+    };
+
+    // A call that has not been answered yet.
+    struct Call {
+        seccomp_notif raw;
+        const CallShape* shape;
+        uint64_t argument(int i) const { return raw.data.args[i]; }
+        pid_t tid() const { return static_cast<pid_t>(raw.pid); }
+    };
+
+    // A thread that sleeps or polls.
+    struct Waiting {
+        Call call;
+        Time deadline;
+    };
+
+    // The loop.
+    void wait_for_something();
+    void take_notifications();
+    void schedule();
+    void advance();
+    bool answer_ready_polls();
+    void run_due_events();
+    void reap();
+    void end_daemon();
+    void close_process();
+
+    // Calls, in gate_calls.cpp.
+    void handle(const Call& call);
+    void answer(const Call& call, int64_t result);
+    void proceed(const Call& call);
+    void hold(const Call& call, Time deadline);
+    bool apply_fault(const Call& call);
+    void transfer_part(const Call& call, size_t size);
+    void do_open(const Call& call);
+    void do_ioctl(const Call& call);
+    void do_syslog(const Call& call);
+    void do_statfs(const Call& call);
+    void do_identity(const Call& call);
+    void do_poll(const Call& call);
+    void do_sleep(const Call& call);
+    void do_clock(const Call& call);
+    void do_clone(const Call& call);
+    void do_write(const Call& call);
+    void check_path(const Call& call, const std::string& path);
+    std::vector<pollfd> polled(const Call& call) const;
+    bool poll_ready(const Call& call);
+    std::string path_of(const Call& call) const;
+    std::string path_of_fd(int fd) const;
+
+    // Links, in gate_links.cpp.
+    int open_pair(int& daemon_end) const;
+    int give(const Call& call, int daemon_end);
+    void open_node(const Call& call, Node node);
+    void open_kernel_log(const Call& call);
+    void renew(Link& link);
+    Link* link_at(int daemon_fd);
+    void drain();
+    void drain_kernel_log();
+    void drain_link(size_t index);
+    void pump_link(Link& link);
+
+    const Scenario& scenario_;
+    const Phone& phone_;
+    Story& story_;
+    const Setup setup_;
+    Modem* modem_ = nullptr;
+
+    std::map<int, CallShape> shapes_;
+    std::vector<Rule> rules_;
+    Process process_;
+    std::string end_;
+    bool gone_ = false;  // the device is in upload mode: nothing is answered
+
+    Time now_;
+    std::multimap<Time, std::function<void()>> events_;
+    Time last_activity_;
+    std::chrono::steady_clock::time_point real_start_;
+
+    std::set<pid_t> threads_;
+    int births_ = 0;  // threads made and not yet seen
+    pid_t runner_ = 0;
+    std::map<pid_t, Call> queue_;
+    std::map<pid_t, Waiting> waiting_;
+
+    std::vector<Link> links_;
+    struct KernelLog {
+        int fd, daemon_fd;
+    };
+    std::vector<KernelLog> kernel_logs_;
+    const Call* served_ = nullptr;  // the request that is being answered
+    std::map<const Fault*, int> fault_times_;
+    uint64_t disk_used_ = 0;
+};
+
+}  // namespace rvd::lab

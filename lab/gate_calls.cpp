@@ -1,0 +1,397 @@
+// What the gate does with each system call.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <linux/sched.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/vfs.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <optional>
+
+#include "bootdump/lnkm.h"
+#include "lab/gate.h"
+#include "lab/memory.h"
+
+namespace rvd::lab {
+
+namespace {
+
+// The monotonic clocks: the phone has been up for a while when a run begins.
+constexpr Time kUptime = 20 * kSecond;
+
+constexpr int64_t kPlentyMb = 20'000;
+constexpr long kBlock = 4096;
+constexpr int kRingReadAll = 3;
+constexpr int kRingSize = 10;
+
+Time from_timespec(const timespec& time) {
+    return time.tv_sec * kSecond + time.tv_nsec;
+}
+
+bool under(const std::string& path, const std::string& prefix) {
+    return path.compare(0, prefix.size(), prefix) == 0;
+}
+
+std::optional<Node> node_at(const std::string& path) {
+    if (!under(path, "/dev/")) return {};
+    if (path.find("_boot") != std::string::npos) return Node::boot;
+    if (path.find("_ramdump") != std::string::npos) return Node::dump;
+    return {};
+}
+
+int duplicate(int pidfd, int fd) {
+    return static_cast<int>(syscall(SYS_pidfd_getfd, pidfd, fd, 0));
+}
+
+}  // namespace
+
+void Gate::handle(const Call& call) {
+    switch (call.shape->service) {
+        case Service::poll:
+        case Service::sleep:
+        case Service::clock:
+            break;
+        default:
+            last_activity_ = now_;
+    }
+    if (apply_fault(call)) return;
+    switch (call.shape->service) {
+        case Service::look:
+            if (call.shape->watch == Watch::always) check_path(call, path_of(call));
+            return proceed(call);
+        case Service::open:
+            return do_open(call);
+        case Service::ioctl:
+            return do_ioctl(call);
+        case Service::syslog:
+            return do_syslog(call);
+        case Service::statfs:
+            return do_statfs(call);
+        case Service::identity:
+            return do_identity(call);
+        case Service::sync:
+            story_.request("sync");
+            return answer(call, 0);
+        case Service::poll:
+            return do_poll(call);
+        case Service::sleep:
+            return do_sleep(call);
+        case Service::clock:
+            return do_clock(call);
+        case Service::clone:
+            return do_clone(call);
+        case Service::thread_start:
+            return proceed(call);
+        case Service::thread_end:
+            threads_.erase(call.tid());
+            runner_ = 0;
+            return proceed(call);
+        case Service::write:
+            return do_write(call);
+    }
+}
+
+void Gate::answer(const Call& call, int64_t result) {
+    constexpr int64_t kLastErrno = 4095;
+    seccomp_notif_resp response{};
+    response.id = call.raw.id;
+    if (result < 0 && result >= -kLastErrno) {
+        response.error = static_cast<int32_t>(result);
+    } else {
+        response.val = result;
+    }
+    ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
+}
+
+void Gate::proceed(const Call& call) {
+    seccomp_notif_resp response{};
+    response.id = call.raw.id;
+    response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+    ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
+}
+
+void Gate::hold(const Call& call, Time deadline) {
+    waiting_.emplace(call.tid(), Waiting{call, deadline});
+    if (runner_ == call.tid()) runner_ = 0;
+}
+
+bool Gate::apply_fault(const Call& call) {
+    for (const Fault& fault : scenario_.faults) {
+        if (fault.call != call.shape->family) continue;
+        if (fault.path != "*" && !matches(fault.path, path_of(call))) continue;
+        if (!fault.turn.takes(++fault_times_[&fault])) continue;
+        story_.tell("kernel", "daemon",
+                    fault.call + " " + path_of(call) + ": " +
+                            (fault.hang_up ? "hang-up" : fault.cut ? "cut short" : fault.error));
+        if (fault.hang_up) {
+            if (Link* link = link_at(static_cast<int>(call.argument(0)))) hang_up(link->node);
+            proceed(call);
+        } else if (fault.cut) {
+            transfer_part(call, static_cast<size_t>(*fault.cut));
+        } else {
+            answer(call, -errno_number(fault.error));
+        }
+        return true;
+    }
+    return false;
+}
+
+// Reads or writes less than was asked for, in the daemon's stead: the file position is shared.
+void Gate::transfer_part(const Call& call, size_t size) {
+    ProcessMemory memory(call.tid());
+    std::vector<char> bytes(std::min<size_t>(size, call.argument(2)));
+    const int fd = duplicate(process_.pidfd, static_cast<int>(call.argument(0)));
+    ssize_t result = 0;
+    if (!bytes.empty() && std::string(call.shape->name) == "read") {
+        result = read(fd, bytes.data(), bytes.size());
+        if (result > 0)
+            memory.write(call.argument(1), bytes.data(), static_cast<size_t>(result));
+    } else if (!bytes.empty() && memory.read(call.argument(1), bytes.data(), bytes.size())) {
+        result = write(fd, bytes.data(), bytes.size());
+    }
+    answer(call, result < 0 ? -errno : result);
+    close(fd);
+}
+
+std::string Gate::path_of(const Call& call) const {
+    std::string path;
+    if (call.shape->path >= 0)
+        path = ProcessMemory(call.tid()).text(call.argument(call.shape->path));
+    if (path.empty() && call.shape->fd >= 0)
+        path = path_of_fd(static_cast<int>(call.argument(call.shape->fd)));
+    return path;
+}
+
+std::string Gate::path_of_fd(int fd) const {
+    for (const Link& link : links_) {
+        if (link.daemon_fd == fd) return std::string("/dev/") + node_name(link.node);
+    }
+    char target[4096];
+    const ssize_t n = readlink(format("/proc/%d/fd/%d", process_.pid, fd).c_str(), target,
+                               sizeof(target));
+    const std::string path(target, n > 0 ? static_cast<size_t>(n) : 0);
+    return under(path, phone_.root()) ? path.substr(phone_.root().size()) : path;
+}
+
+// The daemon's own places. Anything else it changes is a fault of its own.
+void Gate::check_path(const Call& call, const std::string& path) {
+    static const char* const places[] = {"/data/vendor/log/rvd", "/mnt/vendor/efs/",
+                                         kWakeLockPath,          kWakeUnlockPath,
+                                         kSimCountPath,          kPropertyDir,
+                                         kAndroidLog,            "/dev/null",
+                                         "/proc/"};
+    const char* coverage = getenv("GCOV_PREFIX");
+    const bool own = std::any_of(std::begin(places), std::end(places),
+                                 [&](const char* place) { return under(path, place); });
+    if (!own && (coverage == nullptr || !under(path, coverage)))
+        story_.violation(std::string(call.shape->family) + " changes " + path);
+}
+
+void Gate::do_open(const Call& call) {
+    const std::string path = path_of(call);
+    const auto& missing = scenario_.missing;
+    if (std::find(missing.begin(), missing.end(), path) != missing.end()) return proceed(call);
+    if (path == "/dev/kmsg") return open_kernel_log(call);
+    if (const auto node = node_at(path)) return open_node(call, *node);
+    const uint64_t flags = call.argument(call.shape->path + 1);
+    if ((flags & (O_WRONLY | O_RDWR | O_CREAT)) != 0) check_path(call, path);
+    proceed(call);
+}
+
+void Gate::do_ioctl(const Call& call) {
+    const Link* link = link_at(static_cast<int>(call.argument(0)));
+    if (link == nullptr) return proceed(call);
+    ProcessMemory memory(call.tid());
+    served_ = &call;
+    const int64_t result =
+            modem_->request(link->node, call.argument(1), call.argument(2), memory);
+    served_ = nullptr;
+    if (gone_) return hold(call, kNever);
+    answer(call, result);
+}
+
+void Gate::do_syslog(const Call& call) {
+    const int action = static_cast<int>(call.argument(0));
+    if (action == kRingSize) return answer(call, 1 << 20);
+    if (action != kRingReadAll) {
+        story_.violation(format("kernel log action %d", action));
+        return answer(call, -EINVAL);
+    }
+    std::string ring = story_.ring();
+    if (scenario_.ring) {
+        const auto size = static_cast<size_t>(*scenario_.ring);
+        for (int line = 0; ring.size() < size; line++)
+            ring += format("<6>[%12.6f] filler: line %d of the kernel's log\n", 0.0, line);
+        ring.resize(size);
+    }
+    const size_t room = std::min<size_t>(ring.size(), call.argument(2));
+    const char* latest = ring.data() + ring.size() - room;
+    story_.tell("kernel", "daemon", "log ring, " + human_size(room));
+    const bool written = ProcessMemory(call.tid()).write(call.argument(1), latest, room);
+    answer(call, written ? static_cast<int64_t>(room) : -EFAULT);
+}
+
+void Gate::do_statfs(const Call& call) {
+    const std::string path = path_of(call);
+    struct statfs answer_record {};
+    if (statfs(phone_.path(path).c_str(), &answer_record) != 0) return answer(call, -errno);
+    int64_t megabytes = kPlentyMb;
+    size_t longest = 0;
+    for (const auto& [prefix, free] : scenario_.free_mb) {
+        if (!under(path, prefix) || prefix.size() < longest) continue;
+        longest = prefix.size();
+        megabytes = free;
+    }
+    answer_record.f_bsize = kBlock;
+    answer_record.f_bfree = static_cast<fsblkcnt_t>(megabytes * (1 << 20) / kBlock);
+    answer_record.f_bavail = answer_record.f_bfree - answer_record.f_bfree / 20;
+    answer_record.f_blocks = answer_record.f_bfree * 4;
+    const bool written = ProcessMemory(call.tid())
+                                 .write(call.argument(1), &answer_record, sizeof(answer_record));
+    answer(call, written ? 0 : -EFAULT);
+}
+
+void Gate::do_identity(const Call& call) {
+    const std::string name = call.shape->name;
+    std::string words = name;
+    if (name == "prctl") words += format(" keepcaps %llu", call.raw.data.args[1]);
+    if (name == "setuid") words += format(" %llu", call.raw.data.args[0]);
+    if (name == "capset") {
+        __user_cap_data_struct data[2] = {};
+        ProcessMemory(call.tid()).read(call.argument(1), data, sizeof(data));
+        words += format(" effective=%08x%08x permitted=%08x%08x inheritable=%08x%08x",
+                        data[1].effective, data[0].effective, data[1].permitted,
+                        data[0].permitted, data[1].inheritable, data[0].inheritable);
+    }
+    story_.request(words);
+    if (Phone::real_root()) {
+        proceed(call);
+    } else {
+        answer(call, 0);
+    }
+}
+
+std::vector<pollfd> Gate::polled(const Call& call) const {
+    std::vector<pollfd> fds(call.argument(1));
+    ProcessMemory(call.tid()).read(call.argument(0), fds.data(), fds.size() * sizeof(pollfd));
+    return fds;
+}
+
+// Answers for the kernel where one of the descriptors is ready. A node that hung up shows that, and
+// input only while there is some: not the end of file that a socket would show.
+bool Gate::poll_ready(const Call& call) {
+    std::vector<pollfd> fds = polled(call);
+    int64_t count = 0;
+    for (pollfd& entry : fds) {
+        entry.revents = 0;
+        if (entry.fd < 0) continue;
+        const Link* link = link_at(entry.fd);
+        const int fd = duplicate(process_.pidfd, entry.fd);
+        if (fd < 0) {
+            entry.revents = POLLNVAL;
+        } else if (link != nullptr && link->hung) {
+            int unread = 0;
+            ioctl(fd, FIONREAD, &unread);
+            entry.revents = static_cast<short>(POLLHUP | (unread > 0 ? entry.events & POLLIN : 0));
+        } else {
+            pollfd real = {fd, entry.events, 0};
+            poll(&real, 1, 0);
+            entry.revents = real.revents;
+        }
+        if (fd >= 0) close(fd);
+        count += entry.revents != 0;
+    }
+    if (count == 0) return false;
+    ProcessMemory(call.tid()).write(call.argument(0), fds.data(), fds.size() * sizeof(pollfd));
+    answer(call, count);
+    return true;
+}
+
+void Gate::do_poll(const Call& call) {
+    Time timeout = kNever;
+    if (std::string(call.shape->name) == "ppoll") {
+        timespec span{};
+        if (call.argument(2) != 0) {
+            ProcessMemory(call.tid()).read(call.argument(2), &span, sizeof(span));
+            timeout = from_timespec(span);
+        }
+    } else if (static_cast<int>(call.argument(2)) >= 0) {
+        timeout = static_cast<int>(call.argument(2)) * kMillisecond;
+    }
+    pump(Node::boot);
+    pump(Node::dump);
+    if (poll_ready(call)) return;
+    if (timeout == 0) return answer(call, 0);
+    hold(call, timeout == kNever ? kNever : now_ + timeout);
+    const std::vector<pollfd> fds = polled(call);
+    if (timeout == kNever && !fds.empty() && (fds[0].events & POLLIN) == 0 && on_wait) on_wait();
+}
+
+void Gate::do_sleep(const Call& call) {
+    const std::string name = call.shape->name;
+    if (name == "pause") return hold(call, kNever);
+    const bool chosen = name == "clock_nanosleep";
+    timespec span{};
+    if (!ProcessMemory(call.tid()).read(call.argument(chosen ? 2 : 0), &span, sizeof(span)))
+        return answer(call, -EFAULT);
+    Time deadline = now_ + from_timespec(span);
+    if (chosen && (call.argument(1) & TIMER_ABSTIME) != 0) {
+        deadline = from_timespec(span);
+        if (call.argument(0) != CLOCK_REALTIME) deadline += setup_.start - kUptime;
+    }
+    hold(call, deadline);
+    if (threads_.size() == 1 && on_sleep) on_sleep(deadline - now_);
+}
+
+void Gate::do_clock(const Call& call) {
+    ProcessMemory memory(call.tid());
+    const std::string name = call.shape->name;
+    bool written = true;
+    if (name == "time") {
+        const time_t seconds = now_ / kSecond;
+        if (call.argument(0) != 0)
+            written = memory.write(call.argument(0), &seconds, sizeof(seconds));
+        return answer(call, written ? seconds : -EFAULT);
+    }
+    if (name == "gettimeofday") {
+        const timeval time = {now_ / kSecond, now_ % kSecond / 1000};
+        written = memory.write(call.argument(0), &time, sizeof(time));
+        return answer(call, written ? 0 : -EFAULT);
+    }
+    const auto clock = static_cast<clockid_t>(call.argument(0));
+    if (clock == CLOCK_PROCESS_CPUTIME_ID || clock == CLOCK_THREAD_CPUTIME_ID) return proceed(call);
+    const bool wall = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
+    const Time shown = wall ? now_ : now_ - setup_.start + kUptime;
+    const timespec time = {shown / kSecond, shown % kSecond};
+    written = memory.write(call.argument(1), &time, sizeof(time));
+    answer(call, written ? 0 : -EFAULT);
+}
+
+void Gate::do_clone(const Call& call) {
+    uint64_t flags = call.argument(0);
+    if (std::string(call.shape->name) == "clone3")
+        ProcessMemory(call.tid()).read(call.argument(0), &flags, sizeof(flags));
+    if ((flags & CLONE_THREAD) != 0) births_++;
+    proceed(call);
+}
+
+// The virtual disk: the write that crosses its end is short, and those after it find no room.
+void Gate::do_write(const Call& call) {
+    if (!scenario_.full_after || !under(path_of(call), "/data/")) return proceed(call);
+    const auto capacity = static_cast<uint64_t>(*scenario_.full_after);
+    const uint64_t room = capacity - std::min(disk_used_, capacity);
+    const uint64_t size = call.argument(2);
+    disk_used_ += std::min(size, room);
+    if (size <= room) return proceed(call);
+    if (room == 0) return answer(call, -ENOSPC);
+    transfer_part(call, room);
+}
+
+}  // namespace rvd::lab

@@ -1,0 +1,148 @@
+// What a scenario file can say. A file holds a base and, optionally, `[[case]]` tables that are
+// laid over it key by key; every case is one run. `rvd-lab keys` prints every key with its meaning.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lab/base.h"
+
+namespace rvd::lab {
+
+// Which times something applies: the nth, and how many from there on (0: ever after).
+struct Turn {
+    int nth = 1;
+    int count = 1;
+
+    bool takes(int time) const { return time >= nth && (count == 0 || time < nth + count); }
+};
+
+// An entry of the firmware's table of contents; what isn't given is made up from its place.
+struct FirmwareEntry {
+    std::string name;
+    std::optional<int64_t> b_off, m_off, crc, size;
+};
+
+struct Firmware {
+    std::vector<FirmwareEntry> entries;
+    std::optional<int64_t> toc_count;
+    std::optional<int64_t> truncate;  // the partition ends here
+    std::optional<int64_t> nv_size;   // of the NV file; negative: there is none
+};
+
+struct Answer {
+    std::string request;
+    Turn turn;
+    int64_t result = 0;
+};
+
+struct Region {
+    int64_t size = 0;
+    std::optional<int64_t> delivers;  // less or more than `size`
+    int64_t packet = 4096;
+};
+
+struct DriverSetup {
+    int64_t state = 0;
+    std::string version = "lnkm 4.19";
+    int64_t owner = 0;
+    std::string reason = "CP assert";
+    std::string srinfo;
+    std::optional<int64_t> srinfo_length;
+    std::string panic = "upload";  // or "returns"
+    std::vector<Answer> answers;
+    std::map<std::string, Region> regions;
+};
+
+struct DumpSetup {
+    std::vector<int64_t> steps;
+    std::string reason = "prefetch abort in task L1C";
+    int64_t payload = 2048;
+    std::optional<int64_t> announce_size, announce_steps, announce_reason;
+};
+
+// One deviation of the boot loader, at the packet it was about to send.
+struct Quirk {
+    std::string at;
+    Turn turn;
+    std::optional<int64_t> say, num_frames, curr_frame, len, cut;
+    int64_t extra = 0;
+    Time late = 0;
+    bool twice = false, silent = false, hang_up = false;
+};
+
+struct Fault {
+    std::string call, path = "*", error;
+    Turn turn;
+    std::optional<int64_t> cut;
+    bool hang_up = false;
+};
+
+struct Event {
+    // When: exactly one of these.
+    std::optional<Time> at;
+    bool waits = false, upload = false;
+    std::string line, request;
+    Time after = 0;
+    // What.
+    std::optional<int64_t> state;
+    std::map<std::string, std::string> set;
+    bool restart = false, reboot = false, stop = false;
+};
+
+struct FileExpectation {
+    std::string path, equals, mode, text;
+    std::optional<int64_t> size;
+    int64_t number = 1;
+};
+
+struct Expectations {
+    std::vector<std::string> log, no_log, requests, no_requests, absent;
+    std::map<std::string, int64_t> times;
+    std::vector<FileExpectation> files;
+    std::map<std::string, std::string> properties;
+    std::string end;
+    std::optional<Time> lasts;
+};
+
+struct Scenario {
+    std::string name, about, modem = "tq720";
+    std::vector<std::string> args;
+    std::string cmdline = "console=ram androidboot.debug_level=0x4945";
+    std::map<std::string, std::string> properties;
+    std::string start = "2020-10-01 12:30:00";
+    Time limit = 600 * kSecond;
+    int64_t seed = 1;
+
+    std::map<std::string, std::string> files;
+    std::vector<std::string> missing, read_only;
+    std::map<std::string, int64_t> free_mb;
+    std::optional<int64_t> full_after, ring;
+    bool log_group = true;
+
+    Firmware firmware;
+    DriverSetup driver;
+    DumpSetup dump;
+    std::vector<Quirk> loader;
+    std::vector<Fault> faults;
+    std::vector<Event> timeline;
+    Expectations expect;
+
+    bool external() const { return modem == "vk880"; }
+    std::string prefix() const { return external() ? "nr" : "umts"; }
+    std::string nv_path() const {
+        return external() ? "/mnt/vendor/efs/nv_5g_data.bin" : "/mnt/vendor/efs/nv_data.bin";
+    }
+};
+
+// All cases of a file, or of a text as if it were a file called `name`. Throws Unable with the
+// file, the line and the nearest known key where something doesn't belong.
+std::vector<Scenario> read_scenarios(const std::string& path);
+std::vector<Scenario> parse_scenarios(const std::string& text, const std::string& name);
+
+// The manual of all keys, one line each.
+std::string scenario_manual();
+
+}  // namespace rvd::lab

@@ -1,0 +1,144 @@
+#include "lab/story.h"
+
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+
+namespace rvd::lab {
+
+namespace {
+
+constexpr uint64_t kLongTransfer = 16 << 20;
+
+const char* colour_of(const char* actor) {
+    static const std::map<std::string, const char*> colours = {{"driver", "\033[36m"},
+                                                               {"loader", "\033[35m"},
+                                                               {"phone", "\033[33m"},
+                                                               {"kernel", "\033[33m"},
+                                                               {"lab", "\033[1;31m"}};
+    const auto colour = colours.find(actor);
+    return colour == colours.end() ? "" : colour->second;
+}
+
+// Blank lines and inner line breaks would tear the columns apart.
+std::string on_one_line(std::string text) {
+    while (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    std::replace_if(
+            text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t'; }, ' ');
+    return text;
+}
+
+double seconds(Time time) {
+    return static_cast<double>(time) / kSecond;
+}
+
+}  // namespace
+
+Story::Story(FILE* out, Time start)
+    : out_(out), colours_(out != nullptr && isatty(fileno(out)) != 0), start_(start), now_(start) {}
+
+void Story::tell(const char* from, const char* to, const std::string& text) {
+    told_.push_back({now_ - start_, from, text});
+    if (out_ == nullptr) return;
+    const std::string who = *to != '\0' ? std::string(from) + " -> " + to : from;
+    fprintf(out_, "%12.6f  %s%-16s  %s%s\n", seconds(now_ - start_),
+            colours_ ? colour_of(from) : "", who.c_str(), on_one_line(text).c_str(),
+            colours_ ? "\033[0m" : "");
+    fflush(out_);
+}
+
+void Story::log_line(int level, const std::string& text) {
+    static const std::string prefix = "lnkm: rvd: ";
+    keep_in_ring(level, text);
+    std::string shown = text;
+    if (shown.compare(0, prefix.size(), prefix) == 0) shown.erase(0, prefix.size());
+    if (!shown.empty() && shown.back() == '\n') shown.pop_back();
+    tell("daemon", "", shown);
+    log_.push_back(shown);
+    if (on_fact) on_fact("line", shown);
+}
+
+void Story::request(const std::string& text, bool shown) {
+    requests_.push_back(text);
+    keep_in_ring(6, "lnkm: " + text + "\n");
+    if (shown) tell("daemon", text.compare(0, 5, "link ") == 0 ? "loader" : "driver", text);
+    if (on_fact) on_fact("request", text);
+}
+
+void Story::violation(const std::string& text) {
+    violations_.push_back(text);
+    tell("lab", "", "NOT HELD: " + text);
+}
+
+void Story::keep_in_ring(int level, const std::string& text) {
+    ring_ += format("<%d>[%12.6f] ", level, seconds(now_ - start_)) + text;
+    if (ring_.empty() || ring_.back() != '\n') ring_ += '\n';
+}
+
+void Story::begin_transfer(const std::string& name, uint64_t total) {
+    const auto real = Clock::now();
+    transfers_.push_back({name, total, 0, now_, now_, real, real});
+}
+
+void Story::advance_transfer(uint64_t bytes) {
+    Transfer& transfer = transfers_.back();
+    const uint64_t before = transfer.bytes;
+    transfer.bytes += bytes;
+    if (transfer.total < kLongTransfer) return;
+    const uint64_t quarter = transfer.total / 4;
+    if (before / quarter == transfer.bytes / quarter) return;
+    tell("loader", "",
+         format("%s: %s of %s", transfer.name.c_str(), human_size(transfer.bytes).c_str(),
+                human_size(transfer.total).c_str()));
+}
+
+void Story::end_transfer() {
+    transfers_.back().end = now_;
+    transfers_.back().real_end = Clock::now();
+}
+
+std::vector<std::string> Story::transfer_summary() const {
+    std::vector<std::string> lines;
+    for (const Transfer& transfer : transfers_) {
+        const std::chrono::duration<double> real = transfer.real_end - transfer.real_begin;
+        const double rate = static_cast<double>(transfer.bytes) / 1e6 / real.count();
+        lines.push_back(format("%-28s %11s  %9.3f s virtual  %8.3f s real", transfer.name.c_str(),
+                               human_size(transfer.bytes).c_str(),
+                               seconds(transfer.end - transfer.begin), real.count()) +
+                        (real.count() > 0 ? format("  %7.1f MB/s", rate) : ""));
+    }
+    return lines;
+}
+
+void Story::write_trace(const std::string& path) const {
+    const char* const actors[] = {"daemon", "driver", "loader", "phone", "kernel", "lab"};
+    std::string json = "{\"traceEvents\":[\n";
+    for (size_t i = 0; i < std::size(actors); i++) {
+        json +=
+                format("{\"name\":\"thread_name\",\"ph\":\"M\",\"pid\":1,\"tid\":%zu,"
+                       "\"args\":{\"name\":\"%s\"}},\n",
+                       i, actors[i]);
+    }
+    for (const Told& told : told_) {
+        std::string text;
+        for (const char c : on_one_line(told.text)) {
+            if (c == '"' || c == '\\') text += '\\';
+            text += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
+        }
+        const size_t actor = static_cast<size_t>(
+                std::find_if(std::begin(actors), std::end(actors),
+                             [&](const char* name) { return strcmp(name, told.from) == 0; }) -
+                std::begin(actors));
+        json += format("{\"ph\":\"i\",\"s\":\"t\",\"pid\":1,\"tid\":%zu,\"ts\":%.3f,\"name\":\"",
+                       actor, static_cast<double>(told.at) / 1000) +
+                text + "\"},\n";
+    }
+    json += "{\"name\":\"end\",\"ph\":\"i\",\"s\":\"g\",\"pid\":1,\"tid\":0,\"ts\":" +
+            format("%.3f}\n]}\n", static_cast<double>(now_ - start_) / 1000);
+    write_file(path, json);
+}
+
+}  // namespace rvd::lab

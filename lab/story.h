@@ -1,0 +1,83 @@
+// The story of a run: who said what to whom, at which time. What is told is also kept: the lines
+// the daemon logged and the requests it made are what expectations are held against, and a
+// violation fails the run.
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "lab/base.h"
+
+namespace rvd::lab {
+
+class Story {
+  public:
+    // With `out` null the story is only kept.
+    Story(FILE* out, Time start);
+
+    void set_time(Time now) { now_ = now; }
+
+    void tell(const char* from, const char* to, const std::string& text);
+
+    // One record that the daemon wrote to the kernel log.
+    void log_line(int level, const std::string& text);
+
+    // One request to the driver or word on the link; `shown` is false where a summary is told
+    // instead.
+    void request(const std::string& text, bool shown = true);
+
+    void violation(const std::string& text);
+
+    // A transfer that is worth figures at the end. Progress is told where it takes long.
+    void begin_transfer(const std::string& name, uint64_t total);
+    void advance_transfer(uint64_t bytes);
+    void end_transfer();
+
+    // Called with each line ("line") and request ("request").
+    std::function<void(const char* kind, const std::string& text)> on_fact;
+
+    const std::vector<std::string>& log() const { return log_; }
+    const std::vector<std::string>& requests() const { return requests_; }
+    const std::vector<std::string>& violations() const { return violations_; }
+
+    // What the kernel's log ring would hold by now.
+    const std::string& ring() const { return ring_; }
+
+    std::vector<std::string> transfer_summary() const;
+
+    // Trace events as trace viewers read them.
+    void write_trace(const std::string& path) const;
+
+    // The last words of the crashed modem, as the driver was given them.
+    std::string crash_sentence;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Told {
+        Time at;
+        const char* from;
+        std::string text;
+    };
+    struct Transfer {
+        std::string name;
+        uint64_t total, bytes;
+        Time begin, end;
+        Clock::time_point real_begin, real_end;
+    };
+
+    void keep_in_ring(int level, const std::string& text);
+
+    FILE* out_;
+    bool colours_;
+    Time start_, now_;
+    std::vector<std::string> log_, requests_, violations_;
+    std::vector<Told> told_;
+    std::vector<Transfer> transfers_;
+    std::string ring_;
+};
+
+}  // namespace rvd::lab
