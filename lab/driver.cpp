@@ -85,7 +85,7 @@ int64_t Driver::request(Node node, unsigned long number, uint64_t argument, Memo
     if (answer != nullptr) result = answer->result;
     std::string text = handler->name + call.detail;
     if (result != 0) text += format(" = %lld", static_cast<long long>(result));
-    story_.request(text, call.shown || result != 0);
+    story_.request("driver", text, call.shown || result != 0);
     return result;
 }
 
@@ -249,7 +249,6 @@ bool Driver::begin_image(const cp_image& image) {
 }
 
 void Driver::end_image() {
-    story_.end_transfer();
     story_.tell("daemon", "driver",
                 format("image %.12s, %s to 0x%08x of modem memory", image_->name,
                        human_size(image_bytes_).c_str(), first_chunk_.m_offset));
@@ -353,7 +352,6 @@ bool Driver::next(Node node, Packet& packet) {
     fill_seeded(region_seed(region_), region_sent_, packet.data(), size);
     region_sent_ += size;
     story_.advance_transfer(size);
-    if (region_sent_ == region_end_) story_.end_transfer();
     return true;
 }
 

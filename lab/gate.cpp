@@ -25,7 +25,7 @@ namespace {
 using std::chrono::steady_clock;
 
 // With nothing but sleeps for so long, and nothing to come, the daemon has parked.
-constexpr Time kQuiet = 300 * kSecond;
+constexpr Time kQuiet = 200 * kSecond;
 
 // A running thread that says nothing for so long may wait for one that is kept waiting.
 constexpr int kRunnerPatienceMs = 50;
@@ -83,7 +83,6 @@ void Gate::close_process() {
 
 std::string Gate::serve() {
     while (end_.empty()) {
-        drain();
         run_due_events();
         if (!setup_.real_time) schedule();
         if (end_.empty()) wait_for_something();
@@ -130,12 +129,15 @@ void Gate::wait_for_something() {
         story_.set_time(now_);
     }
     if (ready == 0 && others) runner_ = 0;
-    drain();
-    if (set[0].revents & POLLIN) take_notifications();
+    if (set[0].revents & POLLIN) {
+        take_notification();
+    } else {
+        drain();
+    }
     if (set[1].revents & POLLIN) reap();
 }
 
-void Gate::take_notifications() {
+void Gate::take_notification() {
     Call call{};
     if (ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_RECV, &call.raw) != 0) return;
     const auto shape = shapes_.find(call.raw.data.nr);
@@ -197,11 +199,11 @@ void Gate::advance() {
     const Time limit = setup_.start + scenario_.limit;
     if (next == kNever) {
         end_ = "waits";
+    } else if (event == kNever && next - last_activity_ > kQuiet) {
+        end_ = "parked";
     } else if (next > limit) {
         now_ = limit;
         end_ = "limit";
-    } else if (event == kNever && next - last_activity_ > kQuiet) {
-        end_ = "parked";
     } else {
         now_ = std::max(now_, next);
     }

@@ -88,7 +88,7 @@ class Gate : public Stage {
 
     // The loop.
     void wait_for_something();
-    void take_notifications();
+    void take_notification();
     void schedule();
     void advance();
     bool answer_ready_polls();
@@ -161,6 +161,7 @@ class Gate : public Stage {
     };
     std::vector<KernelLog> kernel_logs_;
     const Call* served_ = nullptr;  // the request that is being answered
+    Packet received_;
     std::map<const Fault*, int> fault_times_;
     uint64_t disk_used_ = 0;
 };

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <linux/sched.h>
+#include <linux/sockios.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
@@ -77,7 +78,7 @@ void Gate::handle(const Call& call) {
         case Service::identity:
             return do_identity(call);
         case Service::sync:
-            story_.request("sync");
+            story_.request("kernel", "sync");
             return answer(call, 0);
         case Service::poll:
             return do_poll(call);
@@ -270,7 +271,7 @@ void Gate::do_identity(const Call& call) {
                         data[1].effective, data[0].effective, data[1].permitted,
                         data[0].permitted, data[1].inheritable, data[0].inheritable);
     }
-    story_.request(words);
+    story_.request("kernel", words);
     if (Phone::real_root()) {
         proceed(call);
     } else {
@@ -293,19 +294,20 @@ bool Gate::poll_ready(const Call& call) {
         entry.revents = 0;
         if (entry.fd < 0) continue;
         const Link* link = link_at(entry.fd);
-        const int fd = duplicate(process_.pidfd, entry.fd);
-        if (fd < 0) {
+        int unread = 0;
+        if (link != nullptr && !link->hung) {
+            ioctl(link->fd, SIOCOUTQ, &unread);
+            entry.revents = static_cast<short>(entry.events & (unread > 0 ? POLLIN | POLLOUT : POLLOUT));
+        } else if (const int fd = duplicate(process_.pidfd, entry.fd); fd < 0) {
             entry.revents = POLLNVAL;
-        } else if (link != nullptr && link->hung) {
-            int unread = 0;
-            ioctl(fd, FIONREAD, &unread);
-            entry.revents = static_cast<short>(POLLHUP | (unread > 0 ? entry.events & POLLIN : 0));
         } else {
             pollfd real = {fd, entry.events, 0};
             poll(&real, 1, 0);
+            ioctl(fd, FIONREAD, &unread);
+            if (link != nullptr && unread == 0) real.revents = POLLHUP;
             entry.revents = real.revents;
+            close(fd);
         }
-        if (fd >= 0) close(fd);
         count += entry.revents != 0;
     }
     if (count == 0) return false;

@@ -17,6 +17,7 @@ namespace rvd::lab {
 namespace {
 
 constexpr int kBuffer = 4 << 20;
+constexpr size_t kLongestPacket = 8192;
 constexpr size_t kLongestRecord = 976;  // of the kernel log; longer ones are refused whole
 
 ino_t inode(const std::string& path) {
@@ -185,16 +186,16 @@ void Gate::drain_link(size_t index) {
         return;
     }
     for (;;) {
-        Packet packet(8192);
-        const ssize_t n = recv(links_[index].fd, packet.data(), packet.size(), 0);
+        received_.resize(kLongestPacket);
+        const ssize_t n = recv(links_[index].fd, received_.data(), received_.size(), 0);
         if (n < 0) break;
         if (n == 0) {
             close(links_[index].fd);
             gone();
             return;
         }
-        packet.resize(static_cast<size_t>(n));
-        modem_->received(links_[index].node, packet);
+        received_.resize(static_cast<size_t>(n));
+        modem_->received(links_[index].node, received_);
         if (links_[index].hung) return;
     }
     if (links_[index].pending || setup_.real_time) pump_link(links_[index]);

@@ -2,6 +2,7 @@
 
 #include <elf.h>
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -93,6 +94,7 @@ scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
     dup2(input, 0);
     dup2(output, 1);
     dup2(output, 2);
+    close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
     signal(SIGPIPE, SIG_IGN);  // a device node never raises it
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     if (chroot(root.c_str()) == 0 && chdir("/") == 0 && seccomp_load(filter) == 0) {

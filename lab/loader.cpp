@@ -108,7 +108,7 @@ void Loader::receive(Node node, const Packet& packet) {
         accept_frame(packet, expected);
     } else if (accept_word(packet, expected)) {
         step_++;
-        story_.request("link " + name_of(expected.word));
+        story_.request("loader", "link " + name_of(expected.word));
         if (expected.kind == Kind::dump_step) {
             begin_step(expected.word & 0xFF);
         } else {
@@ -161,7 +161,6 @@ void Loader::accept_frame(const Packet& packet, const Expected& expected) {
     image_frames_ = frame.curr_frame;
     story_.advance_transfer(frame.len);
     if (image_bytes_ == entry.size) {
-        story_.end_transfer();
         image_done(expected);
     }
 }
@@ -227,7 +226,6 @@ bool Loader::next_frame(Packet& packet) {
     memcpy(packet.data(), &header, UDL_HEADER);
     fill_seeded(dump_seed(), step_begin_ + done, packet.data() + UDL_HEADER, len);
     story_.advance_transfer(len);
-    if (done + len == step_size_) story_.end_transfer();
     return true;
 }
 

@@ -52,6 +52,7 @@ void Story::tell(const char* from, const char* to, const std::string& text) {
 
 void Story::log_line(int level, const std::string& text) {
     static const std::string prefix = "lnkm: rvd: ";
+    end_transfer();
     keep_in_ring(level, text);
     std::string shown = text;
     if (shown.compare(0, prefix.size(), prefix) == 0) shown.erase(0, prefix.size());
@@ -61,10 +62,11 @@ void Story::log_line(int level, const std::string& text) {
     if (on_fact) on_fact("line", shown);
 }
 
-void Story::request(const std::string& text, bool shown) {
+void Story::request(const char* to, const std::string& text, bool shown) {
+    if (shown) end_transfer();
     requests_.push_back(text);
-    keep_in_ring(6, "lnkm: " + text + "\n");
-    if (shown) tell("daemon", text.compare(0, 5, "link ") == 0 ? "loader" : "driver", text);
+    keep_in_ring(6, std::string(to) + ": " + text);
+    if (shown) tell("daemon", to, text);
     if (on_fact) on_fact("request", text);
 }
 
@@ -80,7 +82,7 @@ void Story::keep_in_ring(int level, const std::string& text) {
 
 void Story::begin_transfer(const std::string& name, uint64_t total) {
     const auto real = Clock::now();
-    transfers_.push_back({name, total, 0, now_, now_, real, real});
+    transfers_.push_back({name, total, 0, now_, now_, real, real, false});
 }
 
 void Story::advance_transfer(uint64_t bytes) {
@@ -96,19 +98,35 @@ void Story::advance_transfer(uint64_t bytes) {
 }
 
 void Story::end_transfer() {
-    transfers_.back().end = now_;
-    transfers_.back().real_end = Clock::now();
+    if (transfers_.empty() || transfers_.back().over) return;
+    Transfer& last = transfers_.back();
+    if (last.bytes < last.total) return;
+    last.end = now_;
+    last.real_end = Clock::now();
+    last.over = true;
 }
 
+// One line for all transfers of a name, in the order of the first.
 std::vector<std::string> Story::transfer_summary() const {
-    std::vector<std::string> lines;
-    for (const Transfer& transfer : transfers_) {
-        const std::chrono::duration<double> real = transfer.real_end - transfer.real_begin;
-        const double rate = static_cast<double>(transfer.bytes) / 1e6 / real.count();
-        lines.push_back(format("%-28s %11s  %9.3f s virtual  %8.3f s real", transfer.name.c_str(),
-                               human_size(transfer.bytes).c_str(),
-                               seconds(transfer.end - transfer.begin), real.count()) +
-                        (real.count() > 0 ? format("  %7.1f MB/s", rate) : ""));
+    std::vector<std::string> lines, names;
+    for (const Transfer& first : transfers_) {
+        if (std::find(names.begin(), names.end(), first.name) != names.end()) continue;
+        names.push_back(first.name);
+        uint64_t bytes = 0;
+        Time time = 0;
+        int times = 0;
+        std::chrono::duration<double> real{0};
+        for (const Transfer& transfer : transfers_) {
+            if (transfer.name != first.name) continue;
+            times++;
+            bytes += transfer.bytes;
+            time += transfer.end - transfer.begin;
+            real += transfer.real_end - transfer.real_begin;
+        }
+        lines.push_back(format("%-18s %3d x  %11s  %9.3f s virtual %8.3f s real %8.1f MB/s",
+                               first.name.c_str(), times, human_size(bytes).c_str(), seconds(time),
+                               real.count(),
+                               static_cast<double>(bytes) / 1e6 / std::max(real.count(), 1e-6)));
     }
     return lines;
 }

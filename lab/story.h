@@ -25,16 +25,15 @@ class Story {
     // One record that the daemon wrote to the kernel log.
     void log_line(int level, const std::string& text);
 
-    // One request to the driver or word on the link; `shown` is false where a summary is told
-    // instead.
-    void request(const std::string& text, bool shown = true);
+    // One request of the daemon; `shown` is false where a summary is told instead.
+    void request(const char* to, const std::string& text, bool shown = true);
 
     void violation(const std::string& text);
 
-    // A transfer that is worth figures at the end. Progress is told where it takes long.
+    // A transfer that is worth figures at the end. It is over when the daemon goes on to something
+    // else. Progress is told where it takes long.
     void begin_transfer(const std::string& name, uint64_t total);
     void advance_transfer(uint64_t bytes);
-    void end_transfer();
 
     // Called with each line ("line") and request ("request").
     std::function<void(const char* kind, const std::string& text)> on_fact;
@@ -67,8 +66,10 @@ class Story {
         uint64_t total, bytes;
         Time begin, end;
         Clock::time_point real_begin, real_end;
+        bool over;
     };
 
+    void end_transfer();
     void keep_in_ring(int level, const std::string& text);
 
     FILE* out_;
