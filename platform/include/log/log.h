@@ -1,0 +1,33 @@
+// Android's log, with the platform's own signatures. On a device the platform's header and its log
+// library take this file's place.
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef enum log_id {
+    LOG_ID_MAIN = 0,
+    LOG_ID_RADIO = 1,
+    LOG_ID_EVENTS = 2,
+    LOG_ID_SYSTEM = 3,
+    LOG_ID_CRASH = 4,
+} log_id_t;
+
+typedef enum android_LogPriority {
+    ANDROID_LOG_VERBOSE = 2,
+    ANDROID_LOG_DEBUG = 3,
+    ANDROID_LOG_INFO = 4,
+    ANDROID_LOG_WARN = 5,
+    ANDROID_LOG_ERROR = 6,
+    ANDROID_LOG_FATAL = 7,
+} android_LogPriority;
+
+// Adds one line to a log buffer. Text beyond 1023 bytes is cut. Safe from any thread; never waits
+// for a reader, so a line may be lost; errno is left alone. Returns 1, a lost line included.
+int __android_log_buf_print(int bufID, int prio, const char* tag, const char* fmt, ...)
+        __attribute__((format(printf, 4, 5)));
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,281 @@
+// The command line: presets, links, options, paths.
+#include <functional>
+
+#include "bootdump/BootDump.h"
+#include "main/Container.h"
+#include "tests/support/phone.h"
+
+namespace rvd::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+class CommandLine : public Phone {
+  protected:
+    void SetUp() override {
+        Phone::SetUp();
+        *Container::getRvdArgs() = {};
+    }
+
+    static int parse(std::vector<std::string> words) {
+        words.insert(words.begin(), "rvd");
+        std::vector<char*> argv;
+        for (std::string& each : words)
+            argv.push_back(each.data());
+        argv.push_back(nullptr);
+        return Container::parseArgs(static_cast<int>(words.size()), argv.data());
+    }
+};
+
+TEST_F(CommandLine, PresetsDescribeTheirModem) {
+    const struct {
+        const char* type;
+        RvdArgs wanted;
+        const char* message;
+    } cases[] = {
+            {"tq720",
+             {MODEM_TYPE_TQ720, LINK_SHMEM, LINK_SHMEM, 0, "tq720", "umts", "/dev/umts_boot0",
+              nullptr, "/dev/umts_ramdump0", "/dev/block/by-name/modem",
+              "/mnt/vendor/efs/nv_data.bin", "", "", 5, 0, 1, 2, 0, ""},
+             "parseArgs: TQ720 modem"},
+            {"vk880xyz",  // five characters count
+             {MODEM_TYPE_VK880, LINK_SPI, LINK_PCIE, 0, "vk880", "nr", "/dev/nr_boot0", nullptr,
+              "/dev/nr_ramdump0", "/dev/block/by-name/modem", "/mnt/vendor/efs/nv_5g_data.bin", "",
+              "", 6, 1, 0, 2, 0, ""},
+             "parseArgs: VK880 modem"},
+    };
+    for (const auto& c : cases) {
+        const BootDump* earlier = Container::getBootDump();
+        const Srinfo* earlier_srinfo = Container::getSrinfo();
+        EXPECT_EQ(parse({"-t", c.type}), PARSE_OK);
+        const RvdArgs& args = *Container::getRvdArgs();
+        const auto numbers = [](const RvdArgs& a) {
+            return std::vector<long>{a.modem_type, a.boot_link,  a.main_link,
+                                     a.daemon,     a.max_stage,  a.first_stage,
+                                     a.boot_stage, a.main_stage, a.options};
+        };
+        const auto texts = [](const RvdArgs& a) {
+            return Lines{a.modem_name,   a.node_prefix,    a.boot_node,
+                         a.dump_node,    a.partition_path, a.nv_data_path,
+                         a.nv_norm_path, a.nv_prot_path,   a.crash_reason};
+        };
+        EXPECT_EQ(numbers(args), numbers(c.wanted));
+        EXPECT_EQ(texts(args), texts(c.wanted));
+        EXPECT_EQ(args.boot_device, args.boot_node);
+        EXPECT_NE(Container::getBootDump(), earlier);
+        EXPECT_NE(Container::getSrinfo(), earlier_srinfo);
+        EXPECT_THAT(said(), ElementsAre(c.message));
+    }
+}
+
+TEST_F(CommandLine, LinksGoByLetter) {
+    struct Link {
+        char letter;
+        int code;
+        const char* boot;  // null: refused
+        const char* main;
+    };
+    const Link links[] = {
+            {'d', 2, "boot dpram link", ""},
+            {'s', 3, "boot spi link", ""},
+            {'h', 5, "boot hsic link", ""},
+            {'c', 6, "boot C2C link", "main C2C link"},
+            {'u', 7, "boot uart link", nullptr},
+            {'p', 8, "boot pld link", ""},
+            {'m', 9, "boot SHMEM link", "main SHMEM link"},
+            {'l', 10, "boot LLI link", "main LLI link"},
+            {'e', 11, nullptr, "main PCIE link"},
+            {'x', 0, nullptr, nullptr},
+            {'D', 0, nullptr, nullptr},
+    };
+    const auto check = [&](const Link& link, const std::string& use, const char* message,
+                           const int32_t& field) {
+        Container::getRvdArgs()->boot_link = Container::getRvdArgs()->main_link = 99;
+        const int result = parse({"-" + use.substr(0, 1), std::string(1, link.letter) + "z"});
+        if (message == nullptr) {
+            EXPECT_EQ(result, PARSE_INVALID);
+            EXPECT_EQ(field, 99);
+            EXPECT_THAT(said(),
+                        ElementsAre("parseArgs: ERR! invalid " + use + " link " + link.letter));
+            return;
+        }
+        EXPECT_EQ(result, PARSE_OK);
+        EXPECT_EQ(field, link.code);
+        const Lines wanted = *message ? Lines{std::string("parseArgs: ") + message} : Lines{};
+        EXPECT_EQ(said(), wanted);
+    };
+    for (const Link& link : links) {
+        SCOPED_TRACE(link.letter);
+        check(link, "boot", link.boot, Container::getRvdArgs()->boot_link);
+        check(link, "main", link.main, Container::getRvdArgs()->main_link);
+    }
+}
+
+TEST_F(CommandLine, OptionsApplyInTheirOrder) {
+    const std::string fits_node(26, 'n');
+    const std::string fits_path(511 - strlen("/dev/block/"), 'p');
+    const struct {
+        std::vector<std::string> words;
+        int result;
+        std::function<bool(const RvdArgs&)> holds;
+        const char* line;  // the last one said
+    } cases[] = {
+            {{}, 0, [](auto& a) { return a.modem_type == 0; }, nullptr},
+            {{"-d"}, 0, [](auto& a) { return a.daemon == 1; }, "parseArgs: Daemon Mode"},
+            {{"-t", "tq720", "-b", "u"},
+             0,
+             [](auto& a) { return a.boot_link == 7; },
+             "parseArgs: boot uart link"},
+            {{"-b", "u", "-t", "tq720"},
+             0,
+             [](auto& a) { return a.boot_link == 9; },
+             "parseArgs: TQ720 modem"},
+            {{"-t", "TQ720", "-d"},
+             1,
+             [](auto& a) { return a.daemon == 0; },
+             "parseArgs: Unknown modem"},
+            {{"-t", "tq72"},
+             1,
+             [](auto& a) { return a.modem_type == 0; },
+             "parseArgs: Unknown modem"},
+            {{"-t", "tq720", "-t", "vk880"},
+             0,
+             [](auto& a) { return a.modem_type == 2; },
+             "parseArgs: VK880 modem"},
+            {{"-h", "-d"}, 2, [](auto& a) { return a.daemon == 0; }, nullptr},
+            {{"-s", "1x"}, 0, [](auto&) { return true; }, "parseArgs: SRINFO type: 1"},
+            {{"-s", "2", "-d"},
+             1,
+             [](auto& a) { return a.daemon == 0; },
+             "! parseArgs: invalid srinfo type: 2"},
+            {{"-o", "rv"},
+             0,
+             [](auto& a) { return a.options == 0x100; },
+             "parseArgs: run with root"},
+            {{"-o", "v"}, 0, [](auto& a) { return a.options == 0x200; }, "parseArgs: verify vss"},
+            {{"-o", "s"}, 0, [](auto& a) { return a.options == 0x400; }, "parseArgs: reinit vss"},
+            {{"-o", "t"}, 0, [](auto& a) { return a.options == 0x2000; }, "parseArgs: EHCI Tegra"},
+            {{"-o", "r", "-o", "u"},
+             0,
+             [](auto& a) { return a.options == 0x10100; },
+             "parseArgs: Upload Test"},
+            {{"-d", "-o", "x"},
+             0,
+             [](auto& a) { return a.options == 0; },
+             "parseArgs: ERR! invalid option x"},
+            {{"-p", "12"},
+             0,
+             [](auto& a) { return a.partition_path == std::string("/dev/block/mmcblk0p12"); },
+             "parseArgs: partition path : /dev/block/mmcblk0p12"},
+            {{"-P", "modem_b"},
+             0,
+             [](auto& a) { return a.partition_path == std::string("/dev/block/modem_b"); },
+             "parseArgs: partition path : /dev/block/modem_b"},
+            {{"-P", fits_path},
+             0,
+             [&](auto& a) { return a.partition_path == "/dev/block/" + fits_path; },
+             nullptr},
+            {{"-P", fits_path + "p", "-d"}, 1, [](auto& a) { return a.daemon == 0; }, nullptr},
+            {{"-p", fits_path}, 1, [](auto& a) { return a.daemon == 0; }, nullptr},
+            {{"-n", "/mnt/efs"},
+             0,
+             [](auto& a) { return a.nv_data_path == std::string("/mnt/efs/nv_data.bin"); },
+             "parseArgs: nv prot file path : "},
+            {{"-n", fits_path}, 1, [](auto& a) { return strlen(a.nv_data_path) < 512; }, nullptr},
+            {{"-B", fits_node},
+             0,
+             [&](auto& a) { return a.boot_device == "/dev/" + fits_node; },
+             nullptr},
+            {{"-B", fits_node + "n"}, 1, [](auto& a) { return a.boot_device == nullptr; }, nullptr},
+            {{"-D", "nr_ramdump1"},
+             0,
+             [](auto& a) { return a.dump_node == std::string("/dev/nr_ramdump1"); },
+             "parseArgs: dump_node : /dev/nr_ramdump1"},
+            {{"-D", fits_node + "n"}, 1, [](auto& a) { return a.dump_node[31] == '\0'; }, nullptr},
+            {{"-x", "-d"}, 0, [](auto& a) { return a.daemon == 1; }, "parseArgs: Daemon Mode"},
+            {{"-d", "-b"},
+             0,
+             [](auto& a) { return a.boot_link == 0; },
+             "parseArgs: WARNING! invalid option ?"},
+            {{"word", "-d"}, 0, [](auto& a) { return a.daemon == 0; }, nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.words));
+        *Container::getRvdArgs() = {};
+        said();
+        testing::internal::CaptureStderr();  // the C library's own words about wrong options
+        EXPECT_EQ(parse(c.words), c.result);
+        testing::internal::GetCapturedStderr();
+        EXPECT_TRUE(c.holds(*Container::getRvdArgs()));
+        const Lines lines = said();
+        if (c.line != nullptr) EXPECT_EQ(lines.empty() ? "" : lines.back(), c.line);
+    }
+}
+
+TEST_F(CommandLine, PathsAreSaidAsGivenAndAsUsed) {
+    parse({"-n", "/mnt/efs", "-p", "12", "-B", "boot1", "-D", "dump1"});
+    EXPECT_THAT(
+            said(),
+            ElementsAre("parseArgs: set nv partition : /mnt/efs",
+                        "parseArgs: nv data file path : /mnt/efs/nv_data.bin",
+                        "parseArgs: nv norm file path : ", "parseArgs: nv prot file path : ",
+                        "parseArgs: set partition number : 12",
+                        "parseArgs: partition path : /dev/block/mmcblk0p12",
+                        "parseArgs: set boot_node : boot1", "parseArgs: boot_node : /dev/boot1",
+                        "parseArgs: set dump_node : dump1", "parseArgs: dump_node : /dev/dump1"));
+}
+
+TEST_F(CommandLine, TestActionsRunAndEndParsing) {
+    const std::string test_dir = std::string(kLogDir) + "/test";
+    const auto put = [&](const char* name) { write_file(test_dir + "/" + name, "x"); };
+    const Lines doomed = {"dmesg_nr_", "x_dmesg_nr_1.log"};
+    const Lines kept = {"dmesg_nr.log", "dmesg_umts_1.log", "dumpstate_nr_1"};
+
+    std::filesystem::create_directories(test_dir);
+    for (const Lines& names : {doomed, kept})
+        for (const std::string& name : names)
+            put(name.c_str());
+    EXPECT_EQ(parse({"-T", "1", "-d"}), PARSE_TEST);
+    EXPECT_EQ(list(test_dir), kept);
+    EXPECT_EQ(Container::getRvdArgs()->daemon, 0);
+
+    EXPECT_EQ(parse({"-T", "2"}), PARSE_TEST);
+    EXPECT_THAT(list(kLogDir), IsEmpty());
+    said();
+    EXPECT_EQ(parse({"-T", "1"}), PARSE_TEST);
+    EXPECT_THAT(said(), ElementsAre("remove_logs: remove logs under " + test_dir,
+                                    "remove_logs: DIR doesn't exist " + test_dir));
+
+    write_file("/efs/factory.prop", "sims=2\n");
+    EXPECT_EQ(parse({"-t", "tq720", "-T", "3"}), PARSE_TEST);
+    EXPECT_EQ(read_file("/sys/devices/platform/lnkm/sim/ds_detect"), "2");
+    said();
+    EXPECT_EQ(parse({"-T", "4"}), PARSE_TEST);
+    EXPECT_THAT(said(), IsEmpty());
+}
+
+TEST_F(CommandLine, UsageNamesTheProgram) {
+    testing::internal::CaptureStdout();
+    Container::printUsage("/vendor/bin/rvd");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Usage: /vendor/bin/rvd [OPTION]\n"
+              " -h Usage\n"
+              " -d Daemon mode\n"
+              " -t modem Type [hdr41x, zqn55x, etc.]\n"
+              " -b Boot link [d, h, s, u, p, c, m, l]\n"
+              " \td(DPRAM) h(HSIC) s(SPI) u(UART) p(PLD) c(C2C) m(shared Memory) l(LLI)\n"
+              " -m Main link [d, h, s, p, c, m, l, e]\n"
+              " \td(DPRAM) h(HSIC) s(SPI) p(PLD) c(C2C) m(shared Memory) l(LLI) e(PCIE)\n"
+              " -o Options [u, t, r]\n"
+              " \tu(Upload test) t(Tegra EHCI) r(run with root)\n"
+              " \tv(verify vss) s(reinit vss)\n"
+              " -p Partition# of CP binary\n"
+              " -B Boot device\n"
+              " -D Dump device\n");
+}
+
+}  // namespace
+}  // namespace rvd::test
