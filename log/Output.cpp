@@ -45,11 +45,13 @@ void write_line(int fd, const char* line, size_t length) {
 
 class Line {
   public:
+    __attribute__((format(printf, 3, 0)))
     Line(const char* tag, const char* format, va_list values) {
         length_ = snprintf(text_, sizeof(text_), "<6>lnkm: rvd: %s: ", tag);
         append(format, values);
     }
 
+    __attribute__((format(printf, 4, 0)))
     Line(int error, const char* tag, const char* format, va_list values)
         : priority_(ANDROID_LOG_ERROR) {
         char buffer[128] = "";
