@@ -1,5 +1,7 @@
 // The command line: presets, links, options, paths.
-#include <functional>
+#include <filesystem>
+#include <iterator>
+#include <sstream>
 
 #include "bootdump/BootDump.h"
 #include "main/Container.h"
@@ -8,10 +10,9 @@
 namespace rvd::test {
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 class CommandLine : public Phone {
   protected:
@@ -27,6 +28,16 @@ class CommandLine : public Phone {
             argv.push_back(each.data());
         argv.push_back(nullptr);
         return Container::parseArgs(static_cast<int>(words.size()), argv.data());
+    }
+
+    static std::string arguments() {
+        const RvdArgs& a = *Container::getRvdArgs();
+        std::ostringstream text;
+        text << "modem=" << a.modem_type << " boot=" << a.boot_link << " daemon=" << a.daemon
+             << " options=" << std::hex << a.options << " part=" << a.partition_path
+             << " dump=" << a.dump_node << " device=" << (a.boot_device ? a.boot_device : "")
+             << " ";
+        return text.str();
     }
 };
 
@@ -115,103 +126,57 @@ TEST_F(CommandLine, LinksGoByLetter) {
 }
 
 TEST_F(CommandLine, OptionsApplyInTheirOrder) {
-    const std::string fits_node(26, 'n');
-    const std::string fits_path(511 - strlen("/dev/block/"), 'p');
+    const std::string node(26, 'n');  // the longest that fits behind "/dev/"
+    const std::string name(511 - strlen("/dev/block/"), 'p');
     const struct {
-        std::vector<std::string> words;
+        std::string words;
         int result;
-        std::function<bool(const RvdArgs&)> holds;
-        const char* line;  // the last one said
+        std::string holds;  // among what the arguments say
+        const char* line;   // the last one said; null: not looked at
     } cases[] = {
-            {{}, 0, [](auto& a) { return a.modem_type == 0; }, nullptr},
-            {{"-d"}, 0, [](auto& a) { return a.daemon == 1; }, "parseArgs: Daemon Mode"},
-            {{"-t", "tq720", "-b", "u"},
-             0,
-             [](auto& a) { return a.boot_link == 7; },
-             "parseArgs: boot uart link"},
-            {{"-b", "u", "-t", "tq720"},
-             0,
-             [](auto& a) { return a.boot_link == 9; },
-             "parseArgs: TQ720 modem"},
-            {{"-t", "TQ720", "-d"},
-             1,
-             [](auto& a) { return a.daemon == 0; },
-             "parseArgs: Unknown modem"},
-            {{"-t", "tq72"},
-             1,
-             [](auto& a) { return a.modem_type == 0; },
-             "parseArgs: Unknown modem"},
-            {{"-t", "tq720", "-t", "vk880"},
-             0,
-             [](auto& a) { return a.modem_type == 2; },
-             "parseArgs: VK880 modem"},
-            {{"-h", "-d"}, 2, [](auto& a) { return a.daemon == 0; }, nullptr},
-            {{"-s", "1x"}, 0, [](auto&) { return true; }, "parseArgs: SRINFO type: 1"},
-            {{"-s", "2", "-d"},
-             1,
-             [](auto& a) { return a.daemon == 0; },
-             "! parseArgs: invalid srinfo type: 2"},
-            {{"-o", "rv"},
-             0,
-             [](auto& a) { return a.options == 0x100; },
-             "parseArgs: run with root"},
-            {{"-o", "v"}, 0, [](auto& a) { return a.options == 0x200; }, "parseArgs: verify vss"},
-            {{"-o", "s"}, 0, [](auto& a) { return a.options == 0x400; }, "parseArgs: reinit vss"},
-            {{"-o", "t"}, 0, [](auto& a) { return a.options == 0x2000; }, "parseArgs: EHCI Tegra"},
-            {{"-o", "r", "-o", "u"},
-             0,
-             [](auto& a) { return a.options == 0x10100; },
-             "parseArgs: Upload Test"},
-            {{"-d", "-o", "x"},
-             0,
-             [](auto& a) { return a.options == 0; },
-             "parseArgs: ERR! invalid option x"},
-            {{"-p", "12"},
-             0,
-             [](auto& a) { return a.partition_path == std::string("/dev/block/mmcblk0p12"); },
-             "parseArgs: partition path : /dev/block/mmcblk0p12"},
-            {{"-P", "modem_b"},
-             0,
-             [](auto& a) { return a.partition_path == std::string("/dev/block/modem_b"); },
+            {"", 0, "modem=0 ", nullptr},
+            {"-d", 0, "daemon=1", "parseArgs: Daemon Mode"},
+            {"-t tq720 -b u", 0, "modem=1 boot=7", "parseArgs: boot uart link"},
+            {"-b u -t tq720", 0, "modem=1 boot=9", "parseArgs: TQ720 modem"},
+            {"-t TQ720 -d", 1, "modem=0 boot=0 daemon=0", "parseArgs: Unknown modem"},
+            {"-t tq72", 1, "modem=0 ", "parseArgs: Unknown modem"},
+            {"-t tq720 -t vk880", 0, "modem=2 boot=3", "parseArgs: VK880 modem"},
+            {"-h -d", 2, "daemon=0", nullptr},
+            {"-s 1x", 0, "modem=0 boot=0 daemon=0 options=0 ", "parseArgs: SRINFO type: 1"},
+            {"-s 2 -d", 1, "daemon=0", "! parseArgs: invalid srinfo type: 2"},
+            {"-o rv", 0, "options=100 ", "parseArgs: run with root"},
+            {"-o v", 0, "options=200 ", "parseArgs: verify vss"},
+            {"-o s", 0, "options=400 ", "parseArgs: reinit vss"},
+            {"-o t", 0, "options=2000 ", "parseArgs: EHCI Tegra"},
+            {"-o r -o u", 0, "options=10100 ", "parseArgs: Upload Test"},
+            {"-d -o x", 0, "daemon=1 options=0 ", "parseArgs: ERR! invalid option x"},
+            {"-P modem_b", 0, "part=/dev/block/modem_b ",
              "parseArgs: partition path : /dev/block/modem_b"},
-            {{"-P", fits_path},
-             0,
-             [&](auto& a) { return a.partition_path == "/dev/block/" + fits_path; },
-             nullptr},
-            {{"-P", fits_path + "p", "-d"}, 1, [](auto& a) { return a.daemon == 0; }, nullptr},
-            {{"-p", fits_path}, 1, [](auto& a) { return a.daemon == 0; }, nullptr},
-            {{"-n", "/mnt/efs"},
-             0,
-             [](auto& a) { return a.nv_data_path == std::string("/mnt/efs/nv_data.bin"); },
-             "parseArgs: nv prot file path : "},
-            {{"-n", fits_path}, 1, [](auto& a) { return strlen(a.nv_data_path) < 512; }, nullptr},
-            {{"-B", fits_node},
-             0,
-             [&](auto& a) { return a.boot_device == "/dev/" + fits_node; },
-             nullptr},
-            {{"-B", fits_node + "n"}, 1, [](auto& a) { return a.boot_device == nullptr; }, nullptr},
-            {{"-D", "nr_ramdump1"},
-             0,
-             [](auto& a) { return a.dump_node == std::string("/dev/nr_ramdump1"); },
-             "parseArgs: dump_node : /dev/nr_ramdump1"},
-            {{"-D", fits_node + "n"}, 1, [](auto& a) { return a.dump_node[31] == '\0'; }, nullptr},
-            {{"-x", "-d"}, 0, [](auto& a) { return a.daemon == 1; }, "parseArgs: Daemon Mode"},
-            {{"-d", "-b"},
-             0,
-             [](auto& a) { return a.boot_link == 0; },
-             "parseArgs: WARNING! invalid option ?"},
-            {{"word", "-d"}, 0, [](auto& a) { return a.daemon == 0; }, nullptr},
+            {"-P " + name, 0, "part=/dev/block/" + name + " ", nullptr},
+            {"-P " + name + "p -d", 1, "daemon=0", nullptr},
+            {"-p " + name + " -d", 1, "daemon=0", nullptr},
+            {"-n " + name + " -d", 1, "daemon=0", nullptr},
+            {"-B " + node, 0, "device=/dev/" + node + " ", nullptr},
+            {"-B " + node + "n -d", 1, "daemon=0", nullptr},
+            {"-D " + node, 0, "dump=/dev/" + node + " ", nullptr},
+            {"-D " + node + "n -d", 1, "daemon=0", nullptr},
+            {"-x -d", 0, "daemon=1", "parseArgs: Daemon Mode"},
+            {"-d -b", 0, "boot=0", "parseArgs: WARNING! invalid option ?"},
+            {"word -d", 0, "daemon=0", nullptr},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::PrintToString(c.words));
+        SCOPED_TRACE(c.words);
         *Container::getRvdArgs() = {};
         said();
+        std::istringstream words(c.words);
         testing::internal::CaptureStderr();  // the C library's own words about wrong options
-        EXPECT_EQ(parse(c.words), c.result);
+        const int result = parse({std::istream_iterator<std::string>(words), {}});
         testing::internal::GetCapturedStderr();
-        EXPECT_TRUE(c.holds(*Container::getRvdArgs()));
+        EXPECT_EQ(result, c.result);
+        EXPECT_THAT(arguments(), HasSubstr(c.holds));
         const Lines lines = said();
-        if (c.line != nullptr) EXPECT_EQ(lines.empty() ? "" : lines.back(), c.line);
+        if (c.line == nullptr) continue;
+        EXPECT_EQ(lines.empty() ? "" : lines.back(), c.line);
     }
 }
 

@@ -115,6 +115,7 @@ std::string frame(uint32_t cmd, uint32_t num_frames, uint32_t curr_frame, uint32
 
 void Phone::SetUp() {
     reset_kernel();
+    kmsg_fd = -1;
     debug_level = 1;
     cp_debug = 0;
     *Container::getRvdArgs() = {};
@@ -128,6 +129,7 @@ void Phone::SetUp() {
     Log::update_log_dir();
     static ProtocolVelo protocol;
     Container::setProtocol(&protocol);
+    Log::info("SetUp", "the Android log opens with the first line\n");
     descriptors_ = open_descriptors();
     kernel_log_ = memfd_create("kernel log", MFD_CLOEXEC);
     kmsg_fd = kernel_log_;
