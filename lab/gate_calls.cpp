@@ -183,7 +183,7 @@ std::string Gate::path_of_fd(int fd) const {
 
 // The daemon's own places. Anything else it changes is a fault of its own.
 void Gate::check_path(const Call& call, const std::string& path) {
-    static const char* const places[] = {"/data/vendor/log/rvd", "/mnt/vendor/efs/",
+    static const char* const places[] = {"/data/vendor/log/rvd", "/mnt/vendor/",
                                          kWakeLockPath,          kWakeUnlockPath,
                                          kSimCountPath,          kPropertyDir,
                                          kAndroidLog,            "/dev/null",

@@ -235,9 +235,14 @@ bool Loader::next(Node node, Packet& packet) {
         if (!next_frame(packet)) return false;
         if (scenario_.loader.empty()) return true;
         send(format("%u.%u", dump_step_, frame_), packet);
-        if (silent_) return false;
     }
     if (outgoing_.front().due > stage_.now()) return false;
+    if (const Quirk* end = outgoing_.front().end) {
+        story_.tell("loader", "", end->silent ? "goes silent" : "hangs up");
+        silent_ = true;
+        if (end->hang_up) stage_.hang_up(node_);
+        return false;
+    }
     packet.swap(outgoing_.front().packet);
     outgoing_.pop_front();
     return true;
@@ -256,7 +261,6 @@ void Loader::send_word(uint32_t word) {
 }
 
 void Loader::send(const std::string& name, Packet packet) {
-    if (silent_) return;
     Time due = outgoing_.empty() ? stage_.now() : outgoing_.back().due;
     const Quirk* quirk = quirk_for(name);
     if (quirk == nullptr) {
@@ -265,9 +269,7 @@ void Loader::send(const std::string& name, Packet packet) {
         return;
     }
     if (quirk->silent || quirk->hang_up) {
-        story_.tell("loader", "", quirk->silent ? "goes silent" : "hangs up");
-        silent_ = true;
-        if (quirk->hang_up) stage_.hang_up(node_);
+        outgoing_.push_back({{}, due, quirk});
         return;
     }
     const auto put = [&](size_t offset, const std::optional<int64_t>& value) {

@@ -47,6 +47,7 @@ class Loader {
     struct Outgoing {
         Packet packet;
         Time due;
+        const Quirk* end = nullptr;  // instead of the packet: silence or a hang-up
     };
 
     void plan_handshake();
