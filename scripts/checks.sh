@@ -1,0 +1,71 @@
+# Shared by the scripts that end in a verdict: runs checks one after another, says what it runs, and
+# counts. Meant to be sourced; the sourcing script ends with `verdict`.
+# shellcheck shell=bash
+
+checks_passed=0
+checks_failed=0
+checks_jobs=$(nproc)
+
+# The verdict is the last line whatever ends the script.
+trap 'print_verdict' EXIT
+print_verdict() {
+    local status=$?
+    if ((status != 0 && checks_failed == 0)); then
+        checks_failed=1
+    fi
+    echo
+    echo "$checks_passed passed, $checks_failed failed"
+}
+
+verdict() {
+    ((checks_failed == 0))
+}
+
+# A command that what follows cannot do without: its failure ends the script.
+must() {
+    echo
+    echo "==> $*"
+    if ! "$@"; then
+        echo "==> failed: $*"
+        exit 1
+    fi
+}
+
+# check WHAT COMMAND...: one check of its own; its failure is counted and the next one runs.
+check() {
+    local what=$1
+    shift
+    echo
+    echo "==> $what: $*"
+    if "$@"; then
+        checks_passed=$((checks_passed + 1))
+    else
+        echo "==> failed: $what"
+        checks_failed=$((checks_failed + 1))
+    fi
+}
+
+# Configures and builds a preset.
+build() {
+    must cmake --preset "$1"
+    must cmake --build --preset "$1"
+}
+
+# Runs a preset's tests and counts each. No test at all is a failure.
+tests() {
+    local output status=0 line
+    output=build/$1/ctest.log
+    echo
+    echo "==> ctest --preset $*"
+    ctest --preset "$@" --no-tests=error -j "$checks_jobs" 2>&1 | tee "$output" || status=$?
+    line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$output" || true)
+    if [[ $line =~ \ ([0-9]+)\ tests?\ failed\ out\ of\ ([0-9]+) ]]; then
+        checks_failed=$((checks_failed + BASH_REMATCH[1]))
+        checks_passed=$((checks_passed + BASH_REMATCH[2] - BASH_REMATCH[1]))
+    elif ((status == 0)); then
+        status=1
+    fi
+    if ((status != 0 && checks_failed == 0)); then
+        checks_failed=1
+    fi
+}
