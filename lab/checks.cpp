@@ -77,8 +77,9 @@ bool file_equals(const std::string& path, uint64_t size, const Content& content)
     }
 }
 
-bool equals_named(const std::string& path, const std::string& name, const Scenario& scenario,
+bool equals_named(const std::string& path, const FileExpectation& wanted, const Scenario& scenario,
                   const Driver& driver) {
+    const std::string& name = wanted.equals;
     if (name == "erased") {
         return file_equals(path, fs::file_size(path), [](uint64_t, void* out, size_t size) {
             memset(out, 0xFF, size);
@@ -89,8 +90,9 @@ bool equals_named(const std::string& path, const std::string& name, const Scenar
         throw Unable("nothing is called \"" + name + "\" that a file could equal");
     const bool dump = name == "dump";
     const uint64_t seed = dump ? driver.loader().dump_seed() : driver.region_seed(name);
-    const uint64_t size =
+    const uint64_t whole =
             dump ? driver.loader().dump_size() : static_cast<uint64_t>(region->second.size);
+    const auto size = static_cast<uint64_t>(wanted.size.value_or(static_cast<int64_t>(whole)));
     return file_equals(path, size, [seed](uint64_t offset, void* out, size_t count) {
         fill_seeded(seed, offset, out, count);
     });
@@ -109,7 +111,7 @@ void check_file(const FileExpectation& wanted, const std::string& inside, const 
         story.violation(inside + " has mode " + mode + ", not " + wanted.mode);
     if (!wanted.text.empty() && !matches(wanted.text, read_file(path)))
         story.violation(inside + " doesn't read \"" + wanted.text + "\"");
-    if (!wanted.equals.empty() && !equals_named(path, wanted.equals, scenario, driver))
+    if (!wanted.equals.empty() && !equals_named(path, wanted, scenario, driver))
         story.violation(inside + " isn't byte for byte what the modem sent (" + wanted.equals + ")");
 }
 
@@ -122,6 +124,10 @@ void check_expectations(const Scenario& scenario, const Phone& phone, const Driv
     check_none(expect.no_log, story.log(), "line", story);
     check_order(expect.requests, story.requests(), "request", story);
     check_none(expect.no_requests, story.requests(), "request", story);
+    if (expect.only_requests && story.requests().size() != expect.requests.size())
+        story.violation(format("%zu requests, not %zu", story.requests().size(),
+                               expect.requests.size()));
+    check_order(expect.story, story.facts(), "fact", story);
     for (const auto& [pattern, times] : expect.times) {
         const int64_t seen = count_of(pattern, story.log());
         if (seen != times)

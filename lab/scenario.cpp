@@ -44,7 +44,7 @@ void read_driver(Reader& reader, DriverSetup& driver) {
             .number("owner", driver.owner, "who crashed the modem (0)")
             .text("reason", driver.reason, "the driver's crash text")
             .text("srinfo", driver.srinfo, "text of the silent-reset record (none)")
-            .number("srinfo_length", driver.srinfo_length, "length word (header and text)")
+            .number("srinfo_length", driver.srinfo_length, "length word (header and text; blanks follow)")
             .text("panic", driver.panic, "a panic request: \"upload\" ends the device, \"returns\"")
             .list<Answer>("answer", driver.answers, "requests that are answered otherwise",
                           [](Reader& r, Answer& answer) {
@@ -116,6 +116,8 @@ void read_expectations(Reader& reader, Expectations& expect) {
             .map("times", expect.times, "how often it logs a line")
             .texts("requests", expect.requests, "requests and link words, in this order")
             .texts("no_requests", expect.no_requests, "requests that must not come")
+            .flag("only_requests", expect.only_requests, "no others come between or after (false)")
+            .texts("story", expect.story, "lines and requests, each behind its time: \"4.5 s POWER_OFF\"")
             .map("properties", expect.properties, "properties at the end; \"\": unset")
             .text("end", expect.end,
                   "\"waits\", \"parked\", \"limit\", \"upload\", \"stop\" or \"exit N\"")
@@ -130,7 +132,8 @@ void read_expectations(Reader& reader, Expectations& expect) {
                                 .text("mode", file.mode, "access mode, as \"0664\"")
                                 .text("text", file.text, "content; '*' stands for anything")
                                 .text("equals", file.equals,
-                                      "content: \"dump\", \"erased\", or a region's name");
+                                      "content: \"dump\", \"erased\", or a region's name; "
+                                      "with a size, so much of it");
                     });
 }
 

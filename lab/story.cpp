@@ -59,7 +59,7 @@ void Story::log_line(int level, const std::string& text) {
     if (!shown.empty() && shown.back() == '\n') shown.pop_back();
     tell("daemon", "", shown);
     log_.push_back(shown);
-    if (on_fact) on_fact("line", shown);
+    keep_fact("line", shown);
 }
 
 void Story::request(const char* to, const std::string& text, bool shown) {
@@ -67,7 +67,12 @@ void Story::request(const char* to, const std::string& text, bool shown) {
     requests_.push_back(text);
     keep_in_ring(6, std::string(to) + ": " + text);
     if (shown) tell("daemon", to, text);
-    if (on_fact) on_fact("request", text);
+    keep_fact("request", text);
+}
+
+void Story::keep_fact(const char* kind, const std::string& text) {
+    facts_.push_back(format("%g s ", seconds(now_ - start_)) + text);
+    if (on_fact) on_fact(kind, text);
 }
 
 void Story::violation(const std::string& text) {

@@ -40,6 +40,10 @@ class Story {
 
     const std::vector<std::string>& log() const { return log_; }
     const std::vector<std::string>& requests() const { return requests_; }
+
+    // Both together, each behind its time: "4.5 s POWER_OFF".
+    const std::vector<std::string>& facts() const { return facts_; }
+
     const std::vector<std::string>& violations() const { return violations_; }
 
     // What the kernel's log ring would hold by now.
@@ -70,12 +74,13 @@ class Story {
     };
 
     void end_transfer();
+    void keep_fact(const char* kind, const std::string& text);
     void keep_in_ring(int level, const std::string& text);
 
     FILE* out_;
     bool colours_;
     Time start_, now_;
-    std::vector<std::string> log_, requests_, violations_;
+    std::vector<std::string> log_, requests_, facts_, violations_;
     std::vector<Told> told_;
     std::vector<Transfer> transfers_;
     std::string ring_;
