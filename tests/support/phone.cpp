@@ -6,15 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <regex>
 #include <sstream>
 
 #include "bootdump/BootDump.h"
 #include "log/Log.h"
 #include "protocol/ProtocolVelo.h"
-#include "protocol/link.h"
 #include "tests/support/private_root.h"
 
 namespace rvd::test {
@@ -23,94 +22,76 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string shown(const std::string& bytes) {
-    uint32_t first = 0;
-    memcpy(&first, bytes.data(), std::min(bytes.size(), sizeof(first)));
-    std::ostringstream text;
-    text << bytes.size() << " bytes, 0x" << std::hex << first << " ...";
-    return text.str();
+std::string raw(std::initializer_list<uint32_t> words) {
+    return {reinterpret_cast<const char*>(words.begin()), words.size() * sizeof(uint32_t)};
 }
 
 }  // namespace
 
-Modem::Modem(int32_t* slot) {
+Modem::Modem(int32_t* slot, const std::string& script) : slot_(slot) {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
     *slot = ends[0];
     fd_ = ends[1];
     kernel().on_wait = [this] { take_turn(); };
+    std::istringstream words(script);
+    size_t payload = 0;
+    for (std::string word; words >> word;)
+        script_.push_back({word[0], word, bytes_of(word.substr(1), &payload)});
+    // What comes before the daemon's first word lies ready.
+    take_turn();
 }
 
 Modem::~Modem() {
-    verify();
-    close(fd_);
+    take_turn();
+    for (const Step& step : script_)
+        ADD_FAILURE() << "the modem got no further than " << step.word;
+    std::string rest;
+    EXPECT_FALSE(receive(&rest)) << "the modem was also sent " << rest.size() << " bytes";
     kernel().on_wait = nullptr;
+    close(fd_);
+    close(*slot_);
+    *slot_ = -1;
 }
 
-Modem& Modem::expects(std::string bytes) {
-    script_.push_back({Act::EXPECT, std::move(bytes)});
-    return *this;
-}
-
-Modem& Modem::says(std::string bytes) {
-    script_.push_back({Act::SAY, std::move(bytes)});
-    return *this;
-}
-
-Modem& Modem::hangs_up() {
-    script_.push_back({Act::HANG_UP, {}});
-    return *this;
+std::string Modem::bytes_of(const std::string& word, size_t* payload) {
+    unsigned cmd = 0, num = 0, curr = 0, len = 0, carried = 0, crc = 0;
+    const char* text = word.c_str();
+    if (word[0] == 'T') return word.substr(2);
+    if (sscanf(text, "R:%u", &len) == 1) return std::string(len, 'r');
+    if (sscanf(text, "C:%u", &len) == 1) return std::string(len, '\0');
+    if (sscanf(text, "I:%u:%u:%u", &cmd, &num, &len) == 3) return raw({cmd, num, len});
+    if (sscanf(text, "%x+%x", &cmd, &crc) == 2) return raw({cmd, crc});
+    const int fields = sscanf(text, "%x:%u:%u:%u/%u", &cmd, &num, &curr, &len, &carried);
+    if (fields < 4) return raw({cmd});
+    if (fields == 4) carried = len;
+    *payload += carried;
+    return raw({cmd, num, curr, len}) + pattern(*payload).substr(*payload - carried);
 }
 
 bool Modem::receive(std::string* bytes) {
     char packet[8192];
     const ssize_t count = recv(fd_, packet, sizeof(packet), MSG_DONTWAIT);
-    if (count <= 0) return false;
-    bytes->assign(packet, static_cast<size_t>(count));
-    return true;
+    bytes->assign(packet, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    return count > 0;
 }
 
 void Modem::take_turn() {
     for (; !script_.empty(); script_.pop_front()) {
         const Step& step = script_.front();
         std::string sent;
-        switch (step.act) {
-            case Act::EXPECT:
-                if (!receive(&sent)) return;
-                EXPECT_EQ(shown(sent), shown(step.bytes));
-                EXPECT_TRUE(sent == step.bytes) << "sent bytes differ from " << shown(step.bytes);
-                break;
-            case Act::SAY:
-                EXPECT_EQ(send(fd_, step.bytes.data(), step.bytes.size(), 0),
-                          static_cast<ssize_t>(step.bytes.size()));
-                break;
-            case Act::HANG_UP:
-                shutdown(fd_, SHUT_RDWR);
-                break;
+        if (step.act == '>') {
+            if (!receive(&sent)) return;
+            EXPECT_TRUE(sent == step.bytes)
+                    << step.word << " was expected, not these " << sent.size()
+                    << " bytes: " << testing::PrintToString(sent.substr(0, 16));
+        } else if (step.word == "<0") {
+            shutdown(fd_, SHUT_RDWR);
+        } else {
+            const ssize_t size = static_cast<ssize_t>(step.bytes.size());
+            EXPECT_EQ(send(fd_, step.bytes.data(), step.bytes.size(), 0), size);
         }
     }
-}
-
-void Modem::verify() {
-    take_turn();
-    for (const Step& step : script_)
-        ADD_FAILURE() << "the modem still expects " << shown(step.bytes);
-    std::string rest;
-    EXPECT_FALSE(receive(&rest)) << "the modem was also sent " << shown(rest);
-}
-
-std::string word(uint32_t value) {
-    return {reinterpret_cast<const char*>(&value), sizeof(value)};
-}
-
-std::string frame(uint32_t cmd, uint32_t num_frames, uint32_t curr_frame, std::string payload) {
-    const uint32_t len = static_cast<uint32_t>(payload.size());
-    return frame(cmd, num_frames, curr_frame, len, std::move(payload));
-}
-
-std::string frame(uint32_t cmd, uint32_t num_frames, uint32_t curr_frame, uint32_t len,
-                  std::string payload) {
-    return word(cmd) + word(num_frames) + word(curr_frame) + word(len) + payload;
 }
 
 void Phone::SetUp() {
@@ -133,6 +114,7 @@ void Phone::SetUp() {
     descriptors_ = open_descriptors();
     kernel_log_ = memfd_create("kernel log", MFD_CLOEXEC);
     kmsg_fd = kernel_log_;
+    read_ = 0;
     use_modem("tq720");
     said();
 }
@@ -159,12 +141,12 @@ Lines Phone::said() {
     const std::string all = read_file("/proc/self/fd/" + std::to_string(kernel_log_));
     std::istringstream unread(all.substr(read_));
     read_ = all.size();
-    static const std::regex error_head("^<3>lnkm: rvd: \\(ERR! [^)]*\\) ");
-    static const std::regex info_head("^<6>lnkm: rvd: ");
     Lines lines;
     for (std::string line; std::getline(unread, line);) {
-        line = std::regex_replace(line, error_head, "! ");
-        lines.push_back(std::regex_replace(line, info_head, ""));
+        const size_t head = strlen("<6>lnkm: rvd: ");
+        if (line.substr(0, 3) == "<3>") line = "! " + line.substr(line.find(") ", head) + 2);
+        if (line.substr(0, 3) == "<6>") line.erase(0, head);
+        lines.push_back(line);
     }
     return lines;
 }

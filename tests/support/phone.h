@@ -21,40 +21,41 @@ constexpr char kLogDir[] = "/data/vendor/log/rvd";
 
 using Lines = std::vector<std::string>;
 
-// The far end of one node: a script of what it expects and says, kept to in order. It takes its
-// turn when the daemon begins to wait.
+// The far end of one node, played from a script. It takes its turn when the daemon begins to wait.
+// A script is a line of words:
+//
+//   >9200            the daemon sends this command word
+//   >920C+C0FFEE     ... this one with another behind it
+//   >9201:3:1:2048   ... this frame: command, num_frames, curr_frame, payload bytes
+//   <A200 <AD01:2:1:2048 <AD01:2:2:9/8
+//                    the modem says this word; this frame; this frame, 8 bytes that it calls 9
+//   <I:4096:2:10     ... announces a dump: size, steps, length of the reason
+//   <T:word <R:503   ... says this text; this many letters r
+//   <0 <C:15         ... says nothing more and hangs up; the first 15 bytes of an empty frame
+//
+// Payloads are consecutive bytes of pattern().
 class Modem {
   public:
-    // Puts the daemon's end into a slot of the active controller's records, which then owns it.
-    explicit Modem(int32_t* slot);
+    // Puts the daemon's end into a slot of the active controller's records, and closes it again.
+    Modem(int32_t* slot, const std::string& script);
+    // Fails the test when anything expected was not sent, or anything else was.
     ~Modem();
 
-    Modem& expects(std::string bytes);
-    Modem& says(std::string bytes);
-    Modem& hangs_up();
-
     void take_turn();
-    // Fails the test when anything expected was not sent, or anything else was.
-    void verify();
 
   private:
-    enum class Act { EXPECT, SAY, HANG_UP };
     struct Step {
-        Act act;
+        char act;  // of the script's word
+        std::string word;
         std::string bytes;
     };
+    static std::string bytes_of(const std::string& word, size_t* payload);
     bool receive(std::string* bytes);
 
+    int32_t* slot_;
     int fd_ = -1;
     std::deque<Step> script_;
 };
-
-// Builders of what travels on the link.
-std::string word(uint32_t value);
-std::string frame(uint32_t cmd, uint32_t num_frames, uint32_t curr_frame, std::string payload);
-// A frame that announces `len` bytes and carries others.
-std::string frame(uint32_t cmd, uint32_t num_frames, uint32_t curr_frame, uint32_t len,
-                  std::string payload);
 
 class Phone : public testing::Test {
   protected:

@@ -1,0 +1,267 @@
+// The upload of a crash dump: announcement, reason, steps, and what reaches the crash files.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <climits>
+
+#include "protocol/ProtocolVelo.h"
+#include "tests/support/phone.h"
+
+namespace rvd::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::EndsWith;
+
+// A dump record as its preparation leaves it, and the driver ready to name the owner of the crash.
+class Upload : public Phone {
+  protected:
+    void SetUp() override {
+        Phone::SetUp();
+        create(DUMP_FD_LOG, "log");
+        create(DUMP_FD_INFO, "info");
+        create(DUMP_FD_DUMP, "dump");
+        strcpy(dump().reason, "UMTS: ");
+    }
+
+    void create(unsigned slot, const char* name) {
+        dump().fd[slot] = open(path(name).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    }
+
+    void start_afresh() {
+        TearDown();
+        SetUp();
+    }
+
+    void expect_question_of_owner(int32_t owner = 0, const std::string& text = "") {
+        driver().expect<cp_crash_reason>(IOCTL_GET_CP_CRASH_REASON, [=](cp_crash_reason& record) {
+            record.owner = owner;
+            text.copy(record.text, sizeof(record.text));
+            return 0;
+        });
+    }
+
+    std::string saved() { return read_file(path("dump")); }
+
+    ProtocolVelo protocol_;
+};
+
+TEST_F(Upload, ADumpOfSeveralStepsArrivesByteForByte) {
+    const Modem modem(&dump().fd[DUMP_FD_NODE],
+                      ">9D00 <AD00 <I:6144:2:8 <T:watchdog "
+                      ">9D01 <AD01:2:1:2048 <AD01:2:2:1 >9D02 <AD02:2:1:2047 <AD02:2:2:2048 "
+                      ">9D0D <AD0D");
+    expect_question_of_owner();
+    EXPECT_EQ(protocol_.std_dump_receive_cp_dump(), 0);
+    EXPECT_TRUE(saved() == pattern(6144));
+    EXPECT_EQ(read_file(path("info")), ": CP Crash by CP - UMTS: watchdog");
+    EXPECT_EQ(read_file(path("log")),
+              "std_ul_recv_info: DUMP INFO saved\n"
+              "std_ul_recv_data: [step 1] num_frames = 2\n"
+              "std_ul_recv_data: [step 1] command = 0xAD01\n"
+              "std_ul_recv_data: [step 1] saved = 2049\n"
+              "std_ul_recv_data: [step 2] num_frames = 2\n"
+              "std_ul_recv_data: [step 2] command = 0xAD02\n"
+              "std_ul_recv_data: [step 2] saved = 4095\n"
+              "std_dump_receive_cp_dump: DUMP DATA saved\n");
+}
+
+TEST_F(Upload, EveryPartOfTheExchangeEndsItWithAWordOfItsOwn) {
+    const struct {
+        const char* modem;  // behind the START of the upload
+        int result;
+        const char* line;  // also the last of the crash text log
+    } cases[] = {
+            {"<AD0D", -14, "ERR! std_udl_stage_start fail"},
+            {"<AD00", -5, "ERR! std_ul_recv_info fail"},
+            {"<AD00 <I:0:0:1", -5, "ERR! std_ul_recv_info fail"},
+            {"<AD00 <I:2:2:1 <T:x >9D01 <AD01:1:1:1 >9D02 <AD01:1:1:1", -14,
+             "ERR! std_ul_recv_data fail"},
+            {"<AD00 <I:1:0:1 <T:x", -14, "ERR! saved 0 != dump_size 1"},
+            {"<AD00 <I:3:1:1 <T:x >9D01 <AD01:1:1:2", -14, "ERR! saved 2 != dump_size 3"},
+            {"<AD00 <I:0:0:1 <T:x >9D0D <AD00", -14, "ERR! DUMP std_udl_stage_done fail"},
+            {"<AD00 <I:0:0:1 <T:x >9D0D <AD0D", 0, "DUMP DATA saved"},  // no steps at all
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.modem);
+        if (strstr(c.modem, "<T") != nullptr) expect_question_of_owner();
+        {
+            const Modem modem(&dump().fd[DUMP_FD_NODE], std::string(">9D00 ") + c.modem);
+            EXPECT_EQ(protocol_.std_dump_receive_cp_dump(), c.result);
+        }
+        EXPECT_THAT(said(), Contains(std::string("std_dump_receive_cp_dump: ") + c.line));
+        EXPECT_THAT(read_file(path("log")), EndsWith(std::string(c.line) + "\n"));
+        start_afresh();
+    }
+}
+
+TEST_F(Upload, AReasonIsTakenWithOneReadAndCutToItsRoom) {
+    const struct {
+        const char* modem;
+        int result;
+        size_t kept;  // characters behind the prefix
+    } cases[] = {
+            {"<I:0:0:0 <T:next", 0, 0},  // waited for, and left to be read
+            {"<I:0:0:1 <R:1", 0, 1},       {"<I:0:0:400 <R:7", 0, 7},
+            {"<I:0:0:503 <R:503", 0, 503}, {"<I:0:0:504 <R:504", 0, 504},
+            {"<I:0:0:505 <R:505", 0, 505}, {"<I:0:0:506 <R:506", 0, 505},
+            {"<I:0:0:507 <R:507", 0, 505}, {"<I:0:0:2064 <R:2064", 0, 505},
+            {"<I:0:0:2065", -14, 0},       {"<I:0:0:4294967295", -14, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.modem);
+        if (c.result == 0) expect_question_of_owner();
+        {
+            const Modem modem(&dump().fd[DUMP_FD_NODE], c.modem);
+            EXPECT_EQ(protocol_.std_ul_recv_info(), c.result);
+        }
+        const std::string reason = "UMTS: " + std::string(c.kept, 'r');
+        EXPECT_EQ(dump().reason, reason);
+        const std::string sentence = (": CP Crash by CP - " + reason).substr(0, 511);
+        EXPECT_EQ(read_file(path("info")), c.result == 0 ? sentence : "");
+        start_afresh();
+    }
+}
+
+TEST_F(Upload, AStepFailsAtItsFirstDoubtfulFrame) {
+    const struct {
+        const char* modem;  // behind the request of step 2
+        int result;
+        size_t saved;
+        const char* line;  // also the last of the crash text log
+    } cases[] = {
+            {"<AD01:1:1:1", -14, 0, "ERR! [step 2] cmd 0xAD01 != exp 0xAD02"},
+            {"<AD02:2:2:1", -14, 0, "ERR! [step 2] curr_frame 2 != seqn 1"},
+            {"<AD02:2:1:9 <AD02:2:1:9", -14, 9, "ERR! [step 2] curr_frame 1 != seqn 2"},
+            {"<AD02:2:1:9 <AD02:2:3:9", -14, 9, "ERR! [step 2] curr_frame 3 != seqn 2"},
+            {"<AD02:2:1:9 <AD02:2:2:2049", -14, 9,
+             "ERR! [step 2] seq# 2 len 2049 in a frame of 2064 bytes"},
+            {"<AD02:2:1:9 <AD02:2:2:9/8", -14, 9,
+             "ERR! [step 2] seq# 2 len 9 in a frame of 24 bytes"},
+            {"<AD02:2:1:9 <AD02:2:2:4294967280/8", -14, 9,
+             "ERR! [step 2] seq# 2 len 4294967280 in a frame of 24 bytes"},
+            {"<AD02:2:1:9 <C:15", -14, 9, "ERR! [step 2] frame of 15 bytes has no header"},
+            {"<AD02:2:1:9 <0", -14, 9, "ERR! [step 2] frame of 0 bytes has no header"},
+            {"<AD02:2:1:9", -5, 9, "ERR! [step 2] std_ul_rx_frame fail (ret -5)"},
+            {"<AD02:0:1:0", 0, 0, "[step 2] saved = 0"},
+            {"<AD02:1:1:2048", 2048, 2048, "[step 2] saved = 2048"},
+            {"<AD02:1:1:8/9", 8, 8, "[step 2] saved = 8"},  // what is not announced is not taken
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.modem);
+        {
+            const Modem modem(&dump().fd[DUMP_FD_NODE], std::string(">9D02 ") + c.modem);
+            EXPECT_EQ(protocol_.std_ul_recv_data(2), c.result);
+        }
+        EXPECT_TRUE(saved() == pattern(c.saved));
+        const std::string line = std::string("std_ul_recv_data: ") + c.line;
+        EXPECT_EQ(said().back(), line);
+        EXPECT_THAT(read_file(path("log")), EndsWith(line + "\n"));
+        start_afresh();
+    }
+    const Modem modem(&dump().fd[DUMP_FD_NODE], "<0");
+    EXPECT_EQ(protocol_.std_ul_recv_data(1), -1);
+    EXPECT_EQ(said().back(), "std_ul_recv_data: ERR! [step 1] start fail (ret -1)");
+}
+
+TEST_F(Upload, StepsBeyondTheirFieldAreNotAskedFor) {
+    const Modem modem(&dump().fd[DUMP_FD_NODE], ">9DFF <ADFF:1:1:1");
+    EXPECT_EQ(protocol_.std_ul_recv_data(255), 1);
+    EXPECT_EQ(protocol_.std_ul_recv_data(256), -14);
+    EXPECT_EQ(said().back(), "std_ul_recv_data: ERR! [step 256] is beyond the last step 255");
+}
+
+TEST_F(Upload, ADiskThatFillsUpKeepsWhatItHolds) {
+    rlimit unlimited = {};
+    getrlimit(RLIMIT_FSIZE, &unlimited);
+    const rlimit full = {3000, unlimited.rlim_max};
+    const auto standing = signal(SIGXFSZ, SIG_IGN);
+    const Modem modem(&dump().fd[DUMP_FD_NODE], ">9D01 <AD01:2:1:2048 <AD01:2:2:2048");
+    setrlimit(RLIMIT_FSIZE, &full);
+    EXPECT_EQ(protocol_.std_ul_recv_data(1), -1);
+    setrlimit(RLIMIT_FSIZE, &unlimited);
+    signal(SIGXFSZ, standing);
+    EXPECT_EQ(said().back(), "! std_ul_recv_data: ERR! [step 1] seq# 2 write fail");
+    EXPECT_TRUE(saved() == pattern(3000));
+}
+
+TEST_F(Upload, ACrashFileThatFailsEndsTheUpload) {
+    int pipe[2];  // takes bytes, but cannot be flushed
+    ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+    const struct {
+        unsigned slot;
+        int fd;
+        const char* line;
+    } cases[] = {
+            {DUMP_FD_INFO, open("/dev/full", O_WRONLY | O_CLOEXEC),
+             "! std_ul_recv_info: ERR! REASON write fail"},
+            {DUMP_FD_INFO, pipe[1], "! std_ul_recv_info: ERR! fsync(info_fd) fail (-1)"},
+            {DUMP_FD_DUMP, pipe[1], "! std_dump_receive_cp_dump: ERR! fsync(dump_fd) fail"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        const int standing = dump().fd[c.slot];
+        dump().fd[c.slot] = c.fd;
+        expect_question_of_owner();
+        const Modem modem(&dump().fd[DUMP_FD_NODE], ">9D00 <AD00 <I:0:0:1 <T:x");
+        EXPECT_EQ(protocol_.std_dump_receive_cp_dump(), -1);
+        EXPECT_THAT(said(), Contains(c.line));
+        dump().fd[c.slot] = standing;
+    }
+    for (const int fd : {cases[0].fd, pipe[0], pipe[1]})
+        close(fd);
+}
+
+TEST_F(Upload, TheCrashSentenceNamesTheOwner) {
+    const std::string cp = "CP - UMTS: link", ril = "RIL - driver", lnkm = "LNKM - driver";
+    const std::pair<int32_t, std::string> cases[] = {
+            {0, cp},
+            {13, cp},
+            {14, cp},
+            {15, cp},
+            {1, ril},
+            {2, ril},
+            {3, ril},
+            {4, ril},
+            {9, ril},
+            {6, lnkm},
+            {7, lnkm},
+            {8, lnkm},
+            {10, lnkm},
+            {12, lnkm},
+            {17, "(17)"},
+            {5, "USER - driver"},
+            {-1, "(-1)"},
+            {INT_MIN, "(-2147483648)"},
+            {16, "CLD - driver"},
+            {11, "CP - CP WDOG Reset"},
+    };
+    const Modem modem(&dump().fd[DUMP_FD_NODE], "");
+    char* sentence = Container::getRvdArgs()->crash_reason;
+    char reason[] = "UMTS: link";
+    for (const auto& [owner, who] : cases) {
+        memset(sentence, 'x', kCrashReasonSize);
+        expect_question_of_owner(owner, "driver");
+        protocol_.make_cp_crash_reason(reason);
+        EXPECT_EQ(sentence, ": CP Crash by " + who);
+        EXPECT_THAT(said(),
+                    ElementsAre("make_cp_crash_reason: reason owner:" + std::to_string(owner),
+                                "make_cp_crash_reason: CP CRASH: CP Crash by " + who));
+    }
+
+    expect_question_of_owner(1, std::string(512, 't'));  // fills its record, unterminated
+    protocol_.make_cp_crash_reason(reason);
+    EXPECT_EQ(sentence, (": CP Crash by RIL - " + std::string(512, 't')).substr(0, 511));
+
+    driver().expect(IOCTL_GET_CP_CRASH_REASON, -1);
+    said();
+    protocol_.make_cp_crash_reason(reason);
+    EXPECT_STREQ(sentence, "");
+    EXPECT_THAT(said(), ElementsAre("! make_cp_crash_reason: ERR! IOCTL_GET_CP_CRASH_REASON fail"));
+}
+
+}  // namespace
+}  // namespace rvd::test
