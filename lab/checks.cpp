@@ -124,10 +124,10 @@ void check_expectations(const Scenario& scenario, const Phone& phone, const Driv
     check_none(expect.no_log, story.log(), "line", story);
     check_order(expect.requests, story.requests(), "request", story);
     check_none(expect.no_requests, story.requests(), "request", story);
-    if (expect.only_requests && story.requests().size() != expect.requests.size())
-        story.violation(format("%zu requests, not %zu", story.requests().size(),
-                               expect.requests.size()));
     check_order(expect.story, story.facts(), "fact", story);
+    if (expect.whole_story && story.facts().size() != expect.story.size())
+        story.violation(format("%zu lines and requests, not %zu", story.facts().size(),
+                               expect.story.size()));
     for (const auto& [pattern, times] : expect.times) {
         const int64_t seen = count_of(pattern, story.log());
         if (seen != times)

@@ -116,8 +116,8 @@ void read_expectations(Reader& reader, Expectations& expect) {
             .map("times", expect.times, "how often it logs a line")
             .texts("requests", expect.requests, "requests and link words, in this order")
             .texts("no_requests", expect.no_requests, "requests that must not come")
-            .flag("only_requests", expect.only_requests, "no others come between or after (false)")
-            .texts("story", expect.story, "lines and requests, each behind its time: \"4.5 s POWER_OFF\"")
+            .texts("story", expect.story, "both together, each behind its time: \"4.5 s POWER_OFF\"")
+            .flag("whole_story", expect.whole_story, "nothing else happens in the story (false)")
             .map("properties", expect.properties, "properties at the end; \"\": unset")
             .text("end", expect.end,
                   "\"waits\", \"parked\", \"limit\", \"upload\", \"stop\" or \"exit N\"")

@@ -100,7 +100,7 @@ struct FileExpectation {
 
 struct Expectations {
     std::vector<std::string> log, no_log, requests, no_requests, story, absent;
-    bool only_requests = false;
+    bool whole_story = false;
     std::map<std::string, int64_t> times;
     std::vector<FileExpectation> files;
     std::map<std::string, std::string> properties;
