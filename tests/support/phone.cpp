@@ -95,6 +95,7 @@ void Modem::take_turn() {
 }
 
 void Phone::SetUp() {
+    umask(002);
     reset_kernel();
     kmsg_fd = -1;
     debug_level = 1;

@@ -1,0 +1,202 @@
+// Silent-reset records: from the driver into their two files, and back.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "srinfo/SrinfoVelo.h"
+#include "tests/support/phone.h"
+
+namespace rvd::test {
+namespace {
+
+using testing::Contains;
+using testing::EndsWith;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+
+constexpr char kLast[] = "/data/vendor/log/rvd/err/last_sr_info_umts";
+constexpr char kHexLog[] = "/data/vendor/log/rvd/sr_info_umts";
+constexpr char kPrevious[] = "/data/vendor/log/rvd/.sr_info_umts.bak";
+constexpr int kNode = 99;  // a descriptor that only the driver's stand-in sees
+constexpr size_t kDataSize = 4092;
+
+// A data area full of text, valid, with no closing brace but at `brace`.
+std::string record_with_brace(size_t brace) {
+    std::string data(kDataSize, 'z');
+    data.replace(16, 7, "{\"JVER\"");
+    if (16 + brace < kDataSize) data[16 + brace] = '}';
+    return data;
+}
+
+class SrinfoTest : public Phone {
+  protected:
+    void expect_fetch(const std::string& data, uint32_t size) {
+        driver().expect<srinfo_buf>(IOCTL_GET_SRINFO, [=](srinfo_buf& record) {
+            EXPECT_EQ(record.len, kDataSize);
+            EXPECT_EQ(std::count(record.data, record.data + kDataSize, '\0'), 4092);
+            data.copy(record.data, kDataSize);
+            record.len = size;
+            return 0;
+        });
+    }
+
+    void expect_hand_back(const std::string& text, int result) {
+        driver().expect<srinfo_buf>(IOCTL_SET_SRINFO, [=](srinfo_buf& record) {
+            EXPECT_EQ(record.len, text.size());
+            EXPECT_TRUE(std::string(record.data, kDataSize) ==
+                        text + std::string(kDataSize - text.size(), '\0'));
+            return result;
+        });
+    }
+
+    SrinfoVelo srinfo_;
+};
+
+TEST_F(SrinfoTest, ARecordTravelsToItsFilesAndBack) {
+    const size_t none = kDataSize;
+    const struct {
+        uint32_t size;
+        size_t brace;  // index in the text
+        size_t last;   // bytes in the last-srinfo file
+        size_t rows;
+    } cases[] = {
+            {0, none, 1, 0},         {16, none, 17, 1},
+            {17, none, 18, 2},       {17, 16, 17, 2},
+            {17, 17, 18, 2},         {100, 40, 41, 7},
+            {4075, none, 4076, 255}, {4076, none, 4077, 255},
+            {4080, none, 4081, 255}, {4081, none, 4082, 256},
+            {4092, none, 4093, 256}, {4092, 4075, 4076, 256},
+            {4093, none, 4093, 256}, {UINT32_MAX, none, 4093, 256},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.size) + " bytes, brace at " + std::to_string(c.brace));
+        const std::string data = record_with_brace(c.brace);
+        // What lies behind the data area reads as zeros.
+        const std::string text = (data.substr(16) + std::string(32, '\0')).substr(0, c.last);
+        std::filesystem::remove(kHexLog);
+        said();
+
+        expect_fetch(data, c.size);
+        srinfo_.store_srinfo(kNode);
+        EXPECT_TRUE(read_file(kLast) == text);
+        const std::string log = read_file(kHexLog);
+        EXPECT_EQ(static_cast<size_t>(std::count(log.begin(), log.end(), '\n')), c.rows + 2);
+        EXPECT_THAT(said(), Contains("write_srinfo_last: store to ascii text (" +
+                                     std::to_string(c.last - 1) + " bytes)"));
+
+        // While it waits, no newer record is fetched.
+        srinfo_.store_srinfo(kNode);
+        EXPECT_EQ(said().back(), "store_srinfo: srinfo_last file exist, skip!");
+        EXPECT_EQ(read_file(kHexLog), log);
+
+        expect_hand_back(text.substr(0, kDataSize), -1);
+        srinfo_.restore_srinfo(kNode);
+        EXPECT_EQ(said().back(), "! restore_srinfo: ioctl fail - Set srinfo(-1)");
+        expect_hand_back(text.substr(0, kDataSize), 0);
+        srinfo_.restore_srinfo(kNode);
+        EXPECT_EQ(said().back(), std::string("restore_srinfo: done = ") + kLast);
+        EXPECT_FALSE(std::filesystem::exists(kLast));
+    }
+}
+
+TEST_F(SrinfoTest, AnEntryOfTheLogShowsWordsAndCharacters) {
+    std::string data(kDataSize, '\0');
+    data.replace(0, 8, "\x01\x02\x03\x04 !\"~");
+    data.replace(16, 5, "AZ}\x7F\xFF");
+    data.replace(4080, 12, "end of area.");
+    const int fd = open(path("log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    EXPECT_EQ(srinfo_.write_srinfo_file(fd, data.data(), 18), 18);
+    EXPECT_THAT(
+            read_file(path("log")),
+            MatchesRegex(
+                    "\\[....-..-.. ..:..:..\\]\n"
+                    "0000:04030201 7e222120 00000000 00000000 ......\"\\.\\.\\.\\.\\.\\.\\.\\.\\.\n"
+                    "0010:7f7d5a41 000000ff 00000000 00000000 "
+                    "AZ}\\.\\.\\.\\.\\.\\.\\.\\.\\.\\.\\.\\.\\.\n\n"));
+    EXPECT_EQ(srinfo_.write_srinfo_file(fd, data.data(), 4081), 4081);
+    EXPECT_THAT(read_file(path("log")),
+                EndsWith("\n0ff0:20646e65 6120666f 2e616572 00000000 end.of.area.....\n\n"));
+    close(fd);
+    for (const int shown : {0x22, 0x30, 0x7D})
+        EXPECT_EQ(srinfo_.tochar(static_cast<char>(shown)), static_cast<char>(shown));
+    for (const int hidden : {0x00, 0x20, 0x21, 0x7E, 0x7F, 0x80, 0xFF})
+        EXPECT_EQ(srinfo_.tochar(static_cast<char>(hidden)), '.');
+}
+
+TEST_F(SrinfoTest, AnInvalidRecordLeavesNothingBehind) {
+    std::string data = record_with_brace(40);
+    data[18] = 'j';
+    expect_fetch(data, 100);
+    srinfo_.store_srinfo(kNode);
+    EXPECT_THAT(said(), Contains("alloc_srinfo: Crash info string was invalid(5245566a/5245564a)"));
+    driver().expect(IOCTL_GET_SRINFO, -1);
+    srinfo_.store_srinfo(kNode);
+    const Lines lines = said();
+    EXPECT_THAT(lines, Contains("! alloc_srinfo: ioctl fail - Get srinfo(-1)"));
+    EXPECT_EQ(lines.back(), "store_srinfo: alloc srinfo fail");
+    EXPECT_THAT(list(kLogDir), IsEmpty());
+}
+
+TEST_F(SrinfoTest, TheLogIsRotatedWhenItHasGrownBeyond64KiB) {
+    for (const size_t size : {size_t{65536}, size_t{65537}}) {
+        const std::string old(size, 'o');
+        write_file(kHexLog, old);
+        write_file(kPrevious, "older");
+        std::filesystem::remove(kLast);
+        expect_fetch(record_with_brace(40), 16);
+        srinfo_.store_srinfo(kNode);
+        const bool rotated = size > 65536;
+        EXPECT_EQ(read_file(kPrevious), rotated ? old : "older");
+        EXPECT_EQ(read_file(kHexLog).substr(0, size) == old, !rotated);
+        EXPECT_EQ(read_file(kHexLog).size(), (rotated ? 0 : size) + 22 + 58 + 1);
+    }
+    // Without a previous log; and with one that cannot be replaced, the log stays where it is.
+    for (const bool blocked : {false, true}) {
+        write_file(kHexLog, std::string(65537, 'o'));
+        std::filesystem::remove_all(kPrevious);
+        if (blocked) std::filesystem::create_directories(std::string(kPrevious) + "/full");
+        const int fd = srinfo_.open_srinfo_file("umts");
+        EXPECT_EQ(fd < 0, blocked);
+        EXPECT_EQ(read_file(kHexLog).size(), blocked ? 65537u : 0u);
+        if (fd >= 0) close(fd);
+    }
+    EXPECT_EQ(said().back(), std::string("! open_srinfo_file: rename (") + kHexLog + " -> " +
+                                     kPrevious + ") file fail");
+}
+
+TEST_F(SrinfoTest, WhatStandsInTheWayIsReportedAndKept) {
+    srinfo_.restore_srinfo(kNode);
+    EXPECT_EQ(said().back(), "restore_srinfo: sr_info_last open fail(-1)");
+
+    std::filesystem::create_directory("/data/vendor/log/rvd/err");
+    write_file(kLast, "");
+    srinfo_.restore_srinfo(kNode);
+    EXPECT_EQ(said().back(), "! restore_srinfo: last_sr_info file read fail");
+    srinfo_.store_srinfo(kNode);
+    EXPECT_EQ(said().back(), "store_srinfo: srinfo_last file exist, skip!");
+
+    std::filesystem::remove(kLast);
+    std::filesystem::create_directory(kLast);
+    srinfo_.restore_srinfo(kNode);
+    EXPECT_EQ(said().back(), "restore_srinfo: sr_info_last open fail(-1)");
+
+    // The log cannot be opened: the last record is stored all the same.
+    std::filesystem::remove(kLast);
+    std::filesystem::create_directory(kHexLog);
+    expect_fetch(record_with_brace(40), 100);
+    srinfo_.store_srinfo(kNode);
+    EXPECT_EQ(said().back(), "store_srinfo: sr_info_last create fail(-1)");
+    EXPECT_EQ(read_file(kLast).size(), 41u);
+
+    std::filesystem::remove_all(kLogDir);
+    write_file(kLogDir, "");
+    expect_fetch(record_with_brace(40), 100);
+    srinfo_.store_srinfo(kNode);
+    EXPECT_EQ(said().back(),
+              std::string("create_srinfo_directory: (") + kLogDir + ") is not a directory");
+}
+
+}  // namespace
+}  // namespace rvd::test
