@@ -295,6 +295,7 @@ int64_t Driver::get_srinfo(Call& call) {
         story_.violation(format("room for a record of %u bytes", buf.len));
     const std::string& text = scenario_.driver.srinfo;
     if (!text.empty()) {
+        memset(buf.data, ' ', sizeof(buf.data));
         fill_seeded(region_seed("srinfo"), 0, buf.data, kSrinfoHeader);
         memcpy(buf.data + kSrinfoHeader, text.data(),
                std::min(text.size(), sizeof(buf.data) - kSrinfoHeader));

@@ -2,6 +2,7 @@
 
 #include <elf.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/close_range.h>
 #include <signal.h>
 #include <stdio.h>
@@ -96,6 +97,8 @@ scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
     dup2(output, 2);
     close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
     signal(SIGPIPE, SIG_IGN);  // a device node never raises it
+    // As a phone's first process starts it; in a user namespace the kernel refuses.
+    setgroups(1, &kLogGroup);
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     if (chroot(root.c_str()) == 0 && chdir("/") == 0 && seccomp_load(filter) == 0) {
         send_descriptor(socket, seccomp_notify_fd(filter));

@@ -142,7 +142,8 @@ void Phone::make_tree() const {
     }
     write_file(path("/run/rvd/cmdline"), scenario_.cmdline + "\n");
     bind(path("/run/rvd/cmdline"), "/proc/cmdline", true);
-    write_file(path("/etc/group"), scenario_.log_group ? "log:x:1007:\n" : "root:x:0:\n");
+    write_file(path("/etc/group"),
+               scenario_.log_group ? format("log:x:%u:\n", kLogGroup) : "root:x:0:\n");
     for (const auto& [name, value] : scenario_.properties) set_property(name, value);
 }
 

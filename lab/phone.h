@@ -2,6 +2,8 @@
 // which nothing is left when the run is over unless a directory was named to keep it in.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "lab/firmware.h"
@@ -13,6 +15,7 @@ constexpr char kPropertyDir[] = "/run/rvd/properties";
 constexpr char kAndroidLog[] = "/run/rvd/android.log";
 constexpr char kOutput[] = "/run/rvd/output";  // standard output and error
 constexpr char kDaemonPath[] = "/vendor/bin/rvd";
+constexpr gid_t kLogGroup = 1007;
 
 // Gives this process mounts and process numbers of its own, as root or as an ordinary user in a user
 // namespace. Processes it starts from now on die with it. Throws Unable with what is missing.

@@ -44,7 +44,8 @@ void read_driver(Reader& reader, DriverSetup& driver) {
             .number("owner", driver.owner, "who crashed the modem (0)")
             .text("reason", driver.reason, "the driver's crash text")
             .text("srinfo", driver.srinfo, "text of the silent-reset record (none)")
-            .number("srinfo_length", driver.srinfo_length, "length word (header and text; blanks follow)")
+            .number("srinfo_length", driver.srinfo_length,
+                    "length word (header and text; blanks follow)")
             .text("panic", driver.panic, "a panic request: \"upload\" ends the device, \"returns\"")
             .list<Answer>("answer", driver.answers, "requests that are answered otherwise",
                           [](Reader& r, Answer& answer) {
