@@ -87,9 +87,9 @@ int BootDump::check_links(bool has_pcie) {
 
 void BootDump::wait_nv_validation() {
     bool done = nv_validated();
-    for (int poll = 0; !done && poll < kNvPolls; ++poll) {
+    for (int polls = kNvPolls; !done; done = nv_validated()) {
         usleep(kNvPollPause);
-        done = nv_validated();
+        if (--polls == 0) break;
     }
     Log::info("boot", "NV validation %s\n", done ? "done" : "TIMEOUT");
 }
