@@ -60,6 +60,11 @@ void Gate::start_daemon() {
     story_.tell("phone", "daemon", words);
 }
 
+bool Gate::reboot() {
+    start_daemon();
+    return true;
+}
+
 // Nothing of the process outlives this: not its threads, nor what it had open.
 void Gate::close_process() {
     if (process_.pid < 0) return;

@@ -14,13 +14,13 @@
 #include <vector>
 
 #include "lab/calls.h"
-#include "lab/modem.h"
 #include "lab/phone.h"
+#include "lab/stage.h"
 #include "lab/story.h"
 
 namespace rvd::lab {
 
-class Gate : public Stage {
+class Gate : public RunStage {
   public:
     struct Setup {
         Time start;
@@ -33,25 +33,12 @@ class Gate : public Stage {
     Gate(const Gate&) = delete;
     Gate& operator=(const Gate&) = delete;
 
-    void connect(Modem& modem) { modem_ = &modem; }
-
-    // Starts the daemon, instead of the one that runs.
-    void start_daemon();
-
-    // Serves until the daemon exits ("exit N", "signal N"), waits for what can't come ("waits",
-    // "parked"), the limit is reached ("limit") or stop() is called. Ends the daemon.
-    std::string serve();
-    void stop(const std::string& end) { end_ = end; }
-
-    // Called when the daemon begins to wait for a hang-up, and with each sleep of its only thread.
-    std::function<void()> on_wait;
-    std::function<void(Time)> on_sleep;
-
-    // Called when the device goes to upload mode; true if the run goes on, with a reboot.
-    std::function<bool()> on_upload;
-
-    // What the daemon has open: path by descriptor, "boot" and "dump" for the nodes.
-    std::map<int, std::string> descriptors() const;
+    void connect(Modem& modem) override { modem_ = &modem; }
+    void start_daemon() override;
+    bool reboot() override;
+    std::string serve() override;
+    void stop(const std::string& end) override { end_ = end; }
+    std::map<int, std::string> descriptors() const override;
 
     Time now() const override { return now_; }
     void later(Time delay, std::function<void()> what) override;

@@ -10,6 +10,7 @@
 #include "lab/driver.h"
 #include "lab/gate.h"
 #include "lab/phone.h"
+#include "lab/timeline.h"
 
 namespace rvd::lab {
 
@@ -22,85 +23,10 @@ Time parse_start(const std::string& text) {
     return timegm(&parts) * kSecond;
 }
 
-// What happens to the phone, one event after the other.
-class Timeline {
-  public:
-    Timeline(const Scenario& scenario, const Phone& phone, Gate& gate, Driver& driver, Story& story)
-        : scenario_(scenario),
-          phone_(phone),
-          gate_(gate),
-          driver_(driver),
-          story_(story),
-          start_(gate.now()) {}
-
-    void begin() { arm(); }
-
-    void waits() {
-        if (pending() && next().waits) trigger();
-    }
-
-    bool upload() {
-        const bool wanted = pending() && next().upload;
-        if (wanted) trigger();
-        return wanted;
-    }
-
-    void fact(const std::string& kind, const std::string& text) {
-        if (!pending()) return;
-        const std::string& wanted = kind == "line" ? next().line : next().request;
-        if (!wanted.empty() && matches(wanted, text)) trigger();
-    }
-
-    bool finished() const { return at_ == scenario_.timeline.size(); }
-
-  private:
-    const Event& next() const { return scenario_.timeline[at_]; }
-    bool pending() const { return !finished() && !triggered_; }
-
-    void arm() {
-        if (!pending() || !next().at) return;
-        triggered_ = true;
-        gate_.later(std::max<Time>(start_ + *next().at - gate_.now(), 0), [this] { happen(); });
-    }
-
-    void trigger() {
-        triggered_ = true;
-        gate_.later(next().after, [this] { happen(); });
-    }
-
-    void happen() {
-        const Event& event = next();
-        at_++;
-        triggered_ = false;
-        for (const auto& [name, value] : event.set) {
-            story_.tell("phone", "daemon", "property " + name + " = " + value);
-            phone_.set_property(name, value);
-        }
-        if (event.state) driver_.change_state(static_cast<int>(*event.state));
-        if (event.reboot) {
-            story_.tell("phone", "", "reboots");
-            phone_.clear_properties();
-            driver_.reboot();
-        }
-        if (event.reboot || event.restart) gate_.start_daemon();
-        if (event.stop) gate_.stop("stop");
-        arm();
-    }
-
-    const Scenario& scenario_;
-    const Phone& phone_;
-    Gate& gate_;
-    Driver& driver_;
-    Story& story_;
-    const Time start_;
-    size_t at_ = 0;
-    bool triggered_ = false;
-};
-
 // A pass begins and ends with nothing open but the logs. The wait between passes shows it,
 // unless a node is open: then the wait is one within a pass.
-void check_between_passes(const Gate& gate, Story& story) {
-    const auto open = gate.descriptors();
+void check_between_passes(const RunStage& stage, Story& story) {
+    const auto open = stage.descriptors();
     for (const auto& [fd, path] : open) {
         if (path == "/dev/boot" || path == "/dev/dump") return;
     }
@@ -110,9 +36,9 @@ void check_between_passes(const Gate& gate, Story& story) {
 }
 
 // When the modem is powered on, this boot's own descriptors are open and no others.
-void check_at_boot(const Gate& gate, const Scenario& scenario, Story& story) {
+void check_at_boot(const RunStage& stage, const Scenario& scenario, Story& story) {
     std::map<std::string, int> count;
-    for (const auto& [fd, path] : gate.descriptors()) {
+    for (const auto& [fd, path] : stage.descriptors()) {
         const bool own = path == kAndroidLog || path == "/dev/boot" || path.find("/dev/block/") == 0 ||
                          path.find("/mnt/vendor/efs/") == 0 || path == scenario.nv_path();
         if (!own || ++count[path] > 1)
@@ -146,7 +72,7 @@ std::vector<std::string> run_scenario(const Scenario& scenario, const RunOptions
     Gate gate(scenario, phone, story,
               {start, options.real_time, std::chrono::seconds(options.timeout)});
     Driver driver(scenario, phone.partition(), gate, story);
-    Timeline timeline(scenario, phone, gate, driver, story);
+    Timeline timeline(scenario, phone, gate, driver, story, start);
     gate.connect(driver);
 
     gate.on_wait = [&] { timeline.waits(); };
