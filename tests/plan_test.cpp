@@ -1,0 +1,217 @@
+// From the partition's table of contents to the plan of a boot.
+#include <algorithm>
+#include <sstream>
+
+#include "bootdump/BootDump.h"
+#include "tests/support/phone.h"
+
+namespace rvd::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::EndsWith;
+
+// A table with these entries, one after the other; entry i holds i-th values.
+std::string table(const std::string& names, uint32_t count, uint32_t m_off) {
+    std::string bytes;
+    std::istringstream words(names);
+    uint32_t i = 0;
+    for (std::string name; words >> name; ++i) {
+        toc_entry entry = {};
+        name.copy(entry.name, sizeof(entry.name));
+        entry.b_off = 0x100 + i;
+        entry.m_off = i == 0 ? m_off : 0xC0001000 + i;
+        entry.size = 0x10 + i;
+        entry.crc = 0xCC00 + i;
+        if (i == 0) entry.toc_count = count;
+        bytes.append(reinterpret_cast<const char*>(&entry), sizeof(entry));
+    }
+    return bytes;
+}
+
+class Plan : public Phone {
+  protected:
+    bool prepare(const char* modem, const std::string& partition, const std::string& options,
+                 cp_boot_mode mode) {
+        use_modem(modem);
+        RvdArgs& args = *Container::getRvdArgs();
+        write_file(args.boot_node, "");
+        write_file(path("partition"), partition);
+        strcpy(args.partition_path, path("partition").c_str());
+        strcpy(args.nv_data_path, options.find('e') == std::string::npos ? path("nv").c_str() : "");
+        strcpy(args.nv_norm_path,
+               options.find('n') == std::string::npos ? "" : path("norm").c_str());
+        args.options = options.find('r') == std::string::npos ? 0u : OPT_REINIT_VSS;
+        said();
+        return Container::getBootDump()->prepare_boot_args(mode);
+    }
+
+    // Every row in use: its number, stage, what is exchanged (start, bin, crc, done, skip), and the
+    // slot it is read from, - for none.
+    std::string plan() {
+        std::ostringstream text;
+        for (unsigned i = 0; i < kDloadStages; ++i) {
+            const std_dload_control& row = boot().dload[i];
+            if (row.size == 0 && row.stage_start == 0) continue;
+            text << i << '=' << row.stage << (row.stage_start ? "s" : "")
+                 << (row.send_bin ? "b" : "") << (row.send_crc ? "c" : "")
+                 << (row.stage_done ? "d" : "") << (row.skip_if_sent ? "k" : "");
+            const char* slots = "?pnNP";
+            const int32_t* slot = std::find(boot().fd, boot().fd + 5, row.fd);
+            if (row.size != 0) text << (row.fd < 0 ? '-' : slots[slot - boot().fd]);
+            text << ' ';
+        }
+        return text.str();
+    }
+};
+
+const std::string kSixteen = "TOC A1 A2 A3 NV A5 A6 A7 A8 A9 A10 A11 A12 A13 A14 A15";
+
+TEST_F(Plan, TheIntegratedModemLoadsItsStagesInTheOrderOfTheTable) {
+    const char* five = "TOC BOOT MAIN VSS NV";
+    const struct {
+        std::string names;
+        uint32_t count;
+        uint32_t m_off;
+        const char* options;  // e no NV path, n a path for NV_NORM, r reload VSS, d for a dump
+        const char* plan;     // or the last line of a refusal
+    } cases[] = {
+            {five, 5, 1, "", "0=0p 1=1p 2=2p 3=3kp 4=4n "},
+            {five, 5, 1, "r", "0=0p 1=1p 2=2p 3=3p 4=4n "},
+            {five, 5, 1, "e", "0=0p 1=1p 2=2p "},
+            {five, 5, 1, "d", "0=0p 1=1p "},
+            {five, 5, 1, "ed", "0=0p 1=1p "},
+            {"TOC BOOT MAIN NV", 1, 0, "", "1=1p 2=2p 3=3n "},
+            {"TOC BOOT MAIN NV", 1, 0, "d", "1=1p "},
+            {"TOC NV", 2, 1, "", "0=0p 1=1n "},
+            {"TOC NV NV", 3, 1, "", "0=0p 1=1n 2=2n "},
+            {"TOC NV NV_NORM NV_PROT", 4, 1, "", "0=0p 1=1n 2=2- 3=3- "},
+            {"TOC NV NV_NORM", 3, 1, "n", "0=0p 1=1n 2=2N "},
+            {"TOC NV_NORM", 2, 1, "n", "0=0p 1=1N "},
+            {kSixteen, 13, 1, "", "11=11p 12=12p "},
+            {kSixteen, 14, 1, "", "11=11p 12=12p "},
+            {kSixteen, 16, 1, "", "11=11p 12=12p "},
+            {kSixteen, 17, 1, "", "ERR! invalid TOC: Total TOC count is 17"},
+            {kSixteen, UINT32_MAX, 1, "", "ERR! invalid TOC: Total TOC count is -1"},
+            {five, 2, 0, "", "ERR! invalid TOC : No info for TOC verification"},
+            {five, 0, 0, "", "ERR! invalid TOC : No info for TOC verification"},
+            {five, 4, 1, "", "ERR! invalid TOC : There is no NV"},
+            {"TOCX BOOT MAIN VSS NV", 5, 1, "", "ERR! invalid TOC: No TOC"},
+            {"", 0, 0, "", "ERR! invalid TOC: No TOC"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.names + " of " + std::to_string(c.count) + c.options);
+        const cp_boot_mode mode = strchr(c.options, 'd') ? CP_BOOT_MODE_DUMP : CP_BOOT_MODE_NORMAL;
+        const bool accepted = prepare("tq720", table(c.names, c.count, c.m_off), c.options, mode);
+        EXPECT_EQ(accepted, c.plan[0] != 'E');
+        if (accepted) {
+            EXPECT_THAT(plan(), EndsWith(c.plan));
+        } else {
+            EXPECT_EQ(said().back(), std::string("prepare_boot_args: ") + c.plan);
+            EXPECT_EQ(boot().fd[BOOT_FD_PARTITION], -1);
+        }
+        Container::getBootDump()->std_boot_close_args();
+    }
+}
+
+TEST_F(Plan, TheExternalModemSendsRowsOverTheLink) {
+    const char* five = "TOC BOOT MAIN NV OFFSET";
+    const struct {
+        std::string names;
+        uint32_t count;
+        const char* options;
+        const char* plan;
+    } cases[] = {
+            {five, 5, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s "},
+            {five, 1, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s "},
+            {five, 4, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s "},
+            {"TOC BOOT OFFSET NV MAIN", 5, "", "0=0cdp 1=1sbdp 2=15s "},
+            {"TOC BOOT X NV_PROT NV_NORM NV", 6, "n",
+             "0=0cdp 1=1sbdp 2=2sbdp 3=3sbd- 4=4sbdN 5=5sbdn 6=15s "},
+            {"TOC BOOT NV_NORM NV NV", 5, "", "0=0cdp 1=1sbdp 2=2sbd- 3=3sbdn 4=4sbdn 5=15s "},
+            {five, 3, "e", "0=0cdp 1=1sbdp 2=2sbcdp 3=15s "},
+            {five, 3, "d", "0=0cdp 1=1sbdp 2=2sbcdp 3=15s "},
+            {kSixteen, 12, "", "11=11sbdp 12=15s "},
+            {kSixteen, 13, "", "11=11sbdp 12=12sbdp "},
+            {kSixteen, 16, "", "11=11sbdp 12=12sbdp "},
+            {kSixteen, 17, "", "ERR! invalid TOC: Total TOC count is 17"},
+            {five, 3, "", "ERR! invalid TOC : There is no NV"},
+            {five, 0, "", "ERR! invalid TOC : There is no NV"},
+            {"BOOT MAIN", 2, "", "ERR! invalid TOC: No TOC"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.names + " of " + std::to_string(c.count) + c.options);
+        const cp_boot_mode mode = strchr(c.options, 'd') ? CP_BOOT_MODE_DUMP : CP_BOOT_MODE_NORMAL;
+        const bool accepted = prepare("vk880", table(c.names, c.count, 0), c.options, mode);
+        EXPECT_EQ(accepted, c.plan[0] != 'E');
+        if (accepted) {
+            EXPECT_THAT(plan(), EndsWith(c.plan));
+        } else {
+            EXPECT_EQ(said().back(), std::string("prepare_boot_args: ") + c.plan);
+        }
+        Container::getBootDump()->std_boot_close_args();
+    }
+}
+
+TEST_F(Plan, RowsCarryTheNumbersOfTheirEntries) {
+    const auto numbers = [&](unsigned row) {
+        const std_dload_control& r = boot().dload[row];
+        return std::vector<uint32_t>{r.b_off, r.m_off, r.size, r.crc};
+    };
+    ASSERT_TRUE(prepare("tq720", table("TOC BOOT MAIN VSS NV", 5, 0x80000007), "",
+                        CP_BOOT_MODE_NORMAL));
+    EXPECT_THAT(said(), Contains("build_std_dload_control: stage=3, name:VSS b_off=0x00000103, "
+                                 "m_offset=0x00001003 b_size=0x00000013"));
+    EXPECT_THAT(numbers(0), ElementsAre(0x100, 7, 0x10, 0xCC00));
+    EXPECT_THAT(numbers(4), ElementsAre(0x104, 0x1004, 0x14, 0xCC04));
+    EXPECT_EQ(boot().has_vss, 1u);
+    EXPECT_EQ(read_file(path("nv")).size(), 0x14u);
+    Container::getBootDump()->std_boot_close_args();
+
+    ASSERT_TRUE(prepare("vk880", table("TOC BOOT MAIN NV", 4, 0), "", CP_BOOT_MODE_NORMAL));
+    EXPECT_THAT(numbers(0), ElementsAre(0x101, 0, 0x11, 0));
+    EXPECT_THAT(numbers(1), ElementsAre(0x100, 0, 0x10, 0));
+    EXPECT_THAT(numbers(2), ElementsAre(0x102, 0, 0x12, 0xCC02));
+    EXPECT_THAT(numbers(3), ElementsAre(0x103, 0, 0x13, 0xCC03));
+}
+
+TEST_F(Plan, ATableIsReadNoFurtherThanItGoes) {
+    const std::string whole = table("TOC NV ABCDEFGHIJKL", 3, 1);
+    ASSERT_TRUE(prepare("tq720", whole + std::string(4096, 'x'), "", CP_BOOT_MODE_NORMAL));
+    EXPECT_THAT(said(), Contains("prepare_boot_args: toc[2].name = ABCDEFGHIJKL, b_off=0x00000102, "
+                                 "m_off=0xc0001002, size=0x00000012"));
+    EXPECT_EQ(boot().fd[BOOT_FD_NV_NORM], -1);
+    Container::getBootDump()->std_boot_close_args();
+
+    // A partition that ends within its table: what is missing is zero.
+    ASSERT_TRUE(prepare("tq720", whole.substr(0, 64), "", CP_BOOT_MODE_NORMAL));
+    EXPECT_EQ(boot().dload[2].size, 0u);
+    Container::getBootDump()->std_boot_close_args();
+    EXPECT_FALSE(prepare("tq720", whole.substr(0, 2), "", CP_BOOT_MODE_NORMAL));
+}
+
+TEST_F(Plan, WhatCannotBeOpenedLeavesTheRecordClosed) {
+    for (const char* modem : {"tq720", "vk880"}) {
+        prepare(modem, table("TOC NV", 2, 1), "", CP_BOOT_MODE_NORMAL);
+        Container::getBootDump()->std_boot_close_args();
+        RvdArgs& args = *Container::getRvdArgs();
+        const auto expect_refusal = [&](const std::string& line) {
+            said();
+            EXPECT_FALSE(Container::getBootDump()->prepare_boot_args(CP_BOOT_MODE_NORMAL));
+            EXPECT_THAT(said(), Contains(line));
+            EXPECT_THAT(boot().fd, testing::Each(-1));
+        };
+        strcpy(args.nv_data_path, path("no/where").c_str());
+        expect_refusal("getNvFd: ERR! create_empty_nv(" + path("no/where") + ", 17) fail");
+        strcpy(args.partition_path, "/data");  // opens, but cannot be read
+        expect_refusal("! prepare_boot_args: ERR! TOC read fail");
+        strcpy(args.partition_path, "/data/none");
+        expect_refusal("! prepare_boot_args: ERR! BIN(/data/none) open fail");
+        strcpy(args.boot_node, "/dev/none");
+        expect_refusal("! std_boot_prepare_args: ERR! DEV(/dev/none) open fail");
+    }
+}
+
+}  // namespace
+}  // namespace rvd::test

@@ -1,0 +1,176 @@
+// The log directory, its free space, and the copies of the kernel log in it.
+#include <errno.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "log/Log.h"
+#include "tests/support/phone.h"
+#include "tests/support/private_root.h"
+
+namespace rvd::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+
+class Storage : public Phone {
+  protected:
+    static int create() { return Log::create_log_directory(Log::get_log_dir()); }
+    static std::vector<unsigned> seconds(size_t count) {
+        return std::vector<unsigned>(count, 1000);
+    }
+};
+
+TEST_F(Storage, TheDirectoryIsMadeOrGivenUpAfterSixTries) {
+    std::filesystem::remove(kLogDir);
+    EXPECT_EQ(create(), 0);
+    struct stat status = {};
+    stat(kLogDir, &status);
+    EXPECT_EQ(status.st_mode, S_IFDIR | 0775u);
+    EXPECT_THAT(kernel().sleeps, IsEmpty());
+
+    std::filesystem::remove(kLogDir);
+    write_file(kLogDir, "a file");
+    EXPECT_EQ(create(), -14);
+    EXPECT_EQ(kernel().sleeps, seconds(5));
+    EXPECT_EQ(said().back(),
+              std::string("create_log_directory: default path create fail ") + kLogDir);
+
+    std::filesystem::rename("/data/vendor/log", "/data/vendor/away");
+    EXPECT_EQ(create(), -1);
+    debug_level = 0;  // nothing is made or checked
+    EXPECT_EQ(create(), 0);
+    std::filesystem::rename("/data/vendor/away", "/data/vendor/log");
+    EXPECT_EQ(kernel().sleeps, seconds(10));
+}
+
+TEST_F(Storage, TooLittleFreeSpaceIsRefusedAtItsLimit) {
+    const struct {
+        unsigned long block_size;
+        unsigned long free_blocks;
+        int directory;  // 500 MB
+        int root;       // 256 MB
+    } cases[] = {
+            {1024, 500 * 1024, 0, 0},   {1024, 500 * 1024 - 1, -28, 0},
+            {1024, 256 * 1024, -28, 0}, {1024, 256 * 1024 - 1, -28, -28},
+            {4096, 125 * 1024, 0, 0},   {4096, 125 * 1024 - 1, -28, 0},
+            {1023, 1u << 30, -28, -28},  // a block counts in whole KiB
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.free_blocks);
+        kernel().block_size = c.block_size;
+        kernel().free_blocks = c.free_blocks;
+        kernel().sleeps.clear();
+        EXPECT_EQ(create(), c.directory);
+        EXPECT_EQ(kernel().sleeps, seconds(c.directory == 0 ? 0 : 5));
+        EXPECT_EQ(Log::check_fs_free_space(Log::get_log_root()), c.root);
+    }
+    kernel().statfs_error = ENOSYS;
+    EXPECT_EQ(Log::check_fs_free_space(Log::get_log_root()), -ENOSYS);
+    EXPECT_EQ(said().back(), "! check_fs_free_space: statfs(/data) fail");
+    EXPECT_EQ(create(), -1);
+    EXPECT_EQ(said().back(), "create_log_directory: check_log_directory err(-1)");
+}
+
+TEST_F(Storage, TheGroupOfLogsGetsTheDirectoryWhereThereIsOne) {
+    EXPECT_EQ(create(), 0);
+    EXPECT_THAT(said(), testing::Not(Contains(testing::HasSubstr("gid("))));
+    write_file(kGroups, "log:x:0:\n");
+    EXPECT_EQ(create(), 0);
+    EXPECT_EQ(said().back(),
+              std::string("! create_log_directory: log path (") + kLogDir + ") gid(0) changed(0)");
+    std::filesystem::remove(kLogDir);
+    debug_level = 0;
+    EXPECT_EQ(create(), 0);
+    EXPECT_EQ(said().back(),
+              std::string("! create_log_directory: log path (") + kLogDir + ") gid(0) changed(-1)");
+}
+
+TEST_F(Storage, OnlyTheLogDirectoryIsEverRemoved) {
+    for (const char* other : {"/data/vendor/log", "/data/misc", "/data/vendor/log/rv"})
+        EXPECT_NE(Log::remove_directory(other), 0);
+    EXPECT_EQ(said().back(),
+              "! remove_directory: Tried to remove false path: /data/vendor/log/rv, 20");
+    std::filesystem::create_directories(std::string(kLogDir) + "/a/b");
+    std::filesystem::create_symlink("/efs", std::string(kLogDir) + "/a/link");
+    EXPECT_EQ(Log::remove_directory(kLogDir), 0);
+    EXPECT_FALSE(std::filesystem::exists(kLogDir));
+    EXPECT_TRUE(std::filesystem::exists("/efs"));
+}
+
+TEST_F(Storage, ASaveHoldsTheEndOfTheRingAndAZeroByte) {
+    const struct {
+        size_t ring;
+        int flags;
+        const char* file;  // null: none
+    } cases[] = {
+            {10, 1, "x_[0-9]{12}_[0-9]{2}.log"}, {10, 5, "x_last.log"}, {0, 4, "x_last.log"},
+            {512 * 1024 + 9, 4, "x_last.log"},   {10, 0, nullptr},      {10, 2, nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.flags);
+        kernel().ring = pattern(c.ring);
+        Log::save_logs(c.flags, "x");
+        const Lines files = list(kLogDir);
+        if (c.file == nullptr) {
+            EXPECT_THAT(files, IsEmpty());
+            continue;
+        }
+        ASSERT_THAT(files, ElementsAre(MatchesRegex(c.file)));
+        const std::string file = std::string(kLogDir) + "/" + files[0];
+        const size_t kept = std::min<size_t>(c.ring, 512 * 1024);
+        EXPECT_TRUE(read_file(file) == pattern(c.ring).substr(c.ring - kept) + '\0');
+        EXPECT_EQ(said().back(), "_save_logs: " + file);
+        std::filesystem::remove(file);
+    }
+    for (const char text : {'1', '2'}) {
+        kernel().ring = std::string(1, text);
+        Log::save_logs(4, "x");
+    }
+    EXPECT_EQ(read_file(std::string(kLogDir) + "/x_last.log"), std::string("1\0002\0", 4));
+    kernel().ring_error = EPERM;
+    EXPECT_EQ(Log::dmesg_to_file("/data/vendor/log/rvd/y"), -1);
+    EXPECT_EQ(said().back(), "dmesg_to_file: klogctl fail");
+    EXPECT_EQ(Log::dmesg_to_file("/data/none/y"), -1);
+    EXPECT_EQ(said().back(), "! dmesg_to_file: file open fail /data/none/y");
+    kernel().ring_error = 0;
+    EXPECT_EQ(Log::dmesg_to_file("/dev/full"), 0);
+    EXPECT_THAT(said().back(), testing::StartsWith("! dmesg_to_file: "));
+}
+
+using ThreadsStorage = Storage;
+
+TEST_F(ThreadsStorage, BackgroundSavesRunBesideTheirCallerUnderNamesOfTheirOwn) {
+    write_file(kGroups, "log:x:0:\n");
+    for (const char* chip : {"talvir410", "talvir4180x", "talvir418", "NONE", ""}) {
+        set_property("ro.hardware.chipname", chip);
+        const bool saves = strcmp(chip, "talvir410") != 0 && strcmp(chip, "talvir4180x") != 0;
+        for (const char letter : {'a', 'b', 'c'}) {
+            char name[] = {letter, '\0'};
+            Log::save_logs_thread(1, name);
+            name[0] = 'x';
+        }
+        for (int i = 0; i < 50; ++i) {
+            Log::check_debug_level();
+            Log::dump_info("main", "meanwhile %d\n", i);
+        }
+        EXPECT_EQ(kernel().join_detached(), saves ? 3u : 0u) << chip;
+        const auto named = [](char letter) {
+            return MatchesRegex(std::string(1, letter) + "_[0-9]{12}_[0-9]{2}.log");
+        };
+        if (saves) {
+            EXPECT_THAT(list(kLogDir), ElementsAre(named('a'), named('b'), named('c')));
+        }
+        for (const std::string& file : list(kLogDir))
+            std::filesystem::remove(std::string(kLogDir) + "/" + file);
+    }
+    debug_level = 0;
+    Log::save_logs_thread(1, "x");
+    EXPECT_EQ(kernel().join_detached(), 0u);
+}
+
+}  // namespace
+}  // namespace rvd::test
