@@ -236,6 +236,8 @@ def check_sources():
     fuzzers = {path.stem: path.read_text() for path in (ROOT / "fuzz").glob("*.cpp")}
     doors = {name for name, text in fuzzers.items()
              if re.search(r"LLVMFuzzerTestOneInput\(.*\{", text) and '"lab/' not in text}
+    dictionaries = {path.stem for path in (ROOT / "fuzz").glob("*.dict")}
+    expect_same("dictionary", dictionaries & doors, re.findall(r'"fuzz/(\w+)\.dict"', android))
     expect_same("fuzzer", doors, set(re.findall(r'"fuzz/(\w+)\.cpp"', android)) - {"support"})
 
 
