@@ -51,6 +51,7 @@ void Loader::stop() {
     outgoing_.clear();
     step_ = 0;
     step_size_ = frame_ = 0;
+    image_bytes_ = image_frames_ = 0;
 }
 
 void Loader::plan_handshake() {
