@@ -148,9 +148,13 @@ bool Gate::apply_fault(const Call& call) {
 void Gate::transfer_part(const Call& call, size_t size) {
     ProcessMemory memory(call.tid());
     std::vector<char> bytes(std::min<size_t>(size, call.argument(2)));
+    const bool reads = std::string(call.shape->name) == "read";
+    // Of a packet that was cut on its way into the link nothing reaches the other side.
+    if (!reads && link_at(static_cast<int>(call.argument(0))) != nullptr)
+        return answer(call, static_cast<int64_t>(bytes.size()));
     const int fd = duplicate(process_.pidfd, static_cast<int>(call.argument(0)));
     ssize_t result = 0;
-    if (!bytes.empty() && std::string(call.shape->name) == "read") {
+    if (!bytes.empty() && reads) {
         result = read(fd, bytes.data(), bytes.size());
         if (result > 0)
             memory.write(call.argument(1), bytes.data(), static_cast<size_t>(result));
