@@ -96,7 +96,7 @@ std::vector<Rule> rules_for(const std::vector<CallShape>& shapes) {
         if (shape.service == Service::ioctl)
             rule.arguments = {SCMP_A1(SCMP_CMP_MASKED_EQ, 0xFF00, kLnkmType << 8)};
         if (std::string(shape.name) == "prctl")
-            rule.arguments = {SCMP_A0(SCMP_CMP_EQ, PR_SET_KEEPCAPS)};
+            rule.arguments = {SCMP_A0(SCMP_CMP_EQ, PR_SET_KEEPCAPS, 0)};
         if (std::string(shape.name) == "clone")
             rule.arguments = {SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD)};
         rules.push_back(rule);
