@@ -2,6 +2,9 @@
 // what can be read, what is refused and what the manual says are one list.
 #pragma once
 
+// A scenario that is no TOML is refused with its line; the library's own assertions come before its
+// message, and would end the process instead.
+#define TOML_ASSERT(expr) static_cast<void>(0)
 #include <toml++/toml.h>
 
 #include <functional>
