@@ -42,6 +42,8 @@ std::string make_root(const RunOptions& options, const std::string& name) {
 int work(const Scenario& scenario, const RunOptions& options) try {
     const auto violations = run_scenario(scenario, options);
     return violations.empty() ? kHeld : kNotHeld;
+} catch (const Reboots&) {
+    return kReboots;
 } catch (const Unable& unable) {
     printf("rvd-lab: %s\n", unable.what());
     return kUnable;

@@ -10,6 +10,7 @@ namespace rvd::lab {
 // What a run's process ended with, and the lab itself.
 constexpr int kHeld = 0;
 constexpr int kNotHeld = 1;
+constexpr int kReboots = 76;  // run again after the machine's reboot
 constexpr int kUnable = 77;
 
 // Runs all of them, tells of each in one line and shows the story of those that did not hold.

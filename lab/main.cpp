@@ -67,6 +67,10 @@ int run(CommandLine& line) {
         if (line.seed != 0) scenario.seed = line.seed;
     }
     line.run.summary = line.story;
+    if (line.run.relay) {
+        if (scenarios.size() != 1) throw Unable("name one case with --case: --relay runs no more");
+        return run_one(scenarios[0], line.run);
+    }
     if (scenarios.size() == 1 && line.story) return run_one(scenarios[0], line.run);
     return run_all(scenarios, line.run, line.jobs, line.quiet);
 }
@@ -90,6 +94,13 @@ int main(int argc, char** argv) try {
     run_command->add_option("--jobs", line.jobs, "how many at once");
     run_command->add_flag("--quiet", line.quiet, "name only the cases that did not hold");
     run_command->add_flag("--story", line.story, "tell the story of every case");
+    run_command->add_option("--notebook", line.run.notebook,
+                            "with --relay: where the run keeps what it needs to go on with after a "
+                            "reboot or a panic, when the same command is to be given again")
+            ->default_val("/var/tmp/rvd-lab.notebook");
+    run_command->add_flag("--relay", line.run.relay,
+                          "run one case behind the relay module, on this machine's own kernel: "
+                          "clock, disk, rights, reboots and panics are real");
     add_run_options(*run_command, line);
 
     CLI::App* keys_command = app.add_subcommand("keys", "print what a scenario can say");

@@ -85,8 +85,22 @@ void Phone::build(const std::string& daemon_binary) {
     mount_system();
     make_tree();
     make_files();
+    put_daemon(daemon_binary);
+}
+
+void Phone::resume(const std::string& daemon_binary) {
+    mount_system();
+    put_cmdline();
+    put_daemon(daemon_binary);
+}
+
+void Phone::put_cmdline() const {
+    bind(path("/run/rvd/cmdline"), "/proc/cmdline", true);
+}
+
+void Phone::put_daemon(const std::string& binary) const {
     write_file(path(kDaemonPath), "");
-    bind(daemon_binary, kDaemonPath, true);
+    bind(binary, kDaemonPath, true);
     for (const std::string& directory : scenario_.read_only) {
         fs::create_directories(path(directory));
         bind(path(directory), directory, true);
@@ -141,7 +155,7 @@ void Phone::make_tree() const {
         own(file);
     }
     write_file(path("/run/rvd/cmdline"), scenario_.cmdline + "\n");
-    bind(path("/run/rvd/cmdline"), "/proc/cmdline", true);
+    put_cmdline();
     write_file(path("/etc/group"),
                scenario_.log_group ? format("log:x:%u:\n", kLogGroup) : "root:x:0:\n");
     for (const auto& [name, value] : scenario_.properties) set_property(name, value);

@@ -29,6 +29,9 @@ class Phone {
     // Builds the root. Call after enter_namespaces().
     void build(const std::string& daemon_binary);
 
+    // The root that was built before the machine went down. Call instead of build().
+    void resume(const std::string& daemon_binary);
+
     const std::string& root() const { return root_; }
     std::string path(const std::string& inside) const { return root_ + inside; }
     const Partition& partition() const { return partition_; }
@@ -43,6 +46,8 @@ class Phone {
   private:
     void bind(const std::string& from, const std::string& to, bool read_only) const;
     void mount_system() const;
+    void put_cmdline() const;
+    void put_daemon(const std::string& binary) const;
     void make_tree() const;
     void make_files() const;
     void own(const std::string& inside) const;

@@ -14,10 +14,16 @@ struct RunOptions {
     bool keep = false;        // its files stay
     std::string trace;        // where the trace goes; empty: nowhere
     bool real_time = false;
+    bool relay = false;       // behind the relay module, on this machine's own kernel
+    std::string notebook;     // where such a run keeps what it needs to go on after a reboot
     bool story = true;        // told as it happens
     bool summary = false;     // files, transfers and verdict at the end
     int timeout = 60;         // seconds of real time
 };
+
+// Thrown when the run goes on after this machine's reboot, which is now due: call again then, with
+// the same notebook.
+struct Reboots {};
 
 // Runs the scenario in this process, which it changes for good: run it in a child. Returns the
 // violations, empty if everything held. Throws Unable.

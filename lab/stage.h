@@ -35,6 +35,9 @@ class RunStage : public Stage {
 
     // Called when the device goes to upload mode; true if the run goes on, with a reboot.
     std::function<bool()> on_upload;
+
+    // Called when the machine itself is about to go down and nothing can be said afterwards.
+    std::function<void(bool panics)> on_down;
 };
 
 }  // namespace rvd::lab

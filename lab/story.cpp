@@ -40,6 +40,13 @@ double seconds(Time time) {
 Story::Story(FILE* out, Time start)
     : out_(out), colours_(out != nullptr && isatty(fileno(out)) != 0), start_(start), now_(start) {}
 
+void Story::recall(std::vector<std::string> log, std::vector<std::string> requests,
+                   std::vector<std::string> violations) {
+    log_ = std::move(log);
+    requests_ = std::move(requests);
+    violations_ = std::move(violations);
+}
+
 void Story::tell(const char* from, const char* to, const std::string& text) {
     told_.push_back({now_ - start_, from, text});
     if (out_ == nullptr) return;

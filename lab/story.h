@@ -38,6 +38,10 @@ class Story {
     // Called with each line ("line") and request ("request").
     std::function<void(const char* kind, const std::string& text)> on_fact;
 
+    // What was said, asked and wrong before, where a run goes on after the machine went down.
+    void recall(std::vector<std::string> log, std::vector<std::string> requests,
+                std::vector<std::string> violations);
+
     const std::vector<std::string>& log() const { return log_; }
     const std::vector<std::string>& requests() const { return requests_; }
 

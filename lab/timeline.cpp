@@ -4,10 +4,10 @@
 
 namespace rvd::lab {
 
-void Timeline::resume(size_t position) {
+void Timeline::resume(size_t position, bool panicked) {
     at_ = position;
     // An upload that was waited for has been, and the reboot that it asked for as well.
-    if (!finished() && next().upload) apply(scenario_.timeline[at_++]);
+    if (panicked && !finished() && next().upload) apply(scenario_.timeline[at_++]);
     phone_.clear_properties();
     driver_.reboot();
     arm();

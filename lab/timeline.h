@@ -20,8 +20,9 @@ class Timeline {
 
     void begin() { arm(); }
 
-    // The events before `position` have happened, and the phone has just rebooted.
-    void resume(size_t position);
+    // The events before `position` have happened, and the phone has just come up again, after a
+    // panic or a mere reboot.
+    void resume(size_t position, bool panicked);
 
     // What triggers events: the daemon begins to wait, the device goes to upload mode (true where
     // that was wanted), something is logged or requested.

@@ -1,0 +1,93 @@
+// The stage on a real kernel: the nodes are the relay module's, the kernel's log, clock, disk and
+// rights are the machine's own, and a panic or a reboot takes the machine along. Only for a machine
+// that exists for this: its clock is set to the scenario's.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <vector>
+
+#include "lab/phone.h"
+#include "lab/relay_control.h"
+#include "lab/stage.h"
+#include "lab/story.h"
+
+namespace rvd::lab {
+
+class RelayStage : public RunStage {
+  public:
+    // Throws Unable where the scenario wants of the kernel what a real one doesn't do on demand.
+    // The phone is built. `resumed` says that the clock is right already.
+    RelayStage(const Scenario& scenario, const Phone& phone, Story& story, Time start, bool resumed,
+               std::chrono::seconds patience);
+    ~RelayStage() override;
+    RelayStage(const RelayStage&) = delete;
+    RelayStage& operator=(const RelayStage&) = delete;
+
+    void connect(Modem& modem) override { modem_ = &modem; }
+    void start_daemon() override;
+    bool reboot() override;
+    std::string serve() override;
+    void stop(const std::string& end) override { end_ = end; }
+    std::map<int, std::string> descriptors() const override;
+
+    Time now() const override;
+    void later(Time delay, std::function<void()> what) override;
+    void hang_up(Node node) override;
+    void end_hang_up() override;
+    void flush(Node node) override;
+    void pump(Node node) override;
+    void panic() override;
+
+  private:
+    // One open descriptor of a node.
+    struct Link {
+        Node node;
+        uint64_t id;
+        bool hung = false;
+        bool waits_for_hang_up = false;
+        std::deque<Packet> out = {};  // refused for want of room, at most one
+    };
+
+    void put_nodes();
+    void spawn();
+    void wait_for_something();
+    void run_due_events();
+    void handle(const RelayControl::Event& event);
+    void open_node(const RelayControl::Event& event);
+    void serve_request(const RelayControl::Event& event);
+    void drain_kernel_log();
+    void reap();
+    void notice_rest();
+    bool parked() const;
+    void end_daemon();
+    void check_identity();
+    void check_sinks();
+    Link* link_with(uint64_t id);
+
+    const Scenario& scenario_;
+    const Phone& phone_;
+    Story& story_;
+    const Time limit_;
+    const std::chrono::steady_clock::time_point give_up_;
+    RelayControl control_;
+    int kernel_log_ = -1;
+    Modem* modem_ = nullptr;
+
+    pid_t pid_ = -1;
+    int pidfd_ = -1;
+    bool identified_ = false;
+    std::string end_;
+    std::multimap<Time, std::function<void()>> events_;
+    std::chrono::steady_clock::time_point last_activity_;
+    std::vector<Link> links_;
+    const RelayControl::Event* served_ = nullptr;
+
+    // What the kernel's log has, and where in the Android log the same begins.
+    std::vector<std::string> kernel_lines_;
+    size_t android_start_ = 0;
+};
+
+}  // namespace rvd::lab
