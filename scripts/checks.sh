@@ -31,16 +31,14 @@ must() {
     fi
 }
 
-# check WHAT COMMAND...: one check of its own; its failure is counted and the next one runs.
+# A check of its own: its failure is counted and the next one runs.
 check() {
-    local what=$1
-    shift
     echo
-    echo "==> $what: $*"
+    echo "==> $*"
     if "$@"; then
         checks_passed=$((checks_passed + 1))
     else
-        echo "==> failed: $what"
+        echo "==> failed: $*"
         checks_failed=$((checks_failed + 1))
     fi
 }
