@@ -34,6 +34,7 @@ struct Unit {
 };
 constexpr Unit kTimes[] = {
         {"ms", kMillisecond}, {"s", kSecond}, {"min", 60 * kSecond}, {"h", 3600 * kSecond}};
+constexpr double kBeyondNumbers = 9223372036854775808.0;
 constexpr Unit kSizes[] = {{"KiB", 1 << 10}, {"MiB", 1 << 20}, {"GiB", 1 << 30}};
 
 // "1.5 s" with the units given.
@@ -50,8 +51,9 @@ int64_t measured(const toml::node& node, const Unit (&units)[N], const char* exa
     while (used < text.size() && text[used] == ' ')
         used++;
     for (const Unit& unit : units) {
-        if (used > 0 && value >= 0 && text.substr(used) == unit.name)
-            return static_cast<int64_t>(value * static_cast<double>(unit.factor));
+        const double amount = value * static_cast<double>(unit.factor);
+        if (used > 0 && value >= 0 && amount < kBeyondNumbers && text.substr(used) == unit.name)
+            return static_cast<int64_t>(amount);
     }
     refuse_at(node, std::string("a value like ") + example + " is wanted here");
 }
