@@ -124,24 +124,25 @@ void Gate::hold(const Call& call, Time deadline) {
 }
 
 bool Gate::apply_fault(const Call& call) {
+    const Fault* due = nullptr;
     for (const Fault& fault : scenario_.faults) {
         if (fault.call != call.shape->family) continue;
         if (fault.path != "*" && !matches(fault.path, path_of(call))) continue;
-        if (!fault.turn.takes(++fault_times_[&fault])) continue;
-        story_.tell("kernel", "daemon",
-                    fault.call + " " + path_of(call) + ": " +
-                            (fault.hang_up ? "hang-up" : fault.cut ? "cut short" : fault.error));
-        if (fault.hang_up) {
-            if (Link* link = link_at(static_cast<int>(call.argument(0)))) hang_up(link->node);
-            proceed(call);
-        } else if (fault.cut) {
-            transfer_part(call, static_cast<size_t>(*fault.cut));
-        } else {
-            answer(call, -errno_number(fault.error));
-        }
-        return true;
+        if (fault.turn.takes(++fault_times_[&fault]) && due == nullptr) due = &fault;
     }
-    return false;
+    if (due == nullptr) return false;
+    story_.tell("kernel", "daemon",
+                due->call + " " + path_of(call) + ": " +
+                        (due->hang_up ? "hang-up" : due->cut ? "cut short" : due->error));
+    if (due->hang_up) {
+        if (Link* link = link_at(static_cast<int>(call.argument(0)))) hang_up(link->node);
+        proceed(call);
+    } else if (due->cut) {
+        transfer_part(call, static_cast<size_t>(*due->cut));
+    } else {
+        answer(call, -errno_number(due->error));
+    }
+    return true;
 }
 
 // Reads or writes less than was asked for, in the daemon's stead: the file position is shared.
