@@ -81,6 +81,7 @@ void Gate::close_process() {
     threads_.clear();
     queue_.clear();
     waiting_.clear();
+    idle_.clear();
     births_ = 0;
     runner_ = 0;
     gone_ = false;
@@ -152,7 +153,10 @@ void Gate::take_notification() {
         handle(call);
         return;
     }
-    if (threads_.insert(call.tid()).second && births_ > 0) births_--;
+    if (threads_.insert(call.tid()).second) {
+        births_ = std::max(births_ - 1, 0);
+        idle_.insert(call.tid());
+    }
     if (runner_ == call.tid()) {
         handle(call);
     } else {
@@ -196,15 +200,18 @@ bool Gate::answer_ready_polls() {
 }
 
 void Gate::advance() {
-    const auto first = std::min_element(
-            waiting_.begin(), waiting_.end(),
-            [](const auto& a, const auto& b) { return a.second.deadline < b.second.deadline; });
     const Time event = events_.empty() ? kNever : events_.begin()->first;
-    const Time next = std::min(event, first->second.deadline);
+    const Waiting* first = nullptr;
+    Time real = event;  // when something can come of it
+    for (const auto& [tid, waiting] : waiting_) {
+        if (first == nullptr || waiting.deadline < first->deadline) first = &waiting;
+        if (!waiting.hollow) real = std::min(real, waiting.deadline);
+    }
+    const Time next = std::min(event, first->deadline);
     const Time limit = setup_.start + scenario_.limit;
-    if (next == kNever) {
+    if (real == kNever) {
         end_ = "waits";
-    } else if (event == kNever && next - last_activity_ > kQuiet) {
+    } else if (event == kNever && real - last_activity_ > kQuiet) {
         end_ = "parked";
     } else if (next > limit) {
         now_ = limit;
@@ -216,10 +223,14 @@ void Gate::advance() {
     if (!end_.empty()) return;
     if (event <= now_) {
         run_due_events();
-        return;
+    } else {
+        expire(first->call);
     }
-    const Call call = first->second.call;
-    waiting_.erase(first);
+}
+
+// The time of a sleep or of a poll is up.
+void Gate::expire(Call call) {
+    waiting_.erase(call.tid());
     runner_ = call.tid();
     if (call.shape->service == Service::poll) {
         std::vector<pollfd> fds = polled(call);

@@ -71,6 +71,7 @@ class Gate : public RunStage {
     struct Waiting {
         Call call;
         Time deadline;
+        bool hollow;  // a helper that only ever sleeps, as a sanitizer's: nothing comes of it
     };
 
     // The loop.
@@ -78,6 +79,7 @@ class Gate : public RunStage {
     void take_notification();
     void schedule();
     void advance();
+    void expire(Call call);
     bool answer_ready_polls();
     void run_due_events();
     void reap();
@@ -88,7 +90,7 @@ class Gate : public RunStage {
     void handle(const Call& call);
     void answer(const Call& call, int64_t result);
     void proceed(const Call& call);
-    void hold(const Call& call, Time deadline);
+    void hold(const Call& call, Time deadline, bool hollow = false);
     bool apply_fault(const Call& call);
     void transfer_part(const Call& call, size_t size);
     void do_open(const Call& call);
@@ -141,6 +143,7 @@ class Gate : public RunStage {
     pid_t runner_ = 0;
     std::map<pid_t, Call> queue_;
     std::map<pid_t, Waiting> waiting_;
+    std::set<pid_t> idle_;  // did nothing since they slept
 
     std::vector<Link> links_;
     struct KernelLog {

@@ -58,9 +58,11 @@ void Gate::handle(const Call& call) {
         case Service::poll:
         case Service::sleep:
         case Service::clock:
+        case Service::thread_start:
             break;
         default:
             last_activity_ = now_;
+            idle_.erase(call.tid());
     }
     if (apply_fault(call)) return;
     switch (call.shape->service) {
@@ -118,8 +120,8 @@ void Gate::proceed(const Call& call) {
     ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
 }
 
-void Gate::hold(const Call& call, Time deadline) {
-    waiting_.emplace(call.tid(), Waiting{call, deadline});
+void Gate::hold(const Call& call, Time deadline, bool hollow) {
+    waiting_.emplace(call.tid(), Waiting{call, deadline, hollow});
     if (runner_ == call.tid()) runner_ = 0;
 }
 
@@ -192,7 +194,7 @@ void Gate::check_path(const Call& call, const std::string& path) {
                                          kWakeLockPath,          kWakeUnlockPath,
                                          kSimCountPath,          kPropertyDir,
                                          kAndroidLog,            "/dev/null",
-                                         "/proc/"};
+                                         "/proc/",               "/tmp/tsan."};
     const char* coverage = getenv("GCOV_PREFIX");
     const bool own = std::any_of(std::begin(places), std::end(places),
                                  [&](const char* place) { return under(path, place); });
@@ -355,8 +357,12 @@ void Gate::do_sleep(const Call& call) {
         deadline = from_timespec(span);
         if (call.argument(0) != CLOCK_REALTIME) deadline += setup_.start - kUptime;
     }
-    hold(call, deadline);
-    if (threads_.size() == 1 && on_sleep) on_sleep(deadline - now_);
+    const bool helper = call.tid() != process_.pid;
+    hold(call, deadline, helper && !idle_.insert(call.tid()).second);
+    const auto hollow = std::count_if(waiting_.begin(), waiting_.end(),
+                                      [](const auto& waiting) { return waiting.second.hollow; });
+    if (!helper && threads_.size() == 1 + static_cast<size_t>(hollow) && on_sleep)
+        on_sleep(deadline - now_);
 }
 
 void Gate::do_clock(const Call& call) {

@@ -168,6 +168,7 @@ void Gate::drain_kernel_log() {
             kernel_logs_.erase(kernel_logs_.begin() + static_cast<ptrdiff_t>(i));
         } else {
             last_activity_ = now_;
+            idle_.erase(runner_);
             std::string text(record, static_cast<size_t>(n));
             if (text.size() > kLongestRecord)
                 story_.violation(format("a kernel log record of %zd bytes: refused", n));
