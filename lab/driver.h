@@ -30,6 +30,12 @@ class Driver : public Modem {
     // The device went through a reboot.
     void reboot();
 
+    // How often each request was made, by name: what a scenario's answers count by. Handed on where a
+    // run goes on after the machine went down.
+    using Times = std::map<std::string, int>;
+    const Times& times() const { return times_; }
+    void recall(Times times) { times_ = std::move(times); }
+
     const Loader& loader() const { return loader_; }
 
     // Seed of a region's content by its name.
@@ -87,7 +93,7 @@ class Driver : public Modem {
     int state_;
     bool powered_ = false, verified_ = false;
     enum class Due { nothing, done, fail } notification_ = Due::nothing;
-    std::map<std::string, int> times_;
+    Times times_;
 
     uint8_t* modem_memory_;
     const toc_entry* image_ = nullptr;  // the image being loaded, or loaded last

@@ -35,6 +35,7 @@ void add_run_options(CLI::App& app, CommandLine& line) {
     app.add_option("--seed", line.seed, "seed of all content, instead of the scenario's");
     app.add_option("--timeout", line.run.timeout, "seconds of real time a run may take");
     app.add_option("--trace", line.run.trace, "write the story as trace events to this file");
+    app.add_option("--log", line.run.log, "write the daemon's lines to this file");
     app.add_flag("--real-time", line.run.real_time,
                  "the real clock, and nothing between the daemon and its data");
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <inttypes.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <sstream>
@@ -40,8 +41,8 @@ bool Notebook::take(const std::string& path) {
     unlink(path.c_str());
     std::string line;
     int panic = 0;
-    if (!std::getline(lines, line) ||
-        sscanf(line.c_str(), "%" SCNd64 " %zu %d", &start, &position, &panic) != 3)
+    if (!std::getline(lines, line) || sscanf(line.c_str(), "%" SCNd64 " %" SCNd64 " %zu %d", &start,
+                                             &now, &position, &panic) != 4)
         return false;
     panicked = panic != 0;
     while (std::getline(lines, line)) {
@@ -59,6 +60,9 @@ bool Notebook::take(const std::string& path) {
             case 'V':
                 violations.push_back(text);
                 break;
+            case 'T':
+                times[text.substr(text.find(' ') + 1)] = atoi(text.c_str());
+                break;
             default:
                 throw Unable(path + " is no notebook");
         }
@@ -67,7 +71,7 @@ bool Notebook::take(const std::string& path) {
 }
 
 void Notebook::store(const std::string& path) const {
-    std::string text = format("%" PRId64 " %zu %d\n", start, position, panicked);
+    std::string text = format("%" PRId64 " %" PRId64 " %zu %d\n", start, now, position, panicked);
     if (!crash_sentence.empty()) text += "C" + escape(crash_sentence) + "\n";
     for (const std::string& line : log)
         text += "L" + escape(line) + "\n";
@@ -75,6 +79,8 @@ void Notebook::store(const std::string& path) const {
         text += "R" + escape(request) + "\n";
     for (const std::string& violation : violations)
         text += "V" + escape(violation) + "\n";
+    for (const auto& [name, number] : times)
+        text += format("T%d ", number) + name + "\n";
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
         fsync(fd) != 0)

@@ -2,6 +2,7 @@
 // another process afterwards.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -10,11 +11,12 @@
 namespace rvd::lab {
 
 struct Notebook {
-    Time start = 0;
+    Time start = 0, now = 0;
     size_t position = 0;    // of the timeline
     bool panicked = false;  // rather than rebooted
     std::string crash_sentence;
     std::vector<std::string> log, requests, violations;
+    std::map<std::string, int> times;  // of the driver's requests
 
     // Returns false where nothing was written down. Reading it uses it up.
     bool take(const std::string& path);

@@ -54,7 +54,7 @@ void refuse_what_a_kernel_does_not(const Scenario& scenario) {
 }  // namespace
 
 RelayStage::RelayStage(const Scenario& scenario, const Phone& phone, Story& story, Time start,
-                       bool resumed, std::chrono::seconds patience)
+                       Time now, std::chrono::seconds patience)
     : scenario_(scenario),
       phone_(phone),
       story_(story),
@@ -62,12 +62,13 @@ RelayStage::RelayStage(const Scenario& scenario, const Phone& phone, Story& stor
       give_up_(steady_clock::now() + patience),
       last_activity_(steady_clock::now()) {
     refuse_what_a_kernel_does_not(scenario);
-    const timespec time = {start / kSecond, start % kSecond};
-    if (!resumed && clock_settime(CLOCK_REALTIME, &time) != 0) fail_errno("cannot set the clock");
+    const timespec time = {now / kSecond, now % kSecond};
+    if (clock_settime(CLOCK_REALTIME, &time) != 0) fail_errno("cannot set the clock");
     put_nodes();
     kernel_log_ = open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (kernel_log_ < 0 || lseek(kernel_log_, 0, SEEK_END) < 0)
         fail_errno("cannot read the kernel's log");
+    sync();  // what the phone begins with is on its disk, whatever happens
     android_start_ = read_file(phone_.path(kAndroidLog)).size();
 }
 

@@ -19,8 +19,8 @@ namespace rvd::lab {
 class RelayStage : public RunStage {
   public:
     // Throws Unable where the scenario wants of the kernel what a real one doesn't do on demand.
-    // The phone is built. `resumed` says that the clock is right already.
-    RelayStage(const Scenario& scenario, const Phone& phone, Story& story, Time start, bool resumed,
+    // The phone is built. The clock is set to `now`; `start` is when the run began.
+    RelayStage(const Scenario& scenario, const Phone& phone, Story& story, Time start, Time now,
                std::chrono::seconds patience);
     ~RelayStage() override;
     RelayStage(const RelayStage&) = delete;

@@ -67,18 +67,13 @@ void print_summary(const Phone& phone, const Story& story, const Outcome& outcom
         printf("  %s\n", violation.c_str());
 }
 
-// Says where the run stands, for the process that goes on with it.
-void write_down(const std::string& path, const Story& story, const Timeline& timeline, Time start,
-                bool panics) {
+Notebook story_so_far(const Story& story) {
     Notebook notebook;
-    notebook.start = start;
-    notebook.position = timeline.position();
-    notebook.panicked = panics;
     notebook.crash_sentence = story.crash_sentence;
     notebook.log = story.log();
     notebook.requests = story.requests();
     notebook.violations = story.violations();
-    notebook.store(path);
+    return notebook;
 }
 
 // What a scenario can expect of a real kernel: no times to the letter, and none of the requests
@@ -98,10 +93,10 @@ Scenario on_real_kernel(Scenario scenario) {
 }
 
 std::unique_ptr<RunStage> make_stage(const Scenario& scenario, const RunOptions& options,
-                                     const Phone& phone, Story& story, Time start, bool resumed) {
+                                     const Phone& phone, Story& story, Time start, Time now) {
     const std::chrono::seconds patience(options.timeout);
     if (options.relay)
-        return std::make_unique<RelayStage>(scenario, phone, story, start, resumed, patience);
+        return std::make_unique<RelayStage>(scenario, phone, story, start, now, patience);
     return std::make_unique<Gate>(scenario, phone, story,
                                   Gate::Setup{start, options.real_time, patience});
 }
@@ -123,7 +118,8 @@ std::vector<std::string> run_scenario(const Scenario& wanted, const RunOptions& 
     const Time start = resumed ? before.start : parse_start(scenario.start);
     Story story(options.story ? stdout : nullptr, start);
     if (resumed) story.recall(before.log, before.requests, before.violations);
-    const auto stage = make_stage(scenario, options, phone, story, start, resumed);
+    const auto stage =
+            make_stage(scenario, options, phone, story, start, resumed ? before.now : start);
     Driver driver(scenario, phone.partition(), *stage, story);
     Timeline timeline(scenario, phone, *stage, driver, story, start);
     stage->connect(driver);
@@ -134,7 +130,13 @@ std::vector<std::string> run_scenario(const Scenario& wanted, const RunOptions& 
         if (span == kSecond) check_between_passes(*stage, story);
     };
     stage->on_down = [&](bool panics) {
-        write_down(options.notebook, story, timeline, start, panics);
+        Notebook notebook = story_so_far(story);
+        notebook.start = start;
+        notebook.now = stage->now();
+        notebook.position = timeline.position();
+        notebook.panicked = panics;
+        notebook.times = driver.times();
+        notebook.store(options.notebook);
     };
     story.on_fact = [&](const std::string& kind, const std::string& text) {
         timeline.fact(kind, text);
@@ -150,6 +152,7 @@ std::vector<std::string> run_scenario(const Scenario& wanted, const RunOptions& 
     if (resumed) {
         story.crash_sentence = before.crash_sentence;
         story.tell("phone", "", "is up again");
+        driver.recall(before.times);
         timeline.resume(before.position, before.panicked);
     }
     if (resumed && before.panicked && timeline.position() == before.position) {
@@ -166,6 +169,12 @@ std::vector<std::string> run_scenario(const Scenario& wanted, const RunOptions& 
     check_always(phone, story);
     if (options.summary) print_summary(phone, story, outcome);
     if (!options.trace.empty()) story.write_trace(options.trace);
+    if (!options.log.empty()) {
+        std::string lines;
+        for (const std::string& line : story.log())
+            lines += line + "\n";
+        write_file(options.log, lines);
+    }
     return story.violations();
 }
 
