@@ -94,8 +94,9 @@ TEST_F(Device, AnNvFileIsOpenedAsItIsOrRefused) {
     EXPECT_EQ(read_file(there), "short");
     EXPECT_EQ(Util::create_empty_nv(path("empty").c_str(), 0), -14);
     EXPECT_EQ(said().back(), "create_empty_nv: ERR! wrong size(0)");
-    EXPECT_EQ(Util::create_empty_nv("/dev/full", 1), -14);
-    EXPECT_EQ(said().back(), "! create_empty_nv: NV(/dev/full) write fail");
+    const FullDisk disk(100000);
+    EXPECT_EQ(Util::create_empty_nv(missing.c_str(), 100001), -14);
+    EXPECT_EQ(said().back(), "! create_empty_nv: NV(" + missing + ") write fail");
 }
 
 TEST_F(Device, TheSimCountStandsBehindTheFirstEqualsSign) {

@@ -1,7 +1,5 @@
 // The upload of a crash dump: announcement, reason, steps, and what reaches the crash files.
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <climits>
@@ -175,15 +173,9 @@ TEST_F(Upload, StepsBeyondTheirFieldAreNotAskedFor) {
 }
 
 TEST_F(Upload, ADiskThatFillsUpKeepsWhatItHolds) {
-    rlimit unlimited = {};
-    getrlimit(RLIMIT_FSIZE, &unlimited);
-    const rlimit full = {3000, unlimited.rlim_max};
-    const auto standing = signal(SIGXFSZ, SIG_IGN);
     const Modem modem(&dump().fd[DUMP_FD_NODE], ">9D01 <AD01:2:1:2048 <AD01:2:2:2048");
-    setrlimit(RLIMIT_FSIZE, &full);
+    const FullDisk disk(3000);
     EXPECT_EQ(protocol_.std_ul_recv_data(1), -1);
-    setrlimit(RLIMIT_FSIZE, &unlimited);
-    signal(SIGXFSZ, standing);
     EXPECT_EQ(said().back(), "! std_ul_recv_data: ERR! [step 1] seq# 2 write fail");
     EXPECT_TRUE(saved() == pattern(3000));
 }

@@ -1,6 +1,7 @@
 #include "tests/support/phone.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -150,6 +151,13 @@ Lines Phone::said() {
         lines.push_back(line);
     }
     return lines;
+}
+
+FullDisk::FullDisk(rlim_t bytes) {
+    signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit full = {bytes, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
 }
 
 void set_property(const std::string& name, const std::string& value) {

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <deque>
 #include <memory>
@@ -81,6 +82,16 @@ class Phone : public testing::Test {
     int kernel_log_ = -1;
     size_t read_ = 0;
     size_t descriptors_ = 0;
+};
+
+// Files end at `bytes` while it lives, as if the disk were full. The logs too: keep it beyond them.
+class FullDisk {
+  public:
+    explicit FullDisk(rlim_t bytes);
+    ~FullDisk() { setrlimit(RLIMIT_FSIZE, &before_); }
+
+  private:
+    rlimit before_ = {};
 };
 
 void set_property(const std::string& name, const std::string& value);
