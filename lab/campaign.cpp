@@ -76,7 +76,8 @@ int finish(const Worker& worker, int status, bool keep) {
 void copy_out(FILE* from) {
     char piece[4096];
     rewind(from);
-    for (size_t n; (n = fread(piece, 1, sizeof(piece), from)) > 0;) fwrite(piece, 1, n, stdout);
+    for (size_t n; (n = fread(piece, 1, sizeof(piece), from)) > 0;)
+        fwrite(piece, 1, n, stdout);
 }
 
 }  // namespace

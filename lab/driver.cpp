@@ -314,7 +314,8 @@ int64_t Driver::set_srinfo(Call& call) {
     const size_t length = std::min<size_t>(buf.len, sizeof(buf.data));
     if (buf.len == 0 || buf.len > sizeof(buf.data))
         story_.violation(format("a record of %u bytes is handed back", buf.len));
-    call.detail = format(" len=%u ", buf.len) + std::string(buf.data, std::min<size_t>(length, 200));
+    call.detail =
+            format(" len=%u ", buf.len) + std::string(buf.data, std::min<size_t>(length, 200));
     return 0;
 }
 

@@ -30,8 +30,8 @@ class Driver : public Modem {
     // The device went through a reboot.
     void reboot();
 
-    // How often each request was made, by name: what a scenario's answers count by. Handed on where a
-    // run goes on after the machine went down.
+    // How often each request was made, by name: what a scenario's answers count by. Handed on where
+    // a run goes on after the machine went down.
     using Times = std::map<std::string, int>;
     const Times& times() const { return times_; }
     void recall(Times times) { times_ = std::move(times); }

@@ -1,6 +1,5 @@
 #include "lab/gate.h"
 
-
 #include <errno.h>
 #include <signal.h>
 #include <string.h>
@@ -12,7 +11,8 @@
 
 #include "lab/memory.h"
 
-// Newer than some headers: the thread that is answered runs at once, on the processor that answered.
+// Newer than some headers: the thread that is answered runs at once, on the processor that
+// answered.
 #ifndef SECCOMP_IOCTL_NOTIF_SET_FLAGS
 #define SECCOMP_IOCTL_NOTIF_SET_FLAGS SECCOMP_IOW(4, __u64)
 #define SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP (1UL << 0)
@@ -26,6 +26,9 @@ using std::chrono::steady_clock;
 
 // With nothing but sleeps for so long, and nothing to come, the daemon has parked.
 constexpr Time kQuiet = 200 * kSecond;
+
+// With the real clock a wait isn't seen; but no wait of the daemon's for the modem is longer.
+constexpr Time kRealQuiet = 35 * kSecond;
 
 // A running thread that says nothing for so long may wait for one that is kept waiting.
 constexpr int kRunnerPatienceMs = 50;
@@ -44,7 +47,8 @@ Gate::Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup set
       real_start_(steady_clock::now()) {
     const auto shapes = calls_to_watch(scenario, !setup.real_time);
     rules_ = rules_for(shapes);
-    for (const CallShape& shape : shapes) shapes_.emplace(shape.number, shape);
+    for (const CallShape& shape : shapes)
+        shapes_.emplace(shape.number, shape);
 }
 
 Gate::~Gate() {
@@ -56,7 +60,8 @@ void Gate::start_daemon() {
     process_ = launch(phone_.root(), scenario_.args, rules_, !setup_.real_time);
     ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_SET_FLAGS, SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP);
     std::string words = "starts the daemon: rvd";
-    for (const std::string& argument : scenario_.args) words += " " + argument;
+    for (const std::string& argument : scenario_.args)
+        words += " " + argument;
     story_.tell("phone", "daemon", words);
 }
 
@@ -73,8 +78,10 @@ void Gate::close_process() {
     drain();
     close(process_.pidfd);
     close(process_.listener);
-    for (const Link& link : links_) close(link.fd);
-    for (const KernelLog& log : kernel_logs_) close(log.fd);
+    for (const Link& link : links_)
+        close(link.fd);
+    for (const KernelLog& log : kernel_logs_)
+        close(log.fd);
     process_ = Process();
     links_.clear();
     kernel_logs_.clear();
@@ -92,6 +99,8 @@ std::string Gate::serve() {
         run_due_events();
         if (!setup_.real_time) schedule();
         if (end_.empty()) wait_for_something();
+        if (setup_.real_time && events_.empty() && now_ - last_activity_ > kRealQuiet)
+            stop("quiet");
         if (steady_clock::now() - real_start_ > setup_.patience) {
             story_.violation(format("the run took longer than %lld s of real time",
                                     static_cast<long long>(setup_.patience.count())));
@@ -118,15 +127,16 @@ void Gate::end_daemon() {
 
 void Gate::wait_for_something() {
     std::vector<pollfd> set = {{process_.listener, POLLIN, 0}, {process_.pidfd, POLLIN, 0}};
-    for (const KernelLog& log : kernel_logs_) set.push_back({log.fd, POLLIN, 0});
+    for (const KernelLog& log : kernel_logs_)
+        set.push_back({log.fd, POLLIN, 0});
     for (const Link& link : links_) {
         if (!link.hung)
             set.push_back({link.fd, static_cast<short>(POLLIN | (link.pending ? POLLOUT : 0)), 0});
     }
     int timeout = 1000;
     if (setup_.real_time && !events_.empty())
-        timeout = static_cast<int>(std::clamp<Time>((events_.begin()->first - now_) / kMillisecond,
-                                                    0, timeout));
+        timeout = static_cast<int>(
+                std::clamp<Time>((events_.begin()->first - now_) / kMillisecond, 0, timeout));
     const bool others = !setup_.real_time && !queue_.empty();
     if (others) timeout = kRunnerPatienceMs;
     const int ready = poll(set.data(), set.size(), timeout);
@@ -234,7 +244,8 @@ void Gate::expire(Call call) {
     runner_ = call.tid();
     if (call.shape->service == Service::poll) {
         std::vector<pollfd> fds = polled(call);
-        for (pollfd& entry : fds) entry.revents = 0;
+        for (pollfd& entry : fds)
+            entry.revents = 0;
         ProcessMemory(call.tid()).write(call.argument(0), fds.data(), fds.size() * sizeof(pollfd));
     }
     answer(call, 0);

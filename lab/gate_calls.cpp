@@ -135,7 +135,9 @@ bool Gate::apply_fault(const Call& call) {
     if (due == nullptr) return false;
     story_.tell("kernel", "daemon",
                 due->call + " " + path_of(call) + ": " +
-                        (due->hang_up ? "hang-up" : due->cut ? "cut short" : due->error));
+                        (due->hang_up ? "hang-up"
+                         : due->cut   ? "cut short"
+                                      : due->error));
     if (due->hang_up) {
         if (Link* link = link_at(static_cast<int>(call.argument(0)))) hang_up(link->node);
         proceed(call);
@@ -159,8 +161,7 @@ void Gate::transfer_part(const Call& call, size_t size) {
     ssize_t result = 0;
     if (!bytes.empty() && reads) {
         result = read(fd, bytes.data(), bytes.size());
-        if (result > 0)
-            memory.write(call.argument(1), bytes.data(), static_cast<size_t>(result));
+        if (result > 0) memory.write(call.argument(1), bytes.data(), static_cast<size_t>(result));
     } else if (!bytes.empty() && memory.read(call.argument(1), bytes.data(), bytes.size())) {
         result = write(fd, bytes.data(), bytes.size());
     }
@@ -182,19 +183,17 @@ std::string Gate::path_of_fd(int fd) const {
         if (link.daemon_fd == fd) return std::string("/dev/") + node_name(link.node);
     }
     char target[4096];
-    const ssize_t n = readlink(format("/proc/%d/fd/%d", process_.pid, fd).c_str(), target,
-                               sizeof(target));
+    const ssize_t n =
+            readlink(format("/proc/%d/fd/%d", process_.pid, fd).c_str(), target, sizeof(target));
     const std::string path(target, n > 0 ? static_cast<size_t>(n) : 0);
     return under(path, phone_.root()) ? path.substr(phone_.root().size()) : path;
 }
 
 // The daemon's own places. Anything else it changes is a fault of its own.
 void Gate::check_path(const Call& call, const std::string& path) {
-    static const char* const places[] = {"/data/vendor/log/rvd", "/mnt/vendor/",
-                                         kWakeLockPath,          kWakeUnlockPath,
-                                         kSimCountPath,          kPropertyDir,
-                                         kAndroidLog,            "/dev/null",
-                                         "/proc/",               "/tmp/tsan."};
+    static const char* const places[] = {
+            "/data/vendor/log/rvd", "/mnt/vendor/", kWakeLockPath, kWakeUnlockPath, kSimCountPath,
+            kPropertyDir,           kAndroidLog,    "/dev/null",   "/proc/",        "/tmp/tsan."};
     const char* coverage = getenv("GCOV_PREFIX");
     const bool own = std::any_of(std::begin(places), std::end(places),
                                  [&](const char* place) { return under(path, place); });
@@ -218,8 +217,7 @@ void Gate::do_ioctl(const Call& call) {
     if (link == nullptr) return proceed(call);
     ProcessMemory memory(call.tid());
     served_ = &call;
-    const int64_t result =
-            modem_->request(link->node, call.argument(1), call.argument(2), memory);
+    const int64_t result = modem_->request(link->node, call.argument(1), call.argument(2), memory);
     served_ = nullptr;
     if (gone_) return hold(call, kNever);
     answer(call, result);
@@ -275,8 +273,8 @@ void Gate::do_identity(const Call& call) {
         __user_cap_data_struct data[2] = {};
         ProcessMemory(call.tid()).read(call.argument(1), data, sizeof(data));
         words += format(" effective=%08x%08x permitted=%08x%08x inheritable=%08x%08x",
-                        data[1].effective, data[0].effective, data[1].permitted,
-                        data[0].permitted, data[1].inheritable, data[0].inheritable);
+                        data[1].effective, data[0].effective, data[1].permitted, data[0].permitted,
+                        data[1].inheritable, data[0].inheritable);
     }
     const bool about_file = call.shape->path >= 0;
     if (!about_file) story_.request("kernel", words);
@@ -306,7 +304,8 @@ bool Gate::poll_ready(const Call& call) {
         int unread = 0;
         if (link != nullptr && !link->hung) {
             ioctl(link->fd, SIOCOUTQ, &unread);
-            entry.revents = static_cast<short>(entry.events & (unread > 0 ? POLLIN | POLLOUT : POLLOUT));
+            entry.revents =
+                    static_cast<short>(entry.events & (unread > 0 ? POLLIN | POLLOUT : POLLOUT));
         } else if (const int fd = duplicate(process_.pidfd, entry.fd); fd < 0) {
             entry.revents = POLLNVAL;
         } else {

@@ -86,7 +86,7 @@ Gate::Link* Gate::link_at(int daemon_fd) {
 
 // Puts a fresh pair in the place of the daemon's descriptor, while one of its calls is served.
 void Gate::renew(Link& link) {
-    if (!link.hung) close(link.fd);
+    close(link.fd);
     int daemon_end = -1;
     link.fd = open_pair(daemon_end);
     link.inode = inode(format("/proc/self/fd/%d", daemon_end));
@@ -106,6 +106,7 @@ void Gate::hang_up(Node node) {
     for (Link& link : links_) {
         if (link.node != node || link.hung) continue;
         close(link.fd);
+        link.fd = -1;
         link.hung = true;
         link.pending = false;
     }
@@ -133,6 +134,7 @@ void Gate::pump(Node node) {
 void Gate::pump_link(Link& link) {
     while (!link.hung) {
         if (!link.pending && !modem_->next(link.node, link.out)) return;
+        last_activity_ = now_;
         link.pending = send(link.fd, link.out.data(), link.out.size(), MSG_NOSIGNAL) < 0;
         if (link.pending) {
             if (errno != EAGAIN) link.pending = false;
@@ -195,6 +197,7 @@ void Gate::drain_link(size_t index) {
             gone();
             return;
         }
+        last_activity_ = now_;
         received_.resize(static_cast<size_t>(n));
         modem_->received(links_[index].node, received_);
         if (links_[index].hung) return;

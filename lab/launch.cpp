@@ -34,7 +34,8 @@ std::vector<std::string> environment() {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> list;
-    for (std::string& text : texts) list.push_back(text.data());
+    for (std::string& text : texts)
+        list.push_back(text.data());
     list.push_back(nullptr);
     return list;
 }
@@ -76,10 +77,9 @@ scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
     scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
     if (filter == nullptr) throw Unable("no room for the filter");
     for (const Rule& rule : rules) {
-        const int result =
-                seccomp_rule_add_array(filter, SCMP_ACT_NOTIFY, rule.call,
-                                       static_cast<unsigned>(rule.arguments.size()),
-                                       rule.arguments.data());
+        const int result = seccomp_rule_add_array(filter, SCMP_ACT_NOTIFY, rule.call,
+                                                  static_cast<unsigned>(rule.arguments.size()),
+                                                  rule.arguments.data());
         if (result != 0)
             throw Unable(format("this kernel can't hand over system call %d: %s", rule.call,
                                 strerror(-result)));
@@ -112,7 +112,8 @@ scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
 uint64_t stack_start(pid_t pid) {
     const std::string status = read_file(format("/proc/%d/stat", pid));
     size_t at = status.rfind(')') + 1;
-    for (int field = 2; field < 27; field++) at = status.find(' ', at + 1);
+    for (int field = 2; field < 27; field++)
+        at = status.find(' ', at + 1);
     return strtoull(status.c_str() + at, nullptr, 10);
 }
 
@@ -125,8 +126,9 @@ void hide_shared_clock(pid_t pid) {
     const ssize_t got = process_vm_readv(pid, &local, 1, &remote, 1, 0);
     if (got <= 0) fail_errno("cannot read the daemon's stack");
     stack.resize(static_cast<size_t>(got) / sizeof(uint64_t));
-    size_t at = 1 + stack[0] + 1;                             // arguments
-    while (at < stack.size() && stack[at] != 0) at++;         // environment
+    size_t at = 1 + stack[0] + 1;  // arguments
+    while (at < stack.size() && stack[at] != 0)
+        at++;  // environment
     for (at++; at + 1 < stack.size() && stack[at] != AT_NULL; at += 2) {
         if (stack[at] != AT_SYSINFO_EHDR) continue;
         uint64_t ignore = AT_IGNORE;
@@ -159,8 +161,9 @@ Process launch(const std::string& root, const std::vector<std::string>& argument
     close(sockets[0]);
     int status = 0;
     if (process.listener < 0 || waitpid(process.pid, &status, 0) < 0 || !WIFSTOPPED(status))
-        throw Unable("the daemon could not be started under a system-call filter; the kernel must "
-                     "offer seccomp user notification (5.5 or later) and allow ptrace of children");
+        throw Unable(
+                "the daemon could not be started under a system-call filter; the kernel must "
+                "offer seccomp user notification (5.5 or later) and allow ptrace of children");
     if (virtual_time) hide_shared_clock(process.pid);
     process.pidfd = static_cast<int>(syscall(SYS_pidfd_open, process.pid, 0));
     ptrace(PTRACE_DETACH, process.pid, nullptr, nullptr);

@@ -51,7 +51,8 @@ void Loader::stop() {
     outgoing_.clear();
     step_ = 0;
     step_size_ = frame_ = 0;
-    image_bytes_ = image_frames_ = 0;
+    image_.clear();
+    image_frames_ = 0;
 }
 
 void Loader::plan_handshake() {
@@ -144,7 +145,7 @@ void Loader::accept_frame(const Packet& packet, const Expected& expected) {
     const toc_entry& entry = *expected.entry;
     udl_frame frame{};
     memcpy(&frame, packet.data(), std::min(packet.size(), sizeof(frame)));
-    const uint64_t left = entry.size - image_bytes_;
+    const uint64_t left = entry.size - image_.size();
     const bool right = frame.cmd == expected.word && frame.num_frames == udl_frames(entry.size) &&
                        frame.curr_frame == image_frames_ + 1 &&
                        frame.len == std::min<uint64_t>(left, UDL_MSS) &&
@@ -153,24 +154,21 @@ void Loader::accept_frame(const Packet& packet, const Expected& expected) {
         wrong(packet);
         return;
     }
-    if (!partition_.holds(entry, image_bytes_, frame.data, frame.len))
-        story_.violation(format("frame %u of %.12s isn't what its file holds", frame.curr_frame,
-                                entry.name));
-    if (frame.curr_frame == 1)
-        story_.begin_transfer(format("image %.12s", entry.name), entry.size);
-    image_bytes_ += frame.len;
+    if (frame.curr_frame == 1) story_.begin_transfer(format("image %.12s", entry.name), entry.size);
+    image_.insert(image_.end(), frame.data, frame.data + frame.len);
     image_frames_ = frame.curr_frame;
     story_.advance_transfer(frame.len);
-    if (image_bytes_ == entry.size) {
-        image_done(expected);
-    }
+    if (image_.size() == entry.size) image_done(expected);
 }
 
 void Loader::image_done(const Expected& expected) {
     story_.tell("daemon", "loader",
                 format("image %.12s, %s in %u frames", expected.entry->name,
                        human_size(expected.entry->size).c_str(), image_frames_));
-    image_bytes_ = image_frames_ = 0;
+    if (!partition_.holds(*expected.entry, 0, image_.data(), image_.size()))
+        story_.violation(format("%.12s isn't what its file holds", expected.entry->name));
+    image_.clear();
+    image_frames_ = 0;
     step_++;
     send_word(response_to(expected.word));
 }
@@ -190,8 +188,8 @@ uint64_t Loader::dump_size() const {
 void Loader::announce_dump() {
     const DumpSetup& dump = scenario_.dump;
     udl_dump_info info{};
-    info.dump_size = static_cast<uint32_t>(
-            dump.announce_size.value_or(static_cast<int64_t>(dump_size())));
+    info.dump_size =
+            static_cast<uint32_t>(dump.announce_size.value_or(static_cast<int64_t>(dump_size())));
     info.num_steps = static_cast<uint32_t>(
             dump.announce_steps.value_or(static_cast<int64_t>(dump.steps.size())));
     info.reason_len = static_cast<uint32_t>(
@@ -285,9 +283,9 @@ void Loader::send(const std::string& name, Packet packet) {
     if (quirk->cut) packet.resize(static_cast<size_t>(*quirk->cut));
     packet.resize(packet.size() + static_cast<size_t>(quirk->extra), 0x55);
     due += quirk->late;
-    story_.tell("loader", "daemon", format("%s, not as it should be: %zu bytes, first word %s",
-                                           name.c_str(), packet.size(),
-                                           name_of(first_word(packet)).c_str()));
+    story_.tell("loader", "daemon",
+                format("%s, not as it should be: %zu bytes, first word %s", name.c_str(),
+                       packet.size(), name_of(first_word(packet)).c_str()));
     outgoing_.push_back({packet, due});
     if (quirk->twice) outgoing_.push_back({packet, due});
     if (quirk->late > 0) {

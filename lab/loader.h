@@ -1,5 +1,5 @@
-// The modem's boot loader: takes images over the boot node, serves crash dumps on the dump node, and
-// holds the daemon to the protocol word by word and byte by byte. Where the scenario says so it
+// The modem's boot loader: takes images over the boot node, serves crash dumps on the dump node,
+// and holds the daemon to the protocol word by word and byte by byte. Where the scenario says so it
 // misbehaves, at exactly the packet named.
 #pragma once
 
@@ -83,7 +83,7 @@ class Loader {
     int generation_ = 0;
 
     // The image that is coming in.
-    uint64_t image_bytes_ = 0;
+    Packet image_;
     uint32_t image_frames_ = 0;
 
     // The dump step that is going out.

@@ -81,8 +81,9 @@ int run(CommandLine& line) {
 int main(int argc, char** argv) try {
     CommandLine line;
     line.run.daemon = default_daemon();
-    CLI::App app("A virtual phone: runs the unmodified rvd on this machine, against a model of the "
-                 "modem's driver and boot loader.");
+    CLI::App app(
+            "A virtual phone: runs the unmodified rvd on this machine, against a model of the "
+            "modem's driver and boot loader.");
     app.require_subcommand(1);
 
     CLI::App* demo_command = app.add_subcommand("demo", "tell the story of a modem's life");
@@ -95,9 +96,10 @@ int main(int argc, char** argv) try {
     run_command->add_option("--jobs", line.jobs, "how many at once");
     run_command->add_flag("--quiet", line.quiet, "name only the cases that did not hold");
     run_command->add_flag("--story", line.story, "tell the story of every case");
-    run_command->add_option("--notebook", line.run.notebook,
-                            "with --relay: where the run keeps what it needs to go on with after a "
-                            "reboot or a panic, when the same command is to be given again")
+    run_command
+            ->add_option("--notebook", line.run.notebook,
+                         "with --relay: where the run keeps what it needs to go on with after a "
+                         "reboot or a panic, when the same command is to be given again")
             ->default_val("/var/tmp/rvd-lab.notebook");
     run_command->add_flag("--relay", line.run.relay,
                           "run one case behind the relay module, on this machine's own kernel: "

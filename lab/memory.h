@@ -27,7 +27,8 @@ class ProcessMemory : public Memory {
         return process_vm_writev(pid_, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
     }
 
-    // A text up to its NUL, at most a path's length; read page by page, for the next may be missing.
+    // A text up to its NUL, at most a path's length; read page by page, for the next may be
+    // missing.
     std::string text(uint64_t address) {
         constexpr uint64_t kPage = 4096;
         std::string result;

@@ -36,7 +36,8 @@ void start_guardian() {
     if (pid < 0) fail_errno("cannot fork");
     if (pid > 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    for (;;) pause();
+    for (;;)
+        pause();
 }
 
 }  // namespace
@@ -68,16 +69,14 @@ bool Phone::real_root() {
 }
 
 Phone::Phone(const Scenario& scenario, std::string directory, bool keep)
-    : scenario_(scenario),
-      root_(std::move(directory)),
-      keep_(keep),
-      partition_(scenario, root_) {}
+    : scenario_(scenario), root_(std::move(directory)), keep_(keep), partition_(scenario, root_) {}
 
 void Phone::build(const std::string& daemon_binary) {
     if (keep_) {
         if (!fs::is_empty(root_) && !fs::exists(root_ + "/" + kMarker))
             throw Unable(root_ + " isn't empty and wasn't made by rvd-lab");
-        for (const auto& entry : fs::directory_iterator(root_)) fs::remove_all(entry);
+        for (const auto& entry : fs::directory_iterator(root_))
+            fs::remove_all(entry);
         write_file(path("/") + kMarker, "");
     } else if (mount("tmpfs", root_.c_str(), "tmpfs", MS_NOSUID, "mode=0755") != 0) {
         fail_errno("cannot mount the phone's root");
@@ -158,7 +157,8 @@ void Phone::make_tree() const {
     put_cmdline();
     write_file(path("/etc/group"),
                scenario_.log_group ? format("log:x:%u:\n", kLogGroup) : "root:x:0:\n");
-    for (const auto& [name, value] : scenario_.properties) set_property(name, value);
+    for (const auto& [name, value] : scenario_.properties)
+        set_property(name, value);
 }
 
 void Phone::make_files() const {
@@ -176,7 +176,8 @@ void Phone::make_files() const {
              at = fs::path(at).parent_path())
             own(at);
     }
-    for (const std::string& missing : scenario_.missing) fs::remove_all(path(missing));
+    for (const std::string& missing : scenario_.missing)
+        fs::remove_all(path(missing));
 }
 
 void Phone::own(const std::string& inside) const {

@@ -17,8 +17,8 @@ constexpr char kOutput[] = "/run/rvd/output";  // standard output and error
 constexpr char kDaemonPath[] = "/vendor/bin/rvd";
 constexpr gid_t kLogGroup = 1007;
 
-// Gives this process mounts and process numbers of its own, as root or as an ordinary user in a user
-// namespace. Processes it starts from now on die with it. Throws Unable with what is missing.
+// Gives this process mounts and process numbers of its own, as root or as an ordinary user in a
+// user namespace. Processes it starts from now on die with it. Throws Unable with what is missing.
 void enter_namespaces();
 
 class Phone {

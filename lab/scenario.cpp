@@ -10,19 +10,27 @@ namespace rvd::lab {
 
 namespace {
 
+constexpr int64_t kLargestFiller = 16 << 20;
+
 void read_turn(Reader& reader, Turn& turn) {
     reader.number("nth", turn.nth, "from which time on it applies (1)")
             .number("count", turn.count, "to how many of them; 0: to all that follow (1)");
 }
 
 void read_phone(Reader& reader, Scenario& s) {
+    std::map<std::string, int64_t> fillers;
     reader.map("files", s.files, "files made beforehand: path = content")
+            .map("fillers", fillers, "files made beforehand of nothing but 'x': path = bytes")
             .texts("missing", s.missing, "paths (nodes, directories, files) that don't exist")
             .texts("read_only", s.read_only, "directories on a read-only file system")
             .map("free", s.free_mb, "free space by path prefix, in MB (20000)")
             .number("full_after", s.full_after, "the data disk takes this many bytes and no more")
             .number("ring", s.ring, "bytes in the kernel's log ring (what was logged)")
             .flag("log_group", s.log_group, "the group \"log\" exists (true)");
+    for (const auto& [path, size] : fillers) {
+        if (size < 0 || size > kLargestFiller) reader.refuse("no filler has so many bytes: " + path);
+        s.files[path].assign(static_cast<size_t>(size), 'x');
+    }
 }
 
 void read_firmware(Reader& reader, Firmware& firmware) {

@@ -30,22 +30,23 @@ enum {
 };
 
 enum {
-	RELAY_OPEN = 1,	 /* wants an answer: 0 or a negated errno */
+	RELAY_OPEN = 1,  /* wants an answer: 0 or a negated errno */
 	RELAY_CLOSE = 2, /* `open` is not heard of again */
 	RELAY_IOCTL = 3, /* wants an answer: what the caller's ioctl returns */
 	RELAY_WRITE = 4, /* one write, as data */
-	RELAY_WAIT = 5,	 /* the caller begins to wait; `request` has the poll events it asked for */
-	RELAY_ROOM = 6,	 /* an open that refused a packet takes packets again */
+	RELAY_WAIT = 5,  /* the caller begins to wait; `request` has the poll events it asked for */
+	RELAY_ROOM = 6,  /* an open that refused a packet takes packets again */
 };
 
-/* One event. `length` bytes of data follow it: a write's packet, or what an ioctl's argument held. */
+/* One event. `length` bytes of data follow it: a write's packet, or what an ioctl's argument held.
+ */
 struct relay_event {
 	__u32 kind;
 	__u32 node;
-	__u64 open;	/* which open descriptor; numbers are not used twice */
-	__u64 call;	/* names the waiting caller in orders; 0 where none waits */
+	__u64 open;     /* which open descriptor; numbers are not used twice */
+	__u64 call;     /* names the waiting caller in orders; 0 where none waits */
 	__u64 argument; /* of an ioctl, as the caller gave it */
-	__u32 request;	/* of an ioctl */
+	__u32 request;  /* of an ioctl */
 	__u32 length;
 };
 
