@@ -128,7 +128,8 @@ static void drop_incoming(struct relay_open *open)
 {
 	struct relay_message *message, *next;
 
-	list_for_each_entry_safe(message, next, &open->incoming, list) kfree(message);
+	list_for_each_entry_safe(message, next, &open->incoming, list)
+		kfree(message);
 	INIT_LIST_HEAD(&open->incoming);
 	open->incoming_bytes = 0;
 }
@@ -137,7 +138,9 @@ static struct relay_open *find_open(u64 id)
 {
 	struct relay_open *open;
 
-	list_for_each_entry(open, &opens, list) if (open->id == id) return open;
+	list_for_each_entry(open, &opens, list)
+		if (open->id == id)
+			return open;
 	return NULL;
 }
 
@@ -145,7 +148,9 @@ static struct relay_call *find_call(u64 id)
 {
 	struct relay_call *call;
 
-	list_for_each_entry(call, &calls, list) if (call->item.event.call == id) return call;
+	list_for_each_entry(call, &calls, list)
+		if (call->item.event.call == id)
+			return call;
 	return NULL;
 }
 
@@ -247,7 +252,7 @@ static ssize_t node_read(struct file *file, char __user *buffer, size_t size, lo
 		queue_item(&open->wait_item);
 		mutex_unlock(&lock);
 		result = wait_event_interruptible(open->wait, !list_empty(&open->incoming) ||
-								  open->hung || open->dead);
+								      open->hung || open->dead);
 		if (result)
 			return result;
 		mutex_lock(&lock);
@@ -304,8 +309,8 @@ static ssize_t node_write(struct file *file, const char __user *buffer, size_t s
 		if (file->f_flags & O_NONBLOCK)
 			result = -EAGAIN;
 		else
-			result = wait_event_interruptible(open->wait, writable(open) ||
-									  open->hung || open->dead);
+			result = wait_event_interruptible(
+				open->wait, writable(open) || open->hung || open->dead);
 		mutex_lock(&lock);
 	}
 	if (!result && open->dead)
@@ -346,19 +351,19 @@ static __poll_t node_poll(struct file *file, poll_table *table)
 }
 
 static const struct file_operations node_operations = {
-    .owner = THIS_MODULE,
-    .open = node_open,
-    .release = node_release,
-    .unlocked_ioctl = node_ioctl,
-    .read = node_read,
-    .write = node_write,
-    .poll = node_poll,
-    .llseek = no_llseek,
+	.owner = THIS_MODULE,
+	.open = node_open,
+	.release = node_release,
+	.unlocked_ioctl = node_ioctl,
+	.read = node_read,
+	.write = node_write,
+	.poll = node_poll,
+	.llseek = no_llseek,
 };
 
 static struct miscdevice nodes[RELAY_NODES] = {
-    [RELAY_NODE_BOOT] = {.minor = MISC_DYNAMIC_MINOR, .fops = &node_operations},
-    [RELAY_NODE_DUMP] = {.minor = MISC_DYNAMIC_MINOR, .fops = &node_operations},
+	[RELAY_NODE_BOOT] = { .minor = MISC_DYNAMIC_MINOR, .fops = &node_operations },
+	[RELAY_NODE_DUMP] = { .minor = MISC_DYNAMIC_MINOR, .fops = &node_operations },
 };
 
 static int node_open(struct inode *inode, struct file *file)
@@ -430,17 +435,16 @@ static int control_release(struct inode *inode, struct file *file)
 
 	mutex_lock(&lock);
 	held = false;
-	list_for_each_entry_safe(item, next, &items, list) unqueue_item(item);
-	list_for_each_entry(call, &calls, list)
-	{
+	list_for_each_entry_safe(item, next, &items, list)
+		unqueue_item(item);
+	list_for_each_entry(call, &calls, list) {
 		if (call->done)
 			continue;
 		call->result = -ENODEV;
 		WRITE_ONCE(call->done, true);
 		wake_up_all(&call->wait);
 	}
-	list_for_each_entry(open, &opens, list)
-	{
+	list_for_each_entry(open, &opens, list) {
 		open->dead = true;
 		wake_up_all(&open->wait);
 	}
@@ -662,26 +666,26 @@ static long control_ioctl(struct file *file, unsigned int request, unsigned long
 }
 
 static const struct file_operations control_operations = {
-    .owner = THIS_MODULE,
-    .open = control_open,
-    .release = control_release,
-    .read = control_read,
-    .poll = control_poll,
-    .unlocked_ioctl = control_ioctl,
-    .llseek = no_llseek,
+	.owner = THIS_MODULE,
+	.open = control_open,
+	.release = control_release,
+	.read = control_read,
+	.poll = control_poll,
+	.unlocked_ioctl = control_ioctl,
+	.llseek = no_llseek,
 };
 
 static struct miscdevice control = {
-    .minor = MISC_DYNAMIC_MINOR,
-    .name = RELAY_CONTROL_NAME,
-    .fops = &control_operations,
-    .mode = 0600,
+	.minor = MISC_DYNAMIC_MINOR,
+	.name = RELAY_CONTROL_NAME,
+	.fops = &control_operations,
+	.mode = 0600,
 };
 
 static int __init relay_init(void)
 {
-	struct miscdevice *const devices[] = {&nodes[RELAY_NODE_BOOT], &nodes[RELAY_NODE_DUMP],
-					      &control};
+	struct miscdevice *const devices[] = { &nodes[RELAY_NODE_BOOT], &nodes[RELAY_NODE_DUMP],
+					       &control };
 	int i, result;
 
 	nodes[RELAY_NODE_BOOT].name = boot;
