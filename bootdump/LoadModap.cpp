@@ -57,9 +57,8 @@ bool BootDumpModap::open_nv_files(cp_boot_mode mode) {
     for (unsigned i = boot_args_.first_stage; i <= last; ++i) {
         const toc_entry& entry = boot_args_.toc[i];
         Log::info("prepare_boot_args",
-                  "toc[%d].name = %.*s, b_off=0x%08x, m_off=0x%08x, size=0x%08x\n",
-                  static_cast<int>(i), kTocNameWidth, entry.name, entry.b_off, entry.m_off,
-                  entry.size);
+                  "toc[%d].name = %s, b_off=0x%08x, m_off=0x%08x, size=0x%08x\n",
+                  static_cast<int>(i), TocName(entry).text, entry.b_off, entry.m_off, entry.size);
         if (!open_nv(entry, mode, &nv_size)) return false;
         if (has_name(entry, kTocVss)) boot_args_.has_vss = 1;
     }
@@ -81,9 +80,8 @@ void BootDumpModap::build_std_dload_control() {
         planned.size = entry.size;
         planned.crc = entry.crc;
         Log::info("build_std_dload_control",
-                  "stage=%u, name:%.*s b_off=0x%08x, m_offset=0x%08x b_size=0x%08x\n",
-                  planned.stage, kTocNameWidth, entry.name, planned.b_off, planned.m_off,
-                  planned.size);
+                  "stage=%u, name:%s b_off=0x%08x, m_offset=0x%08x b_size=0x%08x\n", planned.stage,
+                  TocName(entry).text, planned.b_off, planned.m_off, planned.size);
     }
 }
 

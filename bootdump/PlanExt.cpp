@@ -26,9 +26,9 @@ bool BootDumpExt::open_nv_files(cp_boot_mode mode) {
     uint32_t nv_size = 0;
     for (unsigned i = 0; i < count; ++i) {
         const toc_entry& entry = boot_args_.toc[i];
-        Log::info(kTag, "TOC[%d].name = %.*s, b_off=0x%08x, m_off=0x%08x, size=0x%08x crc=0x%08x\n",
-                  static_cast<int>(i), kTocNameWidth, entry.name, entry.b_off, entry.m_off,
-                  entry.size, entry.crc);
+        Log::info(kTag, "TOC[%d].name = %s, b_off=0x%08x, m_off=0x%08x, size=0x%08x crc=0x%08x\n",
+                  static_cast<int>(i), TocName(entry).text, entry.b_off, entry.m_off, entry.size,
+                  entry.crc);
         if (!open_nv(entry, mode, &nv_size)) return false;
     }
     return nv_found(mode, nv_size);
@@ -45,8 +45,8 @@ void BootDumpExt::build_std_dload_control() {
     for (; index < count && !has_name(boot_args_.toc[index], kTocOffset); ++index) {
         const std_dload_control* row = plan_row(index);
         Log::info("build_std_dload_control",
-                  "stage=%u, name:%.*s b_off=0x%08x, m_offset=0x%08x b_size=0x%08x\n", row->stage,
-                  kTocNameWidth, boot_args_.toc[index].name, row->b_off, row->m_off, row->size);
+                  "stage=%u, name:%s b_off=0x%08x, m_offset=0x%08x b_size=0x%08x\n", row->stage,
+                  TocName(boot_args_.toc[index]).text, row->b_off, row->m_off, row->size);
     }
     if (index >= kDloadStages) return;
     std_dload_control& end = boot_args_.dload[index];

@@ -38,7 +38,11 @@ inline bool has_name(const toc_entry& entry, const char* name) {
     return strncmp(entry.name, name, sizeof(entry.name)) == 0;
 }
 
-// For "%.*s": a name that fills its field has no terminator.
-constexpr int kTocNameWidth = sizeof(toc_entry::name);
+// A name as text: one that fills its field has no terminator there.
+struct TocName {
+    explicit TocName(const toc_entry& entry) { memcpy(text, entry.name, sizeof(entry.name)); }
+
+    char text[sizeof(toc_entry::name) + 1] = {};
+};
 
 }  // namespace rvd

@@ -157,9 +157,11 @@ int SrinfoVelo::write_srinfo_last(int fd, char* data, unsigned int size) {
 int SrinfoVelo::write_srinfo_file(int fd, char* data, unsigned int size) {
     constexpr char kTag[] = "write_srinfo_file";
     const PaddedRecord record(data, size);
-    char header[64];
+    char stamp[64];
     const tm now = local_now();
-    strftime(header, sizeof(header), "[%Y-%m-%d %H:%M:%S]\n", &now);
+    strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", &now);
+    char header[sizeof(stamp) + sizeof("[]\n")];
+    format_text(header, "[%s]\n", stamp);
     write_all(fd, header, strlen(header));
     Log::info(kTag, "store to hex ascii text size=(0x%x)\n", record.size);
     for (unsigned offset = 0; offset < record.size; offset += kRow) {

@@ -108,7 +108,7 @@ TEST_F(Plan, TheIntegratedModemLoadsItsStagesInTheOrderOfTheTable) {
         if (accepted) {
             EXPECT_THAT(plan(), EndsWith(c.plan));
         } else {
-            EXPECT_EQ(said().back(), std::string("prepare_boot_args: ") + c.plan);
+            EXPECT_EQ(last_said(), std::string("prepare_boot_args: ") + c.plan);
             EXPECT_EQ(boot().fd[BOOT_FD_PARTITION], -1);
         }
         Container::getBootDump()->std_boot_close_args();
@@ -148,7 +148,7 @@ TEST_F(Plan, TheExternalModemSendsRowsOverTheLink) {
         if (accepted) {
             EXPECT_THAT(plan(), EndsWith(c.plan));
         } else {
-            EXPECT_EQ(said().back(), std::string("prepare_boot_args: ") + c.plan);
+            EXPECT_EQ(last_said(), std::string("prepare_boot_args: ") + c.plan);
         }
         Container::getBootDump()->std_boot_close_args();
     }

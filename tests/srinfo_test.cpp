@@ -88,15 +88,15 @@ TEST_F(SrinfoTest, ARecordTravelsToItsFilesAndBack) {
 
         // While it waits, no newer record is fetched.
         srinfo_.store_srinfo(kNode);
-        EXPECT_EQ(said().back(), "store_srinfo: srinfo_last file exist, skip!");
+        EXPECT_EQ(last_said(), "store_srinfo: srinfo_last file exist, skip!");
         EXPECT_EQ(read_file(kHexLog), log);
 
         expect_hand_back(text.substr(0, kDataSize), -1);
         srinfo_.restore_srinfo(kNode);
-        EXPECT_EQ(said().back(), "! restore_srinfo: ioctl fail - Set srinfo(-1)");
+        EXPECT_EQ(last_said(), "! restore_srinfo: ioctl fail - Set srinfo(-1)");
         expect_hand_back(text.substr(0, kDataSize), 0);
         srinfo_.restore_srinfo(kNode);
-        EXPECT_EQ(said().back(), std::string("restore_srinfo: done = ") + kLast);
+        EXPECT_EQ(last_said(), std::string("restore_srinfo: done = ") + kLast);
         EXPECT_FALSE(std::filesystem::exists(kLast));
     }
 }
@@ -162,39 +162,39 @@ TEST_F(SrinfoTest, TheLogIsRotatedWhenItHasGrownBeyond64KiB) {
         EXPECT_EQ(read_file(kHexLog).size(), blocked ? 65537u : 0u);
         if (fd >= 0) close(fd);
     }
-    EXPECT_EQ(said().back(), std::string("! open_srinfo_file: rename (") + kHexLog + " -> " +
-                                     kPrevious + ") file fail");
+    EXPECT_EQ(last_said(), std::string("! open_srinfo_file: rename (") + kHexLog + " -> " +
+                                   kPrevious + ") file fail");
 }
 
 TEST_F(SrinfoTest, WhatStandsInTheWayIsReportedAndKept) {
     srinfo_.restore_srinfo(kNode);
-    EXPECT_EQ(said().back(), "restore_srinfo: sr_info_last open fail(-1)");
+    EXPECT_EQ(last_said(), "restore_srinfo: sr_info_last open fail(-1)");
 
     std::filesystem::create_directory("/data/vendor/log/rvd/err");
     write_file(kLast, "");
     srinfo_.restore_srinfo(kNode);
-    EXPECT_EQ(said().back(), "! restore_srinfo: last_sr_info file read fail");
+    EXPECT_EQ(last_said(), "! restore_srinfo: last_sr_info file read fail");
     srinfo_.store_srinfo(kNode);
-    EXPECT_EQ(said().back(), "store_srinfo: srinfo_last file exist, skip!");
+    EXPECT_EQ(last_said(), "store_srinfo: srinfo_last file exist, skip!");
 
     std::filesystem::remove(kLast);
     std::filesystem::create_directory(kLast);
     srinfo_.restore_srinfo(kNode);
-    EXPECT_EQ(said().back(), "restore_srinfo: sr_info_last open fail(-1)");
+    EXPECT_EQ(last_said(), "restore_srinfo: sr_info_last open fail(-1)");
 
     // The log cannot be opened: the last record is stored all the same.
     std::filesystem::remove(kLast);
     std::filesystem::create_directory(kHexLog);
     expect_fetch(record_with_brace(40), 100);
     srinfo_.store_srinfo(kNode);
-    EXPECT_EQ(said().back(), "store_srinfo: sr_info_last create fail(-1)");
+    EXPECT_EQ(last_said(), "store_srinfo: sr_info_last create fail(-1)");
     EXPECT_EQ(read_file(kLast).size(), 41u);
 
     std::filesystem::remove_all(kLogDir);
     write_file(kLogDir, "");
     expect_fetch(record_with_brace(40), 100);
     srinfo_.store_srinfo(kNode);
-    EXPECT_EQ(said().back(),
+    EXPECT_EQ(last_said(),
               std::string("create_srinfo_directory: (") + kLogDir + ") is not a directory");
 }
 
