@@ -112,7 +112,7 @@ TEST_F(Controller, AnImageGoesToTheDriverInChunksThatEndWithAPartialOne) {
         for (uint32_t sent = 0; sent <= size; sent += kChunk)
             expect_chunk(image.substr(sent, kChunk), size, 0x1000 + sent);
         EXPECT_EQ(integrated().load_cp_image_by_stage(2, CP_BOOT_MODE_DUMP), 0);
-        EXPECT_EQ(said().back(), "load_cp_image_by_stage: 2 stage complelte");
+        EXPECT_EQ(last_said(), "load_cp_image_by_stage: 2 stage complelte");
         driver().verify();
         modem().std_boot_close_args();
     }
@@ -122,17 +122,17 @@ TEST_F(Controller, AnImageThatCannotBeLoadedFailsItsStage) {
     plan_stage(2, kChunk + 9, kChunk + 8);
     expect_chunk(pattern(kChunk), kChunk + 9, 0x1000);
     EXPECT_EQ(integrated().load_cp_image_by_stage(2, CP_BOOT_MODE_DUMP), -14);
-    EXPECT_EQ(said().back(), "load_cp_image_by_stage: ERR! read 8 != img.len 9");
+    EXPECT_EQ(last_said(), "load_cp_image_by_stage: ERR! read 8 != img.len 9");
     for (const int refusal : {-7, 7}) {
         boot().dload[2].size = 8;
         expect_chunk(pattern(8), 8, 0x1000, refusal);
         EXPECT_LT(integrated().load_cp_image_by_stage(2, CP_BOOT_MODE_DUMP), 0);
-        EXPECT_EQ(said().back(), "! load_cp_image_by_stage: ERR! IOCTL_LOAD_CP_IMAGE fail (2," +
-                                         std::to_string(refusal) + ")");
+        EXPECT_EQ(last_said(), "! load_cp_image_by_stage: ERR! IOCTL_LOAD_CP_IMAGE fail (2," +
+                                       std::to_string(refusal) + ")");
     }
     boot().dload[2].fd = -1;
     EXPECT_EQ(integrated().load_cp_image_by_stage(2, CP_BOOT_MODE_DUMP), -1);
-    EXPECT_EQ(said().back(), "! load_cp_image_by_stage: ERR! lseek fail at stage 2");
+    EXPECT_EQ(last_said(), "! load_cp_image_by_stage: ERR! lseek fail at stage 2");
 }
 
 TEST_F(Controller, ASentVssImageIsNotLoadedAgain) {
@@ -145,7 +145,7 @@ TEST_F(Controller, ASentVssImageIsNotLoadedAgain) {
     EXPECT_EQ(integrated().load_cp_images(CP_BOOT_MODE_DUMP), 0);
     EXPECT_EQ(property("vendor.rvd.first_xmit_done"), "1");
     EXPECT_EQ(integrated().load_cp_images(CP_BOOT_MODE_DUMP), 1);
-    EXPECT_EQ(said().back(), "load_cp_images: stage[0] : stage is already xmit once");
+    EXPECT_EQ(last_said(), "load_cp_images: stage[0] : stage is already xmit once");
 }
 
 TEST_F(Controller, AnImageOfAnotherDeviceRebootsTheDevicesOfTwoCarriers) {
@@ -199,7 +199,7 @@ TEST_F(Controller, ARegionIsCopiedAsItComesAndEndsAtItsSize) {
             return 0;
         });
         EXPECT_EQ(modem().get_log_dump(name.c_str(), CP_LOG_DUMP_L2B), c.result);
-        EXPECT_THAT(said().back(), testing::EndsWith(c.line));
+        EXPECT_THAT(last_said(), testing::EndsWith(c.line));
         const Lines files = list(kLogDir);
         ASSERT_EQ(files.size(), 1u);
         EXPECT_THAT(files[0], testing::MatchesRegex("cpcrash_n+_dump_umts_[0-9]{8}-[0-9]{4}.log"));
@@ -244,7 +244,7 @@ TEST_F(Controller, ADumpIsPreparedAndEndsInThePanicWithItsReason) {
     close(dump().fd[DUMP_FD_LOG]);
     dump().fd[DUMP_FD_LOG] = -1;
     EXPECT_EQ(modem().std_dump_trigger_kernel_panic(), -1);
-    EXPECT_EQ(said().back(), "! std_dump_trigger_kernel_panic: ERR! fsync(log_fd) fail");
+    EXPECT_EQ(last_said(), "! std_dump_trigger_kernel_panic: ERR! fsync(log_fd) fail");
 }
 
 }  // namespace

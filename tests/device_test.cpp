@@ -93,10 +93,10 @@ TEST_F(Device, AnNvFileIsOpenedAsItIsOrRefused) {
     }
     EXPECT_EQ(read_file(there), "short");
     EXPECT_EQ(Util::create_empty_nv(path("empty").c_str(), 0), -14);
-    EXPECT_EQ(said().back(), "create_empty_nv: ERR! wrong size(0)");
+    EXPECT_EQ(last_said(), "create_empty_nv: ERR! wrong size(0)");
     const FullDisk disk(100000);
     EXPECT_EQ(Util::create_empty_nv(missing.c_str(), 100001), -14);
-    EXPECT_EQ(said().back(), "! create_empty_nv: NV(" + missing + ") write fail");
+    EXPECT_EQ(last_said(), "! create_empty_nv: NV(" + missing + ") write fail");
 }
 
 TEST_F(Device, TheSimCountStandsBehindTheFirstEqualsSign) {
@@ -123,10 +123,10 @@ TEST_F(Device, TheSimCountStandsBehindTheFirstEqualsSign) {
     }
     unlink("/efs/factory.prop");
     EXPECT_EQ(protocol_.get_factory_prop(), -22);
-    EXPECT_EQ(said().back(), "get_factory_prop: /efs/factory.prop open fail(not support)");
+    EXPECT_EQ(last_said(), "get_factory_prop: /efs/factory.prop open fail(not support)");
     std::filesystem::create_directory("/efs/factory.prop");
     EXPECT_EQ(protocol_.get_factory_prop(), -1);
-    EXPECT_EQ(said().back(), "! get_factory_prop: /efs/factory.prop read fail");
+    EXPECT_EQ(last_said(), "! get_factory_prop: /efs/factory.prop read fail");
 }
 
 TEST_F(Device, TheSimCountReachesTheDriverFromOneToFour) {
@@ -140,7 +140,7 @@ TEST_F(Device, TheSimCountReachesTheDriverFromOneToFour) {
     write_file("/efs/factory.prop", "sims=2");
     std::filesystem::create_symlink("/efs/elsewhere", file);
     Container::getBootDump()->set_sim_configuration();
-    EXPECT_EQ(said().back(), "! set_sim_configuration: SIM conf: open failed");
+    EXPECT_EQ(last_said(), "! set_sim_configuration: SIM conf: open failed");
     unlink(file.c_str());
 }
 
@@ -167,8 +167,8 @@ TEST_F(Device, ARebootIsAskedForWithTheWholeReasonOrNotAtAll) {
     EXPECT_THAT(said(), IsEmpty());
     EXPECT_LT(protocol_.std_reboot_system(std::string(85, 's').c_str()), 0);
     EXPECT_EQ(property("sys.powerctl"), "reboot," + std::string(84, 'r'));
-    EXPECT_EQ(said().back(), "std_reboot_system: ERR! failed to setprop [sys.powerctl](reboot," +
-                                     std::string(84, 's') + ")");
+    EXPECT_EQ(last_said(), "std_reboot_system: ERR! failed to setprop [sys.powerctl](reboot," +
+                                   std::string(84, 's') + ")");
 }
 
 }  // namespace

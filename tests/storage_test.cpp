@@ -36,7 +36,7 @@ TEST_F(Storage, TheDirectoryIsMadeOrGivenUpAfterSixTries) {
     write_file(kLogDir, "a file");
     EXPECT_EQ(create(), -14);
     EXPECT_EQ(kernel().sleeps, seconds(5));
-    EXPECT_EQ(said().back(),
+    EXPECT_EQ(last_said(),
               std::string("create_log_directory: default path create fail ") + kLogDir);
 
     std::filesystem::rename("/data/vendor/log", "/data/vendor/away");
@@ -70,9 +70,9 @@ TEST_F(Storage, TooLittleFreeSpaceIsRefusedAtItsLimit) {
     }
     kernel().statfs_error = ENOSYS;
     EXPECT_EQ(Log::check_fs_free_space(Log::get_log_root()), -ENOSYS);
-    EXPECT_EQ(said().back(), "! check_fs_free_space: statfs(/data) fail");
+    EXPECT_EQ(last_said(), "! check_fs_free_space: statfs(/data) fail");
     EXPECT_EQ(create(), -1);
-    EXPECT_EQ(said().back(), "create_log_directory: check_log_directory err(-1)");
+    EXPECT_EQ(last_said(), "create_log_directory: check_log_directory err(-1)");
 }
 
 TEST_F(Storage, TheGroupOfLogsGetsTheDirectoryWhereThereIsOne) {
@@ -80,19 +80,19 @@ TEST_F(Storage, TheGroupOfLogsGetsTheDirectoryWhereThereIsOne) {
     EXPECT_THAT(said(), testing::Not(Contains(testing::HasSubstr("gid("))));
     write_file(kGroups, "log:x:0:\n");
     EXPECT_EQ(create(), 0);
-    EXPECT_EQ(said().back(),
+    EXPECT_EQ(last_said(),
               std::string("! create_log_directory: log path (") + kLogDir + ") gid(0) changed(0)");
     std::filesystem::remove(kLogDir);
     debug_level = 0;
     EXPECT_EQ(create(), 0);
-    EXPECT_EQ(said().back(),
+    EXPECT_EQ(last_said(),
               std::string("! create_log_directory: log path (") + kLogDir + ") gid(0) changed(-1)");
 }
 
 TEST_F(Storage, OnlyTheLogDirectoryIsEverRemoved) {
     for (const char* other : {"/data/vendor/log", "/data/misc", "/data/vendor/log/rv"})
         EXPECT_NE(Log::remove_directory(other), 0);
-    EXPECT_EQ(said().back(),
+    EXPECT_EQ(last_said(),
               "! remove_directory: Tried to remove false path: /data/vendor/log/rv, 20");
     std::filesystem::create_directories(std::string(kLogDir) + "/a/b");
     std::filesystem::create_symlink("/efs", std::string(kLogDir) + "/a/link");
@@ -123,7 +123,7 @@ TEST_F(Storage, ASaveHoldsTheEndOfTheRingAndAZeroByte) {
         const std::string file = std::string(kLogDir) + "/" + files[0];
         const size_t kept = std::min<size_t>(c.ring, 512 * 1024);
         EXPECT_TRUE(read_file(file) == pattern(c.ring).substr(c.ring - kept) + '\0');
-        EXPECT_EQ(said().back(), "_save_logs: " + file);
+        EXPECT_EQ(last_said(), "_save_logs: " + file);
         std::filesystem::remove(file);
     }
     for (const char text : {'1', '2'}) {
@@ -133,14 +133,14 @@ TEST_F(Storage, ASaveHoldsTheEndOfTheRingAndAZeroByte) {
     EXPECT_EQ(read_file(std::string(kLogDir) + "/x_last.log"), std::string("1\0002\0", 4));
     kernel().ring_error = EPERM;
     EXPECT_EQ(Log::dmesg_to_file("/data/vendor/log/rvd/y"), -1);
-    EXPECT_EQ(said().back(), "dmesg_to_file: klogctl fail");
+    EXPECT_EQ(last_said(), "dmesg_to_file: klogctl fail");
     EXPECT_EQ(Log::dmesg_to_file("/data/none/y"), -1);
-    EXPECT_EQ(said().back(), "! dmesg_to_file: file open fail /data/none/y");
+    EXPECT_EQ(last_said(), "! dmesg_to_file: file open fail /data/none/y");
     kernel().ring_error = 0;
     kernel().ring = pattern(100000);  // and its zero byte
     const FullDisk disk(100000);
     EXPECT_EQ(Log::dmesg_to_file("/data/vendor/log/rvd/y"), 0);
-    EXPECT_EQ(said().back(), "! dmesg_to_file: write fail");
+    EXPECT_EQ(last_said(), "! dmesg_to_file: write fail");
 }
 
 using ThreadsStorage = Storage;

@@ -156,27 +156,27 @@ TEST_F(Upload, AStepFailsAtItsFirstDoubtfulFrame) {
         }
         EXPECT_TRUE(saved() == pattern(c.saved));
         const std::string line = std::string("std_ul_recv_data: ") + c.line;
-        EXPECT_EQ(said().back(), line);
+        EXPECT_EQ(last_said(), line);
         EXPECT_THAT(read_file(path("log")), EndsWith(line + "\n"));
         start_afresh();
     }
     const Modem modem(&dump().fd[DUMP_FD_NODE], "<0");
     EXPECT_EQ(protocol_.std_ul_recv_data(1), -1);
-    EXPECT_EQ(said().back(), "std_ul_recv_data: ERR! [step 1] start fail (ret -1)");
+    EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 1] start fail (ret -1)");
 }
 
 TEST_F(Upload, StepsBeyondTheirFieldAreNotAskedFor) {
     const Modem modem(&dump().fd[DUMP_FD_NODE], ">9DFF <ADFF:1:1:1");
     EXPECT_EQ(protocol_.std_ul_recv_data(255), 1);
     EXPECT_EQ(protocol_.std_ul_recv_data(256), -14);
-    EXPECT_EQ(said().back(), "std_ul_recv_data: ERR! [step 256] is beyond the last step 255");
+    EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 256] is beyond the last step 255");
 }
 
 TEST_F(Upload, ADiskThatFillsUpKeepsWhatItHolds) {
     const Modem modem(&dump().fd[DUMP_FD_NODE], ">9D01 <AD01:2:1:2048 <AD01:2:2:2048");
     const FullDisk disk(3000);
     EXPECT_EQ(protocol_.std_ul_recv_data(1), -1);
-    EXPECT_EQ(said().back(), "! std_ul_recv_data: ERR! [step 1] seq# 2 write fail");
+    EXPECT_EQ(last_said(), "! std_ul_recv_data: ERR! [step 1] seq# 2 write fail");
     EXPECT_TRUE(saved() == pattern(3000));
 }
 

@@ -160,6 +160,11 @@ FullDisk::FullDisk(rlim_t bytes) {
     setrlimit(RLIMIT_FSIZE, &full);
 }
 
+std::string Phone::last_said() {
+    const Lines lines = said();
+    return lines.empty() ? "" : lines.back();
+}
+
 void set_property(const std::string& name, const std::string& value) {
     write_file(property_store() + "/" + name, value);
 }

@@ -71,6 +71,8 @@ class Phone : public testing::Test {
 
     // Lines of the kernel log since the last call, heads cut off; "! " stands for an error's head.
     Lines said();
+    // The last of them, "" where there is none.
+    std::string last_said();
 
     // A file of this test alone, opened by no-one.
     std::string path(const char* name) { return directory_ / name; }
