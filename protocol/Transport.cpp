@@ -79,7 +79,6 @@ int Protocol::std_udl_req_resp(operation op, unsigned int req, unsigned int exp)
 int ProtocolVelo::std_dl_tx_frame(int fd, void* frame) {
     constexpr char kTag[] = "std_dl_tx_frame";
     udl_frame* frm = static_cast<udl_frame*>(frame);
-    memset(frm->data, 0, sizeof(frm->data));
     const ssize_t count = read(fd, frm->data, frm->len);
     if (count < 0) {
         Log::error(kTag, "ERR! read fail\n");
@@ -90,6 +89,8 @@ int ProtocolVelo::std_dl_tx_frame(int fd, void* frame) {
                   static_cast<int>(frm->len));
         return -EFAULT;
     }
+    // The last frame of an image keeps nothing of the one before it; a full one has nothing left.
+    memset(frm->data + frm->len, 0, sizeof(frm->data) - frm->len);
     const size_t length = UDL_HEADER + frm->len;
     const ssize_t sent = write(node_of(DOWNLOAD), frm, length);
     if (sent < 0) {
