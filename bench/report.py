@@ -1,0 +1,132 @@
+#!/usr/bin/env python3
+"""Measures a release build and prints one table: report.py BUILD_DIRECTORY. Ends with 1 when a figure
+falls short of what is wanted of it."""
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+
+BUILD = pathlib.Path(sys.argv[1]).resolve()
+RATIO_WANTED = 0.95
+PEAK_WANTED_KIB = 4096
+
+SCENARIO = """
+name = "peak memory at a dump of {size}"
+modem = "tq720"
+[dump]
+steps = ["{size}"]
+[[timeline]]
+waits = true
+state = 2
+[expect]
+end = "upload"
+"""
+
+short = 0
+
+
+def say(what, figure, wanted="", held=True):
+    global short
+    short += not held
+    print(f"{what:<38} {figure:<44} {wanted}{'' if held else '  SHORT'}".rstrip(), flush=True)
+
+
+def transfers():
+    output = subprocess.run([BUILD / "rvd-bench", "--benchmark_format=json"], check=True,
+                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
+    pace = {}
+    for run in json.loads(output)["benchmarks"]:
+        work, size = (run["name"].split("/") + [""])[:2]
+        if run.get("error_occurred"):
+            say(work, run["error_message"], held=False)
+        elif work == "start":
+            if run["aggregate_name"] == "median":
+                say("start to the first driver request", f"{run['real_time'] / 1e6:.2f} ms")
+        else:
+            rate, bare, ratio = run["MB/s"], run["bare MB/s"], run["ratio"]
+            say(f"{work}, {size} MiB", f"{ratio:.3f} of the bare loop ({rate:.0f} of {bare:.0f} MB/s), "
+                f"processor {run['cpu ratio']:.3f}", f">= {RATIO_WANTED}", ratio >= RATIO_WANTED)
+            say("", f"{run['allocations']:.0f} allocations", "<= 1", run["allocations"] <= 1)
+            pace.setdefault(work, []).append(rate)
+    for work, rates in pace.items():
+        spread = max(rates) / min(rates)
+        say(f"{work}, time by size", f"slowest and fastest MB/s differ {spread:.2f} times")
+
+
+def instructions(work, way, frames):
+    """User-space instructions of the process itself, not of the boot loader it forks."""
+    run = subprocess.Popen(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
+                            BUILD / "rvd-bench", "frames", work, way, str(frames)],
+                           stderr=subprocess.PIPE, text=True)
+    counted = re.search(rf"=={run.pid}== Collected : (\d+)", run.communicate()[1])
+    return int(counted.group(1))
+
+
+def instructions_per_frame():
+    for work in ("upload", "download"):
+        per_frame = {way: (instructions(work, way, 5000) - instructions(work, way, 1000)) / 4000
+                     for way in ("daemon", "bare")}
+        say(f"{work}, instructions a frame", f"{per_frame['daemon']:.0f} "
+            f"(bare loop {per_frame['bare']:.0f})")
+
+
+def descendants(process):
+    parents = {}
+    for status in pathlib.Path("/proc").glob("[0-9]*/stat"):
+        try:
+            name, rest = status.read_text().rsplit(")", 1)
+            parents[int(status.parent.name)] = (int(rest.split()[1]), name.split("(", 1)[1])
+        except OSError:
+            continue
+    for process_id, (parent, name) in parents.items():
+        if name != "rvd":
+            continue
+        while parent != process and parent in parents:
+            parent = parents[parent][0]
+        if parent == process:
+            yield process_id
+
+
+def peak_kib(size):
+    """The daemon's largest resident set while the virtual phone takes a crash dump in real time."""
+    with tempfile.NamedTemporaryFile("w", suffix=".toml") as scenario:
+        scenario.write(SCENARIO.format(size=size))
+        scenario.flush()
+        environment = {name: value for name, value in os.environ.items() if name != "TMPDIR"}
+        lab = subprocess.Popen([BUILD / "rvd-lab", "run", "--quiet", "--real-time", "--timeout=600",
+                                scenario.name], env=environment, stdout=subprocess.PIPE, text=True)
+        peak = 0
+        while True:
+            for process in descendants(lab.pid):
+                try:
+                    status = pathlib.Path(f"/proc/{process}/status").read_text()
+                except OSError:
+                    continue
+                for found in re.findall(r"VmHWM:\s+(\d+) kB", status):
+                    peak = max(peak, int(found))
+            try:
+                lab.communicate(timeout=0.02)
+                break
+            except subprocess.TimeoutExpired:
+                continue
+        if lab.returncode != 0:
+            say(f"peak memory, dump of {size}", "the run did not hold", held=False)
+        return peak
+
+
+def peak_memory():
+    peaks = {size: peak_kib(size) for size in ("64 MiB", "1 GiB")}
+    for size, peak in peaks.items():
+        say(f"peak memory, dump of {size}", f"{peak} KiB", f"< {PEAK_WANTED_KIB} KiB",
+            0 < peak < PEAK_WANTED_KIB)
+    difference = abs(peaks["64 MiB"] - peaks["1 GiB"])
+    say("peak memory, difference", f"{difference} KiB", "<= 64 KiB", difference <= 64)
+
+
+transfers()
+instructions_per_frame()
+peak_memory()
+sys.exit(short > 0)
