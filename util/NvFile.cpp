@@ -18,7 +18,7 @@ namespace {
 
 constexpr mode_t kNvMode = 0660;
 constexpr int kErased = 0xFF;
-constexpr uint64_t kFillBlock = 64 * 1024;
+constexpr uint64_t kFillBlock = uint64_t{64} * 1024;
 // Sizes come from a signed 32-bit field; a larger one is a negative size that was widened.
 constexpr uint64_t kMaxNvSize = INT_MAX;
 
