@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/close_range.h>
 #include <poll.h>
 #include <signal.h>
@@ -126,6 +127,7 @@ void RelayStage::spawn() {
     dup2(output, 1);
     dup2(output, 2);
     close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
+    setgroups(1, &kLogGroup);
     if (chroot(phone_.root().c_str()) == 0 && chdir("/") == 0)
         execve(kDaemonPath, arguments.data(), variables);
     _exit(127);
@@ -141,6 +143,11 @@ bool RelayStage::reboot() {
 
 void RelayStage::panic() {
     story_.tell("kernel", "", "panics: the device goes to upload mode");
+    panics_ = true;
+}
+
+// Everything that was to be known of the request is; its caller waits for ever.
+void RelayStage::go_down() {
     drain_kernel_log();
     check_sinks();
     if (on_upload) on_upload();
@@ -229,6 +236,7 @@ void RelayStage::serve_request(const RelayControl::Event& event) {
     const int64_t result =
             modem_->request(link->node, event.head.request, event.head.argument, memory);
     served_ = nullptr;
+    if (panics_) go_down();
     control_.answer(event, result, memory.answer());
 }
 
@@ -337,14 +345,19 @@ void RelayStage::notice_rest() {
     if (!events_.empty() || steady_clock::now() - last_activity_ < kStill) return;
     const bool waits = std::any_of(links_.begin(), links_.end(),
                                    [](const Link& link) { return link.waits_for_hang_up; });
-    std::error_code none;
-    const fs::directory_iterator threads(format("/proc/%d/task", pid_), none);
-    if (none || std::distance(begin(threads), end(threads)) != 1) return;
+    if (!alone()) return;
     if (waits) {
         end_ = "waits";
     } else if (parked()) {
         end_ = "parked";
     }
+}
+
+// Whether the main thread is the only one.
+bool RelayStage::alone() const {
+    std::error_code none;
+    const fs::directory_iterator threads(format("/proc/%d/task", pid_), none);
+    return !none && std::distance(begin(threads), end(threads)) == 1;
 }
 
 // Whether the daemon is in a sleep that no pass has; its own call's record tells.
@@ -373,8 +386,10 @@ void RelayStage::end_daemon() {
     served_ = nullptr;
 }
 
+// While log-saving threads are at work, theirs come and go among the main thread's.
 std::map<int, std::string> RelayStage::descriptors() const {
     std::map<int, std::string> open;
+    if (!alone()) return open;
     std::error_code none;
     for (const auto& entry : fs::directory_iterator(format("/proc/%d/fd", pid_), none)) {
         const int fd = atoi(entry.path().filename().c_str());

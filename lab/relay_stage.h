@@ -57,10 +57,12 @@ class RelayStage : public RunStage {
     void run_due_events();
     void handle(const RelayControl::Event& event);
     void open_node(const RelayControl::Event& event);
+    [[noreturn]] void go_down();
     void serve_request(const RelayControl::Event& event);
     void drain_kernel_log();
     void reap();
     void notice_rest();
+    bool alone() const;
     bool parked() const;
     void end_daemon();
     void check_identity();
@@ -78,7 +80,7 @@ class RelayStage : public RunStage {
 
     pid_t pid_ = -1;
     int pidfd_ = -1;
-    bool identified_ = false;
+    bool identified_ = false, panics_ = false;
     std::string end_;
     std::multimap<Time, std::function<void()>> events_;
     std::chrono::steady_clock::time_point last_activity_;

@@ -5,6 +5,7 @@
 // A line of "/plan": the boot node, the dump node, the step's name, its time limit in seconds and
 // its command word by word, with tabs between them.
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -31,8 +32,8 @@ namespace {
 constexpr int kReboots = 76;  // the lab's word for "run me again after a reboot"
 constexpr char kNotebook[] = "/notes/run";
 constexpr char kState[] = "/notes/state";
-constexpr char kReportPort[] = "/dev/vport0p1";
-constexpr int kPatience = 50;  // tenths of a second for a device to appear
+constexpr char kReportPort[] = "report";
+constexpr int kPatience = 150;  // tenths of a second for a device to appear
 
 int report_fd = -1;
 
@@ -99,6 +100,26 @@ std::string disk_called(const std::string& name) {
     give_up("no disk \"" + name + "\"");
 }
 
+// So is the port, whose name tells.
+int open_port(const std::string& name) {
+    const std::string ports = "/sys/class/virtio-ports/";
+    for (int i = 0; i < kPatience; i++) {
+        DIR* directory = opendir(ports.c_str());
+        for (dirent* entry; directory != nullptr && (entry = readdir(directory)) != nullptr;) {
+            if (read_line(ports + entry->d_name + "/name") != name) continue;
+            const std::string device = std::string("/dev/") + entry->d_name;
+            const int fd = open(device.c_str(), O_WRONLY | O_CLOEXEC);
+            if (fd >= 0) {
+                closedir(directory);
+                return fd;
+            }
+        }
+        if (directory != nullptr) closedir(directory);
+        usleep(100'000);
+    }
+    give_up("no port \"" + name + "\"");
+}
+
 void bring_up() {
     attach("devtmpfs", "devtmpfs", "/dev");
     const int console = open("/dev/console", O_RDWR);
@@ -110,7 +131,7 @@ void bring_up() {
     std::ifstream order("/modules/order");
     for (std::string name; std::getline(order, name);)
         load_module("/modules/" + name);
-    if (appears(kReportPort)) report_fd = open(kReportPort, O_WRONLY | O_CLOEXEC);
+    report_fd = open_port(kReportPort);
     attach("ext4", disk_called("data").c_str(), "/data");
     attach("ext4", disk_called("notes").c_str(), "/notes");
 }

@@ -205,11 +205,13 @@ void bounds() {
     const Opened node = open_node(control, dump_path, O_NONBLOCK);
     const Packet packet(4096, 7);
     size_t delivered = 0;
-    while (control.deliver(node.id, packet) == RelayControl::Delivery::done) delivered += 4096;
+    while (control.deliver(node.id, packet) == RelayControl::Delivery::done)
+        delivered += 4096;
     check(delivered == RELAY_MAX_QUEUED, "packets queue without the bound");
     char buffer[4096];
     size_t taken = 0;
-    while (read(node.fd, buffer, sizeof(buffer)) > 0) taken += sizeof(buffer);
+    while (read(node.fd, buffer, sizeof(buffer)) > 0)
+        taken += sizeof(buffer);
     check(taken == delivered && errno == EAGAIN, "a queue does not come out as it went in");
     expect(control, RELAY_ROOM);
     check(control.deliver(node.id, packet) == RelayControl::Delivery::done,
@@ -223,7 +225,8 @@ void bounds() {
         fcntl(node.fd, F_SETFL, 0);
         return write(node.fd, packet.data(), packet.size());
     });
-    for (size_t n = 0; n < written; n += packet.size()) expect(control, RELAY_WRITE);
+    for (size_t n = 0; n < written; n += packet.size())
+        expect(control, RELAY_WRITE);
     check(waiting.get() == static_cast<ssize_t>(packet.size()), "a waiting writer stays waiting");
     expect(control, RELAY_WRITE);
     close_node(control, node);
@@ -286,14 +289,15 @@ void holder_dies() {
         control.answer(expect(control, RELAY_OPEN), 0);
         expect(control, RELAY_IOCTL);
         if (write(pipes[1], &byte, 1) != 1) _exit(1);
-        for (;;) pause();
+        for (;;)
+            pause();
     }
     char buffer[8];
     if (read(pipes[0], buffer, 1) != 1) return check(false, "the holder does not start");
     const int fd = open(boot_path.c_str(), O_RDWR);
     auto asking = caller([&] { return outcome(ioctl(fd, kSizeless, 0)); });
-    auto reading = caller([&] { return outcome(static_cast<int>(read(fd, buffer, 8))); });
     if (read(pipes[0], buffer, 1) != 1) return check(false, "the holder gets no request");
+    auto reading = caller([&] { return outcome(static_cast<int>(read(fd, buffer, 8))); });
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
     check(asking.get().error == ENODEV, "a request outlives its holder");
