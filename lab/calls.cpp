@@ -1,9 +1,11 @@
 #include "lab/calls.h"
 
 #include <sched.h>
+#include <stdlib.h>
 #include <sys/prctl.h>
 
 #include <algorithm>
+#include <list>
 
 #include "bootdump/lnkm.h"
 
@@ -60,8 +62,8 @@ constexpr CallShape kShapes[] = {
         {"fchmod", "chmod", Watch::faults, Service::look, -1, 0},
         {"fchmodat", "chmod", Watch::faults, Service::look, 1, -1},
         {"getdents64", "readdir", Watch::faults, Service::look, -1, 0},
-        {"mmap", "mmap", Watch::faults, Service::look, -1, -1},
-        {"brk", "brk", Watch::faults, Service::look, -1, -1},
+        {"mmap", "mmap", Watch::faults, Service::look, -1, 4},
+        {"brk", "mmap", Watch::faults, Service::look, -1, -1},
 };
 
 bool has_fault(const Scenario& scenario, const CallShape& shape) {
@@ -69,9 +71,28 @@ bool has_fault(const Scenario& scenario, const CallShape& shape) {
                        [&](const Fault& fault) { return fault.call == shape.family; });
 }
 
+// Everything else that this machine's kernel has, but for the calls that bring the filter about.
+void add_others(std::vector<CallShape>& shapes) {
+    constexpr int kBeyondCalls = 1024;
+    static std::list<std::string> names;
+    for (int number = 0; number < kBeyondCalls; number++) {
+        char* known = seccomp_syscall_resolve_num_arch(SCMP_ARCH_NATIVE, number);
+        const std::string name = known == nullptr ? "" : known;
+        free(known);
+        const bool own = name.empty() || name == "sendmsg" || name == "close" || name == "execve" ||
+                         std::any_of(shapes.begin(), shapes.end(), [&](const CallShape& shape) {
+                             return shape.number == number;
+                         });
+        if (own) continue;
+        names.push_back(name);
+        const char* text = names.back().c_str();
+        shapes.push_back({text, text, Watch::always, Service::other, -1, -1, number});
+    }
+}
+
 }  // namespace
 
-std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_time) {
+std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_time, bool all) {
     for (const Fault& fault : scenario.faults) {
         if (std::none_of(std::begin(kShapes), std::end(kShapes),
                          [&](const CallShape& shape) { return fault.call == shape.family; }))
@@ -82,10 +103,11 @@ std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_tim
         const bool disk = shape.service == Service::write && scenario.full_after;
         const bool wanted = shape.watch == Watch::always ||
                             (shape.watch == Watch::virtual_time && virtual_time) || disk ||
-                            has_fault(scenario, shape);
+                            has_fault(scenario, shape) || all;
         shape.number = seccomp_syscall_resolve_name(shape.name);
         if (wanted && shape.number >= 0) shapes.push_back(shape);
     }
+    if (all) add_others(shapes);
     return shapes;
 }
 

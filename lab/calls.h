@@ -31,6 +31,7 @@ enum class Service {
     thread_start,
     thread_end,
     write,
+    other,  // nothing at all
 };
 
 struct CallShape {
@@ -43,8 +44,8 @@ struct CallShape {
     int number = -1;
 };
 
-// The calls that this machine's kernel has and this scenario needs, by number.
-std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_time);
+// The calls that this machine's kernel has and this scenario needs, by number; or all there are.
+std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_time, bool all);
 
 std::vector<Rule> rules_for(const std::vector<CallShape>& shapes);
 

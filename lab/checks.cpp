@@ -117,7 +117,7 @@ void check_file(const FileExpectation& wanted, const std::string& inside, const 
 }  // namespace
 
 void check_expectations(const Scenario& scenario, const Phone& phone, const Driver& driver,
-                        const Outcome& outcome, Story& story) {
+                        const Conduct& conduct, Story& story) {
     const Expectations& expect = scenario.expect;
     check_order(expect.log, story.log(), "line", story);
     check_none(expect.no_log, story.log(), "line", story);
@@ -152,12 +152,28 @@ void check_expectations(const Scenario& scenario, const Phone& phone, const Driv
         if (seen != value)
             story.violation("property " + name + " is \"" + seen + "\", not \"" + value + "\"");
     }
-    const bool quiet = outcome.end == "quiet" && (expect.end == "waits" || expect.end == "parked");
-    if (!expect.end.empty() && outcome.end != expect.end && !quiet)
-        story.violation("the run ended with \"" + outcome.end + "\", not \"" + expect.end + "\"");
-    if (expect.lasts && outcome.lasted != *expect.lasts)
+    const bool quiet = conduct.end == "quiet" && (expect.end == "waits" || expect.end == "parked");
+    if (!expect.end.empty() && conduct.end != expect.end && !quiet)
+        story.violation("the run ended with \"" + conduct.end + "\", not \"" + expect.end + "\"");
+    if (expect.lasts && conduct.lasted != *expect.lasts)
         story.violation(
-                format("the run lasted %.6f s", static_cast<double>(outcome.lasted) / kSecond));
+                format("the run lasted %.6f s", static_cast<double>(conduct.lasted) / kSecond));
+}
+
+void check_collected(const Scenario& scenario, const Phone& phone, const Driver& driver,
+                     Story& story) {
+    // A packet that was cut as it was read is gone for good, and a file with it.
+    for (const Fault& fault : scenario.faults) {
+        if (fault.call == "read" && fault.cut) return;
+    }
+    for (FileExpectation wanted : scenario.expect.files) {
+        if (wanted.equals.empty()) continue;
+        for (const std::string& file : find_files(phone, wanted.path)) {
+            wanted.size = static_cast<int64_t>(fs::file_size(phone.path(file)));
+            if (!equals_named(phone.path(file), wanted, scenario, driver))
+                story.violation(file + " isn't what the modem sent (" + wanted.equals + ")");
+        }
+    }
 }
 
 void check_always(const Phone& phone, Story& story) {

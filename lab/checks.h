@@ -1,6 +1,7 @@
 // What a run is held against once it has ended. Everything that isn't so becomes a violation.
 #pragma once
 
+#include "lab/conduct.h"
 #include "lab/driver.h"
 #include "lab/phone.h"
 #include "lab/scenario.h"
@@ -8,13 +9,13 @@
 
 namespace rvd::lab {
 
-struct Outcome {
-    std::string end;
-    Time lasted;
-};
-
 void check_expectations(const Scenario& scenario, const Phone& phone, const Driver& driver,
-                        const Outcome& outcome, Story& story);
+                        const Conduct& conduct, Story& story);
+
+// Whatever a fault left of a file that is to equal what the modem has: it equals that as far as it
+// goes.
+void check_collected(const Scenario& scenario, const Phone& phone, const Driver& driver,
+                     Story& story);
 
 // What must be so in every run: no sanitizer has complained.
 void check_always(const Phone& phone, Story& story);

@@ -45,7 +45,7 @@ Gate::Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup set
       now_(setup.start),
       last_activity_(setup.start),
       real_start_(steady_clock::now()) {
-    const auto shapes = calls_to_watch(scenario, !setup.real_time);
+    const auto shapes = calls_to_watch(scenario, !setup.real_time, setup.learn);
     rules_ = rules_for(shapes);
     for (const CallShape& shape : shapes)
         shapes_.emplace(shape.number, shape);
@@ -91,7 +91,7 @@ void Gate::close_process() {
     idle_.clear();
     births_ = 0;
     runner_ = 0;
-    gone_ = false;
+    gone_ = in_main_ = false;
 }
 
 std::string Gate::serve() {

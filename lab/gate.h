@@ -26,6 +26,7 @@ class Gate : public RunStage {
         Time start;
         bool real_time;
         std::chrono::seconds patience;  // wall-clock time after which a run has failed
+        bool learn = false;             // every call is taken, and told to on_call
     };
 
     Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup setup);
@@ -91,6 +92,7 @@ class Gate : public RunStage {
     void answer(const Call& call, int64_t result);
     void proceed(const Call& call);
     void hold(const Call& call, Time deadline, bool hollow = false);
+    void note(const Call& call);
     bool apply_fault(const Call& call);
     void transfer_part(const Call& call, size_t size);
     void do_open(const Call& call);
@@ -107,6 +109,7 @@ class Gate : public RunStage {
     std::vector<pollfd> polled(const Call& call) const;
     bool poll_ready(const Call& call);
     std::string path_of(const Call& call) const;
+    int fd_of(const Call& call) const;
     std::string path_of_fd(int fd) const;
 
     // Links, in gate_links.cpp.
@@ -153,6 +156,8 @@ class Gate : public RunStage {
     const Call* served_ = nullptr;  // the request that is being answered
     Packet received_;
     std::map<const Fault*, int> fault_times_;
+    std::map<std::string, int> times_;  // of each call, as faults count them
+    bool in_main_ = false;
     uint64_t disk_used_ = 0;
 };
 

@@ -91,6 +91,7 @@ void Gate::handle(const Call& call) {
         case Service::clone:
             return do_clone(call);
         case Service::thread_start:
+        case Service::other:
             return proceed(call);
         case Service::thread_end:
             threads_.erase(call.tid());
@@ -125,7 +126,16 @@ void Gate::hold(const Call& call, Time deadline, bool hollow) {
     if (runner_ == call.tid()) runner_ = 0;
 }
 
+// Once the daemon's own code runs, which opens the kernel log before anything else.
+void Gate::note(const Call& call) {
+    const int time = ++times_[call.shape->family];
+    const std::string path = path_of(call);
+    in_main_ = in_main_ || path == "/dev/kmsg";
+    if (in_main_) on_call(call.shape->family, time, path);
+}
+
 bool Gate::apply_fault(const Call& call) {
+    if (on_call) note(call);
     const Fault* due = nullptr;
     for (const Fault& fault : scenario_.faults) {
         if (fault.call != call.shape->family) continue;
@@ -133,16 +143,20 @@ bool Gate::apply_fault(const Call& call) {
         if (fault.turn.takes(++fault_times_[&fault]) && due == nullptr) due = &fault;
     }
     if (due == nullptr) return false;
+    if (on_fault) on_fault();
     story_.tell("kernel", "daemon",
                 due->call + " " + path_of(call) + ": " +
                         (due->hang_up ? "hang-up"
                          : due->cut   ? "cut short"
                                       : due->error));
     if (due->hang_up) {
-        if (Link* link = link_at(static_cast<int>(call.argument(0)))) hang_up(link->node);
-        proceed(call);
-    } else if (due->cut) {
+        if (Link* link = link_at(fd_of(call))) hang_up(link->node);
+        return false;
+    }
+    if (due->cut) {
         transfer_part(call, static_cast<size_t>(*due->cut));
+    } else if (std::string(call.shape->name) == "brk") {
+        answer(call, 0);  // it has no other way to say so
     } else {
         answer(call, -errno_number(due->error));
     }
@@ -173,14 +187,25 @@ std::string Gate::path_of(const Call& call) const {
     std::string path;
     if (call.shape->path >= 0)
         path = ProcessMemory(call.tid()).text(call.argument(call.shape->path));
-    if (path.empty() && call.shape->fd >= 0)
-        path = path_of_fd(static_cast<int>(call.argument(call.shape->fd)));
+    if (path.empty() && fd_of(call) >= 0) path = path_of_fd(fd_of(call));
     return path;
+}
+
+// The descriptor that a call is about, or -1; of several that are polled, the first.
+int Gate::fd_of(const Call& call) const {
+    if (call.shape->service == Service::poll) {
+        const std::vector<pollfd> fds = polled(call);
+        return fds.empty() ? -1 : fds[0].fd;
+    }
+    return call.shape->fd < 0 ? -1 : static_cast<int>(call.argument(call.shape->fd));
 }
 
 std::string Gate::path_of_fd(int fd) const {
     for (const Link& link : links_) {
         if (link.daemon_fd == fd) return std::string("/dev/") + node_name(link.node);
+    }
+    for (const KernelLog& log : kernel_logs_) {
+        if (log.daemon_fd == fd) return "/dev/kmsg";
     }
     char target[4096];
     const ssize_t n =

@@ -102,7 +102,6 @@ scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     if (chroot(root.c_str()) == 0 && chdir("/") == 0 && seccomp_load(filter) == 0) {
         send_descriptor(socket, seccomp_notify_fd(filter));
-        close(seccomp_notify_fd(filter));
         execve(kDaemonPath, arguments, variables);
     }
     _exit(127);

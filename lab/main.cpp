@@ -6,8 +6,9 @@
 #include <CLI/CLI.hpp>
 #include <filesystem>
 
+#include "lab/builtin.h"
 #include "lab/campaign.h"
-#include "lab/demo.h"
+#include "lab/faults.h"
 #include "lab/scenario.h"
 
 using namespace rvd::lab;
@@ -20,6 +21,7 @@ struct CommandLine {
     std::vector<std::string> files;
     int64_t seed = 0;
     int jobs = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
+    int spread = 0;
     bool quiet = false, story = false;
 };
 
@@ -106,10 +108,19 @@ int main(int argc, char** argv) try {
                           "clock, disk, rights, reboots and panics are real");
     add_run_options(*run_command, line);
 
+    CLI::App* faults_command = app.add_subcommand(
+            "faults", "fail every system call of the daemon, each in every way it can fail");
+    faults_command->add_option("--only", line.only,
+                               "one flow; or FLOW:CALL:N:FAULT, one fault with its story");
+    faults_command->add_option("--spread", line.spread, "so many of all faults, evenly chosen");
+    faults_command->add_option("--jobs", line.jobs, "how many at once");
+    add_run_options(*faults_command, line);
+
     CLI::App* keys_command = app.add_subcommand("keys", "print what a scenario can say");
 
     CLI11_PARSE(app, argc, argv);
     if (keys_command->parsed()) return fputs(scenario_manual().c_str(), stdout) < 0;
+    if (faults_command->parsed()) return run_faults({line.run, line.only, line.spread, line.jobs});
     return demo_command->parsed() ? demo(line) : run(line);
 } catch (const Unable& unable) {
     fprintf(stderr, "rvd-lab: %s\n", unable.what());

@@ -50,9 +50,9 @@ void check_at_boot(const RunStage& stage, const Scenario& scenario, Story& story
     }
 }
 
-void print_summary(const Phone& phone, const Story& story, const Outcome& outcome) {
-    printf("\nThe run ended with \"%s\" after %.3f s of the phone's time.\n", outcome.end.c_str(),
-           static_cast<double>(outcome.lasted) / kSecond);
+void print_summary(const Phone& phone, const Story& story, const Conduct& conduct) {
+    printf("\nThe run ended with \"%s\" after %.3f s of the phone's time.\n", conduct.end.c_str(),
+           static_cast<double>(conduct.lasted) / kSecond);
     printf("\nTransfers\n");
     for (const std::string& line : story.transfer_summary())
         printf("  %s\n", line.c_str());
@@ -98,33 +98,50 @@ std::unique_ptr<RunStage> make_stage(const Scenario& scenario, const RunOptions&
     if (options.relay)
         return std::make_unique<RelayStage>(scenario, phone, story, start, now, patience);
     return std::make_unique<Gate>(scenario, phone, story,
-                                  Gate::Setup{start, options.real_time, patience});
+                                  Gate::Setup{start, options.real_time, patience, options.learn});
 }
 
 }  // namespace
 
-std::vector<std::string> run_scenario(const Scenario& wanted, const RunOptions& options) {
-    const Scenario scenario = options.relay ? on_real_kernel(wanted) : wanted;
+Result run_scenario(const Scenario& wanted, const RunOptions& options) {
+    Scenario scenario = options.relay ? on_real_kernel(wanted) : wanted;
     enter_namespaces();
     Phone phone(scenario, options.root, options.keep);
-    Notebook before;
-    const bool resumed = options.relay && before.take(options.notebook);
+    Notebook notes;
+    const bool resumed = options.relay && notes.take(options.notebook);
     if (resumed) {
         phone.resume(options.daemon);
     } else {
         phone.build(options.daemon);
     }
 
-    const Time start = resumed ? before.start : parse_start(scenario.start);
+    const Time start = resumed ? notes.start : parse_start(scenario.start);
     Story story(options.story ? stdout : nullptr, start);
-    if (resumed) story.recall(before.log, before.requests, before.violations);
+    if (resumed) story.recall(notes.log, notes.requests, notes.violations);
     const auto stage =
-            make_stage(scenario, options, phone, story, start, resumed ? before.now : start);
+            make_stage(scenario, options, phone, story, start, resumed ? notes.now : start);
     Driver driver(scenario, phone.partition(), *stage, story);
     Timeline timeline(scenario, phone, *stage, driver, story, start);
     stage->connect(driver);
 
-    stage->on_wait = [&] { timeline.waits(); };
+    Conduct conduct;
+    Files before;
+    stage->on_wait = [&] {
+        conduct.open = open_paths(*stage);
+        if (options.on_wait) {
+            Play play{scenario, phone, *stage, driver, story, timeline.position()};
+            options.on_wait(play);
+        }
+        timeline.waits();
+    };
+    if (options.learn) {
+        stage->on_call = [&](const std::string& call, int time, const std::string& path) {
+            const std::string place = story.log().empty() ? "" : story.log().back();
+            conduct.calls.push_back({call, time, path, place});
+        };
+    }
+    if (options.clean != nullptr)
+        stage->on_fault = [&] { before = closed_files(phone, open_paths(*stage)); };
     stage->on_upload = [&] { return timeline.upload(); };
     stage->on_sleep = [&](Time span) {
         if (span == kSecond) check_between_passes(*stage, story);
@@ -148,26 +165,32 @@ std::vector<std::string> run_scenario(const Scenario& wanted, const RunOptions& 
     };
 
     if (!scenario.about.empty() && !resumed) story.tell("phone", "", scenario.about);
-    Outcome outcome;
     if (resumed) {
-        story.crash_sentence = before.crash_sentence;
+        story.crash_sentence = notes.crash_sentence;
         story.tell("phone", "", "is up again");
-        driver.recall(before.times);
-        timeline.resume(before.position, before.panicked);
+        driver.recall(notes.times);
+        timeline.resume(notes.position, notes.panicked);
     }
-    if (resumed && before.panicked && timeline.position() == before.position) {
-        outcome.end = "upload";  // nothing was to come after it
+    if (resumed && notes.panicked && timeline.position() == notes.position) {
+        conduct.end = "upload";  // nothing was to come after it
     } else {
         stage->start_daemon();
         if (!resumed) timeline.begin();
-        outcome.end = stage->serve();
+        conduct.end = stage->serve();
     }
-    if (outcome.end == "reboot") throw Reboots();
-    outcome.lasted = stage->now() - start;
+    if (conduct.end == "reboot") throw Reboots();
+    conduct.lasted = stage->now() - start;
     if (!timeline.finished()) story.violation("not everything in the timeline has happened");
-    check_expectations(scenario, phone, driver, outcome, story);
+    conduct.files = closed_files(phone, {});
+    if (options.clean != nullptr) {
+        check_collected(scenario, phone, driver, story);
+        for (const std::string& difference : differences(*options.clean, conduct, before))
+            story.violation(difference);
+    } else {
+        check_expectations(scenario, phone, driver, conduct, story);
+    }
     check_always(phone, story);
-    if (options.summary) print_summary(phone, story, outcome);
+    if (options.summary) print_summary(phone, story, conduct);
     if (!options.trace.empty()) story.write_trace(options.trace);
     if (!options.log.empty()) {
         std::string lines;
@@ -175,7 +198,7 @@ std::vector<std::string> run_scenario(const Scenario& wanted, const RunOptions& 
             lines += line + "\n";
         write_file(options.log, lines);
     }
-    return story.violations();
+    return {story.violations(), conduct};
 }
 
 }  // namespace rvd::lab
