@@ -189,8 +189,3 @@ std::string pattern(size_t size) {
 }
 
 }  // namespace rvd::test
-
-// The registry never releases what a command line made; a test has many command lines.
-extern "C" const char* __lsan_default_suppressions() {
-    return "leak:rvd::Container::\n";
-}
