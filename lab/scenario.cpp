@@ -28,7 +28,8 @@ void read_phone(Reader& reader, Scenario& s) {
             .number("ring", s.ring, "bytes in the kernel's log ring (what was logged)")
             .flag("log_group", s.log_group, "the group \"log\" exists (true)");
     for (const auto& [path, size] : fillers) {
-        if (size < 0 || size > kLargestFiller) reader.refuse("no filler has so many bytes: " + path);
+        if (size < 0 || size > kLargestFiller)
+            reader.refuse("no filler has so many bytes: " + path);
         s.files[path].assign(static_cast<size_t>(size), 'x');
     }
 }
