@@ -34,53 +34,13 @@ class CommandLine : public Phone {
         const RvdArgs& a = *Container::getRvdArgs();
         std::ostringstream text;
         text << "modem=" << a.modem_type << " boot=" << a.boot_link << " daemon=" << a.daemon
-             << " options=" << std::hex << a.options << " part=" << a.partition_path
-             << " dump=" << a.dump_node << " device=" << (a.boot_device ? a.boot_device : "")
-             << " ";
+             << " options=" << std::hex << a.options << std::dec << " main=" << a.main_link
+             << " stages=" << a.max_stage << a.first_stage << a.boot_stage << a.main_stage
+             << " part=" << a.partition_path << " nv=" << a.nv_data_path << " dump=" << a.dump_node
+             << " device=" << (a.boot_device ? a.boot_device : "") << " ";
         return text.str();
     }
 };
-
-TEST_F(CommandLine, PresetsDescribeTheirModem) {
-    const struct {
-        const char* type;
-        RvdArgs wanted;
-        const char* message;
-    } cases[] = {
-            {"tq720",
-             {MODEM_TYPE_TQ720, LINK_SHMEM, LINK_SHMEM, 0, "tq720", "umts", "/dev/umts_boot0",
-              nullptr, "/dev/umts_ramdump0", "/dev/block/by-name/modem",
-              "/mnt/vendor/efs/nv_data.bin", "", "", 5, 0, 1, 2, 0, ""},
-             "parseArgs: TQ720 modem"},
-            {"vk880xyz",  // five characters count
-             {MODEM_TYPE_VK880, LINK_SPI, LINK_PCIE, 0, "vk880", "nr", "/dev/nr_boot0", nullptr,
-              "/dev/nr_ramdump0", "/dev/block/by-name/modem", "/mnt/vendor/efs/nv_5g_data.bin", "",
-              "", 6, 1, 0, 2, 0, ""},
-             "parseArgs: VK880 modem"},
-    };
-    for (const auto& c : cases) {
-        const BootDump* earlier = Container::getBootDump();
-        const Srinfo* earlier_srinfo = Container::getSrinfo();
-        EXPECT_EQ(parse({"-t", c.type}), PARSE_OK);
-        const RvdArgs& args = *Container::getRvdArgs();
-        const auto numbers = [](const RvdArgs& a) {
-            return std::vector<long>{a.modem_type, a.boot_link,  a.main_link,
-                                     a.daemon,     a.max_stage,  a.first_stage,
-                                     a.boot_stage, a.main_stage, a.options};
-        };
-        const auto texts = [](const RvdArgs& a) {
-            return Lines{a.modem_name,   a.node_prefix,    a.boot_node,
-                         a.dump_node,    a.partition_path, a.nv_data_path,
-                         a.nv_norm_path, a.nv_prot_path,   a.crash_reason};
-        };
-        EXPECT_EQ(numbers(args), numbers(c.wanted));
-        EXPECT_EQ(texts(args), texts(c.wanted));
-        EXPECT_EQ(args.boot_device, args.boot_node);
-        EXPECT_NE(Container::getBootDump(), earlier);
-        EXPECT_NE(Container::getSrinfo(), earlier_srinfo);
-        EXPECT_THAT(said(), ElementsAre(c.message));
-    }
-}
 
 TEST_F(CommandLine, LinksGoByLetter) {
     struct Link {
@@ -135,6 +95,17 @@ TEST_F(CommandLine, OptionsApplyInTheirOrder) {
         const char* line;   // the last one said; null: not looked at
     } cases[] = {
             {"", 0, "modem=0 ", nullptr},
+            {"-t tq720", 0,
+             "modem=1 boot=9 daemon=0 options=0 main=9 stages=5012 part=/dev/block/by-name/modem "
+             "nv=/mnt/vendor/efs/nv_data.bin dump=/dev/umts_ramdump0 device=/dev/umts_boot0 ",
+             "parseArgs: TQ720 modem"},
+            {"-t vk880xyz", 0,  // five characters count
+             "modem=2 boot=3 daemon=0 options=0 main=11 stages=6102 part=/dev/block/by-name/modem "
+             "nv=/mnt/vendor/efs/nv_5g_data.bin dump=/dev/nr_ramdump0 device=/dev/nr_boot0 ",
+             "parseArgs: VK880 modem"},
+            {"-n /mnt/efs", 0, "nv=/mnt/efs/nv_data.bin ", "parseArgs: nv prot file path : "},
+            {"-p 12", 0, "part=/dev/block/mmcblk0p12 ",
+             "parseArgs: partition path : /dev/block/mmcblk0p12"},
             {"-d", 0, "daemon=1", "parseArgs: Daemon Mode"},
             {"-t tq720 -b u", 0, "modem=1 boot=7", "parseArgs: boot uart link"},
             {"-b u -t tq720", 0, "modem=1 boot=9", "parseArgs: TQ720 modem"},
@@ -180,19 +151,6 @@ TEST_F(CommandLine, OptionsApplyInTheirOrder) {
     }
 }
 
-TEST_F(CommandLine, PathsAreSaidAsGivenAndAsUsed) {
-    parse({"-n", "/mnt/efs", "-p", "12", "-B", "boot1", "-D", "dump1"});
-    EXPECT_THAT(
-            said(),
-            ElementsAre("parseArgs: set nv partition : /mnt/efs",
-                        "parseArgs: nv data file path : /mnt/efs/nv_data.bin",
-                        "parseArgs: nv norm file path : ", "parseArgs: nv prot file path : ",
-                        "parseArgs: set partition number : 12",
-                        "parseArgs: partition path : /dev/block/mmcblk0p12",
-                        "parseArgs: set boot_node : boot1", "parseArgs: boot_node : /dev/boot1",
-                        "parseArgs: set dump_node : dump1", "parseArgs: dump_node : /dev/dump1"));
-}
-
 TEST_F(CommandLine, TestActionsRunAndEndParsing) {
     const std::string test_dir = std::string(kLogDir) + "/test";
     const auto put = [&](const char* name) { write_file(test_dir + "/" + name, "x"); };
@@ -220,26 +178,6 @@ TEST_F(CommandLine, TestActionsRunAndEndParsing) {
     said();
     EXPECT_EQ(parse({"-T", "4"}), PARSE_TEST);
     EXPECT_THAT(said(), IsEmpty());
-}
-
-TEST_F(CommandLine, UsageNamesTheProgram) {
-    testing::internal::CaptureStdout();
-    Container::printUsage("/vendor/bin/rvd");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Usage: /vendor/bin/rvd [OPTION]\n"
-              " -h Usage\n"
-              " -d Daemon mode\n"
-              " -t modem Type [hdr41x, zqn55x, etc.]\n"
-              " -b Boot link [d, h, s, u, p, c, m, l]\n"
-              " \td(DPRAM) h(HSIC) s(SPI) u(UART) p(PLD) c(C2C) m(shared Memory) l(LLI)\n"
-              " -m Main link [d, h, s, p, c, m, l, e]\n"
-              " \td(DPRAM) h(HSIC) s(SPI) p(PLD) c(C2C) m(shared Memory) l(LLI) e(PCIE)\n"
-              " -o Options [u, t, r]\n"
-              " \tu(Upload test) t(Tegra EHCI) r(run with root)\n"
-              " \tv(verify vss) s(reinit vss)\n"
-              " -p Partition# of CP binary\n"
-              " -B Boot device\n"
-              " -D Dump device\n");
 }
 
 }  // namespace

@@ -68,42 +68,6 @@ TEST_F(Controller, RecordsAreClosedFromTheBeginningAndAfterEveryUse) {
     }
 }
 
-TEST_F(Controller, RequestsReportTheirFailureAndEveryCompletionIsNotified) {
-    const auto power_on = [&] { return modem().std_boot_power_on(); };
-    const auto reset = [&] { return modem().std_boot_power_reset(CP_BOOT_MODE_DUMP); };
-    const auto start = [&] { return modem().std_boot_start_cp_bootloader(CP_BOOT_MODE_DUMP); };
-    const auto complete = [&] { return modem().std_boot_complete_normal_bootup(); };
-    const struct {
-        unsigned request;
-        std::function<int()> operation;
-        const char* line;
-    } cases[] = {
-            {IOCTL_POWER_ON, power_on, "! std_boot_power_on: ERR! IOCTL_POWER_ON fail (-7)"},
-            {IOCTL_POWER_RESET, reset, "! std_boot_power_reset: ERR! IOCTL_POWER_RESET fail"},
-            {IOCTL_START_CP_BOOTLOADER, start,
-             "! std_boot_start_cp_bootloader: ERR! IOCTL_START_CP_BOOTLOADER fail"},
-            {IOCTL_COMPLETE_NORMAL_BOOTUP, complete,
-             "! std_boot_complete_normal_bootup: ERR! IOCTL_COMPLETE_NORMAL_BOOTUP fail (-7)"},
-    };
-    for (const auto& c : cases) {
-        for (const int result : {0, 7, -7}) {
-            if (_IOC_SIZE(c.request) == 0) {
-                driver().expect(c.request, result);
-            } else {
-                driver().expect<uint32_t>(c.request, [=](const uint32_t& mode) {
-                    EXPECT_EQ(mode, 1u);
-                    return result;
-                });
-            }
-            if (c.request == IOCTL_COMPLETE_NORMAL_BOOTUP) {
-                driver().expect(result < 0 ? IOCTL_NOTIFY_BOOT_FAIL : IOCTL_NOTIFY_BOOT_DONE, -1);
-            }
-            EXPECT_EQ(c.operation(), std::min(result, 0));
-            EXPECT_EQ(said(), result < 0 ? Lines{c.line} : Lines{});
-        }
-    }
-}
-
 TEST_F(Controller, AnImageGoesToTheDriverInChunksThatEndWithAPartialOne) {
     for (const uint32_t size : {0u, 3u, 100u, kChunk - 1, kChunk, kChunk + 1, 2 * kChunk}) {
         SCOPED_TRACE(size);
@@ -133,19 +97,6 @@ TEST_F(Controller, AnImageThatCannotBeLoadedFailsItsStage) {
     boot().dload[2].fd = -1;
     EXPECT_EQ(integrated().load_cp_image_by_stage(2, CP_BOOT_MODE_DUMP), -1);
     EXPECT_EQ(last_said(), "! load_cp_image_by_stage: ERR! lseek fail at stage 2");
-}
-
-TEST_F(Controller, ASentVssImageIsNotLoadedAgain) {
-    plan_stage(0, 1, 9);
-    boot().dload[0].skip_if_sent = 1;
-    expect_chunk(pattern(1), 1, 0x1000, -1);
-    EXPECT_EQ(integrated().load_cp_images(CP_BOOT_MODE_DUMP), -1);
-    EXPECT_EQ(property("vendor.rvd.first_xmit_done"), "");
-    expect_chunk(pattern(1), 1, 0x1000);
-    EXPECT_EQ(integrated().load_cp_images(CP_BOOT_MODE_DUMP), 0);
-    EXPECT_EQ(property("vendor.rvd.first_xmit_done"), "1");
-    EXPECT_EQ(integrated().load_cp_images(CP_BOOT_MODE_DUMP), 1);
-    EXPECT_EQ(last_said(), "load_cp_images: stage[0] : stage is already xmit once");
 }
 
 TEST_F(Controller, AnImageOfAnotherDeviceRebootsTheDevicesOfTwoCarriers) {
@@ -210,41 +161,6 @@ TEST_F(Controller, ARegionIsCopiedAsItComesAndEndsAtItsSize) {
     driver().expect(IOCTL_GET_LOG_DUMP, -1);
     EXPECT_EQ(modem().get_log_dump("shmem", CP_LOG_DUMP_SHMEM), -22);
     EXPECT_THAT(list(kLogDir), IsEmpty());
-}
-
-TEST_F(Controller, ADumpIsPreparedAndEndsInThePanicWithItsReason) {
-    write_file("/dev/umts_ramdump0", "");
-    driver().expect<char[24]>(IOCTL_GET_LNKM_VERSION, [](char(&version)[24]) {
-        memset(version, 'v', 20);  // unterminated
-        return 0;
-    });
-    ASSERT_TRUE(modem().std_dump_prepare_args());
-    EXPECT_STREQ(dump().reason, "UMTS: ");
-    const std::string stamp = "_[0-9]{8}-[0-9]{4}.log";
-    EXPECT_THAT(list(kLogDir), ElementsAre(testing::MatchesRegex("cpcrash_umts_dump" + stamp),
-                                           testing::MatchesRegex("cpcrash_umts_info_tq720" + stamp),
-                                           testing::MatchesRegex("cpcrash_umts_log" + stamp)));
-    EXPECT_THAT(
-            read_file(std::string(kLogDir) + "/" + list(kLogDir)[2]),
-            testing::StartsWith("std_dump_write_versions: LNKM version: " + std::string(20, 'v') +
-                                "\nstd_dump_write_versions: Radio Vault Daemon (RVD) version: "
-                                "RVD-V3-20200928R1\n"));
-
-    strcpy(Container::getRvdArgs()->crash_reason, "why");
-    for (const int result : {0, -7}) {
-        driver().expect<char>(IOCTL_TRIGGER_KERNEL_PANIC, [=](const char& reason) {
-            EXPECT_STREQ(&reason, "why");
-            return result;
-        });
-        EXPECT_EQ(modem().std_dump_trigger_kernel_panic(), result);
-        EXPECT_EQ(dump().fd[DUMP_FD_DUMP], -1);
-        EXPECT_EQ(dump().fd[DUMP_FD_INFO], -1);
-        EXPECT_GE(dump().fd[DUMP_FD_LOG], 0);
-    }
-    close(dump().fd[DUMP_FD_LOG]);
-    dump().fd[DUMP_FD_LOG] = -1;
-    EXPECT_EQ(modem().std_dump_trigger_kernel_panic(), -1);
-    EXPECT_EQ(last_said(), "! std_dump_trigger_kernel_panic: ERR! fsync(log_fd) fail");
 }
 
 }  // namespace

@@ -129,21 +129,6 @@ TEST_F(Device, TheSimCountStandsBehindTheFirstEqualsSign) {
     EXPECT_EQ(last_said(), "! get_factory_prop: /efs/factory.prop read fail");
 }
 
-TEST_F(Device, TheSimCountReachesTheDriverFromOneToFour) {
-    const std::string file = "/sys/devices/platform/lnkm/sim/ds_detect";
-    for (const char count : {'0', '1', '4', '5', '/'}) {
-        unlink(file.c_str());
-        write_file("/efs/factory.prop", std::string("sims=") + count);
-        Container::getBootDump()->set_sim_configuration();
-        EXPECT_EQ(read_file(file), count >= '1' && count <= '4' ? std::string(1, count) : "");
-    }
-    write_file("/efs/factory.prop", "sims=2");
-    std::filesystem::create_symlink("/efs/elsewhere", file);
-    Container::getBootDump()->set_sim_configuration();
-    EXPECT_EQ(last_said(), "! set_sim_configuration: SIM conf: open failed");
-    unlink(file.c_str());
-}
-
 TEST_F(Device, TwoCarriersWantARebootAndNoOther) {
     for (const char* code : {"TMB", "VZW"}) {
         set_property("ro.vtc.sales_code", code);

@@ -191,27 +191,5 @@ TEST_F(Plan, ATableIsReadNoFurtherThanItGoes) {
     EXPECT_FALSE(prepare("tq720", whole.substr(0, 2), "", CP_BOOT_MODE_NORMAL));
 }
 
-TEST_F(Plan, WhatCannotBeOpenedLeavesTheRecordClosed) {
-    for (const char* modem : {"tq720", "vk880"}) {
-        prepare(modem, table("TOC NV", 2, 1), "", CP_BOOT_MODE_NORMAL);
-        Container::getBootDump()->std_boot_close_args();
-        RvdArgs& args = *Container::getRvdArgs();
-        const auto expect_refusal = [&](const std::string& line) {
-            said();
-            EXPECT_FALSE(Container::getBootDump()->prepare_boot_args(CP_BOOT_MODE_NORMAL));
-            EXPECT_THAT(said(), Contains(line));
-            EXPECT_THAT(boot().fd, testing::Each(-1));
-        };
-        strcpy(args.nv_data_path, path("no/where").c_str());
-        expect_refusal("getNvFd: ERR! create_empty_nv(" + path("no/where") + ", 17) fail");
-        strcpy(args.partition_path, "/data");  // opens, but cannot be read
-        expect_refusal("! prepare_boot_args: ERR! TOC read fail");
-        strcpy(args.partition_path, "/data/none");
-        expect_refusal("! prepare_boot_args: ERR! BIN(/data/none) open fail");
-        strcpy(args.boot_node, "/dev/none");
-        expect_refusal("! std_boot_prepare_args: ERR! DEV(/dev/none) open fail");
-    }
-}
-
 }  // namespace
 }  // namespace rvd::test

@@ -125,20 +125,6 @@ TEST_F(SrinfoTest, AnEntryOfTheLogShowsWordsAndCharacters) {
         EXPECT_EQ(srinfo_.tochar(static_cast<char>(hidden)), '.');
 }
 
-TEST_F(SrinfoTest, AnInvalidRecordLeavesNothingBehind) {
-    std::string data = record_with_brace(40);
-    data[18] = 'j';
-    expect_fetch(data, 100);
-    srinfo_.store_srinfo(kNode);
-    EXPECT_THAT(said(), Contains("alloc_srinfo: Crash info string was invalid(5245566a/5245564a)"));
-    driver().expect(IOCTL_GET_SRINFO, -1);
-    srinfo_.store_srinfo(kNode);
-    const Lines lines = said();
-    EXPECT_THAT(lines, Contains("! alloc_srinfo: ioctl fail - Get srinfo(-1)"));
-    EXPECT_EQ(lines.back(), "store_srinfo: alloc srinfo fail");
-    EXPECT_THAT(list(kLogDir), IsEmpty());
-}
-
 TEST_F(SrinfoTest, TheLogIsRotatedWhenItHasGrownBeyond64KiB) {
     for (const size_t size : {size_t{65536}, size_t{65537}}) {
         const std::string old(size, 'o');
@@ -164,38 +150,6 @@ TEST_F(SrinfoTest, TheLogIsRotatedWhenItHasGrownBeyond64KiB) {
     }
     EXPECT_EQ(last_said(), std::string("! open_srinfo_file: rename (") + kHexLog + " -> " +
                                    kPrevious + ") file fail");
-}
-
-TEST_F(SrinfoTest, WhatStandsInTheWayIsReportedAndKept) {
-    srinfo_.restore_srinfo(kNode);
-    EXPECT_EQ(last_said(), "restore_srinfo: sr_info_last open fail(-1)");
-
-    std::filesystem::create_directory("/data/vendor/log/rvd/err");
-    write_file(kLast, "");
-    srinfo_.restore_srinfo(kNode);
-    EXPECT_EQ(last_said(), "! restore_srinfo: last_sr_info file read fail");
-    srinfo_.store_srinfo(kNode);
-    EXPECT_EQ(last_said(), "store_srinfo: srinfo_last file exist, skip!");
-
-    std::filesystem::remove(kLast);
-    std::filesystem::create_directory(kLast);
-    srinfo_.restore_srinfo(kNode);
-    EXPECT_EQ(last_said(), "restore_srinfo: sr_info_last open fail(-1)");
-
-    // The log cannot be opened: the last record is stored all the same.
-    std::filesystem::remove(kLast);
-    std::filesystem::create_directory(kHexLog);
-    expect_fetch(record_with_brace(40), 100);
-    srinfo_.store_srinfo(kNode);
-    EXPECT_EQ(last_said(), "store_srinfo: sr_info_last create fail(-1)");
-    EXPECT_EQ(read_file(kLast).size(), 41u);
-
-    std::filesystem::remove_all(kLogDir);
-    write_file(kLogDir, "");
-    expect_fetch(record_with_brace(40), 100);
-    srinfo_.store_srinfo(kNode);
-    EXPECT_EQ(last_said(),
-              std::string("create_srinfo_directory: (") + kLogDir + ") is not a directory");
 }
 
 }  // namespace

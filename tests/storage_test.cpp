@@ -75,20 +75,6 @@ TEST_F(Storage, TooLittleFreeSpaceIsRefusedAtItsLimit) {
     EXPECT_EQ(last_said(), "create_log_directory: check_log_directory err(-1)");
 }
 
-TEST_F(Storage, TheGroupOfLogsGetsTheDirectoryWhereThereIsOne) {
-    EXPECT_EQ(create(), 0);
-    EXPECT_THAT(said(), testing::Not(Contains(testing::HasSubstr("gid("))));
-    write_file(kGroups, "log:x:0:\n");
-    EXPECT_EQ(create(), 0);
-    EXPECT_EQ(last_said(),
-              std::string("! create_log_directory: log path (") + kLogDir + ") gid(0) changed(0)");
-    std::filesystem::remove(kLogDir);
-    debug_level = 0;
-    EXPECT_EQ(create(), 0);
-    EXPECT_EQ(last_said(),
-              std::string("! create_log_directory: log path (") + kLogDir + ") gid(0) changed(-1)");
-}
-
 TEST_F(Storage, OnlyTheLogDirectoryIsEverRemoved) {
     for (const char* other : {"/data/vendor/log", "/data/misc", "/data/vendor/log/rv"})
         EXPECT_NE(Log::remove_directory(other), 0);

@@ -165,46 +165,12 @@ TEST_F(Upload, AStepFailsAtItsFirstDoubtfulFrame) {
     EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 1] start fail (ret -1)");
 }
 
-TEST_F(Upload, StepsBeyondTheirFieldAreNotAskedFor) {
-    const Modem modem(&dump().fd[DUMP_FD_NODE], ">9DFF <ADFF:1:1:1");
-    EXPECT_EQ(protocol_.std_ul_recv_data(255), 1);
-    EXPECT_EQ(protocol_.std_ul_recv_data(256), -14);
-    EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 256] is beyond the last step 255");
-}
-
 TEST_F(Upload, ADiskThatFillsUpKeepsWhatItHolds) {
     const Modem modem(&dump().fd[DUMP_FD_NODE], ">9D01 <AD01:2:1:2048 <AD01:2:2:2048");
     const FullDisk disk(3000);
     EXPECT_EQ(protocol_.std_ul_recv_data(1), -1);
     EXPECT_EQ(last_said(), "! std_ul_recv_data: ERR! [step 1] seq# 2 write fail");
     EXPECT_TRUE(saved() == pattern(3000));
-}
-
-TEST_F(Upload, ACrashFileThatFailsEndsTheUpload) {
-    int pipe[2];  // takes bytes, but cannot be flushed
-    ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
-    const struct {
-        unsigned slot;
-        int fd;
-        const char* line;
-    } cases[] = {
-            {DUMP_FD_INFO, open("/dev/full", O_WRONLY | O_CLOEXEC),
-             "! std_ul_recv_info: ERR! REASON write fail"},
-            {DUMP_FD_INFO, pipe[1], "! std_ul_recv_info: ERR! fsync(info_fd) fail (-1)"},
-            {DUMP_FD_DUMP, pipe[1], "! std_dump_receive_cp_dump: ERR! fsync(dump_fd) fail"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.line);
-        const int standing = dump().fd[c.slot];
-        dump().fd[c.slot] = c.fd;
-        expect_question_of_owner();
-        const Modem modem(&dump().fd[DUMP_FD_NODE], ">9D00 <AD00 <I:0:0:1 <T:x");
-        EXPECT_EQ(protocol_.std_dump_receive_cp_dump(), -1);
-        EXPECT_THAT(said(), Contains(c.line));
-        dump().fd[c.slot] = standing;
-    }
-    for (const int fd : {cases[0].fd, pipe[0], pipe[1]})
-        close(fd);
 }
 
 TEST_F(Upload, TheCrashSentenceNamesTheOwner) {
