@@ -35,6 +35,9 @@ constexpr uid_t kRadio = 1001;
 // A daemon that waits and has been still for so long has nothing more to do.
 constexpr milliseconds kStill{400};
 
+// The daemon asks for the state, or closes the node, as soon as it sees a hang-up.
+constexpr milliseconds kHangUpPatience{5000};
+
 // A sleep of this length is no step of a pass.
 constexpr time_t kParkedSeconds = 200;
 
@@ -250,6 +253,7 @@ void RelayStage::hang_up(Node node) {
     for (Link& link : links_) {
         if (link.node != node || link.hung) continue;
         link.hung = true;
+        link.hung_since = steady_clock::now();
         link.waits_for_hang_up = false;
         link.out.clear();
         control_.hang_up(link.id, true);
@@ -342,6 +346,12 @@ void RelayStage::reap() {
 // With nothing to come and all of the daemon's threads but the waiting one gone, this is the end.
 void RelayStage::notice_rest() {
     if (now() > limit_) end_ = "limit";
+    for (const Link& link : links_) {
+        if (!link.hung || steady_clock::now() - link.hung_since < kHangUpPatience) continue;
+        story_.violation(std::string("a hang-up of the ") + node_name(link.node) +
+                         " node is not handled");
+        end_ = "timeout";
+    }
     if (!events_.empty() || steady_clock::now() - last_activity_ < kStill) return;
     const bool waits = std::any_of(links_.begin(), links_.end(),
                                    [](const Link& link) { return link.waits_for_hang_up; });

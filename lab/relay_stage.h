@@ -47,6 +47,7 @@ class RelayStage : public RunStage {
         Node node;
         uint64_t id;
         bool hung = false;
+        std::chrono::steady_clock::time_point hung_since = {};
         bool waits_for_hang_up = false;
         std::deque<Packet> out = {};  // refused for want of room, at most one
     };

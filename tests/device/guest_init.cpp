@@ -224,6 +224,15 @@ int run(const Step& step) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// What a step's processes had open may take a moment to close.
+bool unload_relay() {
+    for (int i = 0; i < kPatience; i++) {
+        if (syscall(SYS_delete_module, "relay", O_NONBLOCK) == 0) return true;
+        usleep(100'000);
+    }
+    return false;
+}
+
 void play(const Step& step, size_t index) {
     write_state(index, true);
     load_module("/modules/relay.ko", "boot=" + step.boot + " dump=" + step.dump);
@@ -234,7 +243,7 @@ void play(const Step& step, size_t index) {
         power(RB_AUTOBOOT);
     }
     unlink(kNotebook);
-    if (syscall(SYS_delete_module, "relay", O_NONBLOCK) != 0)
+    if (!unload_relay())
         report("wrong\tthe relay module can't be unloaded: something is left open");
     if (result == -1) {
         report("wrong\tit took longer than " + std::to_string(step.limit) + " s");
