@@ -106,7 +106,7 @@ TEST_F(Controller, AnImageOfAnotherDeviceRebootsTheDevicesOfTwoCarriers) {
             for (const bool carrier : {false, true}) {
                 SCOPED_TRACE(testing::Message()
                              << "mode " << mode << " code " << code << " carrier " << carrier);
-                set_property("ro.vtc.sales_code", carrier ? "TMB" : "XXX");
+                set_property("ro.vtc.sales_code", carrier ? "TMB" : "OTH");
                 set_property("sys.powerctl", "");
                 driver().expect<cp_security_req>(IOCTL_CHECK_SECURITY,
                                                  [=](const cp_security_req& request) {
