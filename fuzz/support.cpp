@@ -247,7 +247,7 @@ int unlink(const char* path) noexcept {
 }
 
 int remove(const char* path) noexcept {
-    return unlink(path);
+    return unlink(path) == 0 ? 0 : rmdir(on_phone(path).c_str());
 }
 
 int rename(const char* from, const char* to) noexcept {
