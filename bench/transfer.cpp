@@ -140,7 +140,7 @@ void upload(benchmark::State& state) {
 }
 BENCHMARK(upload)->Arg(16)->UseManualTime()->Iterations(31);
 BENCHMARK(upload)->Arg(64)->UseManualTime()->Iterations(15);
-BENCHMARK(upload)->Arg(256)->UseManualTime()->Iterations(5);
+BENCHMARK(upload)->Arg(256)->UseManualTime()->Iterations(3);
 
 void download(benchmark::State& state) {
     const uint32_t size = static_cast<uint32_t>(state.range(0)) * kMiB;
@@ -154,7 +154,7 @@ void download(benchmark::State& state) {
 }
 BENCHMARK(download)->Arg(16)->UseManualTime()->Iterations(31);
 BENCHMARK(download)->Arg(64)->UseManualTime()->Iterations(15);
-BENCHMARK(download)->Arg(256)->UseManualTime()->Iterations(5);
+BENCHMARK(download)->Arg(256)->UseManualTime()->Iterations(3);
 
 }  // namespace
 
