@@ -81,6 +81,12 @@ static LIST_HEAD(calls);
 static LIST_HEAD(items);
 static DECLARE_WAIT_QUEUE_HEAD(holder_wait);
 
+/* What a packet counts for: an empty one takes memory as well. */
+static size_t cost(size_t length)
+{
+	return length + 64;
+}
+
 static void free_open(struct kref *refs)
 {
 	open_count--;
@@ -116,7 +122,7 @@ static void unqueue_item(struct relay_item *item)
 		return;
 	list_del_init(&item->list);
 	if (item->event.kind == RELAY_WRITE) {
-		owner->outgoing_bytes -= item->event.length;
+		owner->outgoing_bytes -= cost(item->event.length);
 		wake_up_all(&owner->wait);
 	}
 	if (item->own_memory)
@@ -260,7 +266,7 @@ static ssize_t node_read(struct file *file, char __user *buffer, size_t size, lo
 	if (!list_empty(&open->incoming)) {
 		message = list_first_entry(&open->incoming, struct relay_message, list);
 		list_del(&message->list);
-		open->incoming_bytes -= message->length;
+		open->incoming_bytes -= cost(message->length);
 		if (open->refused && open->incoming_bytes <= RELAY_MAX_QUEUED / 2) {
 			open->refused = false;
 			queue_item(&open->room_item);
@@ -279,7 +285,7 @@ static ssize_t node_read(struct file *file, char __user *buffer, size_t size, lo
 
 static bool writable(struct relay_open *open)
 {
-	return open->outgoing_bytes <= RELAY_MAX_QUEUED - RELAY_MAX_PACKET;
+	return open->outgoing_bytes + cost(RELAY_MAX_PACKET) <= RELAY_MAX_QUEUED;
 }
 
 /* One write is one packet. */
@@ -318,7 +324,7 @@ static ssize_t node_write(struct file *file, const char __user *buffer, size_t s
 	else if (!result && open->hung)
 		result = -EPIPE;
 	if (!result) {
-		open->outgoing_bytes += size;
+		open->outgoing_bytes += cost(size);
 		queue_item(item);
 	}
 	mutex_unlock(&lock);
@@ -397,7 +403,7 @@ static int node_open(struct inode *inode, struct file *file)
 	mutex_unlock(&lock);
 
 	call.item.event.argument = file->f_flags;
-	result = ask_holder(open, &call, RELAY_OPEN);
+	result = min_t(s64, ask_holder(open, &call, RELAY_OPEN), 0);
 	if (result) {
 		mutex_lock(&lock);
 		list_del(&open->list);
@@ -548,12 +554,12 @@ static long do_deliver(const struct relay_packet *packet)
 	open = find_open(packet->open);
 	if (!open || open->dead) {
 		result = -ENOENT;
-	} else if (open->incoming_bytes + packet->length > RELAY_MAX_QUEUED) {
+	} else if (open->incoming_bytes + cost(packet->length) > RELAY_MAX_QUEUED) {
 		open->refused = true;
 		result = -EAGAIN;
 	} else {
 		list_add_tail(&message->list, &open->incoming);
-		open->incoming_bytes += message->length;
+		open->incoming_bytes += cost(message->length);
 		wake_up_all(&open->wait);
 	}
 	mutex_unlock(&lock);

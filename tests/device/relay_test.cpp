@@ -207,7 +207,8 @@ void bounds() {
     size_t delivered = 0;
     while (control.deliver(node.id, packet) == RelayControl::Delivery::done)
         delivered += 4096;
-    check(delivered == RELAY_MAX_QUEUED, "packets queue without the bound");
+    check(delivered > RELAY_MAX_QUEUED / 2 && delivered <= RELAY_MAX_QUEUED,
+          "packets queue without the bound");
     char buffer[4096];
     size_t taken = 0;
     while (read(node.fd, buffer, sizeof(buffer)) > 0)
@@ -229,6 +230,14 @@ void bounds() {
         expect(control, RELAY_WRITE);
     check(waiting.get() == static_cast<ssize_t>(packet.size()), "a waiting writer stays waiting");
     expect(control, RELAY_WRITE);
+
+    fcntl(node.fd, F_SETFL, O_NONBLOCK);
+    size_t empty = 0;
+    while (empty <= RELAY_MAX_QUEUED && write(node.fd, "", 0) == 0)
+        empty++;
+    check(errno == EAGAIN && empty < RELAY_MAX_QUEUED, "empty packets queue without a bound");
+    for (size_t n = 0; n < empty; n++)
+        expect(control, RELAY_WRITE);
     close_node(control, node);
 }
 
