@@ -31,7 +31,7 @@ short = 0
 def say(what, figure, wanted="", held=True):
     global short
     short += not held
-    print(f"{what:<38} {figure:<44} {wanted}{'' if held else '  SHORT'}".rstrip(), flush=True)
+    print(f"{what:<34} {figure:<60} {wanted}{'' if held else '  SHORT'}".rstrip(), flush=True)
 
 
 def transfers():
@@ -47,13 +47,14 @@ def transfers():
                 say("start to the first driver request", f"{run['real_time'] / 1e6:.2f} ms")
         else:
             rate, bare, ratio = run["MB/s"], run["bare MB/s"], run["ratio"]
-            say(f"{work}, {size} MiB", f"{ratio:.3f} of the bare loop ({rate:.0f} of {bare:.0f} MB/s), "
-                f"processor {run['cpu ratio']:.3f}", f">= {RATIO_WANTED}", ratio >= RATIO_WANTED)
-            say("", f"{run['allocations']:.0f} allocations", "<= 1", run["allocations"] <= 1)
+            allocations = run["allocations"]
+            say(f"{work}, {size} MiB", f"{ratio:.3f} of the bare loop, {rate:.0f} of {bare:.0f} MB/s; "
+                f"{allocations:.0f} allocations", f">= {RATIO_WANTED}, <= 1",
+                ratio >= RATIO_WANTED and allocations <= 1)
             pace.setdefault(work, []).append(rate)
     for work, rates in pace.items():
         spread = max(rates) / min(rates)
-        say(f"{work}, time by size", f"slowest and fastest MB/s differ {spread:.2f} times")
+        say(f"{work}, by size", f"fastest rate {spread:.2f} times the slowest")
 
 
 def instructions(work, way, frames):

@@ -34,9 +34,9 @@ void pin(unsigned core) {
     sched_setaffinity(0, sizeof(cores), &cores);
 }
 
-double seconds(clockid_t clock) {
+double monotonic() {
     timespec now = {};
-    clock_gettime(clock, &now);
+    clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
@@ -95,18 +95,21 @@ Phone::~Phone() {
     Container::getBootDump()->std_dump_init_args();
 }
 
-bool Duel::measure(const Work& work, std::vector<Time>* times) {
+bool Duel::measure(const Work& work, std::vector<double>* seconds) {
     if (!prepare_()) return false;
-    const double wall = seconds(CLOCK_MONOTONIC);
-    const double cpu = seconds(CLOCK_PROCESS_CPUTIME_ID);
+    const double begin = monotonic();
     if (!work()) return false;
-    times->push_back({seconds(CLOCK_MONOTONIC) - wall, seconds(CLOCK_PROCESS_CPUTIME_ID) - cpu});
+    seconds->push_back(monotonic() - begin);
     return true;
 }
 
 void Duel::run(const Work& daemon, const Work& bare) {
+    // The lists must not grow while allocations are counted.
+    constexpr size_t kManyTurns = 1000;
+    daemon_.reserve(kManyTurns);
+    bare_.reserve(kManyTurns);
     uint64_t allocated = 0;
-    std::vector<Time> warm_up;
+    std::vector<double> warm_up;
     if (!measure(daemon, &warm_up) || !measure(bare, &warm_up))
         return state_.SkipWithError("the work failed");
     for ([[maybe_unused]] auto turn : state_) {
@@ -117,24 +120,19 @@ void Duel::run(const Work& daemon, const Work& bare) {
         allocated = allocations() - before;
         held = held && (bare_first || measure(bare, &bare_));
         if (!held) return state_.SkipWithError("the work failed");
-        state_.SetIterationTime(daemon_.back().wall);
+        state_.SetIterationTime(daemon_.back());
     }
     report(allocated);
 }
 
 void Duel::report(uint64_t allocated) {
-    std::vector<double> daemon_wall, bare_wall, wall_ratio, cpu_ratio;
-    for (size_t i = 0; i < daemon_.size(); ++i) {
-        daemon_wall.push_back(daemon_[i].wall);
-        bare_wall.push_back(bare_[i].wall);
-        wall_ratio.push_back(bare_[i].wall / daemon_[i].wall);
-        cpu_ratio.push_back(bare_[i].cpu / daemon_[i].cpu);
-    }
+    std::vector<double> ratio;
+    for (size_t i = 0; i < daemon_.size(); ++i)
+        ratio.push_back(bare_[i] / daemon_[i]);
     const double megabytes = static_cast<double>(bytes_) * 1e-6;
-    state_.counters["MB/s"] = megabytes / median(daemon_wall);
-    state_.counters["bare MB/s"] = megabytes / median(bare_wall);
-    state_.counters["ratio"] = median(wall_ratio);
-    state_.counters["cpu ratio"] = median(cpu_ratio);
+    state_.counters["MB/s"] = megabytes / median(daemon_);
+    state_.counters["bare MB/s"] = megabytes / median(bare_);
+    state_.counters["ratio"] = median(ratio);
     state_.counters["allocations"] = static_cast<double>(allocated);
 }
 

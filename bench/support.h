@@ -74,16 +74,13 @@ class Duel {
     void run(const Work& daemon, const Work& bare);
 
   private:
-    struct Time {
-        double wall, cpu;  // s
-    };
-    bool measure(const Work& work, std::vector<Time>* times);
+    bool measure(const Work& work, std::vector<double>* seconds);
     void report(uint64_t allocated);
 
     benchmark::State& state_;
     uint64_t bytes_;
     Work prepare_;
-    std::vector<Time> daemon_, bare_;
+    std::vector<double> daemon_, bare_;  // s
 };
 
 }  // namespace rvd::bench

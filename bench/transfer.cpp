@@ -138,9 +138,9 @@ void upload(benchmark::State& state) {
             .run([&] { return work.by_daemon(phone, dump.get(), info.get()); },
                  [&] { return work.by_bare_loop(phone, dump.get()); });
 }
-BENCHMARK(upload)->Arg(16)->UseManualTime()->Iterations(31);
+BENCHMARK(upload)->Arg(16)->UseManualTime()->Iterations(61);
 BENCHMARK(upload)->Arg(64)->UseManualTime()->Iterations(15);
-BENCHMARK(upload)->Arg(256)->UseManualTime()->Iterations(3);
+BENCHMARK(upload)->Arg(256)->UseManualTime()->Iterations(7);
 
 void download(benchmark::State& state) {
     const uint32_t size = static_cast<uint32_t>(state.range(0)) * kMiB;
@@ -152,9 +152,9 @@ void download(benchmark::State& state) {
             .run([&] { return work.by_daemon(image.get()); },
                  [&] { return work.by_bare_loop(phone, image.get()); });
 }
-BENCHMARK(download)->Arg(16)->UseManualTime()->Iterations(31);
+BENCHMARK(download)->Arg(16)->UseManualTime()->Iterations(61);
 BENCHMARK(download)->Arg(64)->UseManualTime()->Iterations(15);
-BENCHMARK(download)->Arg(256)->UseManualTime()->Iterations(3);
+BENCHMARK(download)->Arg(256)->UseManualTime()->Iterations(7);
 
 }  // namespace
 
