@@ -129,10 +129,9 @@ int driver(unsigned long request, void* record) {
     answer_request(request, record);
     const uint8_t outcome = answers->take<uint8_t>();
     errno = EIO;
-    if (outcome == 0xFF) return -1;
-    if (outcome == 0xFE) return answers->take<int>();
-    granted = request;
-    return 0;
+    const int result = outcome == 0xFF ? -1 : outcome == 0xFE ? answers->take<int>() : 0;
+    if (result >= 0) granted = request;
+    return result;
 }
 
 }  // namespace
