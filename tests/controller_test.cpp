@@ -5,12 +5,17 @@
 #include <filesystem>
 #include <functional>
 
+#include "bootdump/BootDumpExt.h"
 #include "bootdump/BootDumpModap.h"
+#include "log/Log.h"
+#include "srinfo/Srinfo.h"
 #include "tests/support/phone.h"
+#include "util/Util.h"
 
 namespace rvd::test {
 namespace {
 
+using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -97,6 +102,42 @@ TEST_F(Controller, AnImageThatCannotBeLoadedFailsItsStage) {
     boot().dload[2].fd = -1;
     EXPECT_EQ(integrated().load_cp_image_by_stage(2, CP_BOOT_MODE_DUMP), -1);
     EXPECT_EQ(last_said(), "! load_cp_image_by_stage: ERR! lseek fail at stage 2");
+}
+
+TEST_F(Controller, WithoutMemoryAStepFailsWithItsWord) {
+    const struct {
+        const char* type;
+        std::function<int()> step;
+        int result;
+        std::string line;
+    } cases[] = {
+            {"tq720", [&] { return integrated().load_cp_image_by_stage(2, CP_BOOT_MODE_NORMAL); },
+             -12, "load_cp_image_by_stage: ERR! malloc(4096) fail"},
+            {"vk880",
+             [&] { return static_cast<BootDumpExt&>(modem()).std_boot_load_cp_bootloader(2); }, -12,
+             "std_boot_load_cp_bootloader: ERR! malloc(4096) fail"},
+            {"tq720", [&] { return Util::create_empty_nv(path("nv").c_str(), 4096); }, -12,
+             "create_empty_nv: ERR! malloc(4096) fail"},
+            {"tq720", [&] { return Log::dmesg_to_file(path("ring").c_str()); }, -1,
+             "dmesg_to_file: ERR! malloc(524289) fail"},
+            {"tq720",
+             [&] {
+                 Container::getSrinfo()->store_srinfo(3);
+                 return 0;
+             },
+             0, "alloc_srinfo: read buf alloc(4096) fail"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        use_modem(c.type);
+        plan_stage(2, 4096, 4096);
+        kernel().no_memory = true;
+        const int result = c.step();
+        kernel().no_memory = false;
+        EXPECT_EQ(result, c.result);
+        EXPECT_THAT(said(), Contains(c.line));
+        modem().std_boot_close_args();
+    }
 }
 
 TEST_F(Controller, AnImageOfAnotherDeviceRebootsTheDevicesOfTwoCarriers) {

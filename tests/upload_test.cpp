@@ -160,6 +160,8 @@ TEST_F(Upload, AStepFailsAtItsFirstDoubtfulFrame) {
         EXPECT_THAT(read_file(path("log")), EndsWith(line + "\n"));
         start_afresh();
     }
+    EXPECT_EQ(protocol_.std_ul_recv_data(256), -14);
+    EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 256] is beyond the last step 255");
     const Modem modem(&dump().fd[DUMP_FD_NODE], "<0");
     EXPECT_EQ(protocol_.std_ul_recv_data(1), -1);
     EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 1] start fail (ret -1)");

@@ -26,6 +26,12 @@ namespace {
 
 std::unique_ptr<Kernel> current = std::make_unique<Kernel>();
 
+// The C++ library allocates before there is a kernel.
+bool has_memory(size_t size) {
+    constexpr size_t kLarge = 1024;
+    return size < kLarge || current == nullptr || !current->no_memory;
+}
+
 // A request of the dump record's goes to its node; of the others to the boot record's, or to a node
 // opened for the purpose.
 bool is_right_node(int fd, unsigned request) {
@@ -139,6 +145,16 @@ int klogctl(int type, char* buffer, int size) noexcept {
 int pthread_detach(pthread_t thread) noexcept {
     kernel().detached.push_back(thread);
     return 0;
+}
+
+void* __real_calloc(size_t count, size_t size);
+void* __wrap_calloc(size_t count, size_t size) {
+    return rvd::test::has_memory(count * size) ? __real_calloc(count, size) : nullptr;
+}
+
+int __real_posix_memalign(void** block, size_t alignment, size_t size);
+int __wrap_posix_memalign(void** block, size_t alignment, size_t size) {
+    return rvd::test::has_memory(size) ? __real_posix_memalign(block, alignment, size) : ENOMEM;
 }
 
 }  // extern "C"

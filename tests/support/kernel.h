@@ -1,6 +1,6 @@
 // What the daemon asks of the kernel and a test answers: the driver's requests, waiting, free space
 // and the kernel's log ring. The executable's own ioctl, poll, sleep, usleep, statfs, klogctl and
-// pthread_detach take the place of the C library's.
+// pthread_detach take the place of the C library's, and it stands before calloc and posix_memalign.
 #pragma once
 
 #include <pthread.h>
@@ -53,6 +53,7 @@ struct Kernel {
     int statfs_error = 0;
     std::string ring = "<6>ring\n";  // the kernel's log
     int ring_error = 0;
+    bool no_memory = false;  // the daemon's large blocks are refused
 
     // Waits for the threads that the daemon left to themselves. Returns how many there were.
     size_t join_detached();
