@@ -36,9 +36,9 @@ std::vector<std::string> open_paths(const RunStage& stage);
 Files closed_files(const Phone& phone, const std::vector<std::string>& open);
 
 // What is not as it may be in a run with a fault, when it is held against the `clean` one; `before`
-// are the files that were complete when the fault came.
+// are the files that were complete when the fault came, `log` is what the daemon said.
 std::vector<std::string> differences(const Conduct& clean, const Conduct& faulty,
-                                     const Files& before);
+                                     const Files& before, const std::vector<std::string>& log);
 
 // To and from the text that one process hands to another.
 void print_conduct(const Conduct& conduct);

@@ -89,6 +89,13 @@ int64_t Driver::request(Node node, unsigned long number, uint64_t argument, Memo
     return result;
 }
 
+// The daemon goes by what it was told: the boot has failed, or its end has been notified.
+void Driver::lost(unsigned long number) {
+    if (number == IOCTL_COMPLETE_NORMAL_BOOTUP) notification_ = Due::fail;
+    if (number == IOCTL_NOTIFY_BOOT_DONE || number == IOCTL_NOTIFY_BOOT_FAIL)
+        notification_ = Due::nothing;
+}
+
 const Answer* Driver::answer_for(const std::string& name) {
     const int time = ++times_[name];
     for (const Answer& answer : scenario_.driver.answers) {

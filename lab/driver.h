@@ -21,6 +21,7 @@ class Driver : public Modem {
     ~Driver() override;
 
     int64_t request(Node node, unsigned long number, uint64_t argument, Memory& memory) override;
+    void lost(unsigned long number) override;
     void received(Node node, const Packet& packet) override { loader_.receive(node, packet); }
     bool next(Node node, Packet& packet) override;
 

@@ -38,9 +38,8 @@ constexpr int kFarewellMs = 5000;
 }  // namespace
 
 Gate::Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup setup)
-    : scenario_(scenario),
+    : RunStage(scenario, story),
       phone_(phone),
-      story_(story),
       setup_(setup),
       now_(setup.start),
       last_activity_(setup.start),
@@ -59,10 +58,7 @@ void Gate::start_daemon() {
     close_process();
     process_ = launch(phone_.root(), scenario_.args, rules_, !setup_.real_time);
     ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_SET_FLAGS, SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP);
-    std::string words = "starts the daemon: rvd";
-    for (const std::string& argument : scenario_.args)
-        words += " " + argument;
-    story_.tell("phone", "daemon", words);
+    tell_start();
 }
 
 bool Gate::reboot() {
@@ -179,9 +175,7 @@ void Gate::reap() {
     if (waitpid(process_.pid, &status, WNOHANG) != process_.pid) return;
     drain();
     process_.pid = -1;
-    end_ = WIFEXITED(status) ? format("exit %d", WEXITSTATUS(status))
-                             : format("signal %d", WTERMSIG(status));
-    story_.tell("daemon", "", WIFEXITED(status) ? "exits" : "dies");
+    take_end(status);
 }
 
 // One thread at a time, the oldest first, so that the same scenario is always the same story.
@@ -249,18 +243,6 @@ void Gate::expire(Call call) {
         ProcessMemory(call.tid()).write(call.argument(0), fds.data(), fds.size() * sizeof(pollfd));
     }
     answer(call, 0);
-}
-
-void Gate::later(Time delay, std::function<void()> what) {
-    events_.emplace(now_ + delay, std::move(what));
-}
-
-void Gate::run_due_events() {
-    while (end_.empty() && !events_.empty() && events_.begin()->first <= now_) {
-        const auto what = std::move(events_.begin()->second);
-        events_.erase(events_.begin());
-        what();
-    }
 }
 
 }  // namespace rvd::lab

@@ -34,15 +34,15 @@ class Gate : public RunStage {
     Gate(const Gate&) = delete;
     Gate& operator=(const Gate&) = delete;
 
-    void connect(Modem& modem) override { modem_ = &modem; }
     void start_daemon() override;
     bool reboot() override;
     std::string serve() override;
-    void stop(const std::string& end) override { end_ = end; }
     std::map<int, std::string> descriptors() const override;
 
+    pid_t daemon() const override { return process_.pid; }
+    void recount_faults() override { fault_times_.clear(); }
+
     Time now() const override { return now_; }
-    void later(Time delay, std::function<void()> what) override;
     void hang_up(Node node) override;
     void end_hang_up() override;
     void flush(Node node) override;
@@ -82,7 +82,6 @@ class Gate : public RunStage {
     void advance();
     void expire(Call call);
     bool answer_ready_polls();
-    void run_due_events();
     void reap();
     void end_daemon();
     void close_process();
@@ -91,7 +90,6 @@ class Gate : public RunStage {
     void handle(const Call& call);
     void answer(const Call& call, int64_t result);
     void proceed(const Call& call);
-    void hold(const Call& call, Time deadline, bool hollow = false);
     void note(const Call& call);
     bool apply_fault(const Call& call);
     void transfer_part(const Call& call, size_t size);
@@ -100,17 +98,21 @@ class Gate : public RunStage {
     void do_syslog(const Call& call);
     void do_statfs(const Call& call);
     void do_identity(const Call& call);
-    void do_poll(const Call& call);
-    void do_sleep(const Call& call);
-    void do_clock(const Call& call);
     void do_clone(const Call& call);
     void do_write(const Call& call);
     void check_path(const Call& call, const std::string& path);
-    std::vector<pollfd> polled(const Call& call) const;
-    bool poll_ready(const Call& call);
     std::string path_of(const Call& call) const;
     int fd_of(const Call& call) const;
     std::string path_of_fd(int fd) const;
+    int duplicate(int fd) const;  // the daemon's, as one of this process
+
+    // Time, in gate_waits.cpp.
+    void hold(const Call& call, Time deadline, bool hollow = false);
+    std::vector<pollfd> polled(const Call& call) const;
+    bool poll_ready(const Call& call);
+    void do_poll(const Call& call);
+    void do_sleep(const Call& call);
+    void do_clock(const Call& call);
 
     // Links, in gate_links.cpp.
     int open_pair(int& daemon_end) const;
@@ -124,20 +126,15 @@ class Gate : public RunStage {
     void drain_link(size_t index);
     void pump_link(Link& link);
 
-    const Scenario& scenario_;
     const Phone& phone_;
-    Story& story_;
     const Setup setup_;
-    Modem* modem_ = nullptr;
 
     std::map<int, CallShape> shapes_;
     std::vector<Rule> rules_;
     Process process_;
-    std::string end_;
     bool gone_ = false;  // the device is in upload mode: nothing is answered
 
     Time now_;
-    std::multimap<Time, std::function<void()>> events_;
     Time last_activity_;
     std::chrono::steady_clock::time_point real_start_;
 

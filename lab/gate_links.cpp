@@ -65,9 +65,7 @@ void Gate::open_node(const Call& call, Node node) {
     links_.push_back(std::move(link));
     const auto open = std::count_if(links_.begin(), links_.end(),
                                     [&](const Link& other) { return other.node == node; });
-    // The loop's descriptor and the one of the boot or request in hand.
-    if (open > (node == Node::boot ? 2 : 1))
-        story_.violation(format("the %s node is open %ld times", node_name(node), open));
+    check_opens(node, static_cast<size_t>(open));
 }
 
 void Gate::open_kernel_log(const Call& call) {

@@ -87,24 +87,12 @@ scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
     return filter;
 }
 
-[[noreturn]] void become_daemon(const std::string& root, scmp_filter_ctx filter, char** arguments,
-                                char** variables, int socket) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const int output = open((root + kOutput).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-    const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    dup2(input, 0);
-    dup2(output, 1);
-    dup2(output, 2);
-    close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
+// The last thing before the daemon: from here on its calls are the lab's.
+void hand_over_calls(scmp_filter_ctx filter, int socket) {
     signal(SIGPIPE, SIG_IGN);  // a device node never raises it
-    // As a phone's first process starts it; in a user namespace the kernel refuses.
-    setgroups(1, &kLogGroup);
     ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    if (chroot(root.c_str()) == 0 && chdir("/") == 0 && seccomp_load(filter) == 0) {
-        send_descriptor(socket, seccomp_notify_fd(filter));
-        execve(kDaemonPath, arguments, variables);
-    }
-    _exit(127);
+    if (seccomp_load(filter) != 0) _exit(127);
+    send_descriptor(socket, seccomp_notify_fd(filter));
 }
 
 // Where the kernel put the argument count on the new stack; field 28 of the status line.
@@ -140,11 +128,29 @@ void hide_shared_clock(pid_t pid) {
 
 }  // namespace
 
-Process launch(const std::string& root, const std::vector<std::string>& arguments,
-               const std::vector<Rule>& rules, bool virtual_time) {
+void become_daemon(const std::string& root, const std::vector<std::string>& arguments,
+                   const std::function<void()>& last) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::vector<std::string> words = {kDaemonPath};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<std::string> variables = environment();
+    const int output = open((root + kOutput).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    dup2(input, 0);
+    dup2(output, 1);
+    dup2(output, 2);
+    close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
+    // As a phone's first process starts it; in a user namespace the kernel refuses.
+    setgroups(1, &kLogGroup);
+    if (chroot(root.c_str()) == 0 && chdir("/") == 0) {
+        last();
+        execve(kDaemonPath, pointers(words).data(), pointers(variables).data());
+    }
+    _exit(127);
+}
+
+Process launch(const std::string& root, const std::vector<std::string>& arguments,
+               const std::vector<Rule>& rules, bool virtual_time) {
     int sockets[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) fail_errno("socketpair");
     scmp_filter_ctx filter = make_filter(rules);
@@ -153,7 +159,7 @@ Process launch(const std::string& root, const std::vector<std::string>& argument
     process.pid = fork();
     if (process.pid < 0) fail_errno("cannot fork");
     if (process.pid == 0)
-        become_daemon(root, filter, pointers(words).data(), pointers(variables).data(), sockets[1]);
+        become_daemon(root, arguments, [&] { hand_over_calls(filter, sockets[1]); });
     close(sockets[1]);
     seccomp_release(filter);
     process.listener = receive_descriptor(sockets[0]);

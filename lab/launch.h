@@ -5,6 +5,7 @@
 #include <seccomp.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,10 @@ struct Process {
     int pidfd = -1;
     int listener = -1;  // the filter's notifications
 };
+
+// Turns this process into the daemon, in the phone at `root`, once `last` has run there.
+[[noreturn]] void become_daemon(const std::string& root, const std::vector<std::string>& arguments,
+                                const std::function<void()>& last);
 
 // With `virtual_time` no clock of the daemon's can bypass the filter. Throws Unable.
 Process launch(const std::string& root, const std::vector<std::string>& arguments,

@@ -1,6 +1,7 @@
 // rvd-lab: the virtual phone's command line.
 
 #include <stdio.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -10,6 +11,7 @@
 #include "lab/campaign.h"
 #include "lab/faults.h"
 #include "lab/scenario.h"
+#include "lab/soak.h"
 
 using namespace rvd::lab;
 
@@ -21,7 +23,7 @@ struct CommandLine {
     std::vector<std::string> files;
     int64_t seed = 0;
     int jobs = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
-    int spread = 0;
+    int spread = 0, passes = 10000;
     bool quiet = false, story = false;
 };
 
@@ -116,11 +118,20 @@ int main(int argc, char** argv) try {
     faults_command->add_option("--jobs", line.jobs, "how many at once");
     add_run_options(*faults_command, line);
 
+    CLI::App* soak_command = app.add_subcommand("soak", "live through pass after pass of events");
+    soak_command->add_option("--passes", line.passes, "how many (10000)");
+    soak_command->add_flag("--story", line.story, "tell the story");
+    add_run_options(*soak_command, line);
+
     CLI::App* keys_command = app.add_subcommand("keys", "print what a scenario can say");
 
     CLI11_PARSE(app, argc, argv);
     if (keys_command->parsed()) return fputs(scenario_manual().c_str(), stdout) < 0;
     if (faults_command->parsed()) return run_faults({line.run, line.only, line.spread, line.jobs});
+    if (soak_command->parsed()) {
+        line.run.story = line.story;
+        return run_soak(line.seed != 0 ? line.seed : time(nullptr), line.passes, line.run);
+    }
     return demo_command->parsed() ? demo(line) : run(line);
 } catch (const Unable& unable) {
     fprintf(stderr, "rvd-lab: %s\n", unable.what());

@@ -54,6 +54,9 @@ class Modem {
     // One driver request; the result as the driver returns it, a negated errno on failure.
     virtual int64_t request(Node node, unsigned long number, uint64_t argument, Memory& memory) = 0;
 
+    // A request that failed before it came to the driver.
+    virtual void lost(unsigned long number) = 0;
+
     // One packet that was written to the node.
     virtual void received(Node node, const Packet& packet) = 0;
 

@@ -2,13 +2,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <grp.h>
-#include <linux/close_range.h>
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -18,6 +15,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "lab/launch.h"
 #include "lab/memory.h"
 #include "lab/relay_checks.h"
 
@@ -59,9 +57,8 @@ void refuse_what_a_kernel_does_not(const Scenario& scenario) {
 
 RelayStage::RelayStage(const Scenario& scenario, const Phone& phone, Story& story, Time start,
                        Time now, std::chrono::seconds patience)
-    : scenario_(scenario),
+    : RunStage(scenario, story),
       phone_(phone),
-      story_(story),
       limit_(start + scenario.limit),
       give_up_(steady_clock::now() + patience),
       last_activity_(steady_clock::now()) {
@@ -100,40 +97,12 @@ void RelayStage::put_nodes() {
 
 void RelayStage::start_daemon() {
     end_daemon();
-    spawn();
-    pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-    identified_ = false;
-    std::string words = "starts the daemon: rvd";
-    for (const std::string& argument : scenario_.args)
-        words += " " + argument;
-    story_.tell("phone", "daemon", words);
-}
-
-void RelayStage::spawn() {
-    std::vector<std::string> words = {kDaemonPath};
-    words.insert(words.end(), scenario_.args.begin(), scenario_.args.end());
-    std::vector<char*> arguments;
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    std::string properties = std::string("RVD_PROPERTY_DIR=") + kPropertyDir;
-    std::string android = std::string("RVD_ANDROID_LOG=") + kAndroidLog;
-    char* variables[] = {properties.data(), android.data(), nullptr};
-
     pid_ = fork();
     if (pid_ < 0) fail_errno("cannot fork");
-    if (pid_ > 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const int output = open(phone_.path(kOutput).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-    const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    dup2(input, 0);
-    dup2(output, 1);
-    dup2(output, 2);
-    close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
-    setgroups(1, &kLogGroup);
-    if (chroot(phone_.root().c_str()) == 0 && chdir("/") == 0)
-        execve(kDaemonPath, arguments.data(), variables);
-    _exit(127);
+    if (pid_ == 0) become_daemon(phone_.root(), scenario_.args, [] {});
+    pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+    identified_ = false;
+    tell_start();
 }
 
 bool RelayStage::reboot() {
@@ -226,9 +195,7 @@ void RelayStage::open_node(const RelayControl::Event& event) {
     control_.answer(event, 0);
     const auto open = std::count_if(links_.begin(), links_.end(),
                                     [&](const Link& link) { return link.node == node; });
-    // The loop's descriptor and the one of the boot or request in hand.
-    if (open > (node == Node::boot ? 2 : 1))
-        story_.violation(format("the %s node is open %ld times", node_name(node), open));
+    check_opens(node, static_cast<size_t>(open));
 }
 
 void RelayStage::serve_request(const RelayControl::Event& event) {
@@ -301,18 +268,6 @@ Time RelayStage::now() const {
     return time.tv_sec * kSecond + time.tv_nsec;
 }
 
-void RelayStage::later(Time delay, std::function<void()> what) {
-    events_.emplace(now() + delay, std::move(what));
-}
-
-void RelayStage::run_due_events() {
-    while (end_.empty() && !events_.empty() && events_.begin()->first <= now()) {
-        const auto what = std::move(events_.begin()->second);
-        events_.erase(events_.begin());
-        what();
-    }
-}
-
 // The daemon's records in the kernel's own log, as any reader of it gets them.
 void RelayStage::drain_kernel_log() {
     char record[8192];
@@ -338,9 +293,7 @@ void RelayStage::reap() {
     if (waitpid(pid_, &status, WNOHANG) != pid_) return;
     drain_kernel_log();
     pid_ = -1;
-    end_ = WIFEXITED(status) ? format("exit %d", WEXITSTATUS(status))
-                             : format("signal %d", WTERMSIG(status));
-    story_.tell("daemon", "", WIFEXITED(status) ? "exits" : "dies");
+    take_end(status);
 }
 
 // With nothing to come and all of the daemon's threads but the waiting one gone, this is the end.

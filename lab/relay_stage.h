@@ -26,15 +26,12 @@ class RelayStage : public RunStage {
     RelayStage(const RelayStage&) = delete;
     RelayStage& operator=(const RelayStage&) = delete;
 
-    void connect(Modem& modem) override { modem_ = &modem; }
     void start_daemon() override;
     bool reboot() override;
     std::string serve() override;
-    void stop(const std::string& end) override { end_ = end; }
     std::map<int, std::string> descriptors() const override;
 
     Time now() const override;
-    void later(Time delay, std::function<void()> what) override;
     void hang_up(Node node) override;
     void end_hang_up() override;
     void flush(Node node) override;
@@ -53,9 +50,7 @@ class RelayStage : public RunStage {
     };
 
     void put_nodes();
-    void spawn();
     void wait_for_something();
-    void run_due_events();
     void handle(const RelayControl::Event& event);
     void open_node(const RelayControl::Event& event);
     [[noreturn]] void go_down();
@@ -70,20 +65,15 @@ class RelayStage : public RunStage {
     void check_sinks();
     Link* link_with(uint64_t id);
 
-    const Scenario& scenario_;
     const Phone& phone_;
-    Story& story_;
     const Time limit_;
     const std::chrono::steady_clock::time_point give_up_;
     RelayControl control_;
     int kernel_log_ = -1;
-    Modem* modem_ = nullptr;
 
     pid_t pid_ = -1;
     int pidfd_ = -1;
     bool identified_ = false, panics_ = false;
-    std::string end_;
-    std::multimap<Time, std::function<void()>> events_;
     std::chrono::steady_clock::time_point last_activity_;
     std::vector<Link> links_;
     const RelayControl::Event* served_ = nullptr;

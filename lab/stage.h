@@ -6,12 +6,16 @@
 #include <string>
 
 #include "lab/modem.h"
+#include "lab/scenario.h"
+#include "lab/story.h"
 
 namespace rvd::lab {
 
 class RunStage : public Stage {
   public:
-    virtual void connect(Modem& modem) = 0;
+    RunStage(const Scenario& scenario, Story& story) : scenario_(scenario), story_(story) {}
+
+    void connect(Modem& modem) { modem_ = &modem; }
 
     // Starts the daemon, instead of the one that runs.
     virtual void start_daemon() = 0;
@@ -23,10 +27,18 @@ class RunStage : public Stage {
     // Serves until the daemon exits ("exit N", "signal N"), waits for what can't come ("waits",
     // "parked"), the limit is reached ("limit") or stop() is called. Ends the daemon.
     virtual std::string serve() = 0;
-    virtual void stop(const std::string& end) = 0;
+    void stop(const std::string& end) { end_ = end; }
+
+    void later(Time delay, std::function<void()> what) override {
+        events_.emplace(now() + delay, std::move(what));
+    }
 
     // What the daemon has open: path by descriptor, "/dev/boot" and "/dev/dump" for the nodes.
     virtual std::map<int, std::string> descriptors() const = 0;
+
+    // The daemon's process; and the scenario's faults count from now on. The gate alone.
+    virtual pid_t daemon() const { return -1; }
+    virtual void recount_faults() {}
 
     // Called when the daemon begins to wait for a hang-up, and with each sleep of its only thread
     // where the stage sees it.
@@ -45,6 +57,21 @@ class RunStage : public Stage {
 
     // Called when the machine itself is about to go down and nothing can be said afterwards.
     std::function<void(bool panics)> on_down;
+
+  protected:
+    void run_due_events();
+    void tell_start();
+
+    // The daemon has ended, with the status that wait() gave.
+    void take_end(int status);
+
+    void check_opens(Node node, size_t open);
+
+    const Scenario& scenario_;
+    Story& story_;
+    Modem* modem_ = nullptr;
+    std::string end_;
+    std::multimap<Time, std::function<void()>> events_;
 };
 
 }  // namespace rvd::lab

@@ -47,6 +47,15 @@ void Story::recall(std::vector<std::string> log, std::vector<std::string> reques
     violations_ = std::move(violations);
 }
 
+void Story::forget() {
+    log_.clear();
+    requests_.clear();
+    facts_.clear();
+    told_.clear();
+    transfers_.clear();
+    ring_.clear();
+}
+
 void Story::tell(const char* from, const char* to, const std::string& text) {
     told_.push_back({now_ - start_, from, text});
     if (out_ == nullptr) return;

@@ -42,6 +42,9 @@ class Story {
     void recall(std::vector<std::string> log, std::vector<std::string> requests,
                 std::vector<std::string> violations);
 
+    // What was told so far is needed no more.
+    void forget();
+
     const std::vector<std::string>& log() const { return log_; }
     const std::vector<std::string>& requests() const { return requests_; }
 
