@@ -184,7 +184,8 @@ Result run_scenario(const Scenario& wanted, const RunOptions& options) {
     conduct.files = closed_files(phone, {});
     if (options.clean != nullptr) {
         check_collected(scenario, phone, driver, story);
-        for (const std::string& difference : differences(*options.clean, conduct, before, story.log()))
+        for (const std::string& difference :
+             differences(*options.clean, conduct, before, story.log()))
             story.violation(difference);
     } else {
         check_expectations(scenario, phone, driver, conduct, story);
