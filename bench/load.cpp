@@ -39,7 +39,7 @@ void load(benchmark::State& state) {
             .run([&] { return modem.load_cp_image_by_stage(0, CP_BOOT_MODE_NORMAL) == 0; },
                  [&] { return load_bare(image.get(), size); });
 }
-BENCHMARK(load)->Arg(16)->Arg(64)->Arg(256)->UseManualTime()->Iterations(31);
+BENCHMARK(load)->Arg(16)->Arg(64)->Arg(256)->UseManualTime()->Iterations(101);
 
 }  // namespace
 
