@@ -4,6 +4,7 @@
 #include <ftw.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -33,6 +34,11 @@ int Log::remove_directory(const char* path) {
         error("remove_directory", "Tried to remove false path: %s, %lu\n", path,
               static_cast<unsigned long>(kRemovableLength));
         return -EINVAL;
+    }
+    // Some C libraries walk a link that they are given; what it names is not ours.
+    struct stat root;
+    if (lstat(path, &root) == 0 && S_ISLNK(root.st_mode)) {
+        return unlink_cb(path, &root, FTW_SL, nullptr);
     }
     return nftw(path, unlink_cb, kWalkDescriptors, FTW_DEPTH | FTW_PHYS);
 }

@@ -85,6 +85,11 @@ TEST_F(Storage, OnlyTheLogDirectoryIsEverRemoved) {
     EXPECT_EQ(Log::remove_directory(kLogDir), 0);
     EXPECT_FALSE(std::filesystem::exists(kLogDir));
     EXPECT_TRUE(std::filesystem::exists("/efs"));
+    std::filesystem::create_directories("/efs/kept");
+    std::filesystem::create_directory_symlink("/efs", kLogDir);
+    EXPECT_EQ(Log::remove_directory(kLogDir), 0);
+    EXPECT_FALSE(std::filesystem::is_symlink(kLogDir));
+    EXPECT_TRUE(std::filesystem::exists("/efs/kept"));
 }
 
 TEST_F(Storage, ASaveHoldsTheEndOfTheRingAndAZeroByte) {
