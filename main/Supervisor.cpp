@@ -83,12 +83,13 @@ int boot_modem() {
 
 // The state of a modem that did not boot, asked on a node of its own.
 int get_modem_state() {
-    const ScopedFd node(open(Container::getRvdArgs()->boot_node, O_RDWR | O_CLOEXEC));
+    ScopedFd node(open(Container::getRvdArgs()->boot_node, O_RDWR | O_CLOEXEC));
     if (!node.valid()) {
         Log::error("get_modem_state", "boot node open fail\n");
         return -ENODEV;
     }
     const int state = ioctl(node.get(), IOCTL_GET_CP_STATUS, 0);
+    node.reset();
     Log::info("get_modem_state", "modem_status: %d (2)\n", state);
     return state;
 }
