@@ -54,6 +54,30 @@ void crash_file_path(unsigned slot, const char* base, const char* stamp, TextRoo
     }
 }
 
+// Receives a region of `size` bytes into its file and counts what was saved. Returns the last
+// write's result, or negative.
+int save_region(int file, uint32_t size, unsigned long* saved) {
+    constexpr char kTag[] = "get_log_dump";
+    int result = 0;
+    while (*saved < size) {
+        char chunk[kRegionChunk];
+        int received = Container::getProtocol()->std_ul_rx_frame(chunk, sizeof(chunk));
+        // A readable node without data has ended; waiting for more would never end.
+        if (received == 0) received = -EIO;
+        if (received < 0) {
+            Log::dump_info(kTag, "ERR! log_dump std_ul_rx_frame fail (ret %d)\n", received);
+            return received;
+        }
+        result = static_cast<int>(write_all(file, chunk, static_cast<size_t>(received)));
+        if (result < 0) {
+            Log::dump_error(kTag, "ERR! log_dump write fail\n");
+            return result;
+        }
+        *saved += static_cast<unsigned long>(received);
+    }
+    return result;
+}
+
 void complete_file(int32_t* slot, const char* failure) {
     if (*slot < 0) return;
     if (fsync(*slot) < 0) Log::dump_error("std_dump_trigger_kernel_panic", "%s", failure);
@@ -85,7 +109,12 @@ void BootDump::std_dump_init_args() {
 }
 
 void BootDump::std_dump_close_args() {
-    for (const int32_t fd : getStdDump()->fd) {
+    const std_dump_args* dump = getStdDump();
+    // After a dump that failed the device may not live long enough to write them back by itself.
+    for (const unsigned slot : {DUMP_FD_LOG, DUMP_FD_INFO, DUMP_FD_DUMP}) {
+        if (dump->fd[slot] >= 0) fsync(dump->fd[slot]);
+    }
+    for (const int32_t fd : dump->fd) {
         if (fd >= 0) close(fd);
     }
     std_dump_init_args();
@@ -172,7 +201,7 @@ int BootDump::get_log_dump(const char* name, cp_log_dump_index idx) {
     copy_text(region.name, name, strlen(name));
     region.idx = idx;
     Log::info(kTag, "name:%s idx:%u\n", region.name, region.idx);
-    int result = ioctl(getStdDump()->fd[DUMP_FD_NODE], IOCTL_GET_LOG_DUMP, &region);
+    const int result = ioctl(getStdDump()->fd[DUMP_FD_NODE], IOCTL_GET_LOG_DUMP, &region);
     if (result < 0) {
         Log::dump_error(kTag, "ERR! ioctl fail\n");
         return -EINVAL;
@@ -192,24 +221,11 @@ int BootDump::get_log_dump(const char* name, cp_log_dump_index idx) {
     Log::dump_info(kTag, "%s opened (fd %d)\n", path, file.get());
 
     unsigned long saved = 0;
-    while (saved < region.size) {
-        char chunk[kRegionChunk];
-        int received = Container::getProtocol()->std_ul_rx_frame(chunk, sizeof(chunk));
-        // A readable node without data has ended; waiting for more would never end.
-        if (received == 0) received = -EIO;
-        if (received < 0) {
-            Log::dump_info(kTag, "ERR! log_dump std_ul_rx_frame fail (ret %d)\n", received);
-            return received;
-        }
-        result = static_cast<int>(write_all(file.get(), chunk, static_cast<size_t>(received)));
-        if (result < 0) {
-            Log::dump_error(kTag, "ERR! log_dump write fail\n");
-            return result;
-        }
-        saved += static_cast<unsigned long>(received);
-    }
+    const int written = save_region(file.get(), region.size, &saved);
+    if (fsync(file.get()) < 0) Log::dump_error(kTag, "ERR! fsync(log_dump) fail\n");
+    if (written < 0) return written;
     Log::dump_info(kTag, "%s Complete! (%lu bytes)\n", path, saved);
-    return result;
+    return saved > 0 ? written : result;
 }
 
 }  // namespace rvd
