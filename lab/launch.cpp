@@ -40,34 +40,37 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
     return list;
 }
 
-void send_descriptor(int socket, int fd) {
-    char control[CMSG_SPACE(sizeof(int))] = {};
+// A message of one byte, with room for a descriptor.
+struct Carrier {
+    Carrier() {
+        message.msg_iov = &data;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+    }
+    Carrier(const Carrier&) = delete;
+    Carrier& operator=(const Carrier&) = delete;
+
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
     char byte = 0;
     iovec data = {&byte, 1};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    msghdr message = {};
+};
+
+void send_descriptor(int socket, int fd) {
+    Carrier carrier;
+    cmsghdr* header = CMSG_FIRSTHDR(&carrier.message);
     header->cmsg_level = SOL_SOCKET;
     header->cmsg_type = SCM_RIGHTS;
     header->cmsg_len = CMSG_LEN(sizeof(int));
     memcpy(CMSG_DATA(header), &fd, sizeof(fd));
-    sendmsg(socket, &message, 0);
+    sendmsg(socket, &carrier.message, 0);
 }
 
 int receive_descriptor(int socket) {
-    char control[CMSG_SPACE(sizeof(int))] = {};
-    char byte = 0;
-    iovec data = {&byte, 1};
-    msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    if (recvmsg(socket, &message, MSG_CMSG_CLOEXEC) <= 0) return -1;
-    const cmsghdr* header = CMSG_FIRSTHDR(&message);
+    Carrier carrier;
+    if (recvmsg(socket, &carrier.message, MSG_CMSG_CLOEXEC) <= 0) return -1;
+    const cmsghdr* header = CMSG_FIRSTHDR(&carrier.message);
     int fd = -1;
     if (header != nullptr) memcpy(&fd, CMSG_DATA(header), sizeof(fd));
     return fd;
