@@ -16,7 +16,13 @@ struct Turn {
     int nth = 1;
     int count = 1;
 
-    bool takes(int time) const { return time >= nth && (count == 0 || time < nth + count); }
+    mutable bool came = false;
+
+    bool takes(int time) const {
+        const bool now = time >= nth && (count == 0 || time < nth + count);
+        came = came || now;
+        return now;
+    }
 };
 
 // An entry of the firmware's table of contents; what isn't given is made up from its place.
