@@ -85,8 +85,9 @@ bool possible(const MadeCall& made, const std::string& way) {
     return true;
 }
 
-// Of calls that are made alike, from the same place on the same path, the first two, the middle one
-// and the last. A log's lines are alike wherever they come from.
+// For a spread, which log lines would fill otherwise: of calls that are made alike, from the same
+// place on the same path, the first two, the middle one and the last. A log's lines are alike
+// wherever they come from.
 std::vector<MadeCall> collapsed(const std::vector<MadeCall>& calls) {
     std::map<std::string, std::vector<MadeCall>> alike;
     for (const MadeCall& made : calls) {
@@ -103,10 +104,11 @@ std::vector<MadeCall> collapsed(const std::vector<MadeCall>& calls) {
     return chosen;
 }
 
-std::vector<Planned> plan(std::vector<Row>& rows) {
+std::vector<Planned> plan(std::vector<Row>& rows, bool spread) {
     std::vector<Planned> planned;
     for (size_t i = 0; i < rows.size(); i++) {
-        for (const MadeCall& made : collapsed(rows[i].clean.calls)) {
+        const std::vector<MadeCall>& calls = rows[i].clean.calls;
+        for (const MadeCall& made : spread ? collapsed(calls) : calls) {
             const auto* ways = ways_to_fail(made.call);
             if (ways == nullptr) throw Unable("how \"" + made.call + "\" can fail isn't known");
             rows[i].calls += !ways->empty();
@@ -214,7 +216,7 @@ int run_faults(const FaultOptions& options) {
     }
     if (rows.empty()) throw Unable("no flow is called \"" + flow + "\"");
     learn(rows, options);
-    const std::vector<Planned> planned = plan(rows);
+    const std::vector<Planned> planned = plan(rows, options.spread > 0);
     if (flow != options.only) return replay(rows[0], planned, options);
 
     const size_t all = planned.size();
