@@ -90,7 +90,6 @@ class Gate : public RunStage {
     void handle(const Call& call);
     void answer(const Call& call, int64_t result);
     void proceed(const Call& call);
-    void note(const Call& call);
     bool apply_fault(const Call& call);
     void transfer_part(const Call& call, size_t size);
     void do_open(const Call& call);

@@ -106,21 +106,19 @@ void Gate::proceed(const Call& call) {
     ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
 }
 
-// Once the daemon's own code runs, which opens the kernel log before anything else.
-void Gate::note(const Call& call) {
-    const int time = ++times_[call.shape->family];
-    const std::string path = path_of(call);
-    in_main_ = in_main_ || path == "/dev/kmsg";
-    if (in_main_) on_call(call.shape->family, time, path);
-}
-
+// Before the daemon's own code runs, which opens the kernel log before anything else, calls are
+// counted and left alone: a C library that can't start says nothing about the daemon.
 bool Gate::apply_fault(const Call& call) {
-    if (on_call) note(call);
+    const std::string family = call.shape->family;
+    in_main_ = in_main_ || path_of(call) == "/dev/kmsg";
+    const int time = ++times_[family];
+    if (in_main_ && on_call) on_call(family, time, path_of(call));
     const Fault* due = nullptr;
     for (const Fault& fault : scenario_.faults) {
-        if (fault.call != call.shape->family) continue;
+        if (fault.call != family) continue;
         if (fault.path != "*" && !matches(fault.path, path_of(call))) continue;
-        if (fault.turn.takes(++fault_times_[&fault]) && due == nullptr) due = &fault;
+        const int turn = ++fault_times_[&fault];
+        if (in_main_ && fault.turn.takes(turn) && due == nullptr) due = &fault;
     }
     if (due == nullptr) return false;
     if (on_fault) on_fault();

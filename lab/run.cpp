@@ -197,7 +197,8 @@ Result run_scenario(const Scenario& wanted, const RunOptions& options) {
     if (conduct.end == "reboot") throw Reboots();
     conduct.lasted = stage->now() - start;
     if (!timeline.finished()) story.violation("not everything in the timeline has happened");
-    if (!resumed) check_obstacles(scenario, options.clean != nullptr, story);
+    // Where the run is conducted from outside, chance decides what comes.
+    if (!resumed && !options.on_wait) check_obstacles(scenario, options.clean != nullptr, story);
     conduct.files = closed_files(phone, {});
     if (options.clean != nullptr) {
         check_collected(scenario, phone, driver, story);

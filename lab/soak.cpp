@@ -54,8 +54,6 @@ class Soak {
     void stop(Play& play) const {
         printf("%d passes, %d of them with a crash that was saved whole\n", passed_, whole_);
         play.scenario.expect.files.clear();  // each pass has taken them away
-        play.scenario.faults.clear();        // chance decides which of them come
-        play.scenario.loader.clear();
         play.stage.stop("stop");
     }
 
