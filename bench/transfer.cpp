@@ -124,8 +124,7 @@ namespace {
 
 constexpr uint32_t kMiB = 1 << 20;
 
-// Neighbouring turns differ by a tenth or more on a machine with other work; their median over so
-// many of them settles within two hundredths.
+// Neighbouring turns differ by a tenth or more on a machine with other work, so it takes many.
 void upload(benchmark::State& state) {
     constexpr uint32_t kSteps = 4;
     const uint32_t size = static_cast<uint32_t>(state.range(0)) * kMiB;
