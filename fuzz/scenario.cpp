@@ -1,5 +1,5 @@
 // Scenario files of the virtual phone: read, or refused with a place and a reason.
-#include "lab/scenario.h"
+#include "lab/scenario/scenario.h"
 
 #include <cstdlib>
 #include <cstring>

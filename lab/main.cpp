@@ -8,10 +8,10 @@
 #include <filesystem>
 
 #include "lab/builtin.h"
-#include "lab/campaign.h"
-#include "lab/faults.h"
-#include "lab/scenario.h"
-#include "lab/soak.h"
+#include "lab/campaign/campaign.h"
+#include "lab/campaign/faults.h"
+#include "lab/campaign/soak.h"
+#include "lab/scenario/scenario.h"
 
 using namespace rvd::lab;
 

@@ -17,7 +17,7 @@
 #include <optional>
 #include <thread>
 
-#include "lab/relay_control.h"
+#include "lab/device/relay_control.h"
 
 using namespace rvd::lab;
 using Event = RelayControl::Event;

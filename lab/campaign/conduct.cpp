@@ -1,0 +1,145 @@
+#include "lab/campaign/conduct.h"
+
+#include <stdio.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+namespace rvd::lab {
+
+namespace {
+
+// One fault costs at most the longest wait for an answer and what is repeated after it: tries at
+// the log directory, the boot or the dump.
+constexpr Time kGrace = 45 * kSecond;
+
+// A text of any bytes behind its size.
+void print_text(const std::string& text) {
+    printf("%zu ", text.size());
+    fwrite(text.data(), 1, text.size(), stdout);
+}
+
+std::string read_text(std::istream& in) {
+    size_t size = 0;
+    in >> size;
+    in.get();
+    std::string text(size, '\0');
+    in.read(text.data(), static_cast<std::streamsize>(size));
+    return text;
+}
+
+bool begins_with(const std::string& text, const std::string& beginning) {
+    return text.compare(0, beginning.size(), beginning) == 0;
+}
+
+// Complete is complete: more may be appended, what was moved is whole in its new place, and what is
+// replaced or taken away without a fault may be so with one.
+bool damaged(const std::string& path, const std::string& content, const Conduct& clean,
+             const Conduct& faulty) {
+    const auto wanted = clean.files.find(path);
+    const auto now = faulty.files.find(path);
+    if (now == faulty.files.end() && wanted == clean.files.end()) return false;
+    if (now != faulty.files.end() && wanted != clean.files.end() && now->second == wanted->second)
+        return false;
+    return std::none_of(faulty.files.begin(), faulty.files.end(),
+                        [&](const auto& file) { return begins_with(file.second, content); });
+}
+
+// A crash file has the minute of its crash in its name: another one within it takes its place.
+bool saved_again(const std::string& path, const std::vector<std::string>& log) {
+    return std::count_if(log.begin(), log.end(), [&](const std::string& line) {
+               return matches("*: " + path + " opened (fd *", line);
+           }) > 1;
+}
+
+}  // namespace
+
+std::vector<std::string> open_paths(const RunStage& stage) {
+    std::vector<std::string> paths;
+    for (const auto& [fd, path] : stage.descriptors())
+        paths.push_back(path);
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+Files closed_files(const Phone& phone, const std::vector<std::string>& open) {
+    Files files;
+    for (const char* place : {"/data", "/efs", "/mnt", "/dev/block"}) {
+        for (const auto& entry : fs::recursive_directory_iterator(phone.path(place))) {
+            const std::string inside = entry.path().string().substr(phone.root().size());
+            if (entry.is_regular_file() && !std::binary_search(open.begin(), open.end(), inside))
+                files[inside] = read_file(entry.path());
+        }
+    }
+    return files;
+}
+
+std::vector<std::string> differences(const Conduct& clean, const Conduct& faulty,
+                                     const Files& before, const std::vector<std::string>& log) {
+    std::vector<std::string> found;
+    // A shutdown that was not heard of leaves the daemon waiting.
+    const bool deaf = clean.end == "parked" && faulty.end == "waits";
+    if (faulty.end != clean.end && !deaf)
+        found.push_back("the run ended with \"" + faulty.end + "\", not \"" + clean.end + "\"");
+    if (faulty.lasted > clean.lasted + kGrace)
+        found.push_back(format("the run lasted %lld s, not about %lld s",
+                               static_cast<long long>(faulty.lasted / kSecond),
+                               static_cast<long long>(clean.lasted / kSecond)));
+    std::vector<std::string> more;
+    std::set_difference(faulty.open.begin(), faulty.open.end(), clean.open.begin(),
+                        clean.open.end(), std::back_inserter(more));
+    for (const std::string& path : more)
+        found.push_back("left open: " + path);
+    for (const auto& [path, content] : before) {
+        if (damaged(path, content, clean, faulty) && !saved_again(path, log))
+            found.push_back(path + " was complete before");
+    }
+    return found;
+}
+
+void print_conduct(const Conduct& conduct) {
+    print_text(conduct.end);
+    printf(" %lld %zu ", static_cast<long long>(conduct.lasted), conduct.open.size());
+    for (const std::string& path : conduct.open)
+        print_text(path);
+    printf(" %zu ", conduct.files.size());
+    for (const auto& [path, content] : conduct.files) {
+        print_text(path);
+        print_text(content);
+    }
+    printf(" %zu ", conduct.calls.size());
+    for (const MadeCall& made : conduct.calls) {
+        print_text(made.call);
+        printf(" %d ", made.time);
+        print_text(made.path);
+        print_text(made.place);
+    }
+}
+
+Conduct read_conduct(const std::string& text) {
+    std::istringstream in(text);
+    Conduct conduct;
+    size_t count = 0;
+    conduct.end = read_text(in);
+    in >> conduct.lasted >> count;
+    for (; count > 0; count--)
+        conduct.open.push_back(read_text(in));
+    for (in >> count; count > 0; count--) {
+        const std::string path = read_text(in);
+        conduct.files[path] = read_text(in);
+    }
+    for (in >> count; count > 0; count--) {
+        MadeCall made;
+        made.call = read_text(in);
+        in >> made.time;
+        made.path = read_text(in);
+        made.place = read_text(in);
+        conduct.calls.push_back(made);
+    }
+    return conduct;
+}
+
+}  // namespace rvd::lab

@@ -1,0 +1,249 @@
+#include "lab/campaign/faults.h"
+
+#include <stdio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "lab/builtin.h"
+#include "lab/campaign/campaign.h"
+
+namespace rvd::lab {
+
+namespace {
+
+// What each call can really give. Those behind the blank line never fail, or with nobody to tell:
+// a descriptor is closed whatever close() says.
+const std::map<std::string, std::vector<const char*>> kWays = {
+        {"open", {"EACCES", "EMFILE", "EINTR", "EIO", "ENOENT", "ENOSPC"}},
+        {"read", {"EIO", "EINTR", "short", "end", "hang-up"}},
+        {"write", {"EIO", "EINTR", "ENOSPC", "short", "hang-up"}},
+        {"ioctl", {"EIO", "EINTR", "ENODEV", "hang-up"}},
+        {"poll", {"EINTR", "ENOMEM", "hang-up"}},
+        {"lseek", {"EINVAL", "ESPIPE"}},
+        {"fsync", {"EIO", "ENOSPC", "EINTR"}},
+        {"stat", {"EACCES", "EIO", "ENOMEM"}},
+        {"statfs", {"EIO", "EINTR", "ENOSYS"}},
+        {"syslog", {"EPERM", "ENOSYS"}},
+        {"mkdir", {"ENOSPC", "EACCES", "EROFS"}},
+        {"unlink", {"EACCES", "EIO", "EROFS"}},
+        {"rmdir", {"EACCES", "EIO", "EROFS"}},
+        {"rename", {"EACCES", "EIO", "ENOSPC"}},
+        {"chmod", {"EPERM", "EIO", "EROFS"}},
+        {"chown", {"EPERM", "EIO", "EROFS"}},
+        {"readdir", {"EIO", "ENOMEM"}},
+        {"mmap", {"ENOMEM"}},
+        {"clone", {"EAGAIN"}},
+        {"prctl", {"EINVAL"}},
+        {"setuid", {"EPERM", "EAGAIN"}},
+        {"capset", {"EPERM"}},
+
+        {"clock", {}},
+        {"exit", {}},
+        {"exit_group", {}},
+        {"pause", {}},
+        {"sleep", {}},
+        {"sync", {}},
+        {"thread", {}},
+        {"umask", {}},
+};
+
+constexpr char kHangUp[] = "hang-up";
+
+struct Planned {
+    size_t flow;
+    std::string name;  // FLOW:CALL:N:FAULT
+    Fault fault;
+    bool stuck;
+};
+
+struct Row {
+    Scenario flow;
+    Conduct clean, stuck;
+    size_t calls = 0, faults = 0, held = 0;
+};
+
+// What no later pass can mend. An NV file is never made anew, whatever is in it; and a root that
+// could not become the radio user has lost the right to make one in the radio user's directory.
+bool leaves_stuck(const std::string& flow, const MadeCall& made, const std::string& way) {
+    const bool partly = made.call == "write" && made.path == "/mnt/vendor/efs/nv_data.bin" &&
+                        (way == "EIO" || way == "ENOSPC");
+    return flow == "first-boot" && (partly || made.call == "setuid");
+}
+
+// Whether a call on this path can fail this way.
+bool possible(const MadeCall& made, const std::string& way) {
+    const bool node = made.path == "/dev/boot" || made.path == "/dev/dump";
+    if (way == kHangUp) return node;
+    if (way == "short" && made.path == "/dev/kmsg") return false;  // a record is taken whole
+    if (way == "end") return made.path != "/proc/cmdline" && !node;
+    if (way == "ENOENT") return matches("/dev/*", made.path) || matches("/sys/*", made.path);
+    if (way == "ENOSPC" && made.call == "open") return made.path.compare(0, 6, "/data/") == 0;
+    if (way == "ENOSPC") return !node;
+    return true;
+}
+
+// For a spread, which log lines would fill otherwise: of calls that are made alike, from the same
+// place on the same path, the first two, the middle one and the last. A log's lines are alike
+// wherever they come from.
+std::vector<MadeCall> collapsed(const std::vector<MadeCall>& calls) {
+    std::map<std::string, std::vector<MadeCall>> alike;
+    for (const MadeCall& made : calls) {
+        const bool log = made.path == "/dev/kmsg" || made.path == kAndroidLog;
+        alike[made.call + " " + made.path + " " + (log ? "" : made.place)].push_back(made);
+    }
+    std::vector<MadeCall> chosen;
+    for (const auto& [key, all] : alike) {
+        const std::set<size_t> places = {0, std::min<size_t>(1, all.size() - 1), all.size() / 2,
+                                         all.size() - 1};
+        for (const size_t place : places)
+            chosen.push_back(all[place]);
+    }
+    return chosen;
+}
+
+std::vector<Planned> plan(std::vector<Row>& rows, bool spread) {
+    std::vector<Planned> planned;
+    for (size_t i = 0; i < rows.size(); i++) {
+        const std::vector<MadeCall>& calls = rows[i].clean.calls;
+        for (const MadeCall& made : spread ? collapsed(calls) : calls) {
+            const auto* ways = ways_to_fail(made.call);
+            if (ways == nullptr) throw Unable("how \"" + made.call + "\" can fail isn't known");
+            rows[i].calls += !ways->empty();
+            for (const char* way : *ways) {
+                if (!possible(made, way)) continue;
+                planned.push_back(
+                        {i, rows[i].flow.name + ":" + made.call + format(":%d:", made.time) + way,
+                         make_fault(made.call, made.time, way),
+                         leaves_stuck(rows[i].flow.name, made, way)});
+            }
+        }
+    }
+    return planned;
+}
+
+// The run of one fault. Only what is collected from the modem is still held against the scenario.
+Job job_for(const Row& row, const Planned& planned, RunOptions options) {
+    Job job{row.flow, std::move(options)};
+    job.scenario.name = planned.name;
+    job.scenario.faults.push_back(planned.fault);
+    job.options.clean = planned.stuck ? &row.stuck : &row.clean;
+    if (planned.stuck) job.scenario.timeline.clear();
+    return job;
+}
+
+void learn(std::vector<Row>& rows, const FaultOptions& options) {
+    size_t at = 0;
+    const auto next = [&]() -> std::optional<Job> {
+        if (at == rows.size()) return {};
+        Job job{rows[at++].flow, options.run};
+        job.options.story = false;
+        job.options.learn = true;
+        return job;
+    };
+    run_each(next, options.jobs, [&](const std::string& name, int result, FILE* output) {
+        const std::string text = read_all(output);
+        if (result == kUnable) throw Unable(text);
+        if (result != kHeld) throw Unable("the flow " + name + " does not hold without a fault");
+        for (Row& row : rows) {
+            if (row.flow.name != name) continue;
+            row.clean = row.stuck = read_conduct(text);
+            row.stuck.end = "limit";
+            row.stuck.lasted = row.flow.limit;
+        }
+    });
+}
+
+int replay(const Row& row, const std::vector<Planned>& planned, const FaultOptions& options) {
+    for (const Planned& one : planned) {
+        if (one.name != options.only) continue;
+        Job job = job_for(row, one, options.run);
+        job.options.summary = true;
+        return run_one(job.scenario, job.options);
+    }
+    throw Unable("no such fault: " + options.only);
+}
+
+int print_table(const std::vector<Row>& rows, const std::vector<std::string>& failures) {
+    Row sum;
+    printf("\n%-16s %8s %8s %8s\n", "flow", "calls", "faults", "held");
+    for (const Row& row : rows) {
+        printf("%-16s %8zu %8zu %8zu\n", row.flow.name.c_str(), row.calls, row.faults, row.held);
+        sum.calls += row.calls;
+        sum.faults += row.faults;
+        sum.held += row.held;
+    }
+    printf("%-16s %8zu %8zu %8zu\n", "all", sum.calls, sum.faults, sum.held);
+    for (const std::string& failure : failures)
+        printf("\ndid not hold: rvd-lab faults --only %s", failure.c_str());
+    printf("%zu held, %zu did not\n", sum.held, failures.size());
+    return failures.empty() ? kHeld : kNotHeld;
+}
+
+}  // namespace
+
+const std::vector<const char*>* ways_to_fail(const std::string& call) {
+    // What the C library does for itself, to memory it already has and between threads.
+    static const std::vector<const char*> none;
+    static const std::set<std::string> own = {
+            "munmap",           "mprotect",       "madvise",      "futex",  "getpid",  "gettid",
+            "connect",          "rt_sigprocmask", "rt_sigaction", "socket", "fstatfs", "getuid",
+            "geteuid",          "getrandom",      "prlimit64",    "access", "fcntl",   "link",
+            "sched_getaffinity"};
+    if (own.count(call) != 0) return &none;
+    const auto found = kWays.find(call);
+    return found == kWays.end() ? nullptr : &found->second;
+}
+
+Fault make_fault(const std::string& call, int nth, const std::string& way) {
+    Fault fault;
+    fault.call = call;
+    fault.turn.nth = nth;
+    fault.hang_up = way == kHangUp;
+    if (way == "short") fault.cut = 1;
+    if (way == "end") fault.cut = 0;
+    if (!fault.hang_up && !fault.cut) fault.error = way;
+    return fault;
+}
+
+int run_faults(const FaultOptions& options) {
+    std::vector<Row> rows;
+    const std::string flow = options.only.substr(0, options.only.find(':'));
+    for (Scenario& scenario : parse_scenarios(kFlows, "flows.toml")) {
+        if (flow.empty() || scenario.name == flow) rows.push_back({std::move(scenario), {}, {}});
+    }
+    if (rows.empty()) throw Unable("no flow is called \"" + flow + "\"");
+    learn(rows, options);
+    const std::vector<Planned> planned = plan(rows, options.spread > 0);
+    if (flow != options.only) return replay(rows[0], planned, options);
+
+    const size_t all = planned.size();
+    const size_t wanted =
+            options.spread > 0 ? std::min<size_t>(static_cast<size_t>(options.spread), all) : all;
+    size_t started = 0, ended = 0;
+    std::map<std::string, size_t> flow_of;
+    std::vector<std::string> failures;
+    const auto next = [&]() -> std::optional<Job> {
+        if (started == wanted) return {};
+        const Planned& one = planned[started++ * all / wanted];
+        flow_of[one.name] = one.flow;
+        Job job = job_for(rows[one.flow], one, options.run);
+        job.options.story = false;
+        return job;
+    };
+    run_each(next, options.jobs, [&](const std::string& name, int result, FILE* output) {
+        Row& row = rows[flow_of[name]];
+        row.faults++;
+        row.held += result == kHeld;
+        if (result != kHeld) failures.push_back(name + "\n" + read_all(output));
+        const bool terminal = isatty(STDERR_FILENO) != 0;
+        if (++ended % (terminal ? 20 : 1000) != 0 && ended != wanted) return;
+        fprintf(stderr, "%s%zu of %zu faults, %zu did not hold%s", terminal ? "\r" : "", ended,
+                wanted, failures.size(), terminal ? "" : "\n");
+    });
+    return print_table(rows, failures);
+}
+
+}  // namespace rvd::lab

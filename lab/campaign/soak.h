@@ -1,0 +1,11 @@
+// The soak: one phone that lives through pass after pass of whatever a seed makes of it.
+#pragma once
+
+#include "lab/run/run.h"
+
+namespace rvd::lab {
+
+// Returns how it ended: kHeld, kNotHeld or kUnable.
+int run_soak(int64_t seed, int passes, RunOptions options);
+
+}  // namespace rvd::lab

@@ -1,0 +1,181 @@
+#include "lab/phone/launch.h"
+
+#include <elf.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <linux/close_range.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "lab/phone/phone.h"
+
+namespace rvd::lab {
+
+namespace {
+
+// The environment is the daemon's contract and nothing else; sanitizers and coverage take theirs.
+std::vector<std::string> environment() {
+    std::vector<std::string> variables = {std::string("RVD_PROPERTY_DIR=") + kPropertyDir,
+                                          std::string("RVD_ANDROID_LOG=") + kAndroidLog};
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS",
+                             "GCOV_PREFIX", "GCOV_PREFIX_STRIP"}) {
+        if (const char* value = getenv(name)) variables.push_back(std::string(name) + "=" + value);
+    }
+    return variables;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+    std::vector<char*> list;
+    for (std::string& text : texts)
+        list.push_back(text.data());
+    list.push_back(nullptr);
+    return list;
+}
+
+// A message of one byte, with room for a descriptor.
+struct Carrier {
+    Carrier() {
+        message.msg_iov = &data;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+    }
+    Carrier(const Carrier&) = delete;
+    Carrier& operator=(const Carrier&) = delete;
+
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    char byte = 0;
+    iovec data = {&byte, 1};
+    msghdr message = {};
+};
+
+void send_descriptor(int socket, int fd) {
+    Carrier carrier;
+    cmsghdr* header = CMSG_FIRSTHDR(&carrier.message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(header), &fd, sizeof(fd));
+    sendmsg(socket, &carrier.message, 0);
+}
+
+int receive_descriptor(int socket) {
+    Carrier carrier;
+    if (recvmsg(socket, &carrier.message, MSG_CMSG_CLOEXEC) <= 0) return -1;
+    const cmsghdr* header = CMSG_FIRSTHDR(&carrier.message);
+    int fd = -1;
+    if (header != nullptr) memcpy(&fd, CMSG_DATA(header), sizeof(fd));
+    return fd;
+}
+
+scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
+    scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
+    if (filter == nullptr) throw Unable("no room for the filter");
+    for (const Rule& rule : rules) {
+        const int result = seccomp_rule_add_array(filter, SCMP_ACT_NOTIFY, rule.call,
+                                                  static_cast<unsigned>(rule.arguments.size()),
+                                                  rule.arguments.data());
+        if (result != 0)
+            throw Unable(format("this kernel can't hand over system call %d: %s", rule.call,
+                                strerror(-result)));
+    }
+    return filter;
+}
+
+// The last thing before the daemon: from here on its calls are the lab's.
+void hand_over_calls(scmp_filter_ctx filter, int socket) {
+    signal(SIGPIPE, SIG_IGN);  // a device node never raises it
+    ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    if (seccomp_load(filter) != 0) _exit(127);
+    send_descriptor(socket, seccomp_notify_fd(filter));
+}
+
+// Where the kernel put the argument count on the new stack; field 28 of the status line.
+uint64_t stack_start(pid_t pid) {
+    const std::string status = read_file(format("/proc/%d/stat", pid));
+    size_t at = status.rfind(')') + 1;
+    for (int field = 2; field < 27; field++)
+        at = status.find(' ', at + 1);
+    return strtoull(status.c_str() + at, nullptr, 10);
+}
+
+// The C library asks the kernel's shared page for the time unless it isn't told of one.
+void hide_shared_clock(pid_t pid) {
+    std::vector<uint64_t> stack(8192);
+    uint64_t base = stack_start(pid);
+    iovec local = {stack.data(), stack.size() * sizeof(uint64_t)};
+    iovec remote = {reinterpret_cast<void*>(base), local.iov_len};
+    const ssize_t got = process_vm_readv(pid, &local, 1, &remote, 1, 0);
+    if (got <= 0) fail_errno("cannot read the daemon's stack");
+    stack.resize(static_cast<size_t>(got) / sizeof(uint64_t));
+    size_t at = 1 + stack[0] + 1;  // arguments
+    while (at < stack.size() && stack[at] != 0)
+        at++;  // environment
+    for (at++; at + 1 < stack.size() && stack[at] != AT_NULL; at += 2) {
+        if (stack[at] != AT_SYSINFO_EHDR) continue;
+        uint64_t ignore = AT_IGNORE;
+        local = {&ignore, sizeof(ignore)};
+        remote = {reinterpret_cast<void*>(base + at * sizeof(uint64_t)), sizeof(ignore)};
+        if (process_vm_writev(pid, &local, 1, &remote, 1, 0) < 0)
+            fail_errno("cannot write the daemon's stack");
+    }
+}
+
+}  // namespace
+
+void become_daemon(const std::string& root, const std::vector<std::string>& arguments,
+                   const std::function<void()>& last) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::vector<std::string> words = {kDaemonPath};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> variables = environment();
+    const int output = open((root + kOutput).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    dup2(input, 0);
+    dup2(output, 1);
+    dup2(output, 2);
+    close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
+    // As a phone's first process starts it; in a user namespace the kernel refuses.
+    setgroups(1, &kLogGroup);
+    if (chroot(root.c_str()) == 0 && chdir("/") == 0) {
+        last();
+        execve(kDaemonPath, pointers(words).data(), pointers(variables).data());
+    }
+    _exit(127);
+}
+
+Process launch(const std::string& root, const std::vector<std::string>& arguments,
+               const std::vector<Rule>& rules, bool virtual_time) {
+    int sockets[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) fail_errno("socketpair");
+    scmp_filter_ctx filter = make_filter(rules);
+
+    Process process;
+    process.pid = fork();
+    if (process.pid < 0) fail_errno("cannot fork");
+    if (process.pid == 0)
+        become_daemon(root, arguments, [&] { hand_over_calls(filter, sockets[1]); });
+    close(sockets[1]);
+    seccomp_release(filter);
+    process.listener = receive_descriptor(sockets[0]);
+    close(sockets[0]);
+    int status = 0;
+    if (process.listener < 0 || waitpid(process.pid, &status, 0) < 0 || !WIFSTOPPED(status))
+        throw Unable(
+                "the daemon could not be started under a system-call filter; the kernel must "
+                "offer seccomp user notification (5.5 or later) and allow ptrace of children");
+    if (virtual_time) hide_shared_clock(process.pid);
+    process.pidfd = static_cast<int>(syscall(SYS_pidfd_open, process.pid, 0));
+    ptrace(PTRACE_DETACH, process.pid, nullptr, nullptr);
+    return process;
+}
+
+}  // namespace rvd::lab

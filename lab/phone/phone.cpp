@@ -1,0 +1,215 @@
+#include "lab/phone/phone.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "bootdump/lnkm.h"
+
+namespace fs = std::filesystem;
+
+namespace rvd::lab {
+
+namespace {
+
+constexpr uid_t kRadio = 1001;
+constexpr char kMarker[] = ".rvd-lab";  // in a kept root: what is here may be replaced
+
+bool is_real_root = false;
+
+void write_once(const char* path, const std::string& text) {
+    const int fd = open(path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0 || write(fd, text.data(), text.size()) < 0) fail_errno(path);
+    close(fd);
+}
+
+// The first process of a process-number namespace takes all others with it when it dies. It does so
+// when this one has: the other end of its pipe is closed then, however soon that is.
+void start_guardian() {
+    int life[2];
+    if (pipe2(life, O_CLOEXEC) != 0) fail_errno("cannot make a pipe");
+    const pid_t pid = fork();
+    if (pid < 0) fail_errno("cannot fork");
+    if (pid > 0) {
+        close(life[0]);
+        return;
+    }
+    close(life[1]);
+    char none = 0;
+    while (read(life[0], &none, sizeof(none)) < 0 && errno == EINTR) {
+    }
+    _exit(0);
+}
+
+}  // namespace
+
+void enter_namespaces() {
+    const uid_t uid = geteuid();
+    const gid_t gid = getegid();
+    is_real_root = uid == 0 && unshare(CLONE_NEWNS | CLONE_NEWPID) == 0;
+    if (!is_real_root) {
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) != 0) {
+            throw Unable(std::string("this kernel gives an ordinary user no user namespace (") +
+                         strerror(errno) +
+                         "). Run rvd-lab as root, or allow it: sysctl "
+                         "kernel.unprivileged_userns_clone=1, or where AppArmor restricts it, "
+                         "kernel.apparmor_restrict_unprivileged_userns=0; in a container, start it "
+                         "with the right to unshare and mount.");
+        }
+        write_once("/proc/self/setgroups", "deny");
+        write_once("/proc/self/uid_map", format("0 %u 1", uid));
+        write_once("/proc/self/gid_map", format("0 %u 1", gid));
+    }
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        fail_errno("cannot keep mounts private");
+    start_guardian();
+}
+
+bool Phone::real_root() {
+    return is_real_root;
+}
+
+Phone::Phone(const Scenario& scenario, std::string directory, bool keep)
+    : scenario_(scenario), root_(std::move(directory)), keep_(keep), partition_(scenario, root_) {}
+
+void Phone::build(const std::string& daemon_binary) {
+    if (keep_) {
+        if (!fs::is_empty(root_) && !fs::exists(root_ + "/" + kMarker))
+            throw Unable(root_ + " isn't empty and wasn't made by rvd-lab");
+        for (const auto& entry : fs::directory_iterator(root_))
+            fs::remove_all(entry);
+        write_file(path("/") + kMarker, "");
+    } else if (mount("tmpfs", root_.c_str(), "tmpfs", MS_NOSUID, "mode=0755") != 0) {
+        fail_errno("cannot mount the phone's root");
+    }
+    mount_system();
+    make_tree();
+    make_files();
+    put_daemon(daemon_binary);
+}
+
+void Phone::resume(const std::string& daemon_binary) {
+    mount_system();
+    put_cmdline();
+    put_daemon(daemon_binary);
+}
+
+void Phone::put_cmdline() const {
+    bind(path("/run/rvd/cmdline"), "/proc/cmdline", true);
+}
+
+void Phone::put_daemon(const std::string& binary) const {
+    write_file(path(kDaemonPath), "");
+    bind(binary, kDaemonPath, true);
+    for (const std::string& directory : scenario_.read_only) {
+        fs::create_directories(path(directory));
+        bind(path(directory), directory, true);
+    }
+}
+
+void Phone::bind(const std::string& from, const std::string& to, bool read_only) const {
+    const std::string target = path(to);
+    if (mount(from.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
+        fail_errno("cannot bind " + from + " to " + target);
+    if (!read_only) return;
+    mount_attr attributes{};
+    attributes.attr_set = MOUNT_ATTR_RDONLY;
+    if (mount_setattr(-1, target.c_str(), AT_RECURSIVE, &attributes, sizeof(attributes)) != 0)
+        fail_errno("cannot make " + target + " read-only");
+}
+
+// What a dynamic linker and a sanitizer's run-time library need, from the machine, read-only.
+void Phone::mount_system() const {
+    for (const char* directory : {"/usr", "/lib", "/lib64", "/bin"}) {
+        std::error_code none;
+        if (fs::is_symlink(directory, none)) {
+            fs::copy_symlink(directory, path(directory), none);
+        } else if (fs::is_directory(directory, none)) {
+            fs::create_directories(path(directory));
+            bind(directory, directory, true);
+        }
+    }
+    for (const char* directory : {"/proc", "/etc", "/dev", "/vendor/bin", "/tmp"})
+        fs::create_directories(path(directory));
+    bind("/proc", "/proc", false);
+    for (const char* node : {"/dev/null", "/dev/zero", "/dev/urandom"}) {
+        write_file(path(node), "");
+        bind(node, node, false);
+    }
+    if (fs::exists("/etc/ld.so.cache")) fs::copy("/etc/ld.so.cache", path("/etc/ld.so.cache"));
+    if (const char* prefix = getenv("GCOV_PREFIX")) {
+        fs::create_directories(path(prefix));
+        bind(prefix, prefix, false);
+    }
+}
+
+void Phone::make_tree() const {
+    for (const char* directory :
+         {"/data/vendor/log", "/efs", "/mnt/vendor/efs", "/sys/power", "/dev/block/by-name",
+          "/sys/devices/platform/lnkm/sim", kPropertyDir}) {
+        fs::create_directories(path(directory));
+        own(directory);
+    }
+    for (const char* file : {kWakeLockPath, kWakeUnlockPath, kSimCountPath, kAndroidLog, kOutput}) {
+        write_file(path(file), "");
+        own(file);
+    }
+    write_file(path("/run/rvd/cmdline"), scenario_.cmdline + "\n");
+    put_cmdline();
+    write_file(path("/etc/group"),
+               scenario_.log_group ? format("log:x:%u:\n", kLogGroup) : "root:x:0:\n");
+    for (const auto& [name, value] : scenario_.properties)
+        set_property(name, value);
+}
+
+void Phone::make_files() const {
+    partition_.write();
+    if (fs::exists(path(scenario_.nv_path()))) own(scenario_.nv_path());
+    for (const auto& [file, content] : scenario_.files) {
+        fs::create_directories(fs::path(path(file)).parent_path());
+        if (file.back() == '/') {
+            fs::create_directories(path(file));
+        } else {
+            write_file(path(file), content);
+        }
+        const std::string bare = file.back() == '/' ? file.substr(0, file.size() - 1) : file;
+        for (std::string at = bare; at.compare(0, 16, "/data/vendor/log") == 0 || at == bare;
+             at = fs::path(at).parent_path())
+            own(at);
+    }
+    for (const std::string& missing : scenario_.missing)
+        fs::remove_all(path(missing));
+}
+
+void Phone::own(const std::string& inside) const {
+    const uid_t owner = is_real_root ? kRadio : 0;
+    if (lchown(path(inside).c_str(), owner, owner) != 0) fail_errno("cannot give away " + inside);
+}
+
+std::string Phone::property(const std::string& name) const {
+    return read_file(path(kPropertyDir) + "/" + name);
+}
+
+void Phone::set_property(const std::string& name, const std::string& value) const {
+    const std::string inside = std::string(kPropertyDir) + "/" + name;
+    write_file(path(inside), value);
+    own(inside);
+}
+
+void Phone::clear_properties() const {
+    for (const auto& entry : fs::directory_iterator(path(kPropertyDir))) {
+        if (entry.path().filename().string().compare(0, 8, "persist.") != 0)
+            fs::remove(entry.path());
+    }
+    for (const auto& [name, value] : scenario_.properties) {
+        if (name.compare(0, 8, "persist.") != 0) set_property(name, value);
+    }
+}
+
+}  // namespace rvd::lab

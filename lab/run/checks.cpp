@@ -1,0 +1,201 @@
+#include "lab/run/checks.h"
+
+#include <string.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+namespace fs = std::filesystem;
+
+namespace rvd::lab {
+
+namespace {
+
+constexpr char kLogDirectory[] = "/data/vendor/log/rvd";
+
+// Every pattern, in this order, others between them.
+void check_order(const std::vector<std::string>& patterns, const std::vector<std::string>& seen,
+                 const char* what, Story& story) {
+    auto from = seen.begin();
+    std::string after = "the start";
+    for (const std::string& pattern : patterns) {
+        const auto found = std::find_if(
+                from, seen.end(), [&](const std::string& text) { return matches(pattern, text); });
+        if (found == seen.end()) {
+            story.violation(std::string("no ") + what + " \"" + pattern + "\" after " + after);
+            return;
+        }
+        after = "\"" + pattern + "\"";
+        from = found + 1;
+    }
+}
+
+int64_t count_of(const std::string& pattern, const std::vector<std::string>& seen) {
+    return std::count_if(seen.begin(), seen.end(),
+                         [&](const std::string& text) { return matches(pattern, text); });
+}
+
+void check_none(const std::vector<std::string>& patterns, const std::vector<std::string>& seen,
+                const char* what, Story& story) {
+    for (const std::string& pattern : patterns) {
+        if (count_of(pattern, seen) > 0)
+            story.violation(std::string("a ") + what + " \"" + pattern + "\"");
+    }
+}
+
+std::vector<std::string> find_files(const Phone& phone, const std::string& pattern) {
+    std::vector<std::string> found;
+    std::error_code none;
+    const fs::path directory = fs::path(phone.path(pattern)).parent_path();
+    for (const auto& entry : fs::directory_iterator(directory, none)) {
+        const std::string inside = entry.path().string().substr(phone.root().size());
+        if (matches(pattern, inside)) found.push_back(inside);
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+// The content a file must have, wherever it is asked about.
+using Content = std::function<void(uint64_t offset, void* out, size_t size)>;
+
+bool file_equals(const std::string& path, uint64_t size, const Content& content) {
+    constexpr size_t kPiece = 256 << 10;
+    std::ifstream file(path, std::ios::binary);
+    std::vector<char> seen(kPiece), wanted(kPiece);
+    uint64_t done = 0;
+    for (;;) {
+        file.read(seen.data(), kPiece);
+        const auto n = static_cast<size_t>(file.gcount());
+        if (n == 0) return done == size;
+        content(done, wanted.data(), n);
+        if (memcmp(seen.data(), wanted.data(), n) != 0) return false;
+        done += n;
+    }
+}
+
+bool equals_named(const std::string& path, const FileExpectation& wanted, const Scenario& scenario,
+                  const Driver& driver) {
+    const std::string& name = wanted.equals;
+    if (name == "erased") {
+        return file_equals(path, fs::file_size(path),
+                           [](uint64_t, void* out, size_t size) { memset(out, 0xFF, size); });
+    }
+    const auto region = scenario.driver.regions.find(name);
+    if (name != "dump" && region == scenario.driver.regions.end())
+        throw Unable("nothing is called \"" + name + "\" that a file could equal");
+    const bool dump = name == "dump";
+    const uint64_t seed = dump ? driver.loader().dump_seed() : driver.region_seed(name);
+    const uint64_t whole =
+            dump ? driver.loader().dump_size() : static_cast<uint64_t>(region->second.size);
+    const auto size = static_cast<uint64_t>(wanted.size.value_or(static_cast<int64_t>(whole)));
+    return file_equals(path, size, [seed](uint64_t offset, void* out, size_t count) {
+        fill_seeded(seed, offset, out, count);
+    });
+}
+
+void check_file(const FileExpectation& wanted, const std::string& inside, const Scenario& scenario,
+                const Phone& phone, const Driver& driver, Story& story) {
+    const std::string path = phone.path(inside);
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) return story.violation(inside + " can't be examined");
+    if (wanted.size && status.st_size != *wanted.size)
+        story.violation(format("%s has %ld bytes, not %lld", inside.c_str(), status.st_size,
+                               static_cast<long long>(*wanted.size)));
+    const std::string mode = format("%04o", status.st_mode & 07777u);
+    if (!wanted.mode.empty() && mode != wanted.mode)
+        story.violation(inside + " has mode " + mode + ", not " + wanted.mode);
+    if (!wanted.text.empty() && !matches(wanted.text, read_file(path)))
+        story.violation(inside + " doesn't read \"" + wanted.text + "\"");
+    if (!wanted.equals.empty() && !equals_named(path, wanted, scenario, driver))
+        story.violation(inside + " isn't byte for byte what the modem sent (" + wanted.equals +
+                        ")");
+}
+
+}  // namespace
+
+void check_expectations(const Scenario& scenario, const Phone& phone, const Driver& driver,
+                        const Conduct& conduct, Story& story) {
+    const Expectations& expect = scenario.expect;
+    check_order(expect.log, story.log(), "line", story);
+    check_none(expect.no_log, story.log(), "line", story);
+    check_order(expect.requests, story.requests(), "request", story);
+    check_none(expect.no_requests, story.requests(), "request", story);
+    check_order(expect.story, story.facts(), "fact", story);
+    if (expect.whole_story && story.facts().size() != expect.story.size())
+        story.violation(format("%zu lines and requests, not %zu", story.facts().size(),
+                               expect.story.size()));
+    for (const auto& [pattern, times] : expect.times) {
+        const int64_t seen = count_of(pattern, story.log());
+        if (seen != times)
+            story.violation(format("%lld times, not %lld: ", static_cast<long long>(seen),
+                                   static_cast<long long>(times)) +
+                            pattern);
+    }
+    for (const FileExpectation& wanted : expect.files) {
+        const auto files = find_files(phone, wanted.path);
+        if (static_cast<int64_t>(files.size()) != wanted.number)
+            story.violation(format("%zu files, not %lld: ", files.size(),
+                                   static_cast<long long>(wanted.number)) +
+                            wanted.path);
+        for (const std::string& file : files)
+            check_file(wanted, file, scenario, phone, driver, story);
+    }
+    for (const std::string& pattern : expect.absent) {
+        for (const std::string& file : find_files(phone, pattern))
+            story.violation(file + " exists");
+    }
+    for (const auto& [name, value] : expect.properties) {
+        const std::string seen = phone.property(name);
+        if (seen != value)
+            story.violation("property " + name + " is \"" + seen + "\", not \"" + value + "\"");
+    }
+    const bool quiet = conduct.end == "quiet" && (expect.end == "waits" || expect.end == "parked");
+    if (!expect.end.empty() && conduct.end != expect.end && !quiet)
+        story.violation("the run ended with \"" + conduct.end + "\", not \"" + expect.end + "\"");
+    if (expect.lasts && conduct.lasted != *expect.lasts)
+        story.violation(
+                format("the run lasted %.6f s", static_cast<double>(conduct.lasted) / kSecond));
+}
+
+void check_collected(const Scenario& scenario, const Phone& phone, const Driver& driver,
+                     Story& story) {
+    // A packet that was cut as it was read is gone for good, and a file with it.
+    for (const Fault& fault : scenario.faults) {
+        if (fault.call == "read" && fault.cut) return;
+    }
+    for (FileExpectation wanted : scenario.expect.files) {
+        if (wanted.equals.empty()) continue;
+        for (const std::string& file : find_files(phone, wanted.path)) {
+            wanted.size = static_cast<int64_t>(fs::file_size(phone.path(file)));
+            if (!equals_named(phone.path(file), wanted, scenario, driver))
+                story.violation(file + " isn't what the modem sent (" + wanted.equals + ")");
+        }
+    }
+}
+
+void check_always(const Phone& phone, Story& story) {
+    std::ifstream output(phone.path(kOutput));
+    for (std::string line; std::getline(output, line);) {
+        if (line.find("Sanitizer") != std::string::npos ||
+            line.find("runtime error:") != std::string::npos)
+            story.violation(line);
+    }
+}
+
+std::vector<std::string> file_summary(const Phone& phone) {
+    std::vector<std::string> lines;
+    std::error_code none;
+    for (const auto& entry : fs::recursive_directory_iterator(phone.path(kLogDirectory), none)) {
+        if (!entry.is_regular_file()) continue;
+        lines.push_back(format("%-66s %12s",
+                               entry.path().string().substr(phone.root().size()).c_str(),
+                               human_size(entry.file_size()).c_str()));
+    }
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+}  // namespace rvd::lab

@@ -1,0 +1,26 @@
+// What a run is held against once it has ended. Everything that isn't so becomes a violation.
+#pragma once
+
+#include "lab/campaign/conduct.h"
+#include "lab/modem/driver.h"
+#include "lab/phone/phone.h"
+#include "lab/run/story.h"
+#include "lab/scenario/scenario.h"
+
+namespace rvd::lab {
+
+void check_expectations(const Scenario& scenario, const Phone& phone, const Driver& driver,
+                        const Conduct& conduct, Story& story);
+
+// Whatever a fault left of a file that is to equal what the modem has: it equals that as far as it
+// goes.
+void check_collected(const Scenario& scenario, const Phone& phone, const Driver& driver,
+                     Story& story);
+
+// What must be so in every run: no sanitizer has complained.
+void check_always(const Phone& phone, Story& story);
+
+// The files below the log directory with their sizes, for people.
+std::vector<std::string> file_summary(const Phone& phone);
+
+}  // namespace rvd::lab

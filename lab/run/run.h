@@ -1,0 +1,54 @@
+// One run of one scenario: a phone, a daemon, what happens to it, and what came of it.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "lab/campaign/conduct.h"
+#include "lab/modem/driver.h"
+#include "lab/run/story.h"
+#include "lab/scenario/scenario.h"
+
+namespace rvd::lab {
+
+// A run that goes on, for one who has a hand in it.
+struct Play {
+    Scenario& scenario;
+    const Phone& phone;
+    RunStage& stage;
+    const Driver& driver;
+    Story& story;
+    size_t position;  // of the timeline
+};
+
+struct RunOptions {
+    std::string daemon;  // the binary, as it is
+    std::string root;    // an existing directory to build the phone's root in
+    bool keep = false;   // its files stay
+    std::string trace;   // where the trace goes; empty: nowhere
+    std::string log;     // where the daemon's lines go, all of them; empty: nowhere
+    bool real_time = false;
+    bool relay = false;              // behind the relay module, on this machine's own kernel
+    std::string notebook;            // where such a run keeps what it needs to go on after a reboot
+    bool story = true;               // told as it happens
+    bool summary = false;            // files, transfers and verdict at the end
+    int timeout = 60;                // seconds of real time
+    bool learn = false;              // the daemon's calls become part of the conduct
+    const Conduct* clean = nullptr;  // held against this, instead of what the scenario expects
+    std::function<void(Play&)> on_wait;  // before what the timeline has for the wait for the modem
+};
+
+// Thrown when the run goes on after this machine's reboot, which is now due: call again then, with
+// the same notebook.
+struct Reboots {};
+
+struct Result {
+    std::vector<std::string> violations;  // empty if everything held
+    Conduct conduct;
+};
+
+// Runs the scenario in this process, which it changes for good: run it in a child. Throws Unable.
+Result run_scenario(const Scenario& scenario, const RunOptions& options);
+
+}  // namespace rvd::lab

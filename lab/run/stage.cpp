@@ -1,0 +1,34 @@
+#include "lab/run/stage.h"
+
+#include <sys/wait.h>
+
+namespace rvd::lab {
+
+void RunStage::run_due_events() {
+    while (end_.empty() && !events_.empty() && events_.begin()->first <= now()) {
+        const auto what = std::move(events_.begin()->second);
+        events_.erase(events_.begin());
+        what();
+    }
+}
+
+void RunStage::tell_start() {
+    std::string words = "starts the daemon: rvd";
+    for (const std::string& argument : scenario_.args)
+        words += " " + argument;
+    story_.tell("phone", "daemon", words);
+}
+
+void RunStage::take_end(int status) {
+    end_ = WIFEXITED(status) ? format("exit %d", WEXITSTATUS(status))
+                             : format("signal %d", WTERMSIG(status));
+    story_.tell("daemon", "", WIFEXITED(status) ? "exits" : "dies");
+}
+
+void RunStage::check_opens(Node node, size_t open) {
+    // The loop's descriptor and the one of the boot or request in hand.
+    if (open > (node == Node::boot ? 2 : 1))
+        story_.violation(format("the %s node is open %zu times", node_name(node), open));
+}
+
+}  // namespace rvd::lab

@@ -1,0 +1,183 @@
+#include "lab/run/story.h"
+
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+
+namespace rvd::lab {
+
+namespace {
+
+constexpr uint64_t kLongTransfer = 16 << 20;
+
+const char* colour_of(const char* actor) {
+    static const std::map<std::string, const char*> colours = {{"driver", "\033[36m"},
+                                                               {"loader", "\033[35m"},
+                                                               {"phone", "\033[33m"},
+                                                               {"kernel", "\033[33m"},
+                                                               {"lab", "\033[1;31m"}};
+    const auto colour = colours.find(actor);
+    return colour == colours.end() ? "" : colour->second;
+}
+
+// Blank lines and inner line breaks would tear the columns apart.
+std::string on_one_line(std::string text) {
+    while (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    std::replace_if(
+            text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t'; }, ' ');
+    return text;
+}
+
+double seconds(Time time) {
+    return static_cast<double>(time) / kSecond;
+}
+
+}  // namespace
+
+Story::Story(FILE* out, Time start)
+    : out_(out), colours_(out != nullptr && isatty(fileno(out)) != 0), start_(start), now_(start) {}
+
+void Story::recall(std::vector<std::string> log, std::vector<std::string> requests,
+                   std::vector<std::string> violations) {
+    log_ = std::move(log);
+    requests_ = std::move(requests);
+    violations_ = std::move(violations);
+}
+
+void Story::forget() {
+    log_.clear();
+    requests_.clear();
+    facts_.clear();
+    told_.clear();
+    transfers_.clear();
+    ring_.clear();
+}
+
+void Story::tell(const char* from, const char* to, const std::string& text) {
+    told_.push_back({now_ - start_, from, text});
+    if (out_ == nullptr) return;
+    const std::string who = *to != '\0' ? std::string(from) + " -> " + to : from;
+    fprintf(out_, "%12.6f  %s%-16s  %s%s\n", seconds(now_ - start_),
+            colours_ ? colour_of(from) : "", who.c_str(), on_one_line(text).c_str(),
+            colours_ ? "\033[0m" : "");
+    fflush(out_);
+}
+
+void Story::log_line(int level, const std::string& text) {
+    static const std::string prefix = "lnkm: rvd: ";
+    end_transfer();
+    keep_in_ring(level, text);
+    std::string shown = text;
+    if (shown.compare(0, prefix.size(), prefix) == 0) shown.erase(0, prefix.size());
+    if (!shown.empty() && shown.back() == '\n') shown.pop_back();
+    tell("daemon", "", shown);
+    log_.push_back(shown);
+    keep_fact("line", shown);
+}
+
+void Story::request(const char* to, const std::string& text, bool shown) {
+    if (shown) end_transfer();
+    requests_.push_back(text);
+    keep_in_ring(6, std::string(to) + ": " + text);
+    if (shown) tell("daemon", to, text);
+    keep_fact("request", text);
+}
+
+void Story::keep_fact(const char* kind, const std::string& text) {
+    facts_.push_back(format("%g s ", seconds(now_ - start_)) + text);
+    if (on_fact) on_fact(kind, text);
+}
+
+void Story::violation(const std::string& text) {
+    violations_.push_back(text);
+    tell("lab", "", "NOT HELD: " + text);
+}
+
+void Story::keep_in_ring(int level, const std::string& text) {
+    ring_ += format("<%d>[%12.6f] ", level, seconds(now_ - start_)) + text;
+    if (ring_.empty() || ring_.back() != '\n') ring_ += '\n';
+}
+
+void Story::begin_transfer(const std::string& name, uint64_t total) {
+    const auto real = Clock::now();
+    transfers_.push_back({name, total, 0, now_, now_, real, real, false});
+}
+
+void Story::advance_transfer(uint64_t bytes) {
+    Transfer& transfer = transfers_.back();
+    const uint64_t before = transfer.bytes;
+    transfer.bytes += bytes;
+    if (transfer.total < kLongTransfer) return;
+    const uint64_t quarter = transfer.total / 4;
+    if (before / quarter == transfer.bytes / quarter) return;
+    tell("loader", "",
+         format("%s: %s of %s", transfer.name.c_str(), human_size(transfer.bytes).c_str(),
+                human_size(transfer.total).c_str()));
+}
+
+void Story::end_transfer() {
+    if (transfers_.empty() || transfers_.back().over) return;
+    Transfer& last = transfers_.back();
+    if (last.bytes < last.total) return;
+    last.end = now_;
+    last.real_end = Clock::now();
+    last.over = true;
+}
+
+// One line for all transfers of a name, in the order of the first.
+std::vector<std::string> Story::transfer_summary() const {
+    std::vector<std::string> lines, names;
+    for (const Transfer& first : transfers_) {
+        if (std::find(names.begin(), names.end(), first.name) != names.end()) continue;
+        names.push_back(first.name);
+        uint64_t bytes = 0;
+        Time time = 0;
+        int times = 0;
+        std::chrono::duration<double> real{0};
+        for (const Transfer& transfer : transfers_) {
+            if (transfer.name != first.name) continue;
+            times++;
+            bytes += transfer.bytes;
+            time += transfer.end - transfer.begin;
+            real += transfer.real_end - transfer.real_begin;
+        }
+        lines.push_back(format("%-18s %3d x  %11s  %9.3f s virtual %8.3f s real %8.1f MB/s",
+                               first.name.c_str(), times, human_size(bytes).c_str(), seconds(time),
+                               real.count(),
+                               static_cast<double>(bytes) / 1e6 / std::max(real.count(), 1e-6)));
+    }
+    return lines;
+}
+
+void Story::write_trace(const std::string& path) const {
+    const char* const actors[] = {"daemon", "driver", "loader", "phone", "kernel", "lab"};
+    std::string json = "{\"traceEvents\":[\n";
+    for (size_t i = 0; i < std::size(actors); i++) {
+        json +=
+                format("{\"name\":\"thread_name\",\"ph\":\"M\",\"pid\":1,\"tid\":%zu,"
+                       "\"args\":{\"name\":\"%s\"}},\n",
+                       i, actors[i]);
+    }
+    for (const Told& told : told_) {
+        std::string text;
+        for (const char c : on_one_line(told.text)) {
+            if (c == '"' || c == '\\') text += '\\';
+            text += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
+        }
+        const size_t actor = static_cast<size_t>(
+                std::find_if(std::begin(actors), std::end(actors),
+                             [&](const char* name) { return strcmp(name, told.from) == 0; }) -
+                std::begin(actors));
+        json += format("{\"ph\":\"i\",\"s\":\"t\",\"pid\":1,\"tid\":%zu,\"ts\":%.3f,\"name\":\"",
+                       actor, static_cast<double>(told.at) / 1000) +
+                text + "\"},\n";
+    }
+    json += "{\"name\":\"end\",\"ph\":\"i\",\"s\":\"g\",\"pid\":1,\"tid\":0,\"ts\":" +
+            format("%.3f}\n]}\n", static_cast<double>(now_ - start_) / 1000);
+    write_file(path, json);
+}
+
+}  // namespace rvd::lab

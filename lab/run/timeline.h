@@ -1,0 +1,55 @@
+// What happens to the phone in a run, one event after the other.
+#pragma once
+
+#include "lab/modem/driver.h"
+#include "lab/phone/phone.h"
+#include "lab/run/stage.h"
+
+namespace rvd::lab {
+
+class Timeline {
+  public:
+    Timeline(const Scenario& scenario, const Phone& phone, RunStage& stage, Driver& driver,
+             Story& story, Time start)
+        : scenario_(scenario),
+          phone_(phone),
+          stage_(stage),
+          driver_(driver),
+          story_(story),
+          start_(start) {}
+
+    void begin() { arm(); }
+
+    // The events before `position` have happened, and the phone has just come up again, after a
+    // panic or a mere reboot.
+    void resume(size_t position, bool panicked);
+
+    // What triggers events: the daemon begins to wait, the device goes to upload mode (true where
+    // that was wanted), something is logged or requested.
+    void waits();
+    bool upload();
+    void fact(const std::string& kind, const std::string& text);
+
+    // The first event that has not happened yet.
+    size_t position() const { return at_; }
+    bool finished() const { return at_ == scenario_.timeline.size(); }
+
+  private:
+    const Event& next() const { return scenario_.timeline[at_]; }
+    bool pending() const { return !finished() && !triggered_; }
+    void arm();
+    void trigger();
+    void happen();
+    void apply(const Event& event);
+
+    const Scenario& scenario_;
+    const Phone& phone_;
+    RunStage& stage_;
+    Driver& driver_;
+    Story& story_;
+    const Time start_;
+    size_t at_ = 0;
+    bool triggered_ = false;
+};
+
+}  // namespace rvd::lab
