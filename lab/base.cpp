@@ -8,12 +8,18 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <numeric>
 
 namespace rvd::lab {
 
 void fail_errno(const std::string& what) {
     const int error = errno;
     throw Unable(what + ": " + strerror(error));
+}
+
+void forbid_errno(const std::string& what) {
+    const int error = errno;
+    throw Forbidden(what + ": " + strerror(error));
 }
 
 std::string format(const char* text, ...) {
@@ -60,6 +66,21 @@ bool matches(const std::string& pattern, const std::string& text) {
 
 namespace {
 
+size_t distance(const std::string& a, const std::string& b) {
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (size_t i = 1; i <= a.size(); i++) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); j++) {
+            const size_t swap = diagonal + (a[i - 1] != b[j - 1]);
+            diagonal = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, swap});
+        }
+    }
+    return row[b.size()];
+}
+
 // A well-known 64-bit mixer: word `index` of the stream costs two multiplications.
 uint64_t seeded_word(uint64_t seed, uint64_t index) {
     uint64_t z = (seed + index + 1) * 0x9E3779B97F4A7C15u;
@@ -69,6 +90,13 @@ uint64_t seeded_word(uint64_t seed, uint64_t index) {
 }
 
 }  // namespace
+
+std::string did_you_mean(const std::string& word, const std::vector<std::string>& known) {
+    const auto nearest = std::min_element(
+            known.begin(), known.end(),
+            [&](const auto& a, const auto& b) { return distance(word, a) < distance(word, b); });
+    return nearest == known.end() ? "" : "; did you mean \"" + *nearest + "\"?";
+}
 
 void fill_seeded(uint64_t seed, uint64_t offset, void* out, size_t size) {
     auto* bytes = static_cast<uint8_t*>(out);

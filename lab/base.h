@@ -17,14 +17,19 @@ constexpr Time kNever = INT64_MAX;
 
 using Packet = std::vector<uint8_t>;
 
-// Something about the machine or the scenario that makes a run impossible; the text says what to
-// do.
+// Something about the input or the machine that makes a run impossible; the text says what to do.
 struct Unable : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Throws Unable("what: strerror(errno)").
+// This machine's kernel does not allow what the lab needs.
+struct Forbidden : Unable {
+    using Unable::Unable;
+};
+
+// Throw "what: strerror(errno)".
 [[noreturn]] void fail_errno(const std::string& what);
+[[noreturn]] void forbid_errno(const std::string& what);
 
 std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
 
@@ -33,6 +38,9 @@ std::string human_size(uint64_t bytes);
 
 // Whole-text match; '*' stands for any run of characters, everything else for itself.
 bool matches(const std::string& pattern, const std::string& text);
+
+// "; did you mean "..."?" with the known word nearest to this one; empty where none is known.
+std::string did_you_mean(const std::string& word, const std::vector<std::string>& known);
 
 // Bytes `offset`.. of an endless seeded stream: the same however the stream is cut into pieces.
 void fill_seeded(uint64_t seed, uint64_t offset, void* out, size_t size);

@@ -49,12 +49,9 @@ int work(const Scenario& scenario, const RunOptions& options) try {
     return result.violations.empty() ? kHeld : kNotHeld;
 } catch (const Reboots&) {
     return kReboots;
-} catch (const Unable& unable) {
-    printf("rvd-lab: %s\n", unable.what());
-    return kUnable;
-} catch (const fs::filesystem_error& error) {
+} catch (const std::exception& error) {
     printf("rvd-lab: %s\n", error.what());
-    return kUnable;
+    return dynamic_cast<const Forbidden*>(&error) != nullptr ? kForbidden : kRefused;
 }
 
 pid_t start(const Scenario& scenario, RunOptions options, Worker& worker) {
@@ -75,7 +72,7 @@ pid_t start(const Scenario& scenario, RunOptions options, Worker& worker) {
 int finish(const Worker& worker, int status) {
     std::error_code none;
     if (!worker.keep) fs::remove(worker.root, none);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : kUnable;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : kNotHeld;
 }
 
 }  // namespace

@@ -12,11 +12,12 @@
 
 namespace rvd::lab {
 
-// What a run's process ended with, and the lab itself.
+// What a run's process ends with, and the lab itself.
 constexpr int kHeld = 0;
 constexpr int kNotHeld = 1;
-constexpr int kReboots = 76;  // run again after the machine's reboot
-constexpr int kUnable = 77;
+constexpr int kRefused = 2;     // wrong usage or input, or no room: the message says what
+constexpr int kReboots = 76;    // run again after the machine's reboot
+constexpr int kForbidden = 77;  // the kernel doesn't allow what the lab needs
 
 struct Job {
     Scenario scenario;

@@ -145,7 +145,8 @@ void learn(std::vector<Row>& rows, const FaultOptions& options) {
     };
     run_each(next, options.jobs, [&](const std::string& name, int result, FILE* output) {
         const std::string text = read_all(output);
-        if (result == kUnable) throw Unable(text);
+        if (result == kForbidden) throw Forbidden(text);
+        if (result == kRefused) throw Unable(text);
         if (result != kHeld) throw Unable("the flow " + name + " does not hold without a fault");
         for (Row& row : rows) {
             if (row.flow.name != name) continue;
@@ -211,10 +212,13 @@ Fault make_fault(const std::string& call, int nth, const std::string& way) {
 int run_faults(const FaultOptions& options) {
     std::vector<Row> rows;
     const std::string flow = options.only.substr(0, options.only.find(':'));
+    std::vector<std::string> names;
     for (Scenario& scenario : parse_scenarios(kFlows, "flows.toml")) {
+        names.push_back(scenario.name);
         if (flow.empty() || scenario.name == flow) rows.push_back({std::move(scenario), {}, {}});
     }
-    if (rows.empty()) throw Unable("no flow is called \"" + flow + "\"");
+    if (rows.empty())
+        throw Unable("no flow is called \"" + flow + "\"" + did_you_mean(flow, names));
     learn(rows, options);
     const std::vector<Planned> planned = plan(rows, options.spread > 0);
     if (flow != options.only) return replay(rows[0], planned, options);

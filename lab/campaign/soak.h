@@ -5,7 +5,7 @@
 
 namespace rvd::lab {
 
-// Returns how it ended: kHeld, kNotHeld or kUnable.
+// Returns how it ended: an exit status.
 int run_soak(int64_t seed, int passes, RunOptions options);
 
 }  // namespace rvd::lab

@@ -21,6 +21,19 @@ namespace rvd::lab {
 
 namespace {
 
+// What the child exits with where it does not become the daemon: these, or the errno of its exec.
+constexpr int kNoFilter = 200;
+constexpr int kNoTrace = 201;
+
+[[noreturn]] void explain(int status) {
+    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 0;
+    if (code == kNoTrace) throw Forbidden("this machine does not let a process trace its child");
+    if (code == kNoFilter)
+        throw Forbidden("this kernel offers no seccomp user notification (Linux 5.5 or later)");
+    if (code != 0) throw Unable(std::string("the daemon cannot be executed: ") + strerror(code));
+    throw Unable("no file descriptor is left for the daemon's system calls; see ulimit -n");
+}
+
 // The environment is the daemon's contract and nothing else; sanitizers and coverage take theirs.
 std::vector<std::string> environment() {
     std::vector<std::string> variables = {std::string("RVD_PROPERTY_DIR=") + kPropertyDir,
@@ -84,8 +97,8 @@ scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
                                                   static_cast<unsigned>(rule.arguments.size()),
                                                   rule.arguments.data());
         if (result != 0)
-            throw Unable(format("this kernel can't hand over system call %d: %s", rule.call,
-                                strerror(-result)));
+            throw Forbidden(format("this kernel can't hand over system call %d: %s", rule.call,
+                                   strerror(-result)));
     }
     return filter;
 }
@@ -93,8 +106,8 @@ scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
 // The last thing before the daemon: from here on its calls are the lab's.
 void hand_over_calls(scmp_filter_ctx filter, int socket) {
     signal(SIGPIPE, SIG_IGN);  // a device node never raises it
-    ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    if (seccomp_load(filter) != 0) _exit(127);
+    if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(kNoTrace);
+    if (seccomp_load(filter) != 0) _exit(errno == EMFILE ? EMFILE : kNoFilter);
     send_descriptor(socket, seccomp_notify_fd(filter));
 }
 
@@ -149,7 +162,7 @@ void become_daemon(const std::string& root, const std::vector<std::string>& argu
         last();
         execve(kDaemonPath, pointers(words).data(), pointers(variables).data());
     }
-    _exit(127);
+    _exit(errno);
 }
 
 Process launch(const std::string& root, const std::vector<std::string>& arguments,
@@ -168,10 +181,8 @@ Process launch(const std::string& root, const std::vector<std::string>& argument
     process.listener = receive_descriptor(sockets[0]);
     close(sockets[0]);
     int status = 0;
-    if (process.listener < 0 || waitpid(process.pid, &status, 0) < 0 || !WIFSTOPPED(status))
-        throw Unable(
-                "the daemon could not be started under a system-call filter; the kernel must "
-                "offer seccomp user notification (5.5 or later) and allow ptrace of children");
+    waitpid(process.pid, &status, 0);
+    if (!WIFSTOPPED(status) || process.listener < 0) explain(status);
     if (virtual_time) hide_shared_clock(process.pid);
     process.pidfd = static_cast<int>(syscall(SYS_pidfd_open, process.pid, 0));
     ptrace(PTRACE_DETACH, process.pid, nullptr, nullptr);

@@ -55,19 +55,20 @@ void enter_namespaces() {
     is_real_root = uid == 0 && unshare(CLONE_NEWNS | CLONE_NEWPID) == 0;
     if (!is_real_root) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) != 0) {
-            throw Unable(std::string("this kernel gives an ordinary user no user namespace (") +
-                         strerror(errno) +
-                         "). Run rvd-lab as root, or allow it: sysctl "
-                         "kernel.unprivileged_userns_clone=1, or where AppArmor restricts it, "
-                         "kernel.apparmor_restrict_unprivileged_userns=0; in a container, start it "
-                         "with the right to unshare and mount.");
+            throw Forbidden(
+                    std::string("this kernel gives an ordinary user no user namespace (") +
+                    strerror(errno) +
+                    "). Run rvd-lab as root, or allow it: sysctl "
+                    "kernel.unprivileged_userns_clone=1, or where AppArmor restricts it, "
+                    "kernel.apparmor_restrict_unprivileged_userns=0; in a container, start it "
+                    "with the right to unshare and mount.");
         }
         write_once("/proc/self/setgroups", "deny");
         write_once("/proc/self/uid_map", format("0 %u 1", uid));
         write_once("/proc/self/gid_map", format("0 %u 1", gid));
     }
     if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        fail_errno("cannot keep mounts private");
+        forbid_errno("cannot keep mounts private (in a chroot, the root must be a mount point)");
     start_guardian();
 }
 
@@ -86,7 +87,7 @@ void Phone::build(const std::string& daemon_binary) {
             fs::remove_all(entry);
         write_file(path("/") + kMarker, "");
     } else if (mount("tmpfs", root_.c_str(), "tmpfs", MS_NOSUID, "mode=0755") != 0) {
-        fail_errno("cannot mount the phone's root");
+        forbid_errno("cannot mount the phone's root");
     }
     mount_system();
     make_tree();
@@ -116,12 +117,12 @@ void Phone::put_daemon(const std::string& binary) const {
 void Phone::bind(const std::string& from, const std::string& to, bool read_only) const {
     const std::string target = path(to);
     if (mount(from.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
-        fail_errno("cannot bind " + from + " to " + target);
+        forbid_errno("cannot bind " + from + " to " + target);
     if (!read_only) return;
     mount_attr attributes{};
     attributes.attr_set = MOUNT_ATTR_RDONLY;
     if (mount_setattr(-1, target.c_str(), AT_RECURSIVE, &attributes, sizeof(attributes)) != 0)
-        fail_errno("cannot make " + target + " read-only");
+        forbid_errno("cannot make " + target + " read-only");
 }
 
 // What a dynamic linker and a sanitizer's run-time library need, from the machine, read-only.

@@ -1,7 +1,6 @@
 #include "lab/scenario/reader.h"
 
 #include <algorithm>
-#include <numeric>
 
 namespace rvd::lab {
 
@@ -11,21 +10,6 @@ namespace {
     const toml::source_region& source = node.source();
     throw Unable((source.path ? *source.path : "scenario") + ":" +
                  std::to_string(source.begin.line) + ": " + why);
-}
-
-size_t distance(const std::string& a, const std::string& b) {
-    std::vector<size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), 0);
-    for (size_t i = 1; i <= a.size(); i++) {
-        size_t diagonal = row[0];
-        row[0] = i;
-        for (size_t j = 1; j <= b.size(); j++) {
-            const size_t swap = diagonal + (a[i - 1] != b[j - 1]);
-            diagonal = row[j];
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, swap});
-        }
-    }
-    return row[b.size()];
 }
 
 struct Unit {
@@ -217,14 +201,9 @@ void Reader::finish() const {
         for (const auto& [name, node] : *layer) {
             const std::string key(name.str());
             if (std::find(known_.begin(), known_.end(), key) != known_.end()) continue;
-            const auto nearest = std::min_element(known_.begin(), known_.end(),
-                                                  [&](const std::string& a, const std::string& b) {
-                                                      return distance(key, a) < distance(key, b);
-                                                  });
             std::string why = "unknown key \"" + key + "\"";
             if (!path_.empty()) why += " in " + path_;
-            if (nearest != known_.end()) why += "; did you mean \"" + *nearest + "\"?";
-            refuse_at(node, why);
+            refuse_at(node, why + did_you_mean(key, known_));
         }
     }
 }

@@ -1,0 +1,158 @@
+#include "lab/cli/command_line.h"
+
+#include <stdio.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <filesystem>
+
+#include "lab/builtin.h"
+#include "lab/campaign/campaign.h"
+
+namespace rvd::lab {
+
+namespace {
+
+using Command = CommandLine::Command;
+
+// A whole number within these bounds and nothing else in the word.
+CLI::Validator whole(int64_t least, int64_t most) {
+    const auto check = [=](const std::string& word) -> std::string {
+        int64_t value = 0;
+        const char* const end = word.data() + word.size();
+        const auto [at, error] = std::from_chars(word.data(), end, value);
+        if (error == std::errc() && at == end && value >= least && value <= most) return "";
+        return "\"" + word + "\" is not a whole number from " + std::to_string(least) + " to " +
+               std::to_string(most);
+    };
+    return {check, ""};
+}
+
+std::string default_daemon() {
+    std::error_code none;
+    return std::filesystem::read_symlink("/proc/self/exe", none).parent_path() / "rvd";
+}
+
+void add_run_options(CLI::App& app, CommandLine& line) {
+    app.add_option("--daemon", line.run.daemon, "the daemon's binary (rvd beside rvd-lab)")
+            ->check(CLI::ExistingFile);
+    app.add_option("--root", line.run.root, "keep the phone's files in this directory");
+    app.add_option("--timeout", line.run.timeout, "seconds of real time a run may take (60)")
+            ->check(whole(1, 1'000'000));
+    app.add_option("--trace", line.run.trace, "write the story as trace events to this file");
+    app.add_option("--log", line.run.log, "write the daemon's lines to this file");
+}
+
+void add_seed(CLI::App& app, CommandLine& line) {
+    app.add_option("--seed", line.seed, "seed of all content, instead of the scenario's")
+            ->check(whole(INT64_MIN, INT64_MAX));
+}
+
+void add_jobs(CLI::App& app, CommandLine& line) {
+    app.add_option("--jobs", line.jobs, "how many at once (all processors)")->check(whole(1, 4096));
+}
+
+void add_files(CLI::App& app, CommandLine& line) {
+    app.add_option("file", line.files, "scenario files")->required()->check(CLI::ExistingFile);
+}
+
+void add_demo(CLI::App& app, CommandLine& line) {
+    app.add_option("--modem", line.modem, "tq720 (integrated) or vk880 (external)")
+            ->check(CLI::IsMember({"tq720", "vk880"}));
+    add_seed(app, line);
+    add_run_options(app, line);
+}
+
+void add_run(CLI::App& app, CommandLine& line) {
+    add_files(app, line);
+    app.add_option("--case", line.only, "only cases of this name; '*' for anything");
+    app.add_flag("--quiet", line.quiet, "name only the cases that fail");
+    app.add_flag("--story", line.story, "tell the story of every case");
+    app.add_flag("--real-time", line.run.real_time,
+                 "the real clock, and nothing between the daemon and its data");
+    app.add_flag("--relay", line.run.relay,
+                 "run one case behind the relay module, on this machine's own kernel: clock, disk, "
+                 "rights, reboots and panics are real");
+    app.add_option("--notebook", line.run.notebook,
+                   "with --relay: where the run keeps what it needs to go on with after a reboot "
+                   "or a panic, when the same command is to be given again")
+            ->default_val("/var/tmp/rvd-lab.notebook");
+    add_jobs(app, line);
+    add_seed(app, line);
+    add_run_options(app, line);
+}
+
+void add_faults(CLI::App& app, CommandLine& line) {
+    app.add_option("--only", line.only, "one flow; or FLOW:CALL:N:FAULT, one fault with its story");
+    app.add_option("--spread", line.spread, "so many of all faults, evenly chosen")
+            ->check(whole(1, 1'000'000));
+    add_jobs(app, line);
+    add_run_options(app, line);
+}
+
+void add_soak(CLI::App& app, CommandLine& line) {
+    app.add_option("--passes", line.passes, "how many (10000)")->check(whole(1, 100'000'000));
+    app.add_flag("--story", line.story, "tell the story");
+    add_seed(app, line);
+    add_run_options(app, line);
+}
+
+// The first word that nothing is known of, an option before others, and the nearest that is known;
+// or what the library has to say.
+std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
+    std::vector<std::string> known;
+    const auto chosen = app.get_subcommands();
+    const std::vector<std::string> unknown = app.remaining(true);
+    if (unknown.empty()) return error.what();
+    const auto is_option = [](const std::string& word) { return word[0] == '-'; };
+    auto word = std::find_if(unknown.begin(), unknown.end(), is_option);
+    if (chosen.empty() && word == unknown.end()) {
+        for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+            known.push_back(command->get_name());
+    } else {
+        for (const CLI::Option* option : (chosen.empty() ? &app : chosen[0])->get_options())
+            known.push_back(option->get_name());
+    }
+    if (word == unknown.end()) word = unknown.begin();
+    const std::string bare = word->substr(0, word->find('='));
+    return "\"" + bare + "\" is not known here" + did_you_mean(bare, known);
+}
+
+}  // namespace
+
+std::optional<int> parse_command_line(int argc, char** argv, CommandLine& line) {
+    line.run.daemon = default_daemon();
+    line.jobs = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
+    CLI::App app(
+            "A virtual phone: runs the unmodified rvd on this machine, against a model of the "
+            "modem's driver and boot loader.");
+    app.require_subcommand(0, 1);
+    app.set_version_flag("--version", std::string("rvd-lab ") + kVersion);
+    const auto add = [&](Command command, const char* name, const char* help) {
+        CLI::App* sub = app.add_subcommand(name, help);
+        sub->callback([&line, command] { line.command = command; });
+        return sub;
+    };
+    add_demo(*add(Command::demo, "demo", "tell the story of a modem's life"), line);
+    add_run(*add(Command::run, "run", "run scenarios and check what they expect"), line);
+    add_files(*add(Command::check, "check", "read scenarios and say what is wrong with them"),
+              line);
+    add_faults(*add(Command::faults, "faults",
+                    "fail every system call of the daemon, each in every way it can fail"),
+               line);
+    add_soak(*add(Command::soak, "soak", "live through pass after pass of events"), line);
+    add(Command::keys, "keys", "print what a scenario can say");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) return app.exit(error);
+        fprintf(stderr, "rvd-lab: %s\n", complaint(app, error).c_str());
+        return kRefused;
+    }
+    if (line.command != Command::none) return {};
+    fputs(app.help().c_str(), stdout);
+    return kHeld;
+}
+
+}  // namespace rvd::lab
