@@ -43,25 +43,47 @@ std::string human_size(uint64_t bytes) {
     return format(whole ? "%.0f %s" : "%.1f %s", value, units[unit]);
 }
 
-bool matches(const std::string& pattern, const std::string& text) {
-    size_t p = 0, t = 0, star = std::string::npos, resume = 0;
-    while (t < text.size()) {
+namespace {
+
+// What stands between brackets, as "abc", "a-z" or "!0-9".
+bool in_set(std::string_view set, char c) {
+    const bool negated = !set.empty() && set[0] == '!';
+    if (negated) set.remove_prefix(1);
+    bool found = false;
+    for (size_t i = 0; i < set.size(); i++) {
+        const bool range = i + 2 < set.size() && set[i + 1] == '-';
+        found = found || (range ? set[i] <= c && c <= set[i + 2] : set[i] == c);
+        if (range) i += 2;
+    }
+    return found != negated;
+}
+
+}  // namespace
+
+bool matches(std::string_view pattern, std::string_view text) {
+    size_t p = 0, t = 0, star = std::string_view::npos, resume = 0;
+    for (;;) {
         if (p < pattern.size() && pattern[p] == '*') {
-            star = p++;
+            star = ++p;
             resume = t;
-        } else if (p < pattern.size() && pattern[p] == text[t]) {
+            continue;
+        }
+        if (t == text.size()) return p == pattern.size();
+        const size_t close =
+                p < pattern.size() && pattern[p] == '[' ? pattern.find(']', p) : pattern.npos;
+        if (close != pattern.npos && in_set(pattern.substr(p + 1, close - p - 1), text[t]) &&
+            matches(pattern.substr(close + 1), text.substr(t + 1)))
+            return true;
+        if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == text[t])) {
             p++;
             t++;
-        } else if (star != std::string::npos) {
-            p = star + 1;
+        } else if (star != pattern.npos) {
+            p = star;
             t = ++resume;
         } else {
             return false;
         }
     }
-    while (p < pattern.size() && pattern[p] == '*')
-        p++;
-    return p == pattern.size();
 }
 
 namespace {

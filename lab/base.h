@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace rvd::lab {
@@ -36,8 +37,12 @@ std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
 // "1048576 bytes" as people say it: "1 MiB".
 std::string human_size(uint64_t bytes);
 
-// Whole-text match; '*' stands for any run of characters, everything else for itself.
-bool matches(const std::string& pattern, const std::string& text);
+// Whether a pattern matches the whole text. '*' stands for any characters, '?' for one, and
+// "[a-f0]" for one of a set or, as in "toc[0]", for itself.
+bool matches(std::string_view pattern, std::string_view text);
+
+// "; did you mean "..."?" with the known word nearest to this one; empty where none is known.
+std::string did_you_mean(const std::string& word, const std::vector<std::string>& known);
 
 // "; did you mean "..."?" with the known word nearest to this one; empty where none is known.
 std::string did_you_mean(const std::string& word, const std::vector<std::string>& known);

@@ -78,6 +78,9 @@ void add_run(CLI::App& app, CommandLine& line) {
                    "with --relay: where the run keeps what it needs to go on with after a reboot "
                    "or a panic, when the same command is to be given again")
             ->default_val("/var/tmp/rvd-lab.notebook");
+    app.add_option("--jitter", line.run.jitter,
+                   "microseconds between two reads of what the daemon says; no story may change")
+            ->check(whole(0, 1'000'000));
     add_jobs(app, line);
     add_seed(app, line);
     add_run_options(app, line);

@@ -27,6 +27,7 @@ class Gate : public RunStage {
         bool real_time;
         std::chrono::seconds patience;  // wall-clock time after which a run has failed
         bool learn = false;             // every call is taken, and told to on_call
+        int jitter = 0;                 // microseconds between two reads of what the daemon says
     };
 
     Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup setup);
@@ -121,6 +122,7 @@ class Gate : public RunStage {
     void renew(Link& link);
     Link* link_at(int daemon_fd);
     void drain();
+    void jitter();
     void drain_kernel_log();
     void drain_link(size_t index);
     void pump_link(Link& link);

@@ -147,14 +147,21 @@ void Gate::panic() {
     if (!on_upload || !on_upload()) end_ = "upload";
 }
 
-// What the daemon has said so far, before what it says next: its log first, then its packets.
+// Takes what the daemon has said so far. Its log comes first, and again behind each packet: what
+// was logged before that packet was sent may have come in since.
 void Gate::drain() {
     drain_kernel_log();
+    jitter();
     for (size_t i = 0; i < links_.size();) {
         const size_t before = links_.size();
         drain_link(i);
         if (links_.size() == before) i++;
     }
+}
+
+// Widens the window between two reads, so that what depends on their order shows.
+void Gate::jitter() {
+    if (setup_.jitter > 0) usleep(static_cast<useconds_t>(setup_.jitter));
 }
 
 void Gate::drain_kernel_log() {
@@ -197,6 +204,7 @@ void Gate::drain_link(size_t index) {
         }
         last_activity_ = now_;
         received_.resize(static_cast<size_t>(n));
+        drain_kernel_log();
         modem_->received(links_[index].node, received_);
         if (links_[index].hung) return;
     }

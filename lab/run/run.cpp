@@ -113,8 +113,9 @@ std::unique_ptr<RunStage> make_stage(const Scenario& scenario, const RunOptions&
     const std::chrono::seconds patience(options.timeout);
     if (options.relay)
         return std::make_unique<RelayStage>(scenario, phone, story, start, now, patience);
-    return std::make_unique<Gate>(scenario, phone, story,
-                                  Gate::Setup{start, options.real_time, patience, options.learn});
+    return std::make_unique<Gate>(
+            scenario, phone, story,
+            Gate::Setup{start, options.real_time, patience, options.learn, options.jitter});
 }
 
 }  // namespace

@@ -34,6 +34,7 @@ struct RunOptions {
     bool story = true;               // told as it happens
     bool summary = false;            // files, transfers and verdict at the end
     int timeout = 60;                // seconds of real time
+    int jitter = 0;                  // microseconds that the gate waits between two reads
     bool learn = false;              // the daemon's calls become part of the conduct
     const Conduct* clean = nullptr;  // held against this, instead of what the scenario expects
     std::function<void(Play&)> on_wait;  // before what the timeline has for the wait for the modem
