@@ -88,6 +88,7 @@ TEST_F(CommandLine, LinksGoByLetter) {
 TEST_F(CommandLine, OptionsApplyInTheirOrder) {
     const std::string node(26, 'n');  // the longest that fits behind "/dev/"
     const std::string name(511 - strlen("/dev/block/"), 'p');
+    const std::string too_long = "parseArgs: ERR! argument too long: " + name;
     const struct {
         std::string words;
         int result;
@@ -126,7 +127,7 @@ TEST_F(CommandLine, OptionsApplyInTheirOrder) {
             {"-P " + name, 0, "part=/dev/block/" + name + " ", nullptr},
             {"-P " + name + "p -d", 1, "daemon=0", nullptr},
             {"-p " + name + " -d", 1, "daemon=0", nullptr},
-            {"-n " + name + " -d", 1, "daemon=0", nullptr},
+            {"-n " + name + " -d", 1, "daemon=0", too_long.c_str()},
             {"-B " + node, 0, "device=/dev/" + node + " ", nullptr},
             {"-B " + node + "n -d", 1, "daemon=0", nullptr},
             {"-D " + node, 0, "dump=/dev/" + node + " ", nullptr},
@@ -151,6 +152,29 @@ TEST_F(CommandLine, OptionsApplyInTheirOrder) {
     }
 }
 
+TEST_F(CommandLine, APathIsLoggedAsGivenAndAsUsed) {
+    const struct {
+        const char* option;
+        Lines lines;
+    } cases[] = {
+            {"-B", {"set boot_node : x1", "boot_node : /dev/x1"}},
+            {"-D", {"set dump_node : x1", "dump_node : /dev/x1"}},
+            {"-p", {"set partition number : x1", "partition path : /dev/block/mmcblk0px1"}},
+            {"-P", {"set partition number : x1", "partition path : /dev/block/x1"}},
+            {"-n",
+             {"set nv partition : x1", "nv data file path : x1/nv_data.bin",
+              "nv norm file path : ", "nv prot file path : "}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.option);
+        EXPECT_EQ(parse({c.option, "x1"}), PARSE_OK);
+        Lines wanted;
+        for (const std::string& line : c.lines)
+            wanted.push_back("parseArgs: " + line);
+        EXPECT_EQ(said(), wanted);
+    }
+}
+
 TEST_F(CommandLine, TestActionsRunAndEndParsing) {
     const std::string test_dir = std::string(kLogDir) + "/test";
     const auto put = [&](const char* name) { write_file(test_dir + "/" + name, "x"); };
@@ -165,16 +189,22 @@ TEST_F(CommandLine, TestActionsRunAndEndParsing) {
     EXPECT_EQ(list(test_dir), kept);
     EXPECT_EQ(Container::getRvdArgs()->daemon, 0);
 
+    write_file(std::string(kLogDir) + "/testimony", "x");
     EXPECT_EQ(parse({"-T", "2"}), PARSE_TEST);
-    EXPECT_THAT(list(kLogDir), IsEmpty());
+    EXPECT_THAT(list(kLogDir), ElementsAre("testimony"));
     said();
     EXPECT_EQ(parse({"-T", "1"}), PARSE_TEST);
     EXPECT_THAT(said(), ElementsAre("remove_logs: remove logs under " + test_dir,
                                     "remove_logs: DIR doesn't exist " + test_dir));
 
-    write_file("/efs/factory.prop", "sims=2\n");
-    EXPECT_EQ(parse({"-t", "tq720", "-T", "3"}), PARSE_TEST);
-    EXPECT_EQ(read_file("/sys/devices/platform/lnkm/sim/ds_detect"), "2");
+    // Out of 1 to 4 a count is not handed over: the last one stands.
+    const std::pair<const char*, const char*> counts[] = {
+            {"=1", "1"}, {"=4", "4"}, {"=0", "4"}, {"=5", "4"}};
+    for (const auto& [factory, handed_over] : counts) {
+        write_file("/efs/factory.prop", factory);
+        EXPECT_EQ(parse({"-t", "tq720", "-T", "3"}), PARSE_TEST);
+        EXPECT_EQ(read_file("/sys/devices/platform/lnkm/sim/ds_detect"), handed_over);
+    }
     said();
     EXPECT_EQ(parse({"-T", "4"}), PARSE_TEST);
     EXPECT_THAT(said(), IsEmpty());

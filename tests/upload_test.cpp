@@ -120,6 +120,9 @@ TEST_F(Upload, AReasonIsTakenWithOneReadAndCutToItsRoom) {
         EXPECT_EQ(dump().reason, reason);
         const std::string sentence = (": CP Crash by CP - " + reason).substr(0, 511);
         EXPECT_EQ(read_file(path("info")), c.result == 0 ? sentence : "");
+        if (c.result != 0) {
+            EXPECT_EQ(last_said(), "std_ul_recv_info: ERR! REASON is longer than a frame");
+        }
         start_afresh();
     }
 }
@@ -163,8 +166,8 @@ TEST_F(Upload, AStepFailsAtItsFirstDoubtfulFrame) {
     EXPECT_EQ(protocol_.std_ul_recv_data(256), -14);
     EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 256] is beyond the last step 255");
     const Modem modem(&dump().fd[DUMP_FD_NODE], "<0");
-    EXPECT_EQ(protocol_.std_ul_recv_data(1), -1);
-    EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 1] start fail (ret -1)");
+    EXPECT_EQ(protocol_.std_ul_recv_data(255), -1);
+    EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 255] start fail (ret -1)");
 }
 
 TEST_F(Upload, ADiskThatFillsUpKeepsWhatItHolds) {
