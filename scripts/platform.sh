@@ -1,0 +1,62 @@
+# The daemon's policy, compiled with the platform's own. Meant to be sourced; TREE is a checkout of
+# the platform's source or as much of one as platform-test needs.
+# shellcheck shell=bash
+
+platform_level=30
+
+# What the policy is made of, in the order of the platform's own build.
+policy_parts=(security_classes initial_sids access_vectors global_macros neverallow_macros mls_macros
+    mls_decl mls policy_capabilities te_macros attributes ioctl_defines ioctl_macros '*.te'
+    roles_decl roles users initial_sid_contexts fs_use genfs_contexts port_contexts)
+
+# policy_conf VARIANT DIRECTORY...: the policy of the directories as one file, on standard output.
+# VARIANT is the kind of build: user, userdebug or eng.
+policy_conf() {
+    local variant=$1 part directory file files=()
+    shift
+    for part in "${policy_parts[@]}"; do
+        for directory in "$@"; do
+            # Unquoted, for the one part that is a pattern.
+            # shellcheck disable=SC2231
+            for file in "$directory"/$part; do
+                [[ -f $file ]] && files+=("$file")
+            done
+        done
+    done
+    m4 --fatal-warnings -D mls_num_sens=1 -D mls_num_cats=1024 \
+        -D target_build_variant="$variant" -D target_arch=arm64 -D target_with_dexpreopt=true \
+        -D target_with_asan=false -D target_with_native_coverage=false -D target_full_treble=true \
+        -D target_compatible_property=true -D target_treble_sysprop_neverallow=true \
+        -D target_exclude_build_test= -D target_requires_insecure_execmem_for_swiftshader=false \
+        -s "${files[@]}"
+}
+
+# platform_policy TREE ANDROID VARIANT OUT [OPTION]...: the whole policy of a device, all neverallow
+# rules checked. ANDROID is the project's directory of that name or a copy of it; an OPTION goes to
+# the compiler, such as "-U allow" for a kernel with classes that the platform's kernel lacks.
+platform_policy() {
+    local tree=$1/system/sepolicy own=$2 variant=$3 out=$4
+    shift 4
+    policy_conf "$variant" "$tree"/{public,private,vendor} "$own"/sepolicy/system/{public,private} \
+        "$own"/sepolicy/vendor "$own"/device/sepolicy >"$out.conf" &&
+        checkpolicy -M -c "$platform_level" "$@" -o "$out" "$out.conf"
+}
+
+# platform_vendor_policy TREE ANDROID OUT: the vendor's half alone, for which the private half of
+# the system does not exist.
+platform_vendor_policy() {
+    local tree=$1/system/sepolicy own=$2 out=$3
+    policy_conf user "$tree"/{reqd_mask,public} "$own"/sepolicy/system/public "$tree"/vendor \
+        "$own"/sepolicy/vendor "$own"/device/sepolicy >"$out.conf" &&
+        checkpolicy -C -M -c "$platform_level" -o "$out" "$out.conf"
+}
+
+# platform_file_contexts TREE ANDROID POLICY OUT: the labels of files, the platform's and ours,
+# compiled for look-ups; every label is one of POLICY's. OUT is a new file: the compiler replaces
+# what is there, be it a device.
+platform_file_contexts() {
+    local tree=$1/system/sepolicy own=$2 policy=$3 out=$4
+    cat "$tree"/{private,vendor}/file_contexts "$own"/sepolicy/vendor/file_contexts \
+        "$own"/device/sepolicy/file_contexts >"$out.txt" &&
+        sefcontext_compile -p "$policy" -o "$out" "$out.txt"
+}
