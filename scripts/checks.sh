@@ -1,19 +1,23 @@
 # Shared by the scripts that end in a verdict: runs checks one after another, says what it runs, and
 # counts. Meant to be sourced; the sourcing script ends with `verdict`.
 # shellcheck shell=bash
+. scripts/common.sh
 
 checks_passed=0
 checks_failed=0
 checks_jobs=$(nproc)
 
-# The verdict is the last line whatever ends the script.
-trap 'print_verdict' EXIT
-print_verdict() {
-    local status=$?
-    if ((status != 0 && checks_failed == 0)); then
+# The verdict is the last line unless the script was interrupted or could not run.
+last_words() {
+    (($1 != 77)) || return 0
+    echo
+    if (($1 > 128)); then
+        echo "interrupted after $checks_passed passed, $checks_failed failed"
+        return
+    fi
+    if (($1 != 0 && checks_failed == 0)); then
         checks_failed=1
     fi
-    echo
     echo "$checks_passed passed, $checks_failed failed"
 }
 
@@ -45,8 +49,9 @@ check() {
 
 # Configures and builds a preset.
 build() {
-    must cmake --preset "$1"
-    must cmake --build --preset "$1"
+    writable "build/$1"
+    must configure "$1" "build/$1"
+    must one_at_a_time "build/$1" cmake --build --preset "$1"
 }
 
 # Runs a preset's tests and counts each. No test at all is a failure.

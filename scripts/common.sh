@@ -1,0 +1,131 @@
+# Shared by the scripts: how they fail, how they end, and how they build. Meant to be sourced, in the
+# checkout's directory.
+# shellcheck shell=bash
+
+shopt -s lastpipe
+
+fail() {
+    echo "${0##*/}: $*" >&2
+    exit 1
+}
+
+# Ends a script that this machine cannot run.
+not_run() {
+    {
+        echo
+        echo "########################################################################"
+        echo "## ${0##*/}: NOT RUN: $*"
+        echo "########################################################################"
+    } >&2
+    exit 77
+}
+
+# What is removed when the script ends, whatever ends it.
+leftovers=()
+at_exit() {
+    local status=$?
+    rm -rf --one-file-system "${leftovers[@]}"
+    ! declare -F last_words >/dev/null || last_words "$status"
+}
+trap at_exit EXIT
+
+# Ctrl-C does not reach what runs in the background.
+interrupted() {
+    local running
+    trap '' INT TERM HUP
+    running=$(jobs -p)
+    # shellcheck disable=SC2086  # one word for each process
+    [[ -z $running ]] || kill $running 2>/dev/null || true
+    wait
+    echo "${0##*/}: interrupted" >&2
+    exit "$1"
+}
+trap 'interrupted 129' HUP
+trap 'interrupted 130' INT
+trap 'interrupted 143' TERM
+
+# A directory of the script's own for temporary files.
+private_tmp() {
+    local place=${TMPDIR:-/tmp}
+    TMPDIR=$(mktemp -d "$place/rvd.XXXXXX" 2>/dev/null) ||
+        fail "cannot write to the directory for temporary files, $place: set TMPDIR to one that can be written"
+    export TMPDIR
+    leftovers+=("$TMPDIR")
+}
+
+# The same, in memory where there is room for it.
+private_tmp_in_memory() {
+    if [[ -w /dev/shm ]]; then TMPDIR=/dev/shm; fi
+    private_tmp
+}
+
+# Ends the script unless the directory can be written.
+writable() {
+    if ! mkdir -p "$1" 2>/dev/null || [[ ! -w $1 ]]; then
+        fail "cannot write to $1: ${2:-make a clone of your own (git clone \"$PWD\" DIRECTORY)}"
+    fi
+}
+
+# one_at_a_time DIRECTORY COMMAND...: waits for others that hold the directory.
+one_at_a_time() {
+    local lock
+    exec {lock}<"$1"
+    if ! flock -n "$lock"; then
+        echo "${0##*/}: another one is at work in $1, waiting for it" >&2
+        flock "$lock"
+    fi
+    "${@:2}"
+    exec {lock}<&-
+}
+
+# A copied or moved checkout brings a configuration that names the old place.
+moved() {
+    [[ -e $1/CMakeCache.txt ]] &&
+        ! grep -qxF "CMAKE_CACHEFILE_DIR:INTERNAL=$(realpath "$1")" "$1/CMakeCache.txt"
+}
+
+# configure PRESET DIRECTORY [OPTION]...
+configure() {
+    local anew=()
+    if moved "$2"; then anew=(--fresh); fi
+    cmake --preset "$1" -B "$2" "${anew[@]}" "${@:3}"
+}
+
+# with_progress LABEL COMMAND...: runs ninja or apt-get (with its status on standard output) and shows
+# how far it is: on a terminal in one line that is overwritten, elsewhere every 30 s. What else it
+# prints is printed if it fails.
+with_progress() {
+    local label=$1 begin=$SECONDS next=$SECONDS line output='' percent step status=0
+    shift
+    "$@" 2>&1 | while IFS= read -r line; do
+        if [[ $line == '[0/'* ]]; then
+            continue  # ninja makes sure that the list of sources is still right
+        elif [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]]; then
+            step='' percent=$((100 * BASH_REMATCH[1] / BASH_REMATCH[2]))
+        elif [[ $line =~ ^dlstatus:[0-9]+:([0-9]+) ]]; then
+            step=' (download)' percent=${BASH_REMATCH[1]}
+        elif [[ $line =~ ^pmstatus:[^:]*:([0-9]+) ]]; then
+            step=' (installation)' percent=${BASH_REMATCH[1]}
+        else
+            output+=$line$'\n'
+            continue
+        fi
+        show_progress
+    done || status=$?
+    if [[ -t 2 ]]; then printf '\r%78s\r' '' >&2; fi
+    ((status == 0)) || printf '%s' "$output" >&2
+    return "$status"
+}
+
+show_progress() {
+    local left='' passed=$((SECONDS - begin))
+    if ((percent >= 5 && passed >= 3)); then
+        left=", about $((passed * (100 - percent) / percent)) s left"
+    fi
+    if [[ -t 2 ]]; then
+        printf '\r%-78s' "$label$step: $percent %$left" >&2
+    elif ((SECONDS >= next)); then
+        next=$((SECONDS + 30))
+        echo "$label$step: $percent %$left" >&2
+    fi
+}
