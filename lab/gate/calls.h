@@ -47,6 +47,9 @@ struct CallShape {
 // The calls that this machine's kernel has and this scenario needs, by number; or all there are.
 std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_time, bool all);
 
+// What a fault can be made for, by the scenario's names.
+std::vector<std::string> fault_calls();
+
 std::vector<Rule> rules_for(const std::vector<CallShape>& shapes);
 
 }  // namespace rvd::lab

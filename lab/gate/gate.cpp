@@ -66,6 +66,11 @@ bool Gate::reboot() {
     return true;
 }
 
+void Gate::recount_faults() {
+    for (const Fault& fault : scenario_.faults)
+        fault.turn.seen = 0;
+}
+
 // Nothing of the process outlives this: not its threads, nor what it had open.
 void Gate::close_process() {
     if (process_.pid < 0) return;

@@ -41,7 +41,7 @@ class Gate : public RunStage {
     std::map<int, std::string> descriptors() const override;
 
     pid_t daemon() const override { return process_.pid; }
-    void recount_faults() override { fault_times_.clear(); }
+    void recount_faults() override;
 
     Time now() const override { return now_; }
     void hang_up(Node node) override;
@@ -153,7 +153,6 @@ class Gate : public RunStage {
     std::vector<KernelLog> kernel_logs_;
     const Call* served_ = nullptr;  // the request that is being answered
     Packet received_;
-    std::map<const Fault*, int> fault_times_;
     std::map<std::string, int> times_;  // of each call, as faults count them
     bool in_main_ = false;
     uint64_t disk_used_ = 0;

@@ -117,8 +117,11 @@ bool Gate::apply_fault(const Call& call) {
     for (const Fault& fault : scenario_.faults) {
         if (fault.call != family) continue;
         if (fault.path != "*" && !matches(fault.path, path_of(call))) continue;
-        const int turn = ++fault_times_[&fault];
-        if (in_main_ && fault.turn.takes(turn) && due == nullptr) due = &fault;
+        if (!in_main_) {
+            fault.turn.seen++;
+        } else if (fault.turn.takes() && due == nullptr) {
+            due = &fault;
+        }
     }
     if (due == nullptr) return false;
     if (on_fault) on_fault();

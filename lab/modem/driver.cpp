@@ -17,8 +17,6 @@ constexpr int kStateOnline = 4;
 constexpr uint64_t kModemMemory = uint64_t{kModemOffsetMask} + 1;
 constexpr size_t kSrinfoHeader = 16;
 
-const char* const kRegionNames[] = {"shmem", "vss", "hxlg", "cp_btl", "databuf", "l2b"};
-
 const char* mode_name(uint32_t mode) {
     return mode == CP_BOOT_MODE_NORMAL ? "normal" : mode == CP_BOOT_MODE_DUMP ? "dump" : "?";
 }
@@ -46,6 +44,13 @@ const Driver::Handler Driver::kHandlers[] = {
          &Driver::crash_reason},
         {IOCTL_GET_LNKM_VERSION, "GET_LNKM_VERSION", false, true, false, &Driver::version},
 };
+
+std::vector<std::string> request_names() {
+    std::vector<std::string> names;
+    for (const Driver::Handler& handler : Driver::kHandlers)
+        names.emplace_back(handler.name);
+    return names;
+}
 
 Driver::Driver(const Scenario& scenario, const Partition& partition, Stage& stage, Story& story)
     : scenario_(scenario),
@@ -97,11 +102,18 @@ void Driver::lost(unsigned long number) {
 }
 
 const Answer* Driver::answer_for(const std::string& name) {
-    const int time = ++times_[name];
+    times_[name]++;
+    const Answer* found = nullptr;
     for (const Answer& answer : scenario_.driver.answers) {
-        if (answer.request == name && answer.turn.takes(time)) return &answer;
+        if (answer.request == name && answer.turn.takes() && found == nullptr) found = &answer;
     }
-    return nullptr;
+    return found;
+}
+
+void Driver::recall(Times times) {
+    times_ = std::move(times);
+    for (const Answer& answer : scenario_.driver.answers)
+        answer.turn.seen = times_[answer.request];
 }
 
 void Driver::change_state(int state) {

@@ -15,6 +15,9 @@
 
 namespace rvd::lab {
 
+// The names of all requests.
+std::vector<std::string> request_names();
+
 class Driver : public Modem {
   public:
     Driver(const Scenario& scenario, const Partition& partition, Stage& stage, Story& story);
@@ -35,7 +38,7 @@ class Driver : public Modem {
     // a run goes on after the machine went down.
     using Times = std::map<std::string, int>;
     const Times& times() const { return times_; }
-    void recall(Times times) { times_ = std::move(times); }
+    void recall(Times times);
 
     const Loader& loader() const { return loader_; }
 
@@ -43,6 +46,8 @@ class Driver : public Modem {
     uint64_t region_seed(const std::string& name) const;
 
   private:
+    friend std::vector<std::string> request_names();
+
     // What one request is about: its words for the story, and whether it is to fail.
     struct Call {
         Node node;

@@ -79,7 +79,6 @@ class Loader {
     std::vector<Expected> plan_;
     size_t step_ = 0;  // what is waited for next
     std::deque<Outgoing> outgoing_;
-    std::map<std::string, int> times_;
     int generation_ = 0;
 
     // The image that is coming in.

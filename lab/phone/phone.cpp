@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sched.h>
 #include <string.h>
 #include <sys/mount.h>
@@ -19,7 +20,7 @@ namespace rvd::lab {
 namespace {
 
 constexpr uid_t kRadio = 1001;
-constexpr char kMarker[] = ".rvd-lab";  // in a kept root: what is here may be replaced
+constexpr char kMarker[] = "/.rvd-lab";  // in a kept root: what is here may be replaced
 
 bool is_real_root = false;
 
@@ -27,6 +28,17 @@ void write_once(const char* path, const std::string& text) {
     const int fd = open(path, O_WRONLY | O_CLOEXEC);
     if (fd < 0 || write(fd, text.data(), text.size()) < 0) fail_errno(path);
     close(fd);
+}
+
+uid_t owner() {
+    return is_real_root ? kRadio : 0;
+}
+
+void put_property(const Tree& tree, const std::string& name, const std::string& value,
+                  uid_t owner) {
+    const std::string inside = std::string(kPropertyDir) + "/" + name;
+    tree.write(inside, value);
+    tree.own(inside, owner);
 }
 
 // The first process of a process-number namespace takes all others with it when it dies. It does so
@@ -64,8 +76,8 @@ void enter_namespaces() {
                     "with the right to unshare and mount.");
         }
         write_once("/proc/self/setgroups", "deny");
-        write_once("/proc/self/uid_map", format("0 %u 1", uid));
-        write_once("/proc/self/gid_map", format("0 %u 1", gid));
+        write_once("/proc/self/uid_map", fmt::format("0 {} 1", uid));
+        write_once("/proc/self/gid_map", fmt::format("0 {} 1", gid));
     }
     if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         forbid_errno("cannot keep mounts private (in a chroot, the root must be a mount point)");
@@ -76,22 +88,21 @@ bool Phone::real_root() {
     return is_real_root;
 }
 
-Phone::Phone(const Scenario& scenario, std::string directory, bool keep)
-    : scenario_(scenario), root_(std::move(directory)), keep_(keep), partition_(scenario, root_) {}
+Phone::Phone(const Scenario& scenario, const std::string& directory, bool keep)
+    : scenario_(scenario), tree_(directory), keep_(keep), partition_(scenario, directory) {}
 
 void Phone::build(const std::string& daemon_binary) {
     if (keep_) {
-        if (!fs::is_empty(root_) && !fs::exists(root_ + "/" + kMarker))
-            throw Unable(root_ + " isn't empty and wasn't made by rvd-lab");
-        for (const auto& entry : fs::directory_iterator(root_))
+        if (!fs::is_empty(root()) && !fs::exists(path(kMarker)))
+            throw Unable(root() + " is not empty and was not made by rvd-lab");
+        for (const auto& entry : fs::directory_iterator(root()))
             fs::remove_all(entry);
-        write_file(path("/") + kMarker, "");
-    } else if (mount("tmpfs", root_.c_str(), "tmpfs", MS_NOSUID, "mode=0755") != 0) {
+        tree_.write(kMarker, "");
+    } else if (mount("tmpfs", root().c_str(), "tmpfs", MS_NOSUID, "mode=0755") != 0) {
         forbid_errno("cannot mount the phone's root");
     }
     mount_system();
     make_tree();
-    make_files();
     put_daemon(daemon_binary);
 }
 
@@ -106,10 +117,10 @@ void Phone::put_cmdline() const {
 }
 
 void Phone::put_daemon(const std::string& binary) const {
-    write_file(path(kDaemonPath), "");
+    tree_.write(kDaemonPath, "");
     bind(binary, kDaemonPath, true);
     for (const std::string& directory : scenario_.read_only) {
-        fs::create_directories(path(directory));
+        tree_.make_directory(directory);
         bind(path(directory), directory, true);
     }
 }
@@ -132,20 +143,20 @@ void Phone::mount_system() const {
         if (fs::is_symlink(directory, none)) {
             fs::copy_symlink(directory, path(directory), none);
         } else if (fs::is_directory(directory, none)) {
-            fs::create_directories(path(directory));
+            tree_.make_directory(directory);
             bind(directory, directory, true);
         }
     }
     for (const char* directory : {"/proc", "/etc", "/dev", "/vendor/bin", "/tmp"})
-        fs::create_directories(path(directory));
+        tree_.make_directory(directory);
     bind("/proc", "/proc", false);
     for (const char* node : {"/dev/null", "/dev/zero", "/dev/urandom"}) {
-        write_file(path(node), "");
+        tree_.write(node, "");
         bind(node, node, false);
     }
     if (fs::exists("/etc/ld.so.cache")) fs::copy("/etc/ld.so.cache", path("/etc/ld.so.cache"));
     if (const char* prefix = getenv("GCOV_PREFIX")) {
-        fs::create_directories(path(prefix));
+        tree_.make_directory(prefix);
         bind(prefix, prefix, false);
     }
 }
@@ -154,43 +165,36 @@ void Phone::make_tree() const {
     for (const char* directory :
          {"/data/vendor/log", "/efs", "/mnt/vendor/efs", "/sys/power", "/dev/block/by-name",
           "/sys/devices/platform/lnkm/sim", kPropertyDir}) {
-        fs::create_directories(path(directory));
-        own(directory);
+        tree_.make_directory(directory);
+        tree_.own(directory, owner());
     }
     for (const char* file : {kWakeLockPath, kWakeUnlockPath, kSimCountPath, kAndroidLog, kOutput}) {
-        write_file(path(file), "");
-        own(file);
+        tree_.write(file, "");
+        tree_.own(file, owner());
     }
-    write_file(path("/run/rvd/cmdline"), scenario_.cmdline + "\n");
+    tree_.write("/run/rvd/cmdline", scenario_.cmdline + "\n");
     put_cmdline();
-    write_file(path("/etc/group"),
-               scenario_.log_group ? format("log:x:%u:\n", kLogGroup) : "root:x:0:\n");
-    for (const auto& [name, value] : scenario_.properties)
-        set_property(name, value);
+    tree_.write("/etc/group",
+                scenario_.log_group ? fmt::format("log:x:{}:\n", kLogGroup) : "root:x:0:\n");
+    partition_.write();
+    if (fs::exists(path(scenario_.nv_path()))) tree_.own(scenario_.nv_path(), owner());
+    put_scenario_files(scenario_, tree_, owner());
 }
 
-void Phone::make_files() const {
-    partition_.write();
-    if (fs::exists(path(scenario_.nv_path()))) own(scenario_.nv_path());
-    for (const auto& [file, content] : scenario_.files) {
-        fs::create_directories(fs::path(path(file)).parent_path());
-        if (file.back() == '/') {
-            fs::create_directories(path(file));
-        } else {
-            write_file(path(file), content);
-        }
-        const std::string bare = file.back() == '/' ? file.substr(0, file.size() - 1) : file;
+void put_scenario_files(const Scenario& scenario, const Tree& tree, uid_t owner) {
+    for (const auto& [name, value] : scenario.properties)
+        put_property(tree, name, value, owner);
+    for (const auto& [file, content] : scenario.files) {
+        const bool directory = file.back() == '/';
+        const std::string bare = directory ? file.substr(0, file.size() - 1) : file;
+        tree.make_directory(directory ? bare : fs::path(file).parent_path().string());
+        if (!directory) tree.write(file, content);
         for (std::string at = bare; at.compare(0, 16, "/data/vendor/log") == 0 || at == bare;
              at = fs::path(at).parent_path())
-            own(at);
+            tree.own(at, owner);
     }
-    for (const std::string& missing : scenario_.missing)
-        fs::remove_all(path(missing));
-}
-
-void Phone::own(const std::string& inside) const {
-    const uid_t owner = is_real_root ? kRadio : 0;
-    if (lchown(path(inside).c_str(), owner, owner) != 0) fail_errno("cannot give away " + inside);
+    for (const std::string& missing : scenario.missing)
+        tree.remove(missing);
 }
 
 std::string Phone::property(const std::string& name) const {
@@ -198,9 +202,7 @@ std::string Phone::property(const std::string& name) const {
 }
 
 void Phone::set_property(const std::string& name, const std::string& value) const {
-    const std::string inside = std::string(kPropertyDir) + "/" + name;
-    write_file(path(inside), value);
-    own(inside);
+    put_property(tree_, name, value, owner());
 }
 
 void Phone::clear_properties() const {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "lab/modem/firmware.h"
+#include "lab/phone/tree.h"
 #include "lab/scenario/scenario.h"
 
 namespace rvd::lab {
@@ -21,10 +22,14 @@ constexpr gid_t kLogGroup = 1007;
 // user namespace. Processes it starts from now on die with it. Throws Unable with what is missing.
 void enter_namespaces();
 
+// What a scenario puts into the phone's directories, which stand: properties, files, and what is
+// not to be there.
+void put_scenario_files(const Scenario& scenario, const Tree& tree, uid_t owner);
+
 class Phone {
   public:
     // `directory` exists and is where the root is built; with `keep` its files stay.
-    Phone(const Scenario& scenario, std::string directory, bool keep);
+    Phone(const Scenario& scenario, const std::string& directory, bool keep);
 
     // Builds the root. Call after enter_namespaces().
     void build(const std::string& daemon_binary);
@@ -32,8 +37,8 @@ class Phone {
     // The root that was built before the machine went down. Call instead of build().
     void resume(const std::string& daemon_binary);
 
-    const std::string& root() const { return root_; }
-    std::string path(const std::string& inside) const { return root_ + inside; }
+    const std::string& root() const { return tree_.root(); }
+    std::string path(const std::string& inside) const { return tree_.path(inside); }
     const Partition& partition() const { return partition_; }
 
     std::string property(const std::string& name) const;
@@ -49,11 +54,9 @@ class Phone {
     void put_cmdline() const;
     void put_daemon(const std::string& binary) const;
     void make_tree() const;
-    void make_files() const;
-    void own(const std::string& inside) const;
 
     const Scenario& scenario_;
-    std::string root_;
+    Tree tree_;
     bool keep_;
     Partition partition_;
 };

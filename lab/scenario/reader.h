@@ -17,6 +17,19 @@
 
 namespace rvd::lab {
 
+// Throws Unable with the file and line of a node.
+[[noreturn]] void refuse_at(const toml::node& node, const std::string& why);
+
+// "x" is not one of the known words; with the words, or the nearest where they are many.
+std::string unknown_word(const std::string& what, const std::string& word,
+                         const std::vector<std::string>& known);
+
+// Bounds of a number, both included.
+struct Bounds {
+    int64_t least = 0, most = INT64_MAX;
+};
+constexpr Bounds kWord{0, UINT32_MAX};
+
 class Reader {
   public:
     // Later layers are laid over earlier ones, key by key. With `manual` given there are no layers,
@@ -24,17 +37,34 @@ class Reader {
     Reader(std::vector<const toml::table*> layers, std::string path, std::string* manual = nullptr)
         : layers_(std::move(layers)), path_(std::move(path)), manual_(manual) {}
 
-    Reader& text(const char* key, std::string& out, const char* help);
-    Reader& number(const char* key, int64_t& out, const char* help);
-    Reader& number(const char* key, std::optional<int64_t>& out, const char* help);
-    Reader& number(const char* key, int& out, const char* help);
-    Reader& flag(const char* key, bool& out, const char* help);
-    Reader& time(const char* key, Time& out, const char* help);
-    Reader& time(const char* key, std::optional<Time>& out, const char* help);
-    Reader& texts(const char* key, std::vector<std::string>& out, const char* help);
-    Reader& numbers(const char* key, std::vector<int64_t>& out, const char* help);
-    Reader& map(const char* key, std::map<std::string, std::string>& out, const char* help);
-    Reader& map(const char* key, std::map<std::string, int64_t>& out, const char* help);
+    // Texts, numbers with a unit or without, true and false, and optionals, lists and tables of
+    // them. A table's keys from all layers count; of any other value, the last layer's does.
+    template <class T>
+    Reader& key(const char* key, T& out, const char* help, Bounds bounds = {}) {
+        if (find(key, help) != nullptr) convert(*last_, out, bounds);
+        return *this;
+    }
+    template <class T>
+    Reader& key(const char* key, std::map<std::string, T>& out, const char* help,
+                Bounds bounds = {}) {
+        find(key, help);
+        for (const toml::table* table : tables_of(key)) {
+            for (const auto& [name, node] : *table)
+                convert(node, out[std::string(name.str())], bounds);
+        }
+        return *this;
+    }
+    template <class T>
+    Reader& time(const char* key, T& out, const char* help) {
+        if (find(key, help) != nullptr) out = as_time(*last_);
+        return *this;
+    }
+
+    // What must be so of the key that was read last, where it was given.
+    Reader& must(bool holds, const std::string& why) {
+        if (last_ != nullptr && !holds) refuse_at(*last_, why);
+        return *this;
+    }
 
     using Body = std::function<void(Reader&)>;
     Reader& table(const char* key, const char* help, const Body& body);
@@ -47,12 +77,14 @@ class Reader {
     template <class T>
     Reader& list(const char* key, std::vector<T>& out, const char* help,
                  const std::function<void(Reader&, T&)>& body) {
-        const toml::array* items = items_of(key, help);
+        const toml::array* items = find(key, help) != nullptr ? &as_array(*last_) : nullptr;
         if (items != nullptr) out.clear();
         const size_t count = manual_ != nullptr ? 1 : items != nullptr ? items->size() : 0;
         for (size_t i = 0; i < count; i++) {
             T item{};
-            Reader reader = item_reader(items, i, key);
+            std::vector<const toml::table*> layers;
+            if (items != nullptr) layers.push_back(&as_table(*items->get(i)));
+            Reader reader(layers, below(key) + "[]", manual_);
             body(reader, item);
             reader.finish();
             out.push_back(std::move(item));
@@ -66,6 +98,9 @@ class Reader {
         return *this;
     }
 
+    bool has(const char* key) const;
+    bool manual() const { return manual_ != nullptr; }
+
     // Refuses every key that nobody asked for.
     void finish() const;
 
@@ -74,15 +109,32 @@ class Reader {
 
   private:
     const toml::node* find(const char* key, const char* help);
-    const toml::array* items_of(const char* key, const char* help);
-    Reader item_reader(const toml::array* items, size_t index, const char* key) const;
     std::vector<const toml::table*> tables_of(const char* key);
     std::string below(const std::string& key) const;
+
+    static const toml::table& as_table(const toml::node& node);
+    static const toml::array& as_array(const toml::node& node);
+    static Time as_time(const toml::node& node);
+    static void convert(const toml::node& node, std::string& out, Bounds bounds);
+    static void convert(const toml::node& node, int64_t& out, Bounds bounds);
+    static void convert(const toml::node& node, int& out, Bounds bounds);
+    static void convert(const toml::node& node, bool& out, Bounds bounds);
+    template <class T>
+    static void convert(const toml::node& node, std::optional<T>& out, Bounds bounds) {
+        convert(node, out.emplace(), bounds);
+    }
+    template <class T>
+    static void convert(const toml::node& node, std::vector<T>& out, Bounds bounds) {
+        out.clear();
+        for (const toml::node& item : as_array(node))
+            convert(item, out.emplace_back(), bounds);
+    }
 
     std::vector<const toml::table*> layers_;
     std::string path_;
     std::string* manual_;
     std::vector<std::string> known_;
+    const toml::node* last_ = nullptr;
 };
 
 }  // namespace rvd::lab

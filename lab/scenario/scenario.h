@@ -11,18 +11,25 @@
 
 namespace rvd::lab {
 
-// Which times something applies: the nth, and how many from there on (0: ever after).
+// Which of several alike things something applies to: the nth, and how many from there on (0: all
+// that follow); where `after` names a line of the daemon's log, only what comes behind it counts.
 struct Turn {
-    int nth = 1;
-    int count = 1;
+    int nth = 1, count = 1;
+    std::string after;
 
-    mutable bool came = false;
-
-    bool takes(int time) const {
-        const bool now = time >= nth && (count == 0 || time < nth + count);
+    // Counts one more, and says whether this is one of those.
+    bool takes() const {
+        if (!after.empty() && !heard) return false;
+        seen++;
+        const bool now = seen >= nth && (count == 0 || seen < nth + count);
         came = came || now;
         return now;
     }
+    void hear(const std::string& line) const { heard = heard || matches(after, line); }
+
+    // How far the run has come.
+    mutable int seen = 0;
+    mutable bool heard = false, came = false;
 };
 
 // An entry of the firmware's table of contents; what isn't given is made up from its place.
@@ -32,7 +39,8 @@ struct FirmwareEntry {
 };
 
 struct Firmware {
-    std::vector<FirmwareEntry> entries;
+    std::string table;
+    std::vector<FirmwareEntry> entries;  // of `table`
     std::optional<int64_t> toc_count;
     std::optional<int64_t> truncate;  // the partition ends here
     std::optional<int64_t> nv_size;   // of the NV file; negative: there is none
@@ -43,6 +51,8 @@ struct Answer {
     Turn turn;
     int64_t result = 0;
 };
+
+constexpr const char* kRegionNames[] = {"shmem", "vss", "hxlg", "cp_btl", "databuf", "l2b"};
 
 struct Region {
     int64_t size = 0;
@@ -110,7 +120,7 @@ struct Expectations {
     std::map<std::string, int64_t> times;
     std::vector<FileExpectation> files;
     std::map<std::string, std::string> properties;
-    std::string end;
+    std::string end = "waits";
     std::optional<Time> lasts;
 };
 
@@ -119,7 +129,7 @@ struct Scenario {
     std::vector<std::string> args;
     std::string cmdline = "console=ram androidboot.debug_level=0x4945";
     std::map<std::string, std::string> properties;
-    std::string start = "2020-10-01 12:30:00";
+    Time start = 0;
     Time limit = 600 * kSecond;
     int64_t seed = 1;
 
@@ -145,7 +155,7 @@ struct Scenario {
 };
 
 // All cases of a file, or of a text as if it were a file called `name`. Throws Unable with the
-// file, the line and the nearest known key where something doesn't belong.
+// file, the line and what is allowed there where something doesn't belong.
 std::vector<Scenario> read_scenarios(const std::string& path);
 std::vector<Scenario> parse_scenarios(const std::string& text, const std::string& name);
 
