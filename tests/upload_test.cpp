@@ -129,33 +129,33 @@ TEST_F(Upload, AReasonIsTakenWithOneReadAndCutToItsRoom) {
 
 TEST_F(Upload, AStepFailsAtItsFirstDoubtfulFrame) {
     const struct {
-        const char* modem;  // behind the request of step 2
+        const char* modem;  // behind the request of step 3
         int result;
         size_t saved;
         const char* line;  // also the last of the crash text log
     } cases[] = {
-            {"<AD01:1:1:1", -14, 0, "ERR! [step 2] cmd 0xAD01 != exp 0xAD02"},
-            {"<AD02:2:2:1", -14, 0, "ERR! [step 2] curr_frame 2 != seqn 1"},
-            {"<AD02:2:1:9 <AD02:2:1:9", -14, 9, "ERR! [step 2] curr_frame 1 != seqn 2"},
-            {"<AD02:2:1:9 <AD02:2:3:9", -14, 9, "ERR! [step 2] curr_frame 3 != seqn 2"},
-            {"<AD02:2:1:9 <AD02:2:2:2049", -14, 9,
-             "ERR! [step 2] seq# 2 len 2049 in a frame of 2064 bytes"},
-            {"<AD02:2:1:9 <AD02:2:2:9/8", -14, 9,
-             "ERR! [step 2] seq# 2 len 9 in a frame of 24 bytes"},
-            {"<AD02:2:1:9 <AD02:2:2:4294967280/8", -14, 9,
-             "ERR! [step 2] seq# 2 len 4294967280 in a frame of 24 bytes"},
-            {"<AD02:2:1:9 <C:15", -14, 9, "ERR! [step 2] frame of 15 bytes has no header"},
-            {"<AD02:2:1:9 <0", -14, 9, "ERR! [step 2] frame of 0 bytes has no header"},
-            {"<AD02:2:1:9", -5, 9, "ERR! [step 2] std_ul_rx_frame fail (ret -5)"},
-            {"<AD02:0:1:0", 0, 0, "[step 2] saved = 0"},
-            {"<AD02:1:1:2048", 2048, 2048, "[step 2] saved = 2048"},
-            {"<AD02:1:1:8/9", 8, 8, "[step 2] saved = 8"},  // what is not announced is not taken
+            {"<AD01:1:1:1", -14, 0, "ERR! [step 3] cmd 0xAD01 != exp 0xAD03"},
+            {"<AD03:2:2:1", -14, 0, "ERR! [step 3] curr_frame 2 != seqn 1"},
+            {"<AD03:2:1:9 <AD03:2:1:9", -14, 9, "ERR! [step 3] curr_frame 1 != seqn 2"},
+            {"<AD03:2:1:9 <AD03:2:3:9", -14, 9, "ERR! [step 3] curr_frame 3 != seqn 2"},
+            {"<AD03:2:1:9 <AD03:2:2:2049", -14, 9,
+             "ERR! [step 3] seq# 2 len 2049 in a frame of 2064 bytes"},
+            {"<AD03:2:1:9 <AD03:2:2:9/8", -14, 9,
+             "ERR! [step 3] seq# 2 len 9 in a frame of 24 bytes"},
+            {"<AD03:2:1:9 <AD03:2:2:4294967280/8", -14, 9,
+             "ERR! [step 3] seq# 2 len 4294967280 in a frame of 24 bytes"},
+            {"<AD03:2:1:9 <C:15", -14, 9, "ERR! [step 3] frame of 15 bytes has no header"},
+            {"<AD03:2:1:9 <0", -14, 9, "ERR! [step 3] frame of 0 bytes has no header"},
+            {"<AD03:2:1:9", -5, 9, "ERR! [step 3] std_ul_rx_frame fail (ret -5)"},
+            {"<AD03:0:1:0", 0, 0, "[step 3] saved = 0"},
+            {"<AD03:1:1:2048", 2048, 2048, "[step 3] saved = 2048"},
+            {"<AD03:1:1:8/9", 8, 8, "[step 3] saved = 8"},  // what is not announced is not taken
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.modem);
         {
-            const Modem modem(&dump().fd[DUMP_FD_NODE], std::string(">9D02 ") + c.modem);
-            EXPECT_EQ(protocol_.std_ul_recv_data(2), c.result);
+            const Modem modem(&dump().fd[DUMP_FD_NODE], std::string(">9D03 ") + c.modem);
+            EXPECT_EQ(protocol_.std_ul_recv_data(3), c.result);
         }
         EXPECT_TRUE(saved() == pattern(c.saved));
         const std::string line = std::string("std_ul_recv_data: ") + c.line;
