@@ -33,10 +33,19 @@ int main(int argc, char** argv) try {
     std::string path;
     app.add_option("evidence", path, "directory, .zip, .tar or .tar.gz of the saved files")
             ->required();
+    bool timeline = false;
+    app.add_flag("--timeline", timeline, "every line of the daemon in order, with its meaning");
     CLI11_PARSE(app, argc, argv);
 
-    const Report report = examine(path);
-    print(screen(report, {colours()}));
+    Evidence evidence(path);
+    Report report = examine(evidence);
+    const Style style = {colours()};
+    if (timeline) {
+        const std::vector<Event> events = merge_lines(report, evidence);
+        print(screen(tell(events), style));
+    } else {
+        print(screen(report, style));
+    }
     return report.anything_lost() ? kLost : kComplete;
 } catch (const Unreadable& unreadable) {
     fprintf(stderr, "rvd-report: %s\n", unreadable.what());

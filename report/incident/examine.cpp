@@ -66,9 +66,8 @@ bool Report::anything_lost() const {
                        [](const Incident& incident) { return !incident.lost().empty(); });
 }
 
-Report examine(const std::string& path, Depth depth) {
-    Evidence evidence(path);
-    Report report = group(evidence.take_files(), path);
+Report examine(Evidence& evidence, Depth depth) {
+    Report report = group(evidence.take_files(), evidence.path());
     for (Incident& incident : report.incidents)
         judge(incident, evidence);
     if (depth == Depth::kList) return report;

@@ -68,7 +68,7 @@ struct Report {
 // How far the evidence is read: a list needs less of it.
 enum class Depth { kList, kWhole };
 
-Report examine(const std::string& path, Depth depth = Depth::kWhole);
+Report examine(Evidence& evidence, Depth depth = Depth::kWhole);
 
 // --- The steps of it ---------------------------------------------------------------------------
 

@@ -10,6 +10,10 @@ namespace {
 
 constexpr int kNameWidth = 48;
 
+std::string painted(const std::string& what, const char* code, const Style& style) {
+    return style.colours ? std::string("\033[") + code + "m" + what + "\033[0m" : what;
+}
+
 class Screen {
   public:
     explicit Screen(const Style& style) : style_(style) {}
@@ -69,10 +73,7 @@ class Screen {
         if (!value.empty()) line(fmt::format("  {:<13} {}", name, value));
     }
 
-    std::string painted(const std::string& what, const char* code) const {
-        return style_.colours ? std::string("\033[") + code + "m" + what + "\033[0m" : what;
-    }
-    std::string bold(const std::string& what) const { return painted(what, "1"); }
+    std::string bold(const std::string& what) const { return painted(what, "1", style_); }
 
     static std::string heading(const Incident& incident) {
         std::string what = incident.crash ? "Crash of modem " : "Reset of modem ";
@@ -117,13 +118,33 @@ class Screen {
         if (!judged.verdict.why.empty()) verdict += ": " + printable(judged.verdict.why);
         const char* colour = judged.verdict.lost ? "31" : state == State::kComplete ? "32" : "33";
         line(fmt::format("  {:<{}} {:>10}  {}", printable(judged.file.base()), kNameWidth, size,
-                         painted(verdict, colour)));
+                         painted(verdict, colour, style_)));
     }
 
     Style style_;
 };
 
 }  // namespace
+
+std::string screen(const std::vector<Entry>& timeline, const Style& style) {
+    std::string text;
+    for (const Entry& entry : timeline) {
+        if (entry.kind != Entry::Kind::kEvent) {
+            text += fmt::format("{:>12}  {}\n", "",
+                                painted("-- " + entry.text + " --", "33", style));
+            continue;
+        }
+        const Event& event = *entry.event;
+        const std::string at = event.at == kNoTime
+                                       ? ""
+                                       : fmt::format("{:.6f}", static_cast<double>(event.at) / 1e6);
+        std::string line = printable(event.text);
+        if (event.failure) line = painted(line, "31", style);
+        if (!event.meaning.empty()) line += painted("  = " + printable(event.meaning), "36", style);
+        text += fmt::format("{:>12}  {}\n", at, line);
+    }
+    return text;
+}
 
 std::string screen(const Report& report, const Style& style) {
     Screen screen(style);

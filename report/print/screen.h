@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "report/incident/incident.h"
+#include "report/timeline/timeline.h"
 
 namespace rvd::report {
 
@@ -13,5 +13,8 @@ struct Style {
 
 // One screen for each incident, and what was lost as the last line.
 std::string screen(const Report& report, const Style& style);
+
+// One line for each entry.
+std::string screen(const std::vector<Entry>& timeline, const Style& style);
 
 }  // namespace rvd::report

@@ -11,6 +11,11 @@
 namespace rvd::report {
 namespace {
 
+Report report_of(const std::string& path) {
+    Evidence evidence(path);
+    return examine(evidence);
+}
+
 // Logs grow with every line that the daemon learns to say; the rest of a report does not.
 std::string without_log_sizes(const std::string& text) {
     static const std::regex log_size(
@@ -38,7 +43,7 @@ TEST(Golden, ReportsOfRealRuns) {
         const TemporaryDirectory root;
         play(root, row.file, row.name);
         expect_golden(row.golden,
-                      without_log_sizes(screen(examine(root.path().string()), {false})));
+                      without_log_sizes(screen(report_of(root.path().string()), {false})));
     }
 }
 
@@ -82,7 +87,7 @@ TEST(Property, AFileThatIsCutIsNeverCalledComplete) {
         const TemporaryDirectory root;
         const std::string evidence = play(root, row.file, row.name);
         Evidence listed(evidence);
-        const Report whole = examine(evidence);
+        const Report whole = report_of(evidence);
         for (const File& file : listed.files()) {
             if (state_of(whole, file.path) != State::kComplete) continue;
             const std::filesystem::path path = root.path() / file.path;
@@ -91,7 +96,7 @@ TEST(Property, AFileThatIsCutIsNeverCalledComplete) {
             // From the end, so that each cut takes more of the same file.
             for (auto place = places.rbegin(); place != places.rend(); ++place) {
                 std::filesystem::resize_file(path, *place);
-                ASSERT_NE(state_of(examine(evidence), file.path), State::kComplete)
+                ASSERT_NE(state_of(report_of(evidence), file.path), State::kComplete)
                         << row.name << ": " << file.path << " cut to " << *place;
                 tried++;
             }

@@ -68,7 +68,8 @@ Report report_of(const Files& files) {
     const TemporaryDirectory directory;
     for (const auto& [name, content] : files)
         directory.write(name, content);
-    return examine(directory.path().string());
+    Evidence evidence(directory.path().string());
+    return examine(evidence);
 }
 
 const Verdict& verdict_of(const Report& report, const std::string& name) {
@@ -157,7 +158,8 @@ TEST(Verdicts, ALinkIsNotFollowedAndAnUnknownNameIsNamed) {
     std::filesystem::remove(directory.path() / kInfo);
     std::filesystem::create_symlink("/etc/passwd", directory.path() / kInfo);
     directory.write("core", "x");
-    const Report report = examine(directory.path().string());
+    Evidence evidence(directory.path().string());
+    const Report report = examine(evidence);
     EXPECT_EQ(verdict_of(report, kInfo).state, State::kUnreadable);
     EXPECT_EQ(report.incidents.at(0).sentence, kSentence);
     ASSERT_EQ(report.others.size(), 1u);
