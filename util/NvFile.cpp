@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include "util/Heap.h"
 #include "util/Io.h"
 #include "util/ScopedFd.h"
+#include "util/Text.h"
 #include "util/Util.h"
 
 namespace rvd {
@@ -18,7 +20,8 @@ namespace {
 
 constexpr mode_t kNvMode = 0660;
 constexpr int kErased = 0xFF;
-constexpr uint64_t kFillBlock = uint64_t{64} * 1024;
+constexpr uint64_t kSmallBlock = uint64_t{64} * 1024;
+constexpr size_t kPathSize = 512 + sizeof(".new");
 // Sizes come from a signed 32-bit field; a larger one is a negative size that was widened.
 constexpr uint64_t kMaxNvSize = INT_MAX;
 
@@ -30,17 +33,21 @@ bool open_nv(const char* path, int* fd) {
     return true;
 }
 
-// Block by block, so that memory does not grow with the size of an image.
+// In one write where the memory for it can be had: each write waits for the storage.
 int fill_erased(int fd, const char* path, uint64_t size) {
-    const size_t block_size = static_cast<size_t>(std::min(size, kFillBlock));
-    const HeapPtr<char> block = size > kMaxNvSize ? nullptr : heap_bytes(block_size);
+    uint64_t block_size = size;
+    HeapPtr<char> block = size <= kMaxNvSize ? heap_bytes(size) : nullptr;
+    if (!block && size <= kMaxNvSize) {
+        block_size = std::min(size, kSmallBlock);
+        block = heap_bytes(block_size);
+    }
     if (!block) {
         Log::info("create_empty_nv", "ERR! malloc(%ld) fail\n", static_cast<long>(size));
         return -ENOMEM;
     }
     memset(block.get(), kErased, block_size);
     for (uint64_t done = 0; done < size;) {
-        const size_t length = static_cast<size_t>(std::min<uint64_t>(size - done, block_size));
+        const size_t length = std::min(size - done, block_size);
         if (write_all(fd, block.get(), length) < 0) {
             Log::error("create_empty_nv", "NV(%s) write fail\n", path);
             return -EFAULT;
@@ -48,6 +55,21 @@ int fill_erased(int fd, const char* path, uint64_t size) {
         done += length;
     }
     return 0;
+}
+
+bool flush(int fd) {
+    if (fsync(fd) == 0) return true;
+    Log::error("create_empty_nv", "ERR! fsync(nv_fd) fail\n");
+    return false;
+}
+
+// Makes the new name of a file durable.
+bool flush_directory_of(const char* path) {
+    char directory[kPathSize];
+    format_text(directory, "%s", path);
+    if (char* name = strrchr(directory, '/')) *name = '\0';
+    const ScopedFd opened(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return flush(opened.get());
 }
 
 }  // namespace
@@ -74,23 +96,33 @@ bool Util::getNvFd(cp_boot_mode mode, const char* path, int size, int* fd) {
 
 int Util::create_empty_nv(const char* path, uint64_t size) {
     Log::info("create_empty_nv", "create NV(%s)\n", path);
-    const ScopedFd nv(open(path, O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC, kNvMode));
+    // Later boots use the file as it is. It gets its name when it is complete, or has failed: a
+    // power cut in between leaves none, and the next boot makes it.
+    char made[kPathSize];
+    format_text(made, "%s.new", path);
+    const ScopedFd nv(
+            open(made, O_RDWR | O_CREAT | O_TRUNC | O_SYNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                 kNvMode));
     if (!nv.valid()) {
         Log::error("create_empty_nv", "ERR! NV(%s) open fail\n", path);
         return -EFAULT;
     }
+    int result = -EFAULT;
     if (size == 0) {
         Log::info("create_empty_nv", "ERR! wrong size(%ld)\n", 0L);
+    } else {
+        result = fill_erased(nv.get(), path, size);
+    }
+    bool flushed = result == 0 && flush(nv.get());
+    if (rename(made, path) < 0) {
+        Log::error("create_empty_nv", "ERR! NV(%s) rename fail\n", path);
         return -EFAULT;
     }
-    const int result = fill_erased(nv.get(), path, size);
-    if (result < 0) return result;
-    if (fsync(nv.get()) < 0) {
-        Log::error("create_empty_nv", "ERR! fsync(nv_fd) fail\n");
-    } else {
+    flushed = flushed && flush_directory_of(path);
+    if (flushed) {
         Log::info("create_empty_nv", "NV(%s) saved %d bytes\n", path, static_cast<int>(size));
     }
-    return 0;
+    return result;
 }
 
 }  // namespace rvd

@@ -15,8 +15,9 @@ class Util {
     // needs none (dump mode, or no path configured). False: nothing is stored.
     static bool getNvFd(cp_boot_mode mode, const char* path, int size, int* fd);
 
-    // Makes the file at `path` hold `size` bytes of 0xFF. Returns 0, -12 when the fill buffer
-    // cannot be had (or `size` is beyond any NV image), -14 on every other failure.
+    // Makes a file of `size` bytes of 0xFF at `path`, by way of "<path>.new". Returns 0, -12 when
+    // there is no memory for it (or `size` is beyond any NV image), -14 on every other failure,
+    // which leaves a file of unknown length.
     static int create_empty_nv(const char* path, uint64_t size);
 
     // Becomes the radio user and keeps the capabilities the daemon works with. Must run before any

@@ -68,7 +68,7 @@ struct Row {
 // What no later pass can mend. An NV file is never made anew, whatever is in it; and a root that
 // could not become the radio user has lost the right to make one in the radio user's directory.
 bool leaves_stuck(const std::string& flow, const MadeCall& made, const std::string& way) {
-    const bool partly = made.call == "write" && made.path == "/mnt/vendor/efs/nv_data.bin" &&
+    const bool partly = made.call == "write" && made.path == "/mnt/vendor/efs/nv_data.bin.new" &&
                         (way == "EIO" || way == "ENOSPC");
     return flow == "first-boot" && (partly || made.call == "setuid");
 }
