@@ -1,5 +1,5 @@
-// The boot half of what both controllers share: the record, the power requests, and the operations
-// that work on a boot node of their own.
+// The boot half of what both controllers share: links and NV validation, the power requests, and
+// the operations that work on a boot node of their own.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -11,6 +11,7 @@
 #include "main/Container.h"
 #include "protocol/Protocol.h"
 #include "util/Io.h"
+#include "util/Property.h"
 #include "util/ScopedFd.h"
 #include "util/Text.h"
 
@@ -21,6 +22,44 @@ namespace {
 constexpr mode_t kSimCountMode = 0664;
 constexpr int kMinSims = 1;
 constexpr int kMaxSims = 4;
+
+constexpr char kNvValidated[] = "vendor.rvd.rfs_check_done";
+constexpr int kNvPauses = 50;
+constexpr useconds_t kNvPause = 100 * 1000;  // us
+
+bool nv_validated() {
+    return Property(kNvValidated, "0").is_set();
+}
+
+bool boot_link_supported(int link) {
+    switch (link) {
+        case LINK_SPI:
+            Log::info("boot", "BOOT link SPI\n");
+            return true;
+        case LINK_SHMEM:
+            Log::info("boot", "BOOT link SHMEM\n");
+            return true;
+        default:
+            Log::info("boot", "ERR! BOOT link# %d not supported\n", link);
+            return false;
+    }
+}
+
+bool main_link_supported(int link, bool has_pcie) {
+    if (link == LINK_C2C) {
+        Log::info("boot", "MAIN link C2C\n");
+    } else if (link == LINK_SHMEM) {
+        Log::info("boot", "MAIN link SHMEM\n");
+    } else if (link == LINK_LLI) {
+        Log::info("boot", "MAIN link MIPI-LLI\n");
+    } else if (link == LINK_PCIE && has_pcie) {
+        Log::info("boot", "MAIN link PCIE\n");
+    } else {
+        Log::info("boot", "ERR! MAIN link# %d not supported\n", link);
+        return false;
+    }
+    return true;
+}
 
 // A boot node for one request. It must open while another boot or dump holds the modem.
 ScopedFd open_for_request(const char* tag, int* result) {
@@ -41,36 +80,31 @@ int BootDump::failed(const char* tag, const char* text, int result) {
     return result;
 }
 
-void BootDump::std_boot_init_args() {
-    std_boot_args* boot = getStdBoot();
-    *boot = {};
-    for (int32_t& fd : boot->fd)
-        fd = -1;
+void BootDump::log_boot_files() {
+    const RvdArgs* args = Container::getRvdArgs();
+    Log::info("boot", "CP boot device = %s\n", args->boot_node);
+    Log::info("boot", "CP binary file = %s\n", args->partition_path);
+    Log::info("boot", "CP NV data file = %s\n", args->nv_data_path);
 }
 
-bool BootDump::std_boot_prepare_args(unsigned int max_stage) {
-    std_boot_init_args();
-    const char* path = Container::getRvdArgs()->boot_node;
-    const int fd = open(path, O_RDWR | O_CLOEXEC);
-    if (fd < 0) {
-        Log::error("std_boot_prepare_args", "ERR! DEV(%s) open fail\n", path);
-        return false;
-    }
-    Log::info("std_boot_prepare_args", "DEV(%s) opened (fd %d)\n", path, fd);
-    getStdBoot()->fd[BOOT_FD_NODE] = fd;
-    getStdBoot()->max_stage = static_cast<int32_t>(max_stage);
-    return true;
+int BootDump::check_links(bool has_pcie) {
+    const RvdArgs* args = Container::getRvdArgs();
+    return boot_link_supported(args->boot_link) && main_link_supported(args->main_link, has_pcie)
+                   ? 0
+                   : -ENODEV;
 }
 
-void BootDump::std_boot_close_args() {
-    for (const int32_t fd : getStdBoot()->fd) {
-        if (fd >= 0) close(fd);
+void BootDump::wait_nv_validation(bool look_after_last_pause) {
+    bool done = nv_validated();
+    for (int pauses = 1; !done && pauses <= kNvPauses; ++pauses) {
+        usleep(kNvPause);
+        if (pauses < kNvPauses || look_after_last_pause) done = nv_validated();
     }
-    std_boot_init_args();
+    Log::info("boot", "NV validation %s\n", done ? "done" : "TIMEOUT");
 }
 
 int BootDump::std_boot_power_on() {
-    const int result = ioctl(getStdBoot()->fd[BOOT_FD_NODE], IOCTL_POWER_ON, 0);
+    const int result = ioctl(getStdBoot()->fd[BOOT_FD_NODE], IOCTL_POWER_ON, nullptr);
     if (result < 0) {
         Log::error("std_boot_power_on", "ERR! IOCTL_POWER_ON fail (%d)\n", result);
         return result;
@@ -98,19 +132,19 @@ int BootDump::std_boot_start_cp_bootloader(cp_boot_mode mode) {
 
 int BootDump::std_boot_complete_normal_bootup() {
     const int node = getStdBoot()->fd[BOOT_FD_NODE];
-    const int result = ioctl(node, IOCTL_COMPLETE_NORMAL_BOOTUP, 0);
+    const int result = ioctl(node, IOCTL_COMPLETE_NORMAL_BOOTUP, nullptr);
     if (result < 0) {
         Log::error("std_boot_complete_normal_bootup",
                    "ERR! IOCTL_COMPLETE_NORMAL_BOOTUP fail (%d)\n", result);
-        ioctl(node, IOCTL_NOTIFY_BOOT_FAIL, 0);
+        ioctl(node, IOCTL_NOTIFY_BOOT_FAIL, nullptr);
         return result;
     }
-    ioctl(node, IOCTL_NOTIFY_BOOT_DONE, 0);
+    ioctl(node, IOCTL_NOTIFY_BOOT_DONE, nullptr);
     return 0;
 }
 
 int BootDump::get_modem_state() {
-    const int state = ioctl(getStdBoot()->fd[BOOT_FD_NODE], IOCTL_GET_CP_STATUS, 0);
+    const int state = ioctl(getStdBoot()->fd[BOOT_FD_NODE], IOCTL_GET_CP_STATUS, nullptr);
     Log::info("get_modem_state", "modem_status: %d\n", state);
     return state;
 }
@@ -118,7 +152,7 @@ int BootDump::get_modem_state() {
 int BootDump::shutdown() {
     int result = 0;
     const ScopedFd node = open_for_request("shutdown", &result);
-    if (node.valid()) ioctl(node.get(), IOCTL_POWER_OFF, 0);
+    if (node.valid()) ioctl(node.get(), IOCTL_POWER_OFF, nullptr);
     return result;
 }
 

@@ -39,7 +39,7 @@ class BootDump {
     virtual bool check_vtc_sales_code();
     // Opens the boot record with everything a boot of this mode needs and plans it. False: the
     // record is closed again.
-    virtual bool prepare_boot_args(cp_boot_mode mode) = 0;
+    virtual bool prepare_boot_args(cp_boot_mode mode);
     // Opens the boot record with the boot node alone.
     virtual bool std_boot_prepare_args(unsigned int max_stage);
     virtual void std_boot_close_args();
@@ -65,23 +65,24 @@ class BootDump {
     static void log_boot_files();
     // 0, or -19 for a link that this modem does not have.
     static int check_links(bool has_pcie);
-    // Waits until the platform has validated the NV data, at most 5 s; the boot goes on either way.
-    static void wait_nv_validation();
+    // Waits until the platform has validated the NV data: up to 50 pauses of 100 ms, a look at the
+    // property before each, and one after the last where asked for. The boot goes on either way.
+    static void wait_nv_validation(bool look_after_last_pause);
 
-    // --- What both variants' preparations do -----------------------------------------------------
+    // --- Preparation of the boot record ----------------------------------------------------------
 
-    // Opens the boot node and the partition, reads the table of contents and checks its head.
-    bool open_firmware();
-    // Opens the file behind an NV entry into its slot and notes the entry's size in `*nv_size`;
-    // other entries are left alone.
-    bool open_nv(const toc_entry& entry, cp_boot_mode mode, uint32_t* nv_size);
-    // Whether a boot of this mode may go without more NV data than was found.
-    static bool nv_found(cp_boot_mode mode, uint32_t nv_size);
-    // The descriptor that an entry's image is read from.
-    int source_fd(const toc_entry& entry);
-    // The last stage to plan when a table asks for stages up to `last`: what the plan has room for,
-    // with a message when that is less.
-    static unsigned last_planned(unsigned last);
+    // Indexes of table entries, from `first` up to but not including `end`.
+    struct stage_range {
+        unsigned first, end;
+    };
+    // Selects the entries of the checked table that a boot of this mode walks, and sets the stage
+    // fields of the boot record. False: the table is refused.
+    virtual bool select_stages(cp_boot_mode mode, stage_range* walked) = 0;
+    // Logs an entry as it is walked.
+    virtual void note_entry(unsigned index) = 0;
+    // Bounds the last stage of a table to what the plan has room for, with a message when that is
+    // less. False: a normal boot would go without images.
+    bool bound_stages(cp_boot_mode mode, unsigned* last);
 
     // Logs a failed step and hands its result on.
     static int failed(const char* tag, const char* text, int result);
@@ -90,6 +91,15 @@ class BootDump {
 
     // Saves the kernel log in line, under a name.
     static void save_kernel_log(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+  private:
+    // Opens the boot node and the partition, reads the table of contents and checks its head.
+    bool open_firmware();
+    // Opens the NV files that the walked entries name. False, too, when a normal boot finds none.
+    bool open_nv_files(cp_boot_mode mode, const stage_range& walked);
+    // Opens the file behind an NV entry into its slot and notes the entry's size in `*nv_size`;
+    // other entries are left alone.
+    bool open_nv(const toc_entry& entry, cp_boot_mode mode, uint32_t* nv_size);
 };
 
 }  // namespace rvd

@@ -6,6 +6,12 @@
 
 namespace rvd {
 
+// Bytes of an image in one load request.
+constexpr uint32_t kImageChunk = 62 * 1024;
+
+// The driver's security requests go by fixed positions in the table of contents.
+enum fixed_stage : unsigned { STAGE_TOC = 0, STAGE_BOOT = 1, STAGE_MAIN = 2, STAGE_VSS = 3 };
+
 class BootDumpModap : public BootDump {
   public:
     BootDumpModap();
@@ -15,12 +21,11 @@ class BootDumpModap : public BootDump {
     std_boot_args* getStdBoot() override { return &boot_args_; }
     std_dump_args* getStdDump() override { return &dump_args_; }
     void build_std_dload_control() override;
-    bool prepare_boot_args(cp_boot_mode mode) override;
 
     // Takes (non-zero) or releases (zero) the wake lock; failures are only logged.
     void boot_wake_lock(int lock);
-    // One security request. 0 on success; a positive result is the driver's code for an image that
-    // may not run, and does not stop the boot.
+    // One security request. 0 on success, -1 on failure. The driver's own result, which may be
+    // positive, is handed on where it asked for a reboot, and for SECURITY_NON_SECURE.
     int std_security_req(unsigned int mode, unsigned int param1, unsigned int param2);
     // Loads every planned stage. Returns whether images had been loaded before since the device
     // started (0 no, 1 yes), or the failing stage's negative result.
@@ -32,13 +37,12 @@ class BootDumpModap : public BootDump {
     int boot_steps();
     int request_secure_mode(int loaded_before);
     int request_vss_check(int loaded_before);
-    bool select_stages(cp_boot_mode mode);
-    bool open_nv_files(cp_boot_mode mode);
+    bool select_stages(cp_boot_mode mode, stage_range* walked) override;
+    void note_entry(unsigned index) override;
     int send_chunks(const std_dload_control& entry, unsigned int stage, cp_image* image,
                     char* buffer);
 
     int dump_steps();
-    int receive_dump();
     void collect_regions();
     int boot_dump_loader();
 

@@ -23,9 +23,6 @@ constexpr char kTag[] = "boot";
 constexpr char kWakeLock[] = "tq720";
 constexpr mode_t kWakeLockMode = 0664;
 
-// The driver's requests go by fixed positions in the table of contents.
-enum fixed_stage : unsigned { STAGE_TOC = 0, STAGE_BOOT = 1, STAGE_MAIN = 2, STAGE_VSS = 3 };
-
 bool is_invalid_image(int result) {
     const auto* end = std::end(kInvalidImageCodes);
     return std::find(std::begin(kInvalidImageCodes), end, static_cast<uint32_t>(result)) != end;
@@ -42,7 +39,7 @@ int BootDumpModap::boot() {
     log_boot_files();
     int result = check_links(/*has_pcie=*/false);
     if (result == 0) {
-        wait_nv_validation();
+        wait_nv_validation(/*look_after_last_pause=*/false);
         boot_wake_lock(1);
         result = boot_steps();
     }

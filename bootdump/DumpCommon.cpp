@@ -32,9 +32,11 @@ void stamp_minute(char (&stamp)[kNameSize]) {
     strftime(stamp, sizeof(stamp), "%Y%m%d-%H%M", &now);
 }
 
-// Never truncated: a second crash within the minute writes over the first from the start.
+// Not truncated: a dump that is repeated within the minute writes over the one before, whose bytes
+// stay until the new content is complete. O_NONBLOCK: a FIFO of that name must not hold the dump
+// up.
 int create_evidence(const char* path) {
-    return open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666);
+    return open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
 }
 
 // Where the crash file of a slot goes.
@@ -181,6 +183,9 @@ int BootDump::std_dump_trigger_kernel_panic() {
     std_dump_args* dump = getStdDump();
     complete_file(&dump->fd[DUMP_FD_DUMP], "ERR! fsync(dump_fd) fail\n");
     complete_file(&dump->fd[DUMP_FD_INFO], "ERR! fsync(info_fd) fail\n");
+    if (truncate_here(dump->fd[DUMP_FD_LOG]) < 0) {
+        Log::dump_error(kTag, "ERR! ftruncate(log_fd) fail\n");
+    }
     if (fsync(dump->fd[DUMP_FD_LOG]) < 0) {
         Log::dump_error(kTag, "ERR! fsync(log_fd) fail\n");
         return -1;
@@ -222,6 +227,9 @@ int BootDump::get_log_dump(const char* name, cp_log_dump_index idx) {
 
     unsigned long saved = 0;
     const int written = save_region(file.get(), region.size, &saved);
+    if (written >= 0 && truncate_here(file.get()) < 0) {
+        Log::dump_error(kTag, "ERR! ftruncate(log_dump) fail\n");
+    }
     if (fsync(file.get()) < 0) Log::dump_error(kTag, "ERR! fsync(log_dump) fail\n");
     if (written < 0) return written;
     Log::dump_info(kTag, "%s Complete! (%lu bytes)\n", path, saved);

@@ -79,7 +79,8 @@ int BootDumpModap::boot_dump_loader() {
 
     Log::info(kTag, "Request security : dump mode\n");
     // The second size is that of the main image, which no dump loads: 0.
-    result = std_security_req(SECURITY_DUMP, boot_args_.dload[1].size, boot_args_.dload[2].size);
+    result = std_security_req(SECURITY_DUMP, boot_args_.dload[STAGE_BOOT].size,
+                              boot_args_.dload[STAGE_MAIN].size);
     if (result < 0) return failed(kTag, "ERR! security check fail\n", result);
 
     Log::info(kTag, "Start CP bootloader for crash dump\n");

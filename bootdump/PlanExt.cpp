@@ -1,4 +1,7 @@
 // The external modem's plan: one row per stage number, out of the table of contents.
+#include <algorithm>
+#include <iterator>
+
 #include "bootdump/BootDumpExt.h"
 #include "log/Log.h"
 #include "main/Container.h"
@@ -6,56 +9,74 @@
 
 namespace rvd {
 
-bool BootDumpExt::prepare_boot_args(cp_boot_mode mode) {
-    if (open_firmware() && open_nv_files(mode)) {
-        build_std_dload_control();
-        return true;
-    }
-    std_boot_close_args();
-    return false;
+namespace {
+
+std_dload_control empty_row() {
+    std_dload_control row = {};
+    // Not 0: a row that nothing fills must not be read from standard input.
+    row.fd = -1;
+    return row;
 }
 
-bool BootDumpExt::open_nv_files(cp_boot_mode mode) {
-    constexpr char kTag[] = "prepare_boot_args";
-    unsigned count = boot_args_.toc[0].toc_count;
-    if (count == 1) count = static_cast<unsigned>(Container::getRvdArgs()->max_stage);
-    Log::info(kTag, "max_stage: %d\n", static_cast<int>(count));
-    if (count > 0) count = last_planned(count - 1) + 1;
-    boot_args_.max_stage = static_cast<int32_t>(count);
+}  // namespace
 
-    uint32_t nv_size = 0;
-    for (unsigned i = 0; i < count; ++i) {
-        const toc_entry& entry = boot_args_.toc[i];
-        Log::info(kTag, "TOC[%d].name = %s, b_off=0x%08x, m_off=0x%08x, size=0x%08x crc=0x%08x\n",
-                  static_cast<int>(i), TocName(entry).text, entry.b_off, entry.m_off, entry.size,
-                  entry.crc);
-        if (!open_nv(entry, mode, &nv_size)) return false;
+unsigned BootDumpExt::toc_entries() const {
+    const uint32_t count = boot_args_.toc[0].toc_count;
+    return count == kTocUncounted ? static_cast<unsigned>(Container::getRvdArgs()->max_stage)
+                                  : count;
+}
+
+unsigned BootDumpExt::images_end(unsigned count) const {
+    const toc_entry* toc = boot_args_.toc;
+    const auto is_offset = [](const toc_entry& entry) { return has_name(entry, kTocOffset); };
+    return static_cast<unsigned>(std::find_if(toc, toc + count, is_offset) - toc);
+}
+
+bool BootDumpExt::select_stages(cp_boot_mode mode, stage_range* walked) {
+    const unsigned count = toc_entries();
+    Log::info("prepare_boot_args", "max_stage: %d\n", static_cast<int>(count));
+    walked->end = count;
+    if (const unsigned end = images_end(count); end > kDloadStages) {
+        unsigned last = end - 1;
+        if (!bound_stages(mode, &last)) return false;
+        walked->end = last + 1;
     }
-    return nv_found(mode, nv_size);
+    boot_args_.max_stage = static_cast<int32_t>(std::min(walked->end, kDloadStages));
+    return true;
+}
+
+void BootDumpExt::note_entry(unsigned index) {
+    const toc_entry& entry = boot_args_.toc[index];
+    Log::info("prepare_boot_args",
+              "TOC[%d].name = %s, b_off=0x%08x, m_off=0x%08x, size=0x%08x crc=0x%08x\n",
+              static_cast<int>(index), TocName(entry).text, entry.b_off, entry.m_off, entry.size,
+              entry.crc);
 }
 
 void BootDumpExt::build_std_dload_control() {
-    for (std_dload_control& row : boot_args_.dload) {
-        row = {};
-        // A row that the table never fills must not read from descriptor 0.
-        row.fd = -1;
-    }
-    const unsigned count = static_cast<unsigned>(boot_args_.max_stage);
-    unsigned index = 0;
-    for (; index < count && !has_name(boot_args_.toc[index], kTocOffset); ++index) {
-        const std_dload_control* row = plan_row(index);
+    std::fill(std::begin(boot_args_.dload), std::end(boot_args_.dload), empty_row());
+    const unsigned end = images_end(static_cast<unsigned>(boot_args_.max_stage));
+    for (unsigned index = 0; index < end; ++index) {
+        const std_dload_control& row = plan_row(index);
         Log::info("build_std_dload_control",
-                  "stage=%u, name:%s b_off=0x%08x, m_offset=0x%08x b_size=0x%08x\n", row->stage,
-                  TocName(boot_args_.toc[index]).text, row->b_off, row->m_off, row->size);
+                  "stage=%u, name:%s b_off=0x%08x, m_offset=0x%08x b_size=0x%08x\n", row.stage,
+                  TocName(boot_args_.toc[index]).text, row.b_off, row.m_off, row.size);
     }
-    if (index >= kDloadStages) return;
-    std_dload_control& end = boot_args_.dload[index];
-    end = {};
-    end.stage = UDL_STAGE_FINISH;
-    end.stage_start = 1;
+    if (end < kDloadStages) boot_args_.dload[end] = finish_row();
 }
 
-std_dload_control* BootDumpExt::plan_row(unsigned index) {
+std_dload_control BootDumpExt::finish_row() {
+    std_dload_control row = empty_row();
+    row.stage = UDL_STAGE_FINISH;
+    row.stage_start = 1;
+    return row;
+}
+
+bool BootDumpExt::finishes_behind_plan() const {
+    return toc_entries() > kDloadStages && images_end(toc_entries()) == kDloadStages;
+}
+
+const std_dload_control& BootDumpExt::plan_row(unsigned index) {
     const RvdArgs* args = Container::getRvdArgs();
     const toc_entry* toc = boot_args_.toc;
     const toc_entry& entry = toc[index];
@@ -70,7 +91,7 @@ std_dload_control* BootDumpExt::plan_row(unsigned index) {
     row.send_bin = 1;
     row.send_crc = has_name(entry, kTocMain);
     row.stage_done = 1;
-    row.fd = source_fd(entry);
+    row.fd = boot_args_.fd[source_slot(entry)];
     row.b_off = entry.b_off;
     row.size = entry.size;
     row.crc = entry.crc;
@@ -78,7 +99,7 @@ std_dload_control* BootDumpExt::plan_row(unsigned index) {
         row.size = toc[0].size;
         row.crc = 0;
     } else if (has_name(entry, kTocBoot)) {
-        // Its image is in the modem before the link is; only its end is announced.
+        // Loaded through the driver before the link is up: only DONE is sent.
         row.stage_start = 0;
         row.send_bin = 0;
         row.send_crc = 1;
@@ -86,7 +107,7 @@ std_dload_control* BootDumpExt::plan_row(unsigned index) {
         row.size = toc[1].size;
         row.crc = 0;
     }
-    return &row;
+    return row;
 }
 
 }  // namespace rvd

@@ -1,10 +1,10 @@
-// What both controllers' boots begin with: links, NV validation, the partition and its table of
-// contents, and the NV files the table asks for.
+// The boot record on its way from closed to prepared: boot node, partition, table of contents and
+// the NV files that the table asks for. What a variant makes of the table is in its Plan file.
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cutils/properties.h>
+#include <algorithm>
 
 #include "bootdump/BootDump.h"
 #include "log/Log.h"
@@ -17,46 +17,6 @@ namespace rvd {
 namespace {
 
 constexpr char kTag[] = "prepare_boot_args";
-
-constexpr char kNvValidated[] = "vendor.rvd.rfs_check_done";
-constexpr int kNvPolls = 50;
-constexpr useconds_t kNvPollPause = 100 * 1000;  // us
-
-bool nv_validated() {
-    char value[PROPERTY_VALUE_MAX];
-    property_get(kNvValidated, value, "0");
-    return value[0] == '1';
-}
-
-bool boot_link_supported(int link) {
-    switch (link) {
-        case LINK_SPI:
-            Log::info("boot", "BOOT link SPI\n");
-            return true;
-        case LINK_SHMEM:
-            Log::info("boot", "BOOT link SHMEM\n");
-            return true;
-        default:
-            Log::info("boot", "ERR! BOOT link# %d not supported\n", link);
-            return false;
-    }
-}
-
-bool main_link_supported(int link, bool has_pcie) {
-    if (link == LINK_C2C) {
-        Log::info("boot", "MAIN link C2C\n");
-    } else if (link == LINK_SHMEM) {
-        Log::info("boot", "MAIN link SHMEM\n");
-    } else if (link == LINK_LLI) {
-        Log::info("boot", "MAIN link MIPI-LLI\n");
-    } else if (link == LINK_PCIE && has_pcie) {
-        Log::info("boot", "MAIN link PCIE\n");
-    } else {
-        Log::info("boot", "ERR! MAIN link# %d not supported\n", link);
-        return false;
-    }
-    return true;
-}
 
 bool refused(const char* text) {
     Log::info(kTag, "%s", text);
@@ -71,27 +31,42 @@ void keep(int32_t* slot, int fd) {
 
 }  // namespace
 
-void BootDump::log_boot_files() {
-    const RvdArgs* args = Container::getRvdArgs();
-    Log::info("boot", "CP boot device = %s\n", args->boot_node);
-    Log::info("boot", "CP binary file = %s\n", args->partition_path);
-    Log::info("boot", "CP NV data file = %s\n", args->nv_data_path);
+void BootDump::std_boot_init_args() {
+    std_boot_args* boot = getStdBoot();
+    *boot = {};
+    for (int32_t& fd : boot->fd)
+        fd = -1;
 }
 
-int BootDump::check_links(bool has_pcie) {
-    const RvdArgs* args = Container::getRvdArgs();
-    return boot_link_supported(args->boot_link) && main_link_supported(args->main_link, has_pcie)
-                   ? 0
-                   : -ENODEV;
-}
-
-void BootDump::wait_nv_validation() {
-    bool done = nv_validated();
-    for (int polls = kNvPolls; !done; done = nv_validated()) {
-        usleep(kNvPollPause);
-        if (--polls == 0) break;
+bool BootDump::std_boot_prepare_args(unsigned int max_stage) {
+    std_boot_init_args();
+    const char* path = Container::getRvdArgs()->boot_node;
+    const int fd = open(path, O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+        Log::error("std_boot_prepare_args", "ERR! DEV(%s) open fail\n", path);
+        return false;
     }
-    Log::info("boot", "NV validation %s\n", done ? "done" : "TIMEOUT");
+    Log::info("std_boot_prepare_args", "DEV(%s) opened (fd %d)\n", path, fd);
+    getStdBoot()->fd[BOOT_FD_NODE] = fd;
+    getStdBoot()->max_stage = static_cast<int32_t>(max_stage);
+    return true;
+}
+
+void BootDump::std_boot_close_args() {
+    for (const int32_t fd : getStdBoot()->fd) {
+        if (fd >= 0) close(fd);
+    }
+    std_boot_init_args();
+}
+
+bool BootDump::prepare_boot_args(cp_boot_mode mode) {
+    stage_range walked = {};
+    if (open_firmware() && select_stages(mode, &walked) && open_nv_files(mode, walked)) {
+        build_std_dload_control();
+        return true;
+    }
+    std_boot_close_args();
+    return false;
 }
 
 bool BootDump::open_firmware() {
@@ -123,30 +98,26 @@ bool BootDump::open_firmware() {
     return true;
 }
 
-bool BootDump::open_nv(const toc_entry& entry, cp_boot_mode mode, uint32_t* nv_size) {
-    RvdArgs* args = Container::getRvdArgs();
-    std_boot_args* boot = getStdBoot();
-    const int size = static_cast<int>(entry.size);
-    boot_fd_slot slot = BOOT_FD_NV;
-    bool opened = false;
-    int fd = -1;  // stays so when the protected file is not provided
-    if (has_name(entry, kTocNvNorm)) {
-        slot = BOOT_FD_NV_NORM;
-        opened = Util::getNvFd(mode, args->nv_norm_path, size, &fd);
-    } else if (has_name(entry, kTocNvProt)) {
-        slot = BOOT_FD_NV_PROT;
-        opened = Container::getProtocol()->getNvProtFd(mode, args->nv_prot_path, size, &fd);
-    } else if (has_name(entry, kTocNv)) {
-        opened = Util::getNvFd(mode, args->nv_data_path, size, &fd);
-    } else {
-        return true;
+bool BootDump::bound_stages(cp_boot_mode mode, unsigned* last) {
+    if (*last < kDloadStages) return true;
+    Log::info(kTag, "ERR! last stage %u is beyond the plan, stages end at %u\n", *last,
+              kDloadStages - 1);
+    const toc_entry* toc = getStdBoot()->toc;
+    const toc_entry* end = toc + std::min(*last, kTocEntries - 1) + 1;
+    const auto has_image = [](const toc_entry& entry) { return entry.size != 0; };
+    if (mode == CP_BOOT_MODE_NORMAL && std::any_of(toc + kDloadStages, end, has_image)) {
+        return refused("ERR! invalid TOC: more images than the plan has stages\n");
     }
-    *nv_size = entry.size;
-    if (opened) keep(&boot->fd[slot], fd);
-    return opened;
+    *last = kDloadStages - 1;
+    return true;
 }
 
-bool BootDump::nv_found(cp_boot_mode mode, uint32_t nv_size) {
+bool BootDump::open_nv_files(cp_boot_mode mode, const stage_range& walked) {
+    uint32_t nv_size = 0;
+    for (unsigned i = walked.first; i < walked.end; ++i) {
+        note_entry(i);
+        if (!open_nv(getStdBoot()->toc[i], mode, &nv_size)) return false;
+    }
     if (mode == CP_BOOT_MODE_DUMP || nv_size != 0 ||
         Container::getRvdArgs()->nv_data_path[0] == '\0') {
         return true;
@@ -154,19 +125,29 @@ bool BootDump::nv_found(cp_boot_mode mode, uint32_t nv_size) {
     return refused("ERR! invalid TOC : There is no NV\n");
 }
 
-int BootDump::source_fd(const toc_entry& entry) {
-    const std_boot_args* boot = getStdBoot();
-    if (has_name(entry, kTocNv)) return boot->fd[BOOT_FD_NV];
-    if (has_name(entry, kTocNvNorm)) return boot->fd[BOOT_FD_NV_NORM];
-    if (has_name(entry, kTocNvProt)) return boot->fd[BOOT_FD_NV_PROT];
-    return boot->fd[BOOT_FD_PARTITION];
-}
-
-unsigned BootDump::last_planned(unsigned last) {
-    if (last < kDloadStages) return last;
-    Log::info(kTag, "ERR! last stage %u is beyond the plan, stages end at %u\n", last,
-              kDloadStages - 1);
-    return kDloadStages - 1;
+bool BootDump::open_nv(const toc_entry& entry, cp_boot_mode mode, uint32_t* nv_size) {
+    RvdArgs* args = Container::getRvdArgs();
+    std_boot_args* boot = getStdBoot();
+    const boot_fd_slot slot = source_slot(entry);
+    const int size = static_cast<int>(entry.size);
+    bool opened = false;
+    int fd = -1;  // stays so when the protected file is not provided
+    switch (slot) {
+        case BOOT_FD_NV:
+            opened = Util::getNvFd(mode, args->nv_data_path, size, &fd);
+            break;
+        case BOOT_FD_NV_NORM:
+            opened = Util::getNvFd(mode, args->nv_norm_path, size, &fd);
+            break;
+        case BOOT_FD_NV_PROT:
+            opened = Container::getProtocol()->getNvProtFd(mode, args->nv_prot_path, size, &fd);
+            break;
+        default:
+            return true;
+    }
+    *nv_size = entry.size;
+    if (opened) keep(&boot->fd[slot], fd);
+    return opened;
 }
 
 }  // namespace rvd

@@ -45,6 +45,14 @@ static_assert(sizeof(std_dload_control) == 44);
 
 constexpr unsigned kDloadStages = 13;  // stage numbers 0 to 12
 
+// The slot of the file that an entry's image is read from.
+inline boot_fd_slot source_slot(const toc_entry& entry) {
+    if (has_name(entry, kTocNv)) return BOOT_FD_NV;
+    if (has_name(entry, kTocNvNorm)) return BOOT_FD_NV_NORM;
+    if (has_name(entry, kTocNvProt)) return BOOT_FD_NV_PROT;
+    return BOOT_FD_PARTITION;
+}
+
 struct std_boot_args {
     int32_t fd[kFdSlots];
     int32_t max_stage;     // integrated modem: last stage to load; external: entries to walk

@@ -22,6 +22,7 @@ static_assert(sizeof(toc_entry) == 32 && offsetof(toc_entry, b_off) == 12 &&
               offsetof(toc_entry, crc) == 24 && offsetof(toc_entry, toc_count) == 28);
 
 constexpr unsigned kTocEntries = 16;
+constexpr uint32_t kTocUncounted = 1;  // `toc_count` of a table that does not count its entries
 constexpr uint32_t kModemOffsetMask = 0x3FFFFFFF;
 
 // Names that a controller gives a meaning to; every other entry is a plain partition image.

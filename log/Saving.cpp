@@ -11,11 +11,10 @@
 #include <memory>
 #include <new>
 
-#include <cutils/properties.h>
-
 #include "log/Log.h"
 #include "util/Heap.h"
 #include "util/Io.h"
+#include "util/Property.h"
 #include "util/ScopedFd.h"
 #include "util/Text.h"
 
@@ -51,10 +50,9 @@ void* save_on_thread(void* argument) {
 }
 
 bool chip_saves_in_background() {
-    char chip[PROPERTY_VALUE_MAX];
-    property_get(kChipProperty, chip, "NONE");
+    const Property chip(kChipProperty, "NONE");
     for (const char* without : kChipsWithoutSaves) {
-        if (strncmp(chip, without, strlen(without)) == 0) return false;
+        if (strncmp(chip.text(), without, strlen(without)) == 0) return false;
     }
     return true;
 }
@@ -111,8 +109,8 @@ int Log::dmesg_to_file(const char* path) {
         info("dmesg_to_file", "ERR! malloc(%d) fail\n", kRingSize + 1);
         return -1;
     }
-    const ScopedFd file(
-            open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, kSavedMode));
+    const ScopedFd file(open(
+            path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kSavedMode));
     if (!file.valid()) {
         error("dmesg_to_file", "file open fail %s\n", path);
         return -1;

@@ -5,10 +5,9 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <cutils/properties.h>
-
 #include "log/Log.h"
 #include "protocol/ProtocolVelo.h"
+#include "util/Property.h"
 #include "util/ScopedFd.h"
 #include "util/Text.h"
 
@@ -61,10 +60,9 @@ int ProtocolVelo::get_factory_prop() {
 }
 
 bool ProtocolVelo::check_vtc_sales_code() {
-    char code[PROPERTY_VALUE_MAX];
-    property_get(kSalesCode, code, "");
-    Log::info("check_vtc_sales_code", "sales_code:%s\n", code);
-    return strcmp(code, "TMB") == 0 || strcmp(code, "VZW") == 0;
+    const Property code(kSalesCode, "");
+    Log::info("check_vtc_sales_code", "sales_code:%s\n", code.text());
+    return strcmp(code.text(), "TMB") == 0 || strcmp(code.text(), "VZW") == 0;
 }
 
 int ProtocolVelo::std_reboot_system(const char* reason) {

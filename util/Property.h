@@ -1,0 +1,20 @@
+// A property's value as it stood when it was read.
+#pragma once
+
+#include <cutils/properties.h>
+
+namespace rvd {
+
+class Property {
+  public:
+    Property(const char* name, const char* fallback) { property_get(name, value_, fallback); }
+
+    const char* text() const { return value_; }
+    // The platform's flags are read by their first character.
+    bool is_set() const { return value_[0] == '1'; }
+
+  private:
+    char value_[PROPERTY_VALUE_MAX];
+};
+
+}  // namespace rvd
