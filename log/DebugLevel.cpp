@@ -27,6 +27,8 @@ class CmdlineKey {
   public:
     explicit CmdlineKey(const char* key)
         : word_(Util::get_cmdline_str(cmdline_, sizeof(cmdline_), key)), key_length_(strlen(key)) {}
+    CmdlineKey(const CmdlineKey&) = delete;
+    CmdlineKey& operator=(const CmdlineKey&) = delete;
 
     explicit operator bool() const { return word_ != nullptr; }
     const char* word() const { return word_; }
@@ -38,7 +40,7 @@ class CmdlineKey {
     size_t key_length_;
 };
 
-// The codes spell a level's name in ASCII: "OL", "EI", "HI", each from its second letter back.
+// The codes are two letters of ASCII, the low byte first: "LO", "EI", "HI".
 int level_of_code(unsigned long code) {
     switch (code) {
         case 0x4F4C:
@@ -52,49 +54,52 @@ int level_of_code(unsigned long code) {
     }
 }
 
-bool level_from_boot_loader() {
+bool level_from_boot_loader(int* level) {
     const CmdlineKey key(kDebugLevelKey);
     if (!key) return false;
-    const int level = level_of_code(strtoul(key.value(), nullptr, 16));
-    if (level < 0) {
+    const int named = level_of_code(strtoul(key.value(), nullptr, 16));
+    if (named < 0) {
         Log::info("check_debug_level", "%s, debug level undefined\n", key.word());
         return false;
     }
-    debug_level = level;
-    Log::info("check_debug_level", "%s, %d\n", key.word(), level);
+    *level = named;
+    Log::info("check_debug_level", "%s, %d\n", key.word(), named);
     return true;
 }
 
-void raise_level_by(const CmdlineKey& key) {
+void raise_level_by(const CmdlineKey& key, int* level) {
     if (key.value()[0] == '0') return;
-    debug_level = 1;
+    *level = 1;
     Log::info("check_debug_level", "%s, %d\n", key.word(), 1);
 }
 
-void level_from_kernel() {
-    const CmdlineKey level(kKernelLevelKey);
-    if (level) {
-        raise_level_by(level);
+void level_from_kernel(int* level) {
+    const CmdlineKey key(kKernelLevelKey);
+    if (key) {
+        raise_level_by(key, level);
     } else if (const CmdlineKey enable(kKernelEnableKey); enable) {
-        raise_level_by(enable);
+        raise_level_by(enable, level);
     }
 }
 
-void level_from_forced_upload() {
+void level_from_forced_upload(int* level) {
     const CmdlineKey key(kForceUploadKey);
     if (!key) return;
     Log::info("check_debug_level", "force_upload = %s\n", key.value());
     if (strcmp(key.value(), "0x5") != 0) return;
-    debug_level = 1;
+    *level = 1;
     Log::info("check_debug_level", "force_upload on!\n");
 }
 
 }  // namespace
 
 void Log::check_debug_level() {
-    if (!level_from_boot_loader()) level_from_kernel();
-    if (debug_level == 0) level_from_forced_upload();
-    info("check_debug_level", "debug level=%d, cp_debug=%d\n", debug_level.load(), cp_debug);
+    // Stored once: a saving thread must not see a level that a later key overrules.
+    int level = debug_level;
+    if (!level_from_boot_loader(&level)) level_from_kernel(&level);
+    if (level == 0) level_from_forced_upload(&level);
+    debug_level = level;
+    info("check_debug_level", "debug level=%d, cp_debug=%d\n", level, cp_debug);
 }
 
 void Log::check_debug_cp_opt() {

@@ -7,6 +7,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include <log/log.h>
 
 #include "bootdump/BootDump.h"
@@ -76,8 +78,10 @@ class Line {
 
     __attribute__((format(printf, 2, 0))) void append(const char* format, va_list values) {
         constexpr int kCapacity = static_cast<int>(sizeof(text_)) - 1;
-        if (length_ > kCapacity) length_ = kCapacity;
-        length_ += vsnprintf(text_ + length_, sizeof(text_) - length(), format, values);
+        length_ = std::clamp(length_, 0, kCapacity);
+        const int added = vsnprintf(text_ + length_, sizeof(text_) - length(), format, values);
+        // Negative where the text cannot be converted: the line ends behind its head.
+        length_ += added < 0 ? snprintf(text_ + length_, sizeof(text_) - length(), "\n") : added;
         if (length_ > kCapacity) {
             length_ = kCapacity;
             text_[length_ - 1] = '\n';
