@@ -62,17 +62,25 @@ void note_boot() {
     property_set(kBootDone, "1");
 }
 
-bool wait_for_hang_up(int node, int timeout) {
+// Returns what the node reported, 0 after a time-out.
+short wait_for_hang_up(int node, int timeout) {
     pollfd entry = {node, POLLHUP, 0};
     poll(&entry, 1, timeout);
-    return entry.revents & POLLHUP;
+    return entry.revents;
 }
 
 int wait_for_event(int node) {
-    // Only a node in trouble wakes the wait without a hang-up, and then does so at once every time.
-    while (!wait_for_hang_up(node, kForEver))
+    short events = wait_for_hang_up(node, kForEver);
+    if (!(events & POLLHUP)) {
+        Log::info(kTag, "ERR! poll without POLLHUP (revents 0x%X)\n",
+                  static_cast<unsigned>(events));
+    }
+    // POLLERR and POLLNVAL are level-triggered: every wait ends at once.
+    while (!(events & POLLHUP)) {
         sleep(kIdlePause);
-    return ioctl(node, IOCTL_GET_CP_STATUS, 0);
+        events = wait_for_hang_up(node, kForEver);
+    }
+    return ioctl(node, IOCTL_GET_CP_STATUS, nullptr);
 }
 
 void park_on_device_shutdown() {
@@ -122,7 +130,7 @@ void handle_reset(int node) {
 
     Log::info(kTag, "STATE_CRASH_RESET, wait onrestart by rild\n");
     sleep(kRildRestartWait);
-    const int result = ioctl(node, IOCTL_POWER_OFF, 0);
+    const int result = ioctl(node, IOCTL_POWER_OFF, nullptr);
     if (result != 0) Log::info(kTag, "cp off ioctl fail err=%d\n", result);
     Log::info(kTag, "RILD dosenot restart for 3sec, save logs\n\n");
     if (debug_level != 0) {

@@ -88,7 +88,7 @@ int get_modem_state() {
         Log::error("get_modem_state", "boot node open fail\n");
         return -ENODEV;
     }
-    const int state = ioctl(node.get(), IOCTL_GET_CP_STATUS, 0);
+    const int state = ioctl(node.get(), IOCTL_GET_CP_STATUS, nullptr);
     node.reset();
     Log::info("get_modem_state", "modem_status: %d (2)\n", state);
     return state;
@@ -123,6 +123,7 @@ std::optional<int> start_up(int argc, char** argv) {
     Log::update_log_dir();
     Log::info(kTag, "Start Radio Vault Daemon v3 (RVD) %s\n", Log::get_rvd_version());
     Container::setProtocol(new (std::nothrow) ProtocolVelo);
+    if (Container::getProtocol() == nullptr) return -EINVAL;
 
     switch (Container::parseArgs(argc, argv)) {
         case PARSE_OK:

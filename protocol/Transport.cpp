@@ -79,6 +79,10 @@ int Protocol::std_udl_req_resp(operation op, unsigned int req, unsigned int exp)
 int ProtocolVelo::std_dl_tx_frame(int fd, void* frame) {
     constexpr char kTag[] = "std_dl_tx_frame";
     udl_frame* frm = static_cast<udl_frame*>(frame);
+    if (frm->len > UDL_MSS) {
+        Log::info(kTag, "ERR! frm->len %u > mss %u\n", frm->len, UDL_MSS);
+        return -EFAULT;
+    }
     const ssize_t count = read(fd, frm->data, frm->len);
     if (count < 0) {
         Log::error(kTag, "ERR! read fail\n");

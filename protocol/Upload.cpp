@@ -36,6 +36,7 @@ int save_crash_reason(int info_fd) {
         Log::dump_error(kTag, "ERR! REASON write fail\n");
         return -1;
     }
+    if (truncate_here(info_fd) < 0) Log::dump_error(kTag, "ERR! ftruncate(info_fd) fail\n");
     const int result = fsync(info_fd);
     if (result != 0) Log::dump_error(kTag, "ERR! fsync(info_fd) fail (%d)\n", result);
     return result;
@@ -90,6 +91,9 @@ int ProtocolVelo::std_dump_receive_cp_dump() {
         Log::dump_info(kTag, "ERR! saved %d != dump_size %d\n", static_cast<int>(saved),
                        static_cast<int>(dump->dump_size));
         return -EFAULT;
+    }
+    if (truncate_here(dump->fd[DUMP_FD_DUMP]) < 0) {
+        Log::dump_error(kTag, "ERR! ftruncate(dump_fd) fail\n");
     }
     result = fsync(dump->fd[DUMP_FD_DUMP]);
     if (result < 0) {

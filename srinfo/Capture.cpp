@@ -1,4 +1,5 @@
 // A record's way from the driver to its files, and its text's way back after the next boot.
+#include <errno.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -55,7 +56,8 @@ bool SrinfoVelo::last_exists(const char* tag) {
     last_path(path, tag);
     Log::info(kTag, "%s: full_path: %s\n", kTag, path);
     struct stat status = {};
-    return lstat(path, &status) == 0;
+    // A file that cannot be asked about may hold a record that waits.
+    return lstat(path, &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 bool SrinfoVelo::save_last(const char* tag, char* data, unsigned int size) {
@@ -67,6 +69,10 @@ bool SrinfoVelo::save_last(const char* tag, char* data, unsigned int size) {
     const int written = write_srinfo_last(file.get(), data, size);
     if (written < 0) {
         Log::info("store_srinfo", "srinfo_last write fail(%d)\n", written);
+        // An empty file is never handed to the driver, a cut record would be.
+        if (ftruncate(file.get(), 0) < 0 || fsync(file.get()) < 0) {
+            Log::error("store_srinfo", "ERR! srinfo_last is not emptied\n");
+        }
         return false;
     }
     return true;

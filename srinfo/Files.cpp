@@ -24,17 +24,18 @@ namespace {
 constexpr off_t kRotationSize = 65536;
 constexpr mode_t kDirMode = 0775;
 constexpr mode_t kFileMode = 0666;
-constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 constexpr unsigned kDataSize = sizeof(srinfo_buf::data);
 constexpr unsigned kTextOffset = 16;
 constexpr unsigned kRow = 16;
 
-// A record with zeros behind it, so that a last row or a text without a brace may reach past the
-// data area. The driver's length never counts more than the area holds.
+// A record's first `reach` bytes with zeros behind them, so that a last row or a text without a
+// brace may end past the data area. The driver's length counts no more than the area holds.
 struct PaddedRecord {
-    PaddedRecord(const char* data, unsigned valid) : size(std::min(valid, kDataSize)) {
-        memcpy(bytes, data, kDataSize);
+    PaddedRecord(const char* data, unsigned valid, unsigned reach)
+        : size(std::min(valid, kDataSize)) {
+        memcpy(bytes, data, std::min(size + reach, kDataSize));
     }
 
     char bytes[kDataSize + kTextOffset + kRow] = {};
@@ -112,7 +113,7 @@ int Srinfo::open_srinfo_file(const char* tag) {
 }
 
 int Srinfo::open_last_at_start(const char* path, int flags, const char* failure) {
-    ScopedFd file(open(path, flags | O_RDWR | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    ScopedFd file(open(path, flags | O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kFileMode));
     const char* tag = flags & O_CREAT ? "create_srinfo_last" : "open_srinfo_last";
     if (!file.valid()) {
         Log::error(tag, "%s", failure);
@@ -140,7 +141,7 @@ int SrinfoVelo::create_srinfo_last(const char* tag) {
 }
 
 int SrinfoVelo::write_srinfo_last(int fd, char* data, unsigned int size) {
-    const PaddedRecord record(data, size);
+    const PaddedRecord record(data, size, kTextOffset + 1);
     const char* text = record.bytes + kTextOffset;
     const void* brace = memchr(text, '}', record.size);
     const size_t length = brace == nullptr
@@ -156,7 +157,7 @@ int SrinfoVelo::write_srinfo_last(int fd, char* data, unsigned int size) {
 
 int SrinfoVelo::write_srinfo_file(int fd, char* data, unsigned int size) {
     constexpr char kTag[] = "write_srinfo_file";
-    const PaddedRecord record(data, size);
+    const PaddedRecord record(data, size, (kRow - size % kRow) % kRow);
     char stamp[64];
     const tm now = local_now();
     strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", &now);

@@ -20,8 +20,8 @@ class Srinfo {
     // Fetches a valid record, an srinfo_buf that the caller frees, or null. `*size` is the number
     // of its data bytes.
     virtual char* alloc_srinfo(unsigned int* size, int fd) = 0;
-    // Appends one entry to the srinfo log. `data` holds the whole data area, of which `size` bytes
-    // count; no more than the area holds. Returns `size`.
+    // Appends one entry to the srinfo log: `size` bytes of a data area, no more than it holds, and
+    // what fills their last row of 16. Returns `size`.
     virtual int write_srinfo_file(int fd, char* data, unsigned int size) = 0;
     // Makes sure that `path` is a directory. 0 or -1.
     virtual int create_srinfo_directory(const char* path);

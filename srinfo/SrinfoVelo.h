@@ -15,7 +15,8 @@ class SrinfoVelo : public Srinfo {
 
     // A new last-srinfo file, open for writing at its start.
     int create_srinfo_last(const char* tag);
-    // Writes the record's text. `data` holds the whole data area. Returns the bytes written, or -1.
+    // Writes the record's text: data bytes 16 to `size` + 16 of a data area, up to the first
+    // closing brace. Returns the bytes written, or -1.
     int write_srinfo_last(int fd, char* data, unsigned int size);
 
   private:

@@ -22,4 +22,9 @@ ssize_t write_all(int fd, const void* data, size_t size) {
     return static_cast<ssize_t>(size);
 }
 
+int truncate_here(int fd) {
+    const off_t end = lseek(fd, 0, SEEK_CUR);
+    return end < 0 ? -1 : ftruncate(fd, end);
+}
+
 }  // namespace rvd

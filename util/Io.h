@@ -11,4 +11,8 @@ namespace rvd {
 // with errno set; a write that takes nothing counts as a full disk.
 ssize_t write_all(int fd, const void* data, size_t size);
 
+// Ends a file at its current offset: what an earlier, longer content left behind is cut off.
+// Returns 0, or -1 with errno set.
+int truncate_here(int fd);
+
 }  // namespace rvd

@@ -7,6 +7,7 @@
 namespace rvd {
 
 bool format_text(TextRoom room, const char* format, ...) {
+    memset(room.data, 0, room.size);
     va_list values;
     va_start(values, format);
     const int length = vsnprintf(room.data, room.size, format, values);

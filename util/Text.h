@@ -17,7 +17,8 @@ struct TextRoom {
     size_t size;  // at least 1
 };
 
-// Formats into `room`, cut to fit. False when it had to be cut.
+// Formats into `room`, cut to fit; the rest of it is zero, so that a field which is handed on whole
+// keeps nothing of an earlier text. False when it had to be cut.
 bool format_text(TextRoom room, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Copies at most `length` bytes of `text` into `room`, up to a NUL among them. False when cut.
