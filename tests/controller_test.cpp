@@ -1,5 +1,7 @@
 // The controllers' own requests to the driver, and the copies they make of modem memory.
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -20,7 +22,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr uint32_t kChunk = 63488;
+static_assert(kImageChunk == 63488);
 
 class Controller : public Phone {
   protected:
@@ -74,12 +76,13 @@ TEST_F(Controller, RecordsAreClosedFromTheBeginningAndAfterEveryUse) {
 }
 
 TEST_F(Controller, AnImageGoesToTheDriverInChunksThatEndWithAPartialOne) {
-    for (const uint32_t size : {0u, 3u, 100u, kChunk - 1, kChunk, kChunk + 1, 2 * kChunk}) {
+    for (const uint32_t size :
+         {0u, 3u, 100u, kImageChunk - 1, kImageChunk, kImageChunk + 1, 2 * kImageChunk}) {
         SCOPED_TRACE(size);
         plan_stage(2, size, size + 1);
         const std::string image = pattern(size);
-        for (uint32_t sent = 0; sent <= size; sent += kChunk)
-            expect_chunk(image.substr(sent, kChunk), size, 0x1000 + sent);
+        for (uint32_t sent = 0; sent <= size; sent += kImageChunk)
+            expect_chunk(image.substr(sent, kImageChunk), size, 0x1000 + sent);
         EXPECT_EQ(integrated().load_cp_image_by_stage(2, CP_BOOT_MODE_DUMP), 0);
         EXPECT_EQ(last_said(), "load_cp_image_by_stage: 2 stage complelte");
         driver().verify();
@@ -88,8 +91,8 @@ TEST_F(Controller, AnImageGoesToTheDriverInChunksThatEndWithAPartialOne) {
 }
 
 TEST_F(Controller, AnImageThatCannotBeLoadedFailsItsStage) {
-    plan_stage(2, kChunk + 9, kChunk + 8);
-    expect_chunk(pattern(kChunk), kChunk + 9, 0x1000);
+    plan_stage(2, kImageChunk + 9, kImageChunk + 8);
+    expect_chunk(pattern(kImageChunk), kImageChunk + 9, 0x1000);
     EXPECT_EQ(integrated().load_cp_image_by_stage(2, CP_BOOT_MODE_DUMP), -14);
     EXPECT_EQ(last_said(), "load_cp_image_by_stage: ERR! read 8 != img.len 9");
     for (const int refusal : {-7, 7}) {
@@ -131,11 +134,42 @@ TEST_F(Controller, WithoutMemoryAStepFailsWithItsWord) {
         SCOPED_TRACE(c.line);
         use_modem(c.type);
         plan_stage(2, 4096, 4096);
-        kernel().no_memory = true;
+        kernel().largest_block = 1024;
         const int result = c.step();
-        kernel().no_memory = false;
+        kernel().largest_block = SIZE_MAX;
         EXPECT_EQ(result, c.result);
         EXPECT_THAT(said(), Contains(c.line));
+        modem().std_boot_close_args();
+    }
+}
+
+TEST_F(Controller, AnNvFileIsMadeInOneWriteOrInBlocks) {
+    constexpr uint64_t kSize = 200 * 1024;
+    const std::string nv = path("nv");
+    for (const size_t largest : {SIZE_MAX, size_t{64} * 1024}) {
+        kernel().largest_block = largest;
+        const int result = Util::create_empty_nv(nv.c_str(), kSize);
+        kernel().largest_block = SIZE_MAX;
+        EXPECT_EQ(result, 0);
+        EXPECT_TRUE(read_file(nv) == std::string(kSize, '\xFF'));
+        EXPECT_EQ(list(std::filesystem::path(nv).parent_path()), Lines{"nv"});
+        std::filesystem::remove(nv);
+    }
+    {
+        const FullDisk disk(kSize - 1);
+        EXPECT_EQ(Util::create_empty_nv(nv.c_str(), kSize), -14);
+    }
+    EXPECT_EQ(last_said(), "! create_empty_nv: NV(" + nv + ") write fail");
+    EXPECT_EQ(read_file(nv).size(), kSize - 1);  // later boots use it as it is
+}
+
+TEST_F(Controller, LoadedBeforeIsTheFirstByteOfItsProperty) {
+    for (const unsigned value : {0x30u, 0x31u, 0xFFu}) {
+        boot().max_stage = 0;
+        boot().dload[0].skip_if_sent = 1;
+        set_property("vendor.rvd.first_xmit_done", std::string(1, static_cast<char>(value)));
+        if (value != '1') plan_stage(0, 0, 0), expect_chunk("", 0, 0x1000);
+        EXPECT_EQ(integrated().load_cp_images(CP_BOOT_MODE_DUMP), static_cast<int>(value) - '0');
         modem().std_boot_close_args();
     }
 }
@@ -198,7 +232,35 @@ TEST_F(Controller, ARegionIsCopiedAsItComesAndEndsAtItsSize) {
         EXPECT_EQ(read_file(std::string(kLogDir) + "/" + files[0]).size(), c.saved);
         std::filesystem::remove(std::string(kLogDir) + "/" + files[0]);
     }
+    // Of a longer one before, nothing stays behind a region that is complete.
+    const auto region_path = [](int minutes) {
+        const time_t when = time(nullptr) + 60 * minutes;
+        char file[96];
+        strftime(file, sizeof(file), "/cpcrash_l2b_dump_umts_%Y%m%d-%H%M.log", localtime(&when));
+        return kLogDir + std::string(file);
+    };
+    for (const char* script : {"<R:9", "<R:8"}) {
+        for (const int minute : {0, 1})
+            write_file(region_path(minute), std::string(20, 'o'));
+        const Modem far_end(&dump().fd[DUMP_FD_NODE], script);
+        driver().expect<cp_log_dump>(IOCTL_GET_LOG_DUMP, [](cp_log_dump& region) {
+            region.size = 9;
+            return 0;
+        });
+        const bool complete = modem().get_log_dump("l2b", CP_LOG_DUMP_L2B) >= 0;
+        const std::string file = read_file(region_path(0));
+        EXPECT_TRUE(file[0] == 'o' || file.size() == (complete ? 9u : 20u)) << file;
+    }
+    for (const int minute : {0, 1}) {
+        std::filesystem::remove(region_path(minute));
+        mkfifo(region_path(minute).c_str(), 0600);
+    }
     const Modem far_end(&dump().fd[DUMP_FD_NODE], "");
+    driver().expect(IOCTL_GET_LOG_DUMP);
+    EXPECT_EQ(modem().get_log_dump("l2b", CP_LOG_DUMP_L2B), -22);
+    EXPECT_THAT(last_said(), testing::EndsWith(" open fail"));
+    for (const int minute : {0, 1})
+        std::filesystem::remove(region_path(minute));
     driver().expect(IOCTL_GET_LOG_DUMP, -1);
     EXPECT_EQ(modem().get_log_dump("shmem", CP_LOG_DUMP_SHMEM), -22);
     EXPECT_THAT(list(kLogDir), IsEmpty());

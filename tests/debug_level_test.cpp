@@ -1,4 +1,7 @@
 // The two debug values: the kernel command line, and the property that overrides it.
+#include <atomic>
+#include <thread>
+
 #include "log/Log.h"
 #include "tests/support/phone.h"
 #include "util/Util.h"
@@ -68,6 +71,23 @@ TEST_F(DebugLevel, TheFirstKeyThatSaysSoDecides) {
         EXPECT_EQ(lines.back(),
                   "check_debug_level: debug level=" + std::to_string(c.after) + ", cp_debug=0");
     }
+}
+
+using ThreadsDebugLevel = Phone;
+
+TEST_F(ThreadsDebugLevel, ALevelThatALaterKeyOverrulesIsNeverSeen) {
+    set_cmdline("androidboot.debug_level=0x4f4c androidboot.force_upload=0x5");
+    std::atomic<bool> done{false};
+    int lowest = 1;
+    std::thread saver([&] {
+        while (!done)
+            lowest = std::min(lowest, debug_level.load());
+    });
+    for (int i = 0; i < 300; ++i)
+        Log::check_debug_level();
+    done = true;
+    saver.join();
+    EXPECT_EQ(lowest, 1);
 }
 
 TEST_F(DebugLevel, ThePropertyOverridesTheKernelsModemOption) {

@@ -1,4 +1,6 @@
 // Words and frames between the daemon and the modem's boot loader.
+#include "protocol/link.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -133,6 +135,11 @@ TEST_F(Link, AnExchangeThatFailsNamesItsStage) {
              "std_udl_req_resp: ERR! request:0x00000000 expected:0x0000A201"},
             {send(1), ">9201:1:1:1", -5,
              "std_udl_req_resp: ERR! request:0x00000000 expected:0x0000A201"},
+            {[&] {
+                 udl_frame frame = {0x9201, 1, 1, UDL_MSS + 1, {}};
+                 return protocol_.std_dl_tx_frame(fd, &frame);
+             },
+             "", -14, "std_dl_tx_frame: ERR! frm->len 2049 > mss 2048"},
             {[&] { return protocol_.std_dl_send_bin(2, -1, 0, 1); }, "", -1,
              "! std_dl_send_bin: ERR! lseek fail"},
             {start, ">9200 <A200", 0, nullptr},

@@ -102,6 +102,9 @@ TEST_F(LogTest, ALineFillsAtMostOneKernelRecordAndKeepsItsNewline) {
     Log::info(std::string(3000, 't').c_str(), "lost\n");
     EXPECT_THAT(records(),
                 ElementsAre(testing::AllOf(testing::SizeIs(976), testing::EndsWith("\n"))));
+    const wchar_t not_a_character[] = {0x7FFFFFFF, 0};
+    Log::info("t", "x%ls\n", not_a_character);
+    EXPECT_THAT(records(), ElementsAre("<6>lnkm: rvd: t: \n"));
 }
 
 TEST_F(LogTest, ErrnoIsOfTheMomentAndStays) {

@@ -1,8 +1,9 @@
 // From the partition's table of contents to the plan of a boot.
 #include <algorithm>
 #include <sstream>
+#include <utility>
 
-#include "bootdump/BootDump.h"
+#include "bootdump/BootDumpExt.h"
 #include "tests/support/phone.h"
 
 namespace rvd::test {
@@ -12,7 +13,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::EndsWith;
 
-// A table with these entries, one after the other; entry i holds i-th values.
+// A table with these entries, one after the other; entry i holds i-th values, and "-" no image.
 std::string table(const std::string& names, uint32_t count, uint32_t m_off) {
     std::string bytes;
     std::istringstream words(names);
@@ -22,7 +23,7 @@ std::string table(const std::string& names, uint32_t count, uint32_t m_off) {
         name.copy(entry.name, sizeof(entry.name));
         entry.b_off = 0x100 + i;
         entry.m_off = i == 0 ? m_off : 0xC0001000 + i;
-        entry.size = 0x10 + i;
+        entry.size = name == "-" ? 0 : 0x10 + i;
         entry.crc = 0xCC00 + i;
         if (i == 0) entry.toc_count = count;
         bytes.append(reinterpret_cast<const char*>(&entry), sizeof(entry));
@@ -59,14 +60,15 @@ class Plan : public Phone {
                  << (row.stage_done ? "d" : "") << (row.skip_if_sent ? "k" : "");
             const char* slots = "?pnNP";
             const int32_t* slot = std::find(boot().fd, boot().fd + 5, row.fd);
-            if (row.size != 0) text << (row.fd < 0 ? '-' : slots[slot - boot().fd]);
-            text << ' ';
+            text << (row.fd < 0 ? '-' : slots[slot - boot().fd]) << ' ';
         }
         return text.str();
     }
 };
 
-const std::string kSixteen = "TOC A1 A2 A3 NV A5 A6 A7 A8 A9 A10 A11 A12 A13 A14 A15";
+const std::string kThirteen = "TOC A1 A2 A3 NV A5 A6 A7 A8 A9 A10 A11 A12";
+const std::string kSixteen = kThirteen + " A13 A14 A15";
+constexpr char kTooMany[] = "ERR! invalid TOC: more images than the plan has stages";
 
 TEST_F(Plan, TheIntegratedModemLoadsItsStagesInTheOrderOfTheTable) {
     const char* five = "TOC BOOT MAIN VSS NV";
@@ -90,10 +92,14 @@ TEST_F(Plan, TheIntegratedModemLoadsItsStagesInTheOrderOfTheTable) {
             {"TOC NV NV_NORM NV_PROT", 4, 1, "", "0=0p 1=1n 2=2- 3=3- "},
             {"TOC NV NV_NORM", 3, 1, "n", "0=0p 1=1n 2=2N "},
             {"TOC NV_NORM", 2, 1, "n", "0=0p 1=1N "},
-            {kSixteen, 0, 1, "", "11=11p 12=12p "},
             {kSixteen, 13, 1, "", "11=11p 12=12p "},
-            {kSixteen, 14, 1, "", "11=11p 12=12p "},
-            {kSixteen, 16, 1, "", "11=11p 12=12p "},
+            {kSixteen, 14, 1, "", kTooMany},
+            {kSixteen, 16, 1, "", kTooMany},
+            {kSixteen, 0, 1, "", kTooMany},
+            {kSixteen, 16, 1, "e", "0=0p 1=1p 2=2p "},
+            {kSixteen, 16, 1, "d", "0=0p 1=1p "},
+            {kThirteen + " - - -", 16, 1, "", "11=11p 12=12p "},
+            {kThirteen, 0, 1, "", "11=11p 12=12p "},
             {kSixteen, 17, 1, "", "ERR! invalid TOC: Total TOC count is 17"},
             {kSixteen, UINT32_MAX, 1, "", "ERR! invalid TOC: Total TOC count is -1"},
             {five, 2, 0, "", "ERR! invalid TOC : No info for TOC verification"},
@@ -125,19 +131,25 @@ TEST_F(Plan, TheExternalModemSendsRowsOverTheLink) {
         const char* options;
         const char* plan;
     } cases[] = {
-            {five, 5, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s "},
-            {five, 1, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s "},
-            {five, 4, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s "},
-            {"TOC BOOT OFFSET NV MAIN", 5, "", "0=0cdp 1=1sbdp 2=15s "},
+            {five, 5, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s- "},
+            {five, 1, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s- "},
+            {five, 4, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s- "},
+            {"TOC BOOT OFFSET NV MAIN", 5, "", "0=0cdp 1=1sbdp 2=15s- "},
             {"TOC BOOT X NV_PROT NV_NORM NV", 6, "n",
-             "0=0cdp 1=1sbdp 2=2sbdp 3=3sbd- 4=4sbdN 5=5sbdn 6=15s "},
-            {"TOC BOOT NV_NORM NV NV", 5, "", "0=0cdp 1=1sbdp 2=2sbd- 3=3sbdn 4=4sbdn 5=15s "},
-            {five, 3, "e", "0=0cdp 1=1sbdp 2=2sbcdp 3=15s "},
-            {five, 3, "d", "0=0cdp 1=1sbdp 2=2sbcdp 3=15s "},
-            {kSixteen, 1, "", "4=4sbdn 5=5sbdp 6=15s "},
-            {kSixteen, 12, "", "11=11sbdp 12=15s "},
+             "0=0cdp 1=1sbdp 2=2sbdp 3=3sbd- 4=4sbdN 5=5sbdn 6=15s- "},
+            {"TOC BOOT NV_NORM NV NV", 5, "", "0=0cdp 1=1sbdp 2=2sbd- 3=3sbdn 4=4sbdn 5=15s- "},
+            {five, 3, "e", "0=0cdp 1=1sbdp 2=2sbcdp 3=15s- "},
+            {five, 3, "d", "0=0cdp 1=1sbdp 2=2sbcdp 3=15s- "},
+            {kSixteen, 1, "", "4=4sbdn 5=5sbdp 6=15s- "},
+            {kSixteen, 12, "", "11=11sbdp 12=15s- "},
             {kSixteen, 13, "", "11=11sbdp 12=12sbdp "},
-            {kSixteen, 16, "", "11=11sbdp 12=12sbdp "},
+            {kSixteen, 14, "", kTooMany},
+            {kSixteen, 16, "", kTooMany},
+            {kSixteen, 16, "d", "11=11sbdp 12=12sbdp "},
+            {kThirteen + " OFFSET", 14, "", "11=11sbdp 12=12sbdp "},
+            {kThirteen + " A13 OFFSET", 15, "", kTooMany},
+            {"TOC OFFSET A2 A3 A4 A5 A6 A7 A8 A9 A10 A11 A12 A13 A14 NV", 16, "", "1=15s- "},
+            {five, 0, "d", "0=15s- "},
             {kSixteen, 17, "", "ERR! invalid TOC: Total TOC count is 17"},
             {kSixteen, UINT32_MAX, "", "ERR! invalid TOC: Total TOC count is -1"},
             {five, 3, "", "ERR! invalid TOC : There is no NV"},
@@ -155,6 +167,20 @@ TEST_F(Plan, TheExternalModemSendsRowsOverTheLink) {
             EXPECT_EQ(last_said(), std::string("prepare_boot_args: ") + c.plan);
         }
         Container::getBootDump()->std_boot_close_args();
+    }
+}
+
+TEST_F(Plan, TheEndBehindAFullPlanIsSentWithoutARow) {
+    for (const char* end : {" OFFSET", ""}) {
+        const uint32_t count = *end != '\0' ? 14 : 13;
+        ASSERT_TRUE(prepare("vk880", table(kThirteen + end, count, 0), "", CP_BOOT_MODE_NORMAL));
+        std::fill(boot().dload, boot().dload + kDloadStages, std_dload_control{});
+        close(boot().fd[BOOT_FD_NODE]);
+        const Modem modem(&boot().fd[BOOT_FD_NODE], *end != '\0' ? ">9F00 <AF00" : "");
+        auto& external = static_cast<BootDumpExt&>(*Container::getBootDump());
+        EXPECT_EQ(external.std_boot_load_cp_images(), 0);
+        close(std::exchange(boot().fd[BOOT_FD_PARTITION], -1));
+        close(std::exchange(boot().fd[BOOT_FD_NV], -1));
     }
 }
 

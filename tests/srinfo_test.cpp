@@ -1,5 +1,6 @@
 // Silent-reset records: from the driver into their two files, and back.
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -99,6 +100,30 @@ TEST_F(SrinfoTest, ARecordTravelsToItsFilesAndBack) {
         EXPECT_EQ(last_said(), std::string("restore_srinfo: done = ") + kLast);
         EXPECT_FALSE(std::filesystem::exists(kLast));
     }
+}
+
+TEST_F(SrinfoTest, ALastFileIsAbsentOnlyWhereItCannotBe) {
+    const std::string directory = std::string(kLogDir) + "/err";
+    std::filesystem::create_symlink(directory, directory);  // ELOOP
+    srinfo_.store_srinfo(kNode);
+    EXPECT_EQ(last_said(), "store_srinfo: srinfo_last file exist, skip!");
+    std::filesystem::remove(directory);
+    write_file(directory, "a file");  // ENOTDIR
+    expect_fetch(record_with_brace(40), 100);
+    srinfo_.store_srinfo(kNode);
+    EXPECT_EQ(last_said(), "create_srinfo_directory: (" + directory + ") is not a directory");
+}
+
+TEST_F(SrinfoTest, NoByteBehindAWritersBytesIsRead) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    char* pages = static_cast<char*>(
+            mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(pages + page, page, PROT_NONE);
+    const int fd = open(path("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    EXPECT_EQ(srinfo_.write_srinfo_file(fd, pages + page - 32, 18), 18);
+    EXPECT_EQ(srinfo_.write_srinfo_last(fd, pages + page - 35, 18), 19);
+    close(fd);
+    munmap(pages, 2 * page);
 }
 
 TEST_F(SrinfoTest, AnEntryOfTheLogShowsWordsAndCharacters) {

@@ -67,6 +67,27 @@ TEST_F(Upload, ADumpOfSeveralStepsArrivesByteForByte) {
               "std_dump_receive_cp_dump: DUMP DATA saved\n");
 }
 
+TEST_F(Upload, ACompleteFileKeepsNothingOfALongerOneBefore) {
+    const std::string older(9000, 'o');
+    const auto reopen_older = [&](unsigned slot, const char* name) {
+        write_file(path(name), older);
+        close(dump().fd[slot]);
+        dump().fd[slot] = open(path(name).c_str(), O_WRONLY | O_CLOEXEC);
+    };
+    for (const bool complete : {false, true}) {
+        reopen_older(DUMP_FD_INFO, "info");
+        reopen_older(DUMP_FD_DUMP, "dump");
+        expect_question_of_owner();
+        const Modem modem(&dump().fd[DUMP_FD_NODE],
+                          std::string(">9D00 <AD00 <I:9:1:4 <T:link >9D01 ") +
+                                  (complete ? "<AD01:1:1:9 >9D0D <AD0D" : "<AD01:1:1:8"));
+        strcpy(dump().reason, "UMTS: ");
+        EXPECT_EQ(protocol_.std_dump_receive_cp_dump(), complete ? 0 : -14);
+        EXPECT_EQ(saved(), complete ? pattern(9) : pattern(8) + older.substr(8));
+        EXPECT_EQ(read_file(path("info")), ": CP Crash by CP - UMTS: link");
+    }
+}
+
 TEST_F(Upload, EveryPartOfTheExchangeEndsItWithAWordOfItsOwn) {
     const struct {
         const char* modem;  // behind the START of the upload

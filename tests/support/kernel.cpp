@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 
 #include "bootdump/StdArgs.h"
 #include "main/Container.h"
@@ -28,8 +29,7 @@ std::unique_ptr<Kernel> current = std::make_unique<Kernel>();
 
 // The C++ library allocates before there is a kernel.
 bool has_memory(size_t size) {
-    constexpr size_t kLarge = 1024;
-    return size < kLarge || current == nullptr || !current->no_memory;
+    return current == nullptr || size <= current->largest_block;
 }
 
 // A request of the dump record's goes to its node; of the others to the boot record's, or to a node
@@ -107,6 +107,11 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
 
 int poll(pollfd* entries, nfds_t count, int timeout) {
     if (timeout != 0 && kernel().on_wait) kernel().on_wait();
+    if (std::deque<short>& ends = kernel().wait_ends; !ends.empty()) {
+        entries->revents = ends.front();
+        ends.pop_front();
+        return 1;
+    }
     const timespec at_once = {};
     const int ready = ppoll(entries, count, &at_once, nullptr);
     if (ready == 0 && timeout != 0) kernel().timeouts.push_back(timeout);
@@ -116,11 +121,13 @@ int poll(pollfd* entries, nfds_t count, int timeout) {
 unsigned sleep(unsigned seconds) {
     const std::lock_guard<std::mutex> lock(kernel().sleeping);
     kernel().sleeps.push_back(seconds * 1000);
+    if (kernel().on_sleep) kernel().on_sleep();
     return 0;
 }
 
 int usleep(useconds_t microseconds) {
     kernel().sleeps.push_back(microseconds / 1000);
+    if (kernel().on_sleep) kernel().on_sleep();
     return 0;
 }
 
@@ -146,6 +153,15 @@ int pthread_detach(pthread_t thread) noexcept {
     kernel().detached.push_back(thread);
     return 0;
 }
+
+}  // extern "C"
+
+// The daemon's objects.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    return rvd::test::has_memory(size) ? malloc(size) : nullptr;
+}
+
+extern "C" {
 
 void* __real_calloc(size_t count, size_t size);
 void* __wrap_calloc(size_t count, size_t size) {

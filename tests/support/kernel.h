@@ -45,15 +45,17 @@ struct Kernel {
     Driver driver;
     // Runs when the daemon begins to wait on a descriptor: the other end's turn.
     std::function<void()> on_wait;
-    std::vector<int> timeouts;     // ms, of the waits that ended without an event
-    std::vector<unsigned> sleeps;  // ms
+    std::deque<short> wait_ends;     // what the next waits report, whatever their descriptor does
+    std::function<void()> on_sleep;  // runs in every pause of the daemon
+    std::vector<int> timeouts;       // ms, of the waits that ended without an event
+    std::vector<unsigned> sleeps;    // ms
     std::mutex sleeping;
     unsigned long block_size = 1024;
     unsigned long free_blocks = 1u << 30;
     int statfs_error = 0;
     std::string ring = "<6>ring\n";  // the kernel's log
     int ring_error = 0;
-    bool no_memory = false;  // the daemon's large blocks are refused
+    size_t largest_block = SIZE_MAX;  // larger ones are refused
 
     // Waits for the threads that the daemon left to themselves. Returns how many there were.
     size_t join_detached();
