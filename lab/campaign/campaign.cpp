@@ -1,138 +1,202 @@
 #include "lab/campaign/campaign.h"
 
+#include <fmt/core.h>
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <map>
+#include <nlohmann/json.hpp>
 
-namespace fs = std::filesystem;
+#include "lab/campaign/workplace.h"
 
 namespace rvd::lab {
 
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(MadeCall, call, time, path, place)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Conduct, end, lasted, open, files, calls)
+
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 struct Worker {
-    std::string name;
-    std::string root;
-    FILE* output;  // null: the terminal
-    bool keep;
+    Outcome outcome;
+    Workplace place;
+    Clock::time_point start;
+    FILE* output;  // null: the lab's own
+    FILE* answer;  // violations and conduct
 };
 
-// The directory for the phone's root: the one named, one of its own in it for each of several runs,
-// or one that lasts as long as the run.
-std::string make_root(const RunOptions& options, const std::string& name) {
-    if (!options.root.empty()) {
-        std::string leaf = name;
-        std::replace(leaf.begin(), leaf.end(), '/', '_');
-        std::replace(leaf.begin(), leaf.end(), ' ', '-');
-        const fs::path path = leaf.empty() ? fs::path(options.root) : fs::path(options.root) / leaf;
-        fs::create_directories(path);
-        return fs::canonical(path);
+// The signals that this process takes between the runs, and gives back to each.
+class Signals {
+  public:
+    Signals() {
+        sigemptyset(&taken_);
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD})
+            sigaddset(&taken_, signal);
+        sigprocmask(SIG_BLOCK, &taken_, &before_);
     }
-    std::string pattern = (fs::temp_directory_path() / "rvd-lab.XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) fail_errno("cannot make a directory for the phone");
-    return pattern;
+    ~Signals() { give_back(); }
+    Signals(const Signals&) = delete;
+    Signals& operator=(const Signals&) = delete;
+
+    void give_back() const { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+
+    // The one that came within a second; 0 where none did.
+    int wait() const {
+        const timespec second = {1, 0};
+        return std::max(sigtimedwait(&taken_, nullptr, &second), 0);
+    }
+
+  private:
+    sigset_t taken_, before_;
+};
+
+FILE* make_file() {
+    const int fd = memfd_create("rvd-lab", MFD_CLOEXEC);
+    FILE* const file = fd < 0 ? nullptr : fdopen(fd, "w+");
+    if (file == nullptr) fail_errno("cannot keep what a run says");
+    return file;
 }
 
-int work(const Scenario& scenario, const RunOptions& options) try {
-    const Result result = run_scenario(scenario, options);
-    if (options.learn) print_conduct(result.conduct);
-    for (const std::string& violation : result.violations) {
-        if (!options.story) printf("    %s\n", violation.c_str());
-    }
-    return result.violations.empty() ? kHeld : kNotHeld;
-} catch (const Reboots&) {
-    return kReboots;
-} catch (const std::exception& error) {
-    printf("rvd-lab: %s\n", error.what());
-    return dynamic_cast<const Forbidden*>(&error) != nullptr ? kForbidden : kRefused;
+std::string take_all(FILE* from) {
+    std::string text(static_cast<size_t>(lseek(fileno(from), 0, SEEK_END)), '\0');
+    rewind(from);
+    text.resize(fread(text.data(), 1, text.size(), from));
+    fclose(from);
+    return text;
 }
 
-pid_t start(const Scenario& scenario, RunOptions options, Worker& worker) {
-    worker.root = make_root(options, worker.name);
+// As a run's process: what it leaves in `answer` is what its outcome is made of.
+int work(const Job& job, const RunOptions& options, FILE* answer) {
+    int status = kHeld;
+    Result result;
+    try {
+        result = run_scenario(job.scenario, options);
+        if (!result.violations.empty()) status = kNotHeld;
+        if (fflush(stdout) != 0 || ferror(stdout) != 0) fail_errno("cannot write the story");
+    } catch (const Reboots&) {
+        status = kReboots;
+    } catch (const std::exception& error) {
+        status = dynamic_cast<const Forbidden*>(&error) != nullptr ? kForbidden : kRefused;
+        result.violations = {error.what()};
+    }
+    if (!options.learn) result.conduct = {};
+    const auto bytes =
+            nlohmann::json::to_cbor({{"wrong", result.violations}, {"conduct", result.conduct}});
+    fwrite(bytes.data(), 1, bytes.size(), answer);
+    fflush(answer);
+    return status;
+}
+
+std::string leaf_of(std::string name) {
+    std::replace(name.begin(), name.end(), '/', '_');
+    std::replace(name.begin(), name.end(), ' ', '-');
+    return name;
+}
+
+pid_t start(const Job& job, const Signals& signals, Worker& worker) {
+    RunOptions options = job.options;
     options.keep = !options.root.empty();
-    options.root = worker.root;
+    options.root = worker.place.path();
     fflush(stdout);
     const pid_t pid = fork();
     if (pid < 0) fail_errno("cannot fork");
     if (pid > 0) return pid;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    signal(SIGPIPE, SIG_DFL);
+    if (!options.on_wait) signals.give_back();
     if (worker.output != nullptr) dup2(fileno(worker.output), STDOUT_FILENO);
-    const int result = work(scenario, options);
+    const int status = work(job, options, worker.answer);
     fflush(stdout);
-    _exit(result);
+    _exit(status);
 }
 
-int finish(const Worker& worker, int status) {
-    std::error_code none;
-    if (!worker.keep) fs::remove(worker.root, none);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : kNotHeld;
+Worker make_worker(const Job& job) {
+    const std::string& root = job.options.root;
+    const bool own = root.empty() || job.direct;
+    return {{job.suite, job.scenario.name, 0, {}, {}, {}, {}},
+            Workplace(own ? root : root + "/" + leaf_of(job.scenario.name)),
+            Clock::now(),
+            job.direct ? nullptr : make_file(),
+            make_file()};
+}
+
+Outcome finish(Worker& worker, int status) {
+    Outcome& outcome = worker.outcome;
+    outcome.spent = Clock::now() - worker.start;
+    if (worker.output != nullptr) outcome.output = take_all(worker.output);
+    const std::string answer = take_all(worker.answer);
+    if (WIFEXITED(status)) {
+        outcome.status = WEXITSTATUS(status);
+        const auto said = nlohmann::json::from_cbor(answer);
+        said.at("wrong").get_to(outcome.violations);
+        said.at("conduct").get_to(outcome.conduct);
+    } else if (const int number = WTERMSIG(status); number == SIGPIPE && !worker.output) {
+        outcome.status = kSignal + number;  // whoever read the story has had enough of it
+    } else {
+        outcome.status = kNotHeld;
+        outcome.violations = {
+                fmt::format("the run was ended by signal {} ({})", number, sigdescr_np(number))};
+    }
+    return std::move(outcome);
 }
 
 }  // namespace
 
-std::string read_all(FILE* from) {
-    std::string text;
-    char piece[4096];
-    for (size_t n; (n = fread(piece, 1, sizeof(piece), from)) > 0;)
-        text.append(piece, n);
-    return text;
-}
-
-int run_one(const Scenario& scenario, RunOptions options) {
-    Worker worker{"", "", nullptr, !options.root.empty()};
-    const pid_t pid = start(scenario, options, worker);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return finish(worker, status);
-}
-
-void run_each(const std::function<std::optional<Job>()>& next, int jobs, const Done& done) {
+int run_each(const std::function<std::optional<Job>()>& next, int jobs,
+             const std::function<void(Outcome&)>& done, const std::function<void()>& tick) {
+    sweep_workplaces();
+    const Signals signals;
     std::map<pid_t, Worker> workers;
+    int interrupted = 0;
     std::optional<Job> job = next();
     while (job || !workers.empty()) {
-        if (job && workers.size() < static_cast<size_t>(jobs)) {
-            Worker worker{job->scenario.name, "", tmpfile(), !job->options.root.empty()};
-            const pid_t pid = start(job->scenario, job->options, worker);
-            workers.emplace(pid, worker);
-            job = next();
-            continue;
+        for (; job && workers.size() < static_cast<size_t>(jobs); job = next()) {
+            Worker worker = make_worker(*job);
+            const pid_t pid = start(*job, signals, worker);
+            workers.emplace(pid, std::move(worker));
+        }
+        if (const int signal = signals.wait(); signal != 0 && signal != SIGCHLD) {
+            // A soak ends its pass on the first one; whatever is left, on the second.
+            for (const auto& [pid, worker] : workers)
+                kill(pid, interrupted == 0 ? SIGTERM : SIGKILL);
+            interrupted = signal;
         }
         int status = 0;
-        const auto found = workers.find(wait(&status));
-        if (found == workers.end()) continue;
-        const Worker worker = found->second;
-        workers.erase(found);
-        const int result = finish(worker, status);
-        rewind(worker.output);
-        done(worker.name, result, worker.output);
-        fclose(worker.output);
+        for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+            const auto found = workers.find(pid);
+            if (found == workers.end()) continue;
+            Outcome outcome = finish(found->second, status);
+            workers.erase(found);
+            // A terminal's signal reaches the run before it does the lab.
+            if (WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) interrupted = SIGINT;
+            if (interrupted == 0 || WIFEXITED(status)) done(outcome);
+        }
+        if (tick) tick();
+        if (interrupted != 0) job.reset();
     }
+    return interrupted;
 }
 
-int run_all(const std::vector<Scenario>& scenarios, const RunOptions& options, int jobs,
-            bool quiet) {
-    size_t started = 0, passed = 0;
-    int worst = kHeld;
+int run_one(const Job& job, Outcome& outcome, const std::function<void()>& tick) {
+    bool started = false;
     const auto next = [&]() -> std::optional<Job> {
-        if (started == scenarios.size()) return {};
-        return Job{scenarios[started++], options};
+        if (std::exchange(started, true)) return {};
+        return job;
     };
-    run_each(next, jobs, [&](const std::string& name, int result, FILE* output) {
-        worst = std::max(worst, result);
-        passed += result == kHeld;
-        if (result != kHeld || !quiet)
-            printf("%-8s  %s\n", result == kHeld ? "held" : "NOT HELD", name.c_str());
-        if (result != kHeld || options.summary) fputs(read_all(output).c_str(), stdout);
-    });
-    printf("%zu passed, %zu failed\n", passed, scenarios.size() - passed);
-    return worst;
+    return run_each(
+            next, 1, [&](Outcome& ended) { outcome = std::move(ended); }, tick);
+}
+
+void rethrow(const Outcome& outcome) {
+    if (outcome.status == kForbidden) throw Forbidden(outcome.violations.at(0));
+    if (outcome.status == kRefused) throw Unable(outcome.violations.at(0));
 }
 
 }  // namespace rvd::lab

@@ -1,8 +1,7 @@
-// Runs many scenarios, each in a process of its own, several at once.
+// Runs scenarios, each in a process of its own, several at once.
 #pragma once
 
-#include <stdio.h>
-
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
@@ -18,25 +17,35 @@ constexpr int kNotHeld = 1;
 constexpr int kRefused = 2;     // wrong usage or input, or no room: the message says what
 constexpr int kReboots = 76;    // run again after the machine's reboot
 constexpr int kForbidden = 77;  // the kernel doesn't allow what the lab needs
+constexpr int kSignal = 128;    // and the signal's number: ended by it
 
 struct Job {
+    std::string suite;  // its scenario file, or its flow
     Scenario scenario;
     RunOptions options;
+    bool direct = false;  // prints where the lab does, instead of into its outcome
 };
-using Done = std::function<void(const std::string& name, int result, FILE* output)>;
 
-// Runs what `next` gives, several at once, until it gives no more; `done` is told the name of the
-// scenario, what it ended with, and what was said.
-void run_each(const std::function<std::optional<Job>()>& next, int jobs, const Done& done);
+// What a run came to.
+struct Outcome {
+    std::string suite, name;
+    int status = kHeld;
+    std::chrono::duration<double> spent{0};  // real time
+    std::vector<std::string> violations;     // or why there was no run
+    std::string output;
+    Conduct conduct;  // where it was to be learnt
+};
 
-std::string read_all(FILE* from);
+// Runs what `next` gives, several at once, until it gives no more; `done` is told of each, and
+// `tick` is called in between. Interrupted by a signal, it ends what runs, and returns its number;
+// 0 otherwise.
+int run_each(const std::function<std::optional<Job>()>& next, int jobs,
+             const std::function<void(Outcome&)>& done, const std::function<void()>& tick = {});
 
-// Runs all of them, tells of each in one line and shows the story of those that did not hold.
-// Returns the worst result.
-int run_all(const std::vector<Scenario>& scenarios, const RunOptions& options, int jobs,
-            bool quiet);
+// Runs one.
+int run_one(const Job& job, Outcome& outcome, const std::function<void()>& tick = {});
 
-// Runs one, telling its story as it happens.
-int run_one(const Scenario& scenario, RunOptions options);
+// Throws what a run threw that could not be made.
+void rethrow(const Outcome& outcome);
 
 }  // namespace rvd::lab

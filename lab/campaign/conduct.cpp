@@ -1,10 +1,7 @@
 #include "lab/campaign/conduct.h"
 
-#include <stdio.h>
-
 #include <algorithm>
 #include <filesystem>
-#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -15,21 +12,6 @@ namespace {
 // One fault costs at most the longest wait for an answer and what is repeated after it: tries at
 // the log directory, the boot or the dump.
 constexpr Time kGrace = 45 * kSecond;
-
-// A text of any bytes behind its size.
-void print_text(const std::string& text) {
-    printf("%zu ", text.size());
-    fwrite(text.data(), 1, text.size(), stdout);
-}
-
-std::string read_text(std::istream& in) {
-    size_t size = 0;
-    in >> size;
-    in.get();
-    std::string text(size, '\0');
-    in.read(text.data(), static_cast<std::streamsize>(size));
-    return text;
-}
 
 bool begins_with(const std::string& text, const std::string& beginning) {
     return text.compare(0, beginning.size(), beginning) == 0;
@@ -98,48 +80,6 @@ std::vector<std::string> differences(const Conduct& clean, const Conduct& faulty
             found.push_back(path + " was complete before");
     }
     return found;
-}
-
-void print_conduct(const Conduct& conduct) {
-    print_text(conduct.end);
-    printf(" %lld %zu ", static_cast<long long>(conduct.lasted), conduct.open.size());
-    for (const std::string& path : conduct.open)
-        print_text(path);
-    printf(" %zu ", conduct.files.size());
-    for (const auto& [path, content] : conduct.files) {
-        print_text(path);
-        print_text(content);
-    }
-    printf(" %zu ", conduct.calls.size());
-    for (const MadeCall& made : conduct.calls) {
-        print_text(made.call);
-        printf(" %d ", made.time);
-        print_text(made.path);
-        print_text(made.place);
-    }
-}
-
-Conduct read_conduct(const std::string& text) {
-    std::istringstream in(text);
-    Conduct conduct;
-    size_t count = 0;
-    conduct.end = read_text(in);
-    in >> conduct.lasted >> count;
-    for (; count > 0; count--)
-        conduct.open.push_back(read_text(in));
-    for (in >> count; count > 0; count--) {
-        const std::string path = read_text(in);
-        conduct.files[path] = read_text(in);
-    }
-    for (in >> count; count > 0; count--) {
-        MadeCall made;
-        made.call = read_text(in);
-        in >> made.time;
-        made.path = read_text(in);
-        made.place = read_text(in);
-        conduct.calls.push_back(made);
-    }
-    return conduct;
 }
 
 }  // namespace rvd::lab

@@ -16,7 +16,7 @@ using Files = std::map<std::string, std::string>;
 
 struct MadeCall {
     std::string call;
-    int time;  // which of its kind
+    int time = 0;  // which of its kind
     std::string path;
     std::string place;  // the last line before it
 };
@@ -39,9 +39,5 @@ Files closed_files(const Phone& phone, const std::vector<std::string>& open);
 // are the files that were complete when the fault came, `log` is what the daemon said.
 std::vector<std::string> differences(const Conduct& clean, const Conduct& faulty,
                                      const Files& before, const std::vector<std::string>& log);
-
-// To and from the text that one process hands to another.
-void print_conduct(const Conduct& conduct);
-Conduct read_conduct(const std::string& text);
 
 }  // namespace rvd::lab

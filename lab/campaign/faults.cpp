@@ -1,14 +1,14 @@
 #include "lab/campaign/faults.h"
 
-#include <stdio.h>
-#include <unistd.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "lab/builtin.h"
-#include "lab/campaign/campaign.h"
+#include "lab/campaign/progress.h"
 
 namespace rvd::lab {
 
@@ -126,7 +126,7 @@ std::vector<Planned> plan(std::vector<Row>& rows, bool spread) {
 
 // The run of one fault. Only what is collected from the modem is still held against the scenario.
 Job job_for(const Row& row, const Planned& planned, RunOptions options) {
-    Job job{row.flow, std::move(options)};
+    Job job{row.flow.name, row.flow, std::move(options)};
     job.scenario.name = planned.name;
     job.scenario.faults.push_back(planned.fault);
     job.options.clean = planned.stuck ? &row.stuck : &row.clean;
@@ -134,53 +134,63 @@ Job job_for(const Row& row, const Planned& planned, RunOptions options) {
     return job;
 }
 
-void learn(std::vector<Row>& rows, const FaultOptions& options) {
+// Returns the signal that interrupted it, or 0.
+int learn(std::vector<Row>& rows, const FaultOptions& options) {
     size_t at = 0;
     const auto next = [&]() -> std::optional<Job> {
         if (at == rows.size()) return {};
-        Job job{rows[at++].flow, options.run};
+        Job job{"", rows[at++].flow, options.run};
         job.options.story = false;
         job.options.learn = true;
         return job;
     };
-    run_each(next, options.jobs, [&](const std::string& name, int result, FILE* output) {
-        const std::string text = read_all(output);
-        if (result == kForbidden) throw Forbidden(text);
-        if (result == kRefused) throw Unable(text);
-        if (result != kHeld) throw Unable("the flow " + name + " does not hold without a fault");
+    const auto keep = [&](Outcome& outcome) {
+        rethrow(outcome);
+        if (outcome.status != kHeld)
+            throw Unable("the flow " + outcome.name + " fails without a fault");
         for (Row& row : rows) {
-            if (row.flow.name != name) continue;
-            row.clean = row.stuck = read_conduct(text);
+            if (row.flow.name != outcome.name) continue;
+            row.clean = row.stuck = std::move(outcome.conduct);
             row.stuck.end = "limit";
             row.stuck.lasted = row.flow.limit;
         }
-    });
+    };
+    return run_each(next, options.jobs, keep);
 }
 
-int replay(const Row& row, const std::vector<Planned>& planned, const FaultOptions& options) {
+const Planned& find_planned(const std::vector<Planned>& planned, const std::string& name) {
+    std::vector<std::string> names;
     for (const Planned& one : planned) {
-        if (one.name != options.only) continue;
-        Job job = job_for(row, one, options.run);
-        job.options.summary = true;
-        return run_one(job.scenario, job.options);
+        if (one.name == name) return one;
+        names.push_back(one.name);
     }
-    throw Unable("no such fault: " + options.only);
+    throw Unable("there is no fault \"" + name + "\"" + did_you_mean(name, names));
 }
 
-int print_table(const std::vector<Row>& rows, const std::vector<std::string>& failures) {
-    Row sum;
-    printf("\n%-16s %8s %8s %8s\n", "flow", "calls", "faults", "held");
+nlohmann::json table_of(const std::vector<Row>& rows) {
+    auto flows = nlohmann::json::array();
     for (const Row& row : rows) {
-        printf("%-16s %8zu %8zu %8zu\n", row.flow.name.c_str(), row.calls, row.faults, row.held);
+        flows.push_back({{"flow", row.flow.name},
+                         {"calls", row.calls},
+                         {"faults", row.faults},
+                         {"passed", row.held}});
+    }
+    return {{"flows", flows}};
+}
+
+void print_table(const std::vector<Row>& rows) {
+    Row sum;
+    fmt::print("\n{:<16} {:>8} {:>8} {:>8}\n", "flow", "calls", "faults", "passed");
+    const auto print = [](const std::string& name, const Row& row) {
+        fmt::print("{:<16} {:8} {:8} {:8}\n", name, row.calls, row.faults, row.held);
+    };
+    for (const Row& row : rows) {
+        print(row.flow.name, row);
         sum.calls += row.calls;
         sum.faults += row.faults;
         sum.held += row.held;
     }
-    printf("%-16s %8zu %8zu %8zu\n", "all", sum.calls, sum.faults, sum.held);
-    for (const std::string& failure : failures)
-        printf("\ndid not hold: rvd-lab faults --only %s", failure.c_str());
-    printf("%zu held, %zu did not\n", sum.held, failures.size());
-    return failures.empty() ? kHeld : kNotHeld;
+    print("all", sum);
 }
 
 }  // namespace
@@ -211,43 +221,52 @@ Fault make_fault(const std::string& call, int nth, const std::string& way) {
 
 int run_faults(const FaultOptions& options) {
     std::vector<Row> rows;
-    const std::string flow = options.only.substr(0, options.only.find(':'));
     std::vector<std::string> names;
+    const std::string flow = options.only.substr(0, options.only.find(':'));
     for (Scenario& scenario : parse_scenarios(kFlows, "flows.toml")) {
         names.push_back(scenario.name);
         if (flow.empty() || scenario.name == flow) rows.push_back({std::move(scenario), {}, {}});
     }
     if (rows.empty())
         throw Unable("no flow is called \"" + flow + "\"" + did_you_mean(flow, names));
-    learn(rows, options);
+    Report report("faults", options.reporting);
+    if (const int signal = learn(rows, options)) return report.finish(signal, table_of(rows));
     const std::vector<Planned> planned = plan(rows, options.spread > 0);
-    if (flow != options.only) return replay(rows[0], planned, options);
+    if (options.list) {
+        for (const Planned& one : planned)
+            fmt::print("{}\n", one.name);
+        return kHeld;
+    }
+    if (flow != options.only) {
+        const Job job = job_for(rows[0], find_planned(planned, options.only), options.run);
+        return tell_one(job);
+    }
 
     const size_t all = planned.size();
     const size_t wanted =
             options.spread > 0 ? std::min<size_t>(static_cast<size_t>(options.spread), all) : all;
     size_t started = 0, ended = 0;
-    std::map<std::string, size_t> flow_of;
-    std::vector<std::string> failures;
+    Progress progress("faults", wanted);
     const auto next = [&]() -> std::optional<Job> {
         if (started == wanted) return {};
         const Planned& one = planned[started++ * all / wanted];
-        flow_of[one.name] = one.flow;
         Job job = job_for(rows[one.flow], one, options.run);
         job.options.story = false;
         return job;
     };
-    run_each(next, options.jobs, [&](const std::string& name, int result, FILE* output) {
-        Row& row = rows[flow_of[name]];
-        row.faults++;
-        row.held += result == kHeld;
-        if (result != kHeld) failures.push_back(name + "\n" + read_all(output));
-        const bool terminal = isatty(STDERR_FILENO) != 0;
-        if (++ended % (terminal ? 20 : 1000) != 0 && ended != wanted) return;
-        fprintf(stderr, "%s%zu of %zu faults, %zu did not hold%s", terminal ? "\r" : "", ended,
-                wanted, failures.size(), terminal ? "" : "\n");
-    });
-    return print_table(rows, failures);
+    const auto done = [&](Outcome& outcome) {
+        const auto row = std::find_if(rows.begin(), rows.end(), [&](const Row& each) {
+            return each.flow.name == outcome.suite;
+        });
+        row->faults++;
+        row->held += outcome.status == kHeld;
+        ended++;
+        report.add(outcome);
+    };
+    const int signal =
+            run_each(next, options.jobs, done, [&] { progress.show(ended, report.failed()); });
+    if (!options.reporting.json) print_table(rows);
+    return report.finish(signal, table_of(rows));
 }
 
 }  // namespace rvd::lab

@@ -2,7 +2,7 @@
 // every way that it can fail.
 #pragma once
 
-#include "lab/run/run.h"
+#include "lab/campaign/report.h"
 
 namespace rvd::lab {
 
@@ -11,9 +11,11 @@ struct FaultOptions {
     std::string only;  // one fault, "FLOW:CALL:N:FAULT", with its story; or the flows to fail
     int spread = 0;    // so many faults, evenly chosen; 0: all
     int jobs = 1;
+    bool list = false;  // the names of the faults, instead of running them
+    Reporting reporting;
 };
 
-// Prints a table and what did not hold. Returns the worst result.
+// Reports what failed, and a table. Returns the exit status.
 int run_faults(const FaultOptions& options);
 
 // The ways in which a call can fail on a path: an errno, "short", "end" or "hang-up". Empty for one

@@ -1,16 +1,20 @@
 #include "lab/campaign/soak.h"
 
-#include <stdio.h>
+#include <fmt/core.h>
+#include <signal.h>
 #include <stdlib.h>
-#include <unistd.h>
+#include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
+#include <new>
+#include <nlohmann/json.hpp>
 #include <random>
 
 #include "lab/builtin.h"
-#include "lab/campaign/campaign.h"
 #include "lab/campaign/faults.h"
+#include "lab/campaign/progress.h"
 #include "lab/run/checks.h"
 
 namespace fs = std::filesystem;
@@ -30,9 +34,15 @@ const char* const kFaulty[] = {"open", "read", "write", "fsync", "statfs", "mmap
 
 const char* const kQuirky[] = {"0xA00D", "0xAF00", "0xAD00", "info", "reason", "1.1", "2.2"};
 
+// How far a soak is: for the lab's process, in the memory that its run shares with it.
+struct Figures {
+    std::atomic<int> passes{0}, whole{0};
+};
+
 class Soak {
   public:
-    Soak(int64_t seed, int passes) : random_(static_cast<uint64_t>(seed)), passes_(passes) {}
+    Soak(int64_t seed, int passes, Figures& figures)
+        : random_(static_cast<uint64_t>(seed)), passes_(passes), figures_(figures) {}
 
     // The daemon waits for the modem: a pass has come to its rest.
     void waits(Play& play) {
@@ -42,17 +52,22 @@ class Soak {
         timeline.resize(play.position);
         check(play);
         play.story.forget();
-        if (++passed_ % 100 == 0 && isatty(STDERR_FILENO) != 0)
-            fprintf(stderr, "\r%d of %d passes", passed_, passes_);
-        if (passed_ == passes_ || !play.story.violations().empty()) return stop(play);
+        const bool last = ++figures_.passes == passes_;
+        if (last || interrupted() || !play.story.violations().empty()) return stop(play);
         choose_events(timeline);
         choose_fault(play);
         choose_quirk(play);
     }
 
   private:
-    void stop(Play& play) const {
-        printf("%d passes, %d of them with a crash that was saved whole\n", passed_, whole_);
+    // The signals of an interruption wait for the end of the pass.
+    static bool interrupted() {
+        sigset_t waiting;
+        sigpending(&waiting);
+        return sigismember(&waiting, SIGINT) != 0 || sigismember(&waiting, SIGTERM) != 0;
+    }
+
+    static void stop(Play& play) {
         play.scenario.expect.files.clear();  // each pass has taken them away
         play.stage.stop("stop");
     }
@@ -83,7 +98,7 @@ class Soak {
             Scenario whole = play.scenario;
             whole.expect.end.clear();
             check_expectations(whole, play.phone, play.driver, Conduct(), play.story);
-            whole_++;
+            figures_.whole++;
         }
         fs::remove_all(play.phone.path(kLogs));
     }
@@ -159,7 +174,8 @@ class Soak {
     }
 
     std::mt19937_64 random_;
-    int passes_, passed_ = 0, whole_ = 0;
+    int passes_;
+    Figures& figures_;
     bool crashed_ = false;    // the pass has a crash in it
     bool disturbed_ = false;  // and something that may keep it from being saved
     std::string nv_;
@@ -186,14 +202,27 @@ Scenario soak_scenario() {
 
 }  // namespace
 
-int run_soak(int64_t seed, int passes, RunOptions options) {
-    printf("%d passes of seed %lld\n", passes, static_cast<long long>(seed));
+int run_soak(int64_t seed, int passes, RunOptions options, const Reporting& reporting) {
+    if (!reporting.json) fmt::print("{} passes of seed {}\n", passes, seed);
     options.timeout = std::max(options.timeout, passes / kPassesPerSecond);
-    Soak soak(seed, passes);
+    void* const page = mmap(nullptr, sizeof(Figures), PROT_READ | PROT_WRITE,
+                            MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED) fail_errno("no memory for the figures");
+    auto& figures = *new (page) Figures;
+    Soak soak(seed, passes, figures);
     options.on_wait = [&soak](Play& play) { soak.waits(play); };
-    const int result = run_one(soak_scenario(), options);
-    printf("%s\n", result == kHeld ? "held" : "did not hold; with the story: add --story");
-    return result;
+
+    Outcome outcome;
+    Progress progress("passes", static_cast<size_t>(passes));
+    const int signal = run_one({"soak", soak_scenario(), options, options.story}, outcome,
+                               [&] { progress.show(static_cast<size_t>(figures.passes), 0); });
+    const int done = figures.passes, whole = figures.whole;
+    if (!reporting.json)
+        fmt::print("{} passes, {} of them with a crash that was saved whole\n", done, whole);
+    Report report("soak", reporting);
+    outcome.name = fmt::format("seed {}", seed);
+    report.add(outcome);
+    return report.finish(signal, {{"seed", seed}, {"passes", done}, {"saved_whole", whole}});
 }
 
 }  // namespace rvd::lab

@@ -40,8 +40,8 @@ void add_run_options(CLI::App& app, CommandLine& line) {
     app.add_option("--root", line.run.root, "keep the phone's files in this directory");
     app.add_option("--timeout", line.run.timeout, "seconds of real time a run may take (60)")
             ->check(whole(1, 1'000'000));
-    app.add_option("--trace", line.run.trace, "write the story as trace events to this file");
-    app.add_option("--log", line.run.log, "write the daemon's lines to this file");
+    app.add_option("--trace", line.trace, "write the story as trace events to this file");
+    app.add_option("--log", line.log, "write the daemon's lines to this file");
 }
 
 void add_seed(CLI::App& app, CommandLine& line) {
@@ -51,6 +51,11 @@ void add_seed(CLI::App& app, CommandLine& line) {
 
 void add_jobs(CLI::App& app, CommandLine& line) {
     app.add_option("--jobs", line.jobs, "how many at once (all processors)")->check(whole(1, 4096));
+}
+
+void add_reporting(CLI::App& app, CommandLine& line) {
+    app.add_flag("--json", line.json, "results as JSON, instead of text");
+    app.add_option("--junit", line.junit, "write results as JUnit XML to this file");
 }
 
 void add_files(CLI::App& app, CommandLine& line) {
@@ -67,6 +72,7 @@ void add_demo(CLI::App& app, CommandLine& line) {
 void add_run(CLI::App& app, CommandLine& line) {
     add_files(app, line);
     app.add_option("--case", line.only, "only cases of this name; '*' for anything");
+    app.add_flag("--list", line.list, "name the cases, instead of running them");
     app.add_flag("--quiet", line.quiet, "name only the cases that fail");
     app.add_flag("--story", line.story, "tell the story of every case");
     app.add_flag("--real-time", line.run.real_time,
@@ -81,6 +87,7 @@ void add_run(CLI::App& app, CommandLine& line) {
     app.add_option("--jitter", line.run.jitter,
                    "microseconds between two reads of what the daemon says; no story may change")
             ->check(whole(0, 1'000'000));
+    add_reporting(app, line);
     add_jobs(app, line);
     add_seed(app, line);
     add_run_options(app, line);
@@ -90,6 +97,8 @@ void add_faults(CLI::App& app, CommandLine& line) {
     app.add_option("--only", line.only, "one flow; or FLOW:CALL:N:FAULT, one fault with its story");
     app.add_option("--spread", line.spread, "so many of all faults, evenly chosen")
             ->check(whole(1, 1'000'000));
+    app.add_flag("--list", line.list, "name the faults, instead of running them");
+    add_reporting(app, line);
     add_jobs(app, line);
     add_run_options(app, line);
 }
@@ -97,6 +106,7 @@ void add_faults(CLI::App& app, CommandLine& line) {
 void add_soak(CLI::App& app, CommandLine& line) {
     app.add_option("--passes", line.passes, "how many (10000)")->check(whole(1, 100'000'000));
     app.add_flag("--story", line.story, "tell the story");
+    add_reporting(app, line);
     add_seed(app, line);
     add_run_options(app, line);
 }

@@ -1,10 +1,9 @@
 #include "lab/cli/commands.h"
 
-#include <stdio.h>
+#include <fmt/core.h>
 #include <time.h>
 
 #include "lab/builtin.h"
-#include "lab/campaign/campaign.h"
 #include "lab/campaign/faults.h"
 #include "lab/campaign/soak.h"
 #include "lab/scenario/scenario.h"
@@ -13,47 +12,61 @@ namespace rvd::lab {
 
 namespace {
 
-std::vector<Scenario> chosen(const CommandLine& line) {
-    std::vector<Scenario> scenarios;
+// The options of a run, with the files of results open. There is one of each for one run.
+RunOptions open_results(const CommandLine& line, bool many) {
+    if (many && !(line.trace + line.log).empty())
+        throw Unable("--trace and --log take one run: choose it with --case or --only");
+    RunOptions options = line.run;
+    options.trace = Output(line.trace);
+    options.log = Output(line.log);
+    return options;
+}
+
+std::vector<Job> chosen(const CommandLine& line) {
+    std::vector<Job> jobs;
     std::vector<std::string> names;
     for (const std::string& file : line.files) {
         for (Scenario& scenario : read_scenarios(file)) {
             names.push_back(scenario.name);
             if (line.seed) scenario.seed = *line.seed;
             if (line.only.empty() || matches(line.only, scenario.name))
-                scenarios.push_back(std::move(scenario));
+                jobs.push_back({file, std::move(scenario), {}});
         }
     }
-    if (scenarios.empty())
+    if (jobs.empty())
         throw Unable("no case is called \"" + line.only + "\"" + did_you_mean(line.only, names));
-    return scenarios;
+    return jobs;
 }
 
-int demo(CommandLine& line) {
+int demo(const CommandLine& line) {
     for (Scenario& scenario : parse_scenarios(kDemoScenario, "demo.toml")) {
         if (scenario.modem != line.modem) continue;
         if (line.seed) scenario.seed = *line.seed;
-        line.run.summary = true;
-        return run_one(scenario, line.run);
+        return tell_one({"demo", scenario, open_results(line, false)});
     }
     throw Unable("there is no demo of " + line.modem);
 }
 
-int run(CommandLine& line) {
-    const std::vector<Scenario> scenarios = chosen(line);
-    if (scenarios.size() > 1 && !(line.run.trace + line.run.log).empty())
-        throw Unable("--trace and --log are for one case: choose it with --case");
-    if (scenarios.size() > 1 && line.run.relay)
-        throw Unable("name one case with --case: --relay runs no more");
-    line.run.summary = line.story;
-    if (line.run.relay || (scenarios.size() == 1 && line.story))
-        return run_one(scenarios[0], line.run);
-    return run_all(scenarios, line.run, line.jobs, line.quiet);
+int run(const CommandLine& line, const Reporting& reporting) {
+    std::vector<Job> jobs = chosen(line);
+    if (line.list) {
+        for (const Job& job : jobs)
+            fmt::print("{}: {}\n", job.suite, job.scenario.name);
+        return kHeld;
+    }
+    if (jobs.size() > 1 && line.run.relay)
+        throw Unable("--relay takes one case: choose it with --case");
+    const RunOptions options = open_results(line, jobs.size() > 1);
+    for (Job& job : jobs)
+        job.options = options;
+    const bool reported = reporting.json || reporting.junit;
+    if (line.run.relay || (jobs.size() == 1 && line.story && !reported)) return tell_one(jobs[0]);
+    return run_all(jobs, line.jobs, reporting);
 }
 
 int check(const CommandLine& line) {
     for (const std::string& file : line.files)
-        printf("%s: %zu cases\n", file.c_str(), read_scenarios(file).size());
+        fmt::print("{}: {} cases\n", file, read_scenarios(file).size());
     return kHeld;
 }
 
@@ -61,20 +74,29 @@ int check(const CommandLine& line) {
 
 int execute(CommandLine& line) {
     using Command = CommandLine::Command;
+    const Reporting reporting = {line.json, line.quiet, line.story, Output(line.junit)};
     switch (line.command) {
         case Command::demo:
             return demo(line);
         case Command::run:
-            return run(line);
+            return run(line, reporting);
         case Command::check:
             return check(line);
-        case Command::faults:
-            return run_faults({line.run, line.only, line.spread, line.jobs});
+        case Command::faults: {
+            const bool many = line.only.find(':') == std::string::npos;
+            return run_faults({open_results(line, many),
+                               line.only,
+                               line.spread,
+                               line.jobs,
+                               line.list,
+                               {line.json, true, false, reporting.junit}});
+        }
         case Command::soak:
             line.run.story = line.story;
-            return run_soak(line.seed.value_or(time(nullptr)), line.passes, line.run);
+            return run_soak(line.seed.value_or(time(nullptr)), line.passes,
+                            open_results(line, false), reporting);
         case Command::keys:
-            fputs(scenario_manual().c_str(), stdout);
+            fmt::print("{}", scenario_manual());
             return kHeld;
         case Command::none:
             break;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "lab/campaign/conduct.h"
+#include "lab/campaign/workplace.h"
 #include "lab/modem/driver.h"
 #include "lab/run/story.h"
 #include "lab/scenario/scenario.h"
@@ -26,8 +27,8 @@ struct RunOptions {
     std::string daemon;  // the binary, as it is
     std::string root;    // an existing directory to build the phone's root in
     bool keep = false;   // its files stay
-    std::string trace;   // where the trace goes; empty: nowhere
-    std::string log;     // where the daemon's lines go, all of them; empty: nowhere
+    Output trace;        // where the trace goes
+    Output log;          // where the daemon's lines go, all of them
     bool real_time = false;
     bool relay = false;              // behind the relay module, on this machine's own kernel
     std::string notebook;            // where such a run keeps what it needs to go on after a reboot

@@ -1,10 +1,12 @@
 #include "lab/run/story.h"
 
+#include <fmt/core.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <map>
+#include <nlohmann/json.hpp>
 
 namespace rvd::lab {
 
@@ -92,8 +94,8 @@ void Story::keep_fact(const char* kind, const std::string& text) {
 }
 
 void Story::violation(const std::string& text) {
-    violations_.push_back(text);
-    tell("lab", "", "NOT HELD: " + text);
+    told_.push_back({now_ - start_, "lab", "FAIL: " + text});
+    violations_.push_back(fmt::format("{:.3f} s: {}", seconds(now_ - start_), text));
 }
 
 void Story::keep_in_ring(int level, const std::string& text) {
@@ -152,32 +154,32 @@ std::vector<std::string> Story::transfer_summary() const {
     return lines;
 }
 
-void Story::write_trace(const std::string& path) const {
-    const char* const actors[] = {"daemon", "driver", "loader", "phone", "kernel", "lab"};
-    std::string json = "{\"traceEvents\":[\n";
-    for (size_t i = 0; i < std::size(actors); i++) {
-        json +=
-                format("{\"name\":\"thread_name\",\"ph\":\"M\",\"pid\":1,\"tid\":%zu,"
-                       "\"args\":{\"name\":\"%s\"}},\n",
-                       i, actors[i]);
+std::string Story::trace() const {
+    const std::vector<std::string> actors = {"daemon", "driver", "loader",
+                                             "phone",  "kernel", "lab"};
+    auto events = nlohmann::json::array();
+    for (size_t i = 0; i < actors.size(); i++) {
+        events.push_back({{"name", "thread_name"},
+                          {"ph", "M"},
+                          {"pid", 1},
+                          {"tid", i},
+                          {"args", {{"name", actors[i]}}}});
     }
+    const auto add = [&](Time at, ptrdiff_t actor, const char* scope, const std::string& name) {
+        events.push_back({{"name", name},
+                          {"ph", "i"},
+                          {"s", scope},
+                          {"pid", 1},
+                          {"tid", actor},
+                          {"ts", static_cast<double>(at) / 1000}});
+    };
     for (const Told& told : told_) {
-        std::string text;
-        for (const char c : on_one_line(told.text)) {
-            if (c == '"' || c == '\\') text += '\\';
-            text += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
-        }
-        const size_t actor = static_cast<size_t>(
-                std::find_if(std::begin(actors), std::end(actors),
-                             [&](const char* name) { return strcmp(name, told.from) == 0; }) -
-                std::begin(actors));
-        json += format("{\"ph\":\"i\",\"s\":\"t\",\"pid\":1,\"tid\":%zu,\"ts\":%.3f,\"name\":\"",
-                       actor, static_cast<double>(told.at) / 1000) +
-                text + "\"},\n";
+        const auto actor = std::find(actors.begin(), actors.end(), told.from);
+        add(told.at, actor - actors.begin(), "t", on_one_line(told.text));
     }
-    json += "{\"name\":\"end\",\"ph\":\"i\",\"s\":\"g\",\"pid\":1,\"tid\":0,\"ts\":" +
-            format("%.3f}\n]}\n", static_cast<double>(now_ - start_) / 1000);
-    write_file(path, json);
+    add(now_ - start_, 0, "g", "end");
+    const nlohmann::json all = {{"traceEvents", events}};
+    return all.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace rvd::lab

@@ -59,7 +59,7 @@ class Story {
     std::vector<std::string> transfer_summary() const;
 
     // Trace events as trace viewers read them.
-    void write_trace(const std::string& path) const;
+    std::string trace() const;
 
     // The last words of the crashed modem, as the driver was given them.
     std::string crash_sentence;

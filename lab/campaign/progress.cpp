@@ -1,0 +1,42 @@
+#include "lab/campaign/progress.h"
+
+#include <fmt/core.h>
+#include <unistd.h>
+
+namespace rvd::lab {
+
+namespace {
+
+constexpr auto kOnTerminal = std::chrono::milliseconds(200);
+constexpr auto kElsewhere = std::chrono::seconds(30);
+
+}  // namespace
+
+Progress::Progress(std::string what, size_t total)
+    : what_(std::move(what)),
+      total_(total),
+      terminal_(isatty(STDERR_FILENO) != 0),
+      start_(Clock::now()),
+      last_(start_) {}
+
+Progress::~Progress() {
+    if (terminal_ && shown_) fmt::print(stderr, "\r\033[K");
+}
+
+void Progress::show(size_t done, size_t failed) {
+    const auto now = Clock::now();
+    if (now - last_ < (terminal_ ? Clock::duration(kOnTerminal) : kElsewhere)) return;
+    last_ = now;
+    shown_ = true;
+    const double spent = std::chrono::duration<double>(now - start_).count();
+    std::string left = "time left unknown";
+    if (done > 0) {
+        const auto seconds = static_cast<int64_t>(spent / static_cast<double>(done) *
+                                                  static_cast<double>(total_ - done));
+        left = fmt::format("{}:{:02}:{:02} left", seconds / 3600, seconds / 60 % 60, seconds % 60);
+    }
+    fmt::print(stderr, "{}{} of {} {}, {} failed, {}{}", terminal_ ? "\r" : "", done, total_, what_,
+               failed, left, terminal_ ? "\033[K" : "\n");
+}
+
+}  // namespace rvd::lab

@@ -1,0 +1,48 @@
+// What the runs of a command came to, for people as they end, and for programs at the end.
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <vector>
+
+#include "lab/campaign/campaign.h"
+#include "lab/campaign/workplace.h"
+
+namespace rvd::lab {
+
+struct Reporting {
+    bool json = false;   // to standard output, instead of text
+    bool quiet = false;  // text of those alone that fail
+    bool story = false;  // the story of those that pass, too
+    Output junit;
+};
+
+class Report {
+  public:
+    Report(std::string command, Reporting to) : command_(std::move(command)), to_(to) {}
+
+    void add(Outcome& outcome);
+    size_t failed() const { return failed_; }
+
+    // Writes everything out, `figures` with it, and returns the exit status. A `signal` is what
+    // interrupted the command.
+    int finish(int signal, const nlohmann::json& figures);
+
+  private:
+    void print(const Outcome& outcome) const;
+    std::string junit() const;
+
+    std::string command_;
+    Reporting to_;
+    std::vector<Outcome> outcomes_;
+    size_t passed_ = 0, failed_ = 0;
+    int status_ = kHeld;
+};
+
+// Runs all, several at once, with a line for each and the story of those that fail. Returns the
+// exit status.
+int run_all(const std::vector<Job>& runs, int jobs, const Reporting& reporting);
+
+// Runs one, with its story as it happens. Returns the exit status.
+int tell_one(Job job);
+
+}  // namespace rvd::lab

@@ -1,0 +1,112 @@
+#include "lab/campaign/workplace.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <utility>
+
+#include "lab/base.h"
+
+namespace fs = std::filesystem;
+
+namespace rvd::lab {
+
+namespace {
+
+constexpr char kPrefix[] = "rvd-lab.";
+
+fs::path temporary_directory() {
+    std::error_code error;
+    const fs::path path = fs::temp_directory_path(error);
+    if (error) throw Unable("the directory for temporary files: TMPDIR names none");
+    return path;
+}
+
+bool others_write(const fs::path& directory) {
+    struct stat status {};
+    if (stat(directory.c_str(), &status) != 0) fail_errno("cannot write to " + directory.string());
+    return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
+void refuse_foreign_links(const fs::path& path) {
+    for (fs::path at = fs::absolute(path); at.has_relative_path(); at = at.parent_path()) {
+        std::error_code none;
+        if (fs::is_symlink(at, none) && others_write(at.parent_path()))
+            throw Unable(at.string() + " is a link in a directory that others can write to");
+    }
+}
+
+}  // namespace
+
+Workplace::Workplace(const std::string& named) : path_(named), temporary_(named.empty()) {
+    if (!temporary_) {
+        std::error_code error;
+        fs::create_directories(path_, error);
+        if (error) throw Unable("cannot make the directory " + path_ + ": " + error.message());
+        path_ = fs::canonical(path_);
+        if (!lock()) throw Unable(path_ + " is in use by another run");
+        return;
+    }
+    do {  // another run may sweep it before it is locked
+        path_ = temporary_directory() / (std::string(kPrefix) + "XXXXXX");
+        if (mkdtemp(path_.data()) == nullptr) fail_errno("cannot make " + path_);
+    } while (!lock());
+}
+
+Workplace::Workplace(Workplace&& from) noexcept
+    : path_(from.path_), temporary_(from.temporary_), lock_(std::exchange(from.lock_, -1)) {}
+
+Workplace::~Workplace() {
+    if (lock_ < 0) return;
+    if (temporary_) rmdir(path_.c_str());
+    close(lock_);
+}
+
+bool Workplace::lock() {
+    lock_ = open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    struct stat status {};
+    if (lock_ >= 0 && flock(lock_, LOCK_EX | LOCK_NB) == 0 && fstat(lock_, &status) == 0 &&
+        status.st_nlink > 0)
+        return true;
+    if (lock_ < 0 && errno != ENOENT) fail_errno("cannot use " + path_);
+    close(std::exchange(lock_, -1));
+    return false;
+}
+
+void sweep_workplaces() {
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator(temporary_directory(), none)) {
+        if (entry.path().filename().string().find(kPrefix) != 0) continue;
+        const int fd = open(entry.path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        // Only empty ones can be removed: the phone itself was gone with the run's namespace.
+        if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0) rmdir(entry.path().c_str());
+        if (fd >= 0) close(fd);
+    }
+}
+
+Output::Output(const std::string& path) : path_(path) {
+    if (path.empty()) return;
+    refuse_foreign_links(path);
+    const fs::path directory = fs::absolute(path).parent_path();
+    fd_ = open(path.c_str(),
+               O_WRONLY | O_CREAT | O_CLOEXEC | (others_write(directory) ? O_NOFOLLOW : 0), 0666);
+    if (fd_ < 0) fail_errno("cannot write " + path);
+}
+
+void Output::write(const std::string& text) const {
+    struct stat status {};
+    fstat(fd_, &status);
+    if (S_ISREG(status.st_mode) && ftruncate(fd_, 0) != 0) fail_errno("cannot write " + path_);
+    for (size_t at = 0; at < text.size();) {
+        const ssize_t n = ::write(fd_, text.data() + at, text.size() - at);
+        if (n < 0 && errno != EINTR) fail_errno("cannot write " + path_);
+        at += n > 0 ? static_cast<size_t>(n) : 0;
+    }
+}
+
+}  // namespace rvd::lab

@@ -1,0 +1,46 @@
+// Where runs put things on this machine: the directory a phone is built in, and the files that the
+// user names for results.
+#pragma once
+
+#include <string>
+
+namespace rvd::lab {
+
+// A directory for one phone, locked while its run lives.
+class Workplace {
+  public:
+    // The one named, which stays; where none is named, a temporary one, gone with this object.
+    // Throws Unable, also where another run has it.
+    explicit Workplace(const std::string& named);
+    Workplace(Workplace&& from) noexcept;
+    ~Workplace();
+
+    const std::string& path() const { return path_; }
+
+  private:
+    bool lock();
+
+    std::string path_;
+    bool temporary_;
+    int lock_ = -1;
+};
+
+// Removes the temporary directories of runs that were killed.
+void sweep_workplaces();
+
+// A file for results. It is opened before the run and keeps its content until there are some; a
+// device or a pipe is written as it is. No link is followed that somebody else could have made.
+class Output {
+  public:
+    Output() = default;
+    explicit Output(const std::string& path);
+
+    explicit operator bool() const { return fd_ >= 0; }
+    void write(const std::string& text) const;
+
+  private:
+    std::string path_;
+    int fd_ = -1;
+};
+
+}  // namespace rvd::lab
