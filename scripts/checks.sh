@@ -2,6 +2,7 @@
 # counts. Meant to be sourced; the sourcing script ends with `verdict`.
 # shellcheck shell=bash
 . scripts/common.sh
+writable build
 
 checks_passed=0
 checks_failed=0
@@ -22,7 +23,7 @@ last_words() {
 }
 
 verdict() {
-    ((checks_failed == 0))
+    ((checks_failed == 0 && checks_passed > 0))
 }
 
 # A command that what follows cannot do without: its failure ends the script.
@@ -35,16 +36,21 @@ must() {
     fi
 }
 
-# A check of its own: its failure is counted and the next one runs.
+# A check of its own: its failure is counted and the next one runs. What cannot run here ends with 77
+# and counts as neither.
 check() {
+    local status=0
     echo
     echo "==> $*"
-    if "$@"; then
-        checks_passed=$((checks_passed + 1))
-    else
-        echo "==> failed: $*"
-        checks_failed=$((checks_failed + 1))
-    fi
+    "$@" || status=$?
+    case $status in
+        0) checks_passed=$((checks_passed + 1)) ;;
+        77) echo "==> NOT RUN: $*" ;;
+        *)
+            echo "==> failed: $*"
+            checks_failed=$((checks_failed + 1))
+            ;;
+    esac
 }
 
 # Configures and builds a preset.

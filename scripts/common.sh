@@ -9,6 +9,12 @@ fail() {
     exit 1
 }
 
+# The shell itself uses descriptors from 10 on.
+if [[ $(ulimit -n) != unlimited ]] && (($(ulimit -n) < 256)); then
+    ulimit -n "$(ulimit -Hn)" 2>/dev/null || true
+    (($(ulimit -n) >= 256)) || fail "only $(ulimit -n) open files are allowed (ulimit -n), 256 are needed"
+fi
+
 # Ends a script that this machine cannot run.
 not_run() {
     {
@@ -95,7 +101,7 @@ configure() {
 # how far it is: on a terminal in one line that is overwritten, elsewhere every 30 s. What else it
 # prints is printed if it fails.
 with_progress() {
-    local label=$1 begin=$SECONDS next=$SECONDS line output='' percent step status=0
+    local label=$1 begin=$SECONDS next=$SECONDS line output='' percent='' step status=0
     shift
     "$@" 2>&1 | while IFS= read -r line; do
         if [[ $line == '[0/'* ]]; then
@@ -113,7 +119,11 @@ with_progress() {
         show_progress
     done || status=$?
     if [[ -t 2 ]]; then printf '\r%78s\r' '' >&2; fi
-    ((status == 0)) || printf '%s' "$output" >&2
+    if ((status != 0)); then
+        printf '%s' "$output" >&2
+    elif [[ $percent ]]; then
+        echo "$label: done in $((SECONDS - begin)) s" >&2
+    fi
     return "$status"
 }
 
