@@ -35,9 +35,9 @@ def expect(condition, text):
 def expect_same(what, in_source, in_packaging):
     in_source, in_packaging = set(in_source), set(in_packaging)
     for missing in sorted(in_source - in_packaging):
-        failures.append(f"{what} {missing}: in the source, not covered in android/")
+        failures.append(f"{what} {missing}: the daemon needs it, it is not here")
     for extra in sorted(in_packaging - in_source):
-        failures.append(f"{what} {extra}: in android/, not in the source")
+        failures.append(f"{what} {extra}: it is here, the daemon does not need it")
 
 
 def read(path):
@@ -206,6 +206,13 @@ def check_nodes(device, services):
         expect(owner == "radio", f"node {node}: belongs to {owner}, the daemon opens it as radio")
 
 
+def check_recipe():
+    """The lines for ueventd stand in the recipe too, to be copied from there."""
+    recipe = (HERE / "README.md").read_text()
+    for line in read(HERE / "device" / "ueventd.rvd.rc").splitlines():
+        expect(f"    {line}\n" in recipe or not line, f"README.md: lacks the line {line}")
+
+
 def check_requests(source, policy):
     for node, numbers in source.requests().items():
         expect_same(f"{node} node request", map(hex, numbers), map(hex, policy.requests(node)))
@@ -295,6 +302,7 @@ def main():
             check_actions(service, source)
     check_log_directory(source)
     check_sources()
+    check_recipe()
     for failure in failures:
         print(failure)
     if not failures:
