@@ -156,5 +156,11 @@ TEST_F(Device, ARebootIsAskedForWithTheWholeReasonOrNotAtAll) {
                                    std::string(84, 's') + ")");
 }
 
+TEST_F(Device, SmallLettersAloneTurnLarge) {
+    char text[] = "............";
+    Util::toUpperCase("`azm{@AZ[09_", text);
+    EXPECT_STREQ(text, "`AZM{@AZ[09_");
+}
+
 }  // namespace
 }  // namespace rvd::test

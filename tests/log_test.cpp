@@ -122,10 +122,12 @@ TEST_F(LogTest, ASinkThatFailsKeepsNothingFromTheOthers) {
     const int working = kmsg_fd;
     open_crash_log();
     kmsg_fd = -1;
-    errno = ENOENT;
-    Log::dump_error("t", "x\n");
+    for (const auto log : {Log::info, Log::error, Log::dump_info, Log::dump_error}) {
+        errno = ENOENT;
+        log("t", "x\n");
+        EXPECT_EQ(errno, ENOENT);
+    }
     kmsg_fd = working;
-    EXPECT_EQ(errno, ENOENT);
     EXPECT_THAT(records(), IsEmpty());
     EXPECT_THAT(read_file(android_log()), testing::EndsWith("t: x\n"));
     EXPECT_THAT(crash_log(), testing::EndsWith("t: x\n"));
