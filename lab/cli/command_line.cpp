@@ -9,6 +9,7 @@
 
 #include "lab/builtin.h"
 #include "lab/campaign/campaign.h"
+#include "lab/cli/complaint.h"
 
 namespace rvd::lab {
 
@@ -109,27 +110,6 @@ void add_soak(CLI::App& app, CommandLine& line) {
     add_reporting(app, line);
     add_seed(app, line);
     add_run_options(app, line);
-}
-
-// The first word that nothing is known of, an option before others, and the nearest that is known;
-// or what the library has to say.
-std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
-    std::vector<std::string> known;
-    const auto chosen = app.get_subcommands();
-    const std::vector<std::string> unknown = app.remaining(true);
-    if (unknown.empty()) return error.what();
-    const auto is_option = [](const std::string& word) { return word[0] == '-'; };
-    auto word = std::find_if(unknown.begin(), unknown.end(), is_option);
-    if (chosen.empty() && word == unknown.end()) {
-        for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
-            known.push_back(command->get_name());
-    } else {
-        for (const CLI::Option* option : (chosen.empty() ? &app : chosen[0])->get_options())
-            known.push_back(option->get_name());
-    }
-    if (word == unknown.end()) word = unknown.begin();
-    const std::string bare = word->substr(0, word->find('='));
-    return "\"" + bare + "\" is not known here" + did_you_mean(bare, known);
 }
 
 }  // namespace

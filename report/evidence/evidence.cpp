@@ -46,23 +46,32 @@ void Evidence::keep_what_belongs() {
 }
 
 std::string Evidence::text(File& file) const {
+    return read_at(file, 0, std::min(file.size, kTextLimit));
+}
+
+std::string Evidence::tail(File& file, uint64_t limit) const {
+    const uint64_t length = std::min(file.size, limit);
+    return read_at(file, file.size - length, length);
+}
+
+std::string Evidence::read_at(File& file, uint64_t offset, uint64_t length) const {
     if (!file.trouble.empty()) return {};
-    if (file.kept) return *file.kept;
+    if (file.kept) return offset <= file.kept->size() ? file.kept->substr(offset, length) : "";
     const ScopedFd fd(open((path_ + '/' + file.path).c_str(),
                            O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     std::string text;
     if (fd.valid()) {
-        text.resize(std::min(file.size, kTextLimit));
+        text.resize(length);
         size_t filled = 0;
-        while (filled < text.size()) {
-            const ssize_t count = read(fd.get(), text.data() + filled, text.size() - filled);
+        while (filled < length) {
+            const ssize_t count = pread(fd.get(), text.data() + filled, length - filled,
+                                        static_cast<off_t>(offset + filled));
             if (count < 0 && errno == EINTR) continue;
-            if (count < 0) break;
-            if (count == 0) errno = EIO;
-            if (count == 0) break;
+            if (count == 0) errno = EIO;  // it was cut meanwhile
+            if (count <= 0) break;
             filled += static_cast<size_t>(count);
         }
-        if (filled == text.size()) return text;
+        if (filled == length) return text;
     }
     file.trouble = strerror(errno);
     return {};

@@ -45,11 +45,14 @@ class Evidence {
 
     // The first kTextLimit bytes of a file; notes the trouble where it cannot be read.
     std::string text(File& file) const;
+    // Its last bytes, up to `limit`.
+    std::string tail(File& file, uint64_t limit) const;
 
     std::vector<File> take_files() { return std::move(files_); }
 
   private:
     void keep_what_belongs();
+    std::string read_at(File& file, uint64_t offset, uint64_t length) const;
 
     std::string path_;
     std::vector<File> files_;

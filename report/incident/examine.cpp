@@ -69,7 +69,7 @@ bool Report::anything_lost() const {
 Report examine(Evidence& evidence, Depth depth) {
     Report report = group(evidence.take_files(), evidence.path());
     for (Incident& incident : report.incidents)
-        judge(incident, evidence);
+        judge(incident, evidence, depth);
     if (depth == Depth::kList) return report;
 
     for (JudgedFile& file : report.others) {
@@ -77,6 +77,8 @@ Report examine(Evidence& evidence, Depth depth) {
         Records records;
         file.verdict = judge_other(file.file, evidence, size, records);
         hand_out(file.file.name.modem, records.records, report.incidents);
+        if (!records.records.empty() || !records.damage.empty())
+            report.records.push_back({file.file.path, std::move(records)});
     }
     return report;
 }

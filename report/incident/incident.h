@@ -42,6 +42,7 @@ struct Incident {
     bool to_the_minute = false;
     KernelTime kernel_time = kNoTime;
     KernelTime since_boot = kNoTime;  // of the modem
+    std::string boot_step;            // that failed, where the modem crashed in its boot
     bool again = false;               // another try at the dump of the crash before
 
     std::string sentence;          // ": CP Crash by CP - UMTS: ..."
@@ -57,10 +58,16 @@ struct Incident {
     std::vector<const JudgedFile*> lost() const;
 };
 
+struct RecordFile {
+    std::string path;
+    Records content;
+};
+
 struct Report {
     std::string path;
     std::vector<Incident> incidents;  // by time
     std::vector<JudgedFile> others;   // of no incident
+    std::vector<RecordFile> records;
 
     bool anything_lost() const;
 };
@@ -76,7 +83,7 @@ Report examine(Evidence& evidence, Depth depth = Depth::kWhole);
 Report group(std::vector<File> files, const std::string& path);
 
 // Verdicts, cause and versions of one incident from its own files.
-void judge(Incident& incident, const Evidence& evidence);
+void judge(Incident& incident, const Evidence& evidence, Depth depth);
 // Of a file that belongs to none. `records_size` is what the lines about it come to, if any do.
 Verdict judge_other(File& file, const Evidence& evidence, std::optional<uint64_t> records_size,
                     Records& records);

@@ -57,8 +57,8 @@ std::string place_of(uint64_t size, const CrashLog& log) {
 
 class Judgement {
   public:
-    Judgement(Incident& incident, const Evidence& evidence)
-        : incident_(incident), evidence_(evidence) {}
+    Judgement(Incident& incident, const Evidence& evidence, Depth depth)
+        : incident_(incident), evidence_(evidence), depth_(depth) {}
 
     void run() {
         read_kernel_logs();
@@ -81,12 +81,13 @@ class Judgement {
     void read_kernel_logs() {
         for (JudgedFile& file : incident_.files) {
             if (!is_kernel_log(file.file.name.kind)) continue;
-            const std::string text = evidence_.text(file.file);
-            file.verdict = judge_kernel_log(file.file, text);
+            const std::string end = evidence_.tail(file.file, 1);
+            file.verdict = judge_kernel_log(file.file, end);
             const Kind kind = file.file.name.kind;
             const bool late = kind == Kind::kKernelAfter || kind == Kind::kKernelFail ||
                               kind == Kind::kKernelDmesg;
-            const KernelLog log = read_kernel_log(text);
+            if (!late && depth_ == Depth::kList) continue;
+            const KernelLog log = read_kernel_log(evidence_.text(file.file));
             if (kind == Kind::kKernelBefore || !incident_.crash) begin_with(log);
             if (late && file.verdict.state == State::kComplete &&
                 (!has_reference_ || file.file.name.time >= reference_time_)) {
@@ -101,16 +102,16 @@ class Judgement {
     void begin_with(const KernelLog& log) {
         if (incident_.kernel_time != kNoTime) return;
         incident_.kernel_time = log.event != kNoTime ? log.event : log.last;
+        incident_.boot_step = log.boot_step;
         if (log.event != kNoTime && log.booted != kNoTime)
             incident_.since_boot = log.event - log.booted;
     }
 
-    static Verdict judge_kernel_log(const File& file, const std::string& text) {
+    static Verdict judge_kernel_log(const File& file, const std::string& end) {
         if (!file.trouble.empty()) return lost(State::kUnreadable, file.trouble);
         if (file.size == 0) return lost(State::kEmpty, "the kernel gave no log");
-        if (text.size() < file.size) return unverified("longer than is read");
         // Each save ends with one zero byte.
-        if (text.back() != '\0') return lost(State::kShort, "its end mark is missing");
+        if (end != std::string(1, '\0')) return lost(State::kShort, "its end mark is missing");
         return complete();
     }
 
@@ -294,6 +295,7 @@ class Judgement {
 
     Incident& incident_;
     const Evidence& evidence_;
+    Depth depth_;
     KernelLog reference_;  // the kernel log saved last in this dump, where it is whole
     DeviceTime reference_time_ = 0;
     bool has_reference_ = false;
@@ -323,8 +325,8 @@ Verdict judge_waiting(const std::string& text) {
 
 }  // namespace
 
-void judge(Incident& incident, const Evidence& evidence) {
-    Judgement(incident, evidence).run();
+void judge(Incident& incident, const Evidence& evidence, Depth depth) {
+    Judgement(incident, evidence, depth).run();
 }
 
 Verdict judge_other(File& file, const Evidence& evidence, std::optional<uint64_t> records_size,

@@ -115,11 +115,22 @@ void begin_dump(KernelLog& log) {
     log.dump_steps.reset();
 }
 
-void take_event_line(const Line& line, KernelLog& log, KernelTime& last_boot) {
-    if (line.message == "Boot up process done!!!") last_boot = line.at;
-    if (line.message != "CP status CRASH" && line.message != "CP Crash when CP booting..") return;
+// What was last heard of a boot before a crash.
+struct Boot {
+    KernelTime done = kNoTime;
+    std::string failed_step;
+};
+
+void take_event_line(const Line& line, KernelLog& log, Boot& boot) {
+    if (line.message == "Call boot start") boot.failed_step.clear();
+    if (line.message == "Boot up process done!!!") boot.done = line.at;
+    if (line.fails() && (line.tag == "boot" || line.tag == "ostra_normal_boot"))
+        boot.failed_step = std::string(line.message);
+    const bool booting = line.message == "CP Crash when CP booting..";
+    if (line.message != "CP status CRASH" && !booting) return;
     log.event = line.at;
-    log.booted = last_boot;
+    log.booted = booting ? kNoTime : boot.done;
+    log.boot_step = booting ? boot.failed_step : "";
     log.regions.clear();
 }
 
@@ -164,10 +175,10 @@ CrashLog read_crash_log(std::string_view text) {
 
 KernelLog read_kernel_log(std::string_view text) {
     KernelLog log;
-    KernelTime last_boot = kNoTime;
+    Boot boot;
     std::string cause;
     each_line(Sink::kKernel, text, [&](const Line& line) {
-        take_event_line(line, log, last_boot);
+        take_event_line(line, log, boot);
         if (begins_dump(line, log.dump)) begin_dump(log);
         if (line.tag == "get_log_dump") cause.clear();
         take_failure(line, log, cause);

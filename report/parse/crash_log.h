@@ -50,6 +50,7 @@ struct KernelLog {
     KernelTime last = kNoTime;    // of any line
     KernelTime event = kNoTime;   // when the crash was noticed
     KernelTime booted = kNoTime;  // when the modem had booted last before it
+    std::string boot_step;        // that failed, where the modem crashed in its boot
     bool dump_from_the_start = false;
     CrashLog dump;         // the lines that the crash text log has as well
     std::string sentence;  // ": CP Crash by ..."; empty: not logged

@@ -10,10 +10,6 @@ namespace {
 
 constexpr int kNameWidth = 48;
 
-std::string painted(const std::string& what, const char* code, const Style& style) {
-    return style.colours ? std::string("\033[") + code + "m" + what + "\033[0m" : what;
-}
-
 class Screen {
   public:
     explicit Screen(const Style& style) : style_(style) {}
@@ -100,6 +96,8 @@ class Screen {
         }
         if (incident.since_boot != kNoTime)
             text += ", " + people_span(incident.since_boot) + " after the modem's boot";
+        if (!incident.boot_step.empty())
+            text += ", in the modem's boot: " + printable(incident.boot_step);
         return text;
     }
 
@@ -125,6 +123,10 @@ class Screen {
 };
 
 }  // namespace
+
+std::string painted(const std::string& what, const char* code, const Style& style) {
+    return style.colours ? std::string("\033[") + code + "m" + what + "\033[0m" : what;
+}
 
 std::string screen(const std::vector<Entry>& timeline, const Style& style) {
     std::string text;

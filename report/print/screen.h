@@ -11,6 +11,9 @@ struct Style {
     bool colours = false;
 };
 
+// In the colour of a terminal's code, where there are colours.
+std::string painted(const std::string& what, const char* code, const Style& style);
+
 // One screen for each incident, and what was lost as the last line.
 std::string screen(const Report& report, const Style& style);
 

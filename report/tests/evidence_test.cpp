@@ -5,7 +5,7 @@
 
 #include <regex>
 
-#include "report/print/screen.h"
+#include "report/print/tables.h"
 #include "report/tests/support.h"
 
 namespace rvd::report {
@@ -45,6 +45,26 @@ TEST(Golden, ReportsOfRealRuns) {
         expect_golden(row.golden,
                       without_log_sizes(screen(report_of(root.path().string()), {false})));
     }
+}
+
+TEST(Golden, TablesOfRealRuns) {
+    const TemporaryDirectory demo, silent;
+    play(demo, "lab/scenarios/demo.toml", "demo vk880");
+    play(silent, "tests/scenarios/dump_link.toml", "the modem falls silent in the middle");
+    const Report first = report_of(demo.path().string());
+    const Report second = report_of(silent.path().string());
+    bool alike = true;
+    const std::string differing =
+            compare(first.incidents.back(), second.incidents.back(), {false}, alike);
+    EXPECT_FALSE(alike);
+    std::string text = records_table(first, {false}) + differing;
+    for (const Selection& selection :
+         {Selection{}, Selection{parse_time("2020-10-01 12:32"), "PREFETCH", true},
+          Selection{{}, "assert", false}})
+        text += list(second, selection, {false});
+    expect_golden("tables.txt", text);
+    compare(second.incidents[1], second.incidents[2], {false}, alike);
+    EXPECT_TRUE(alike);
 }
 
 // Where to cut: everywhere in a short file, at the lines' ends and in between in a longer one.
