@@ -78,13 +78,15 @@ void add_run(CLI::App& app, CommandLine& line) {
     app.add_flag("--story", line.story, "tell the story of every case");
     app.add_flag("--real-time", line.run.real_time,
                  "the real clock, and nothing between the daemon and its data");
-    app.add_flag("--relay", line.run.relay,
-                 "run one case behind the relay module, on this machine's own kernel: clock, disk, "
-                 "rights, reboots and panics are real");
+    app.add_flag("--device", line.run.device,
+                 "on this machine's own kernel, as root, with character devices in user space: "
+                 "clock, disk, log and rights are real");
+    app.add_option("--prepare", line.run.prepare,
+                   "with --device: a command that gets the phone's root before the daemon starts");
     app.add_option("--notebook", line.run.notebook,
-                   "with --relay: where the run keeps what it needs to go on with after a reboot "
-                   "or a panic, when the same command is to be given again")
-            ->default_val("/var/tmp/rvd-lab.notebook");
+                   "with --device: the machine is the phone, so its clock is set, and a panic or a "
+                   "reboot takes it down; what the run goes on with, when the same command is "
+                   "given again, is in this file");
     app.add_option("--jitter", line.run.jitter,
                    "microseconds between two reads of what the daemon says; no story may change")
             ->check(whole(0, 1'000'000));

@@ -54,14 +54,14 @@ int run(const CommandLine& line, const Reporting& reporting) {
             fmt::print("{}: {}\n", job.suite, job.scenario.name);
         return kHeld;
     }
-    if (jobs.size() > 1 && line.run.relay)
-        throw Unable("--relay takes one case: choose it with --case");
+    const bool one = !line.run.notebook.empty();
+    if (jobs.size() > 1 && one) throw Unable("--notebook takes one case: choose it with --case");
     const RunOptions options = open_results(line, jobs.size() > 1);
     for (Job& job : jobs)
         job.options = options;
     const bool reported = reporting.json || reporting.junit;
-    if (line.run.relay || (jobs.size() == 1 && line.story && !reported)) return tell_one(jobs[0]);
-    return run_all(jobs, line.jobs, reporting);
+    if (one || (jobs.size() == 1 && line.story && !reported)) return tell_one(jobs[0]);
+    return run_all(jobs, line.run.device ? 1 : line.jobs, reporting);
 }
 
 int check(const CommandLine& line) {

@@ -1,8 +1,12 @@
-// What a run on a real kernel writes down before the machine goes down, so that it can go on in
-// another process afterwards.
+// What a run on a real kernel writes down before the machine goes down, to go on in another process
+// afterwards.
 #pragma once
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <map>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -12,17 +16,30 @@ namespace rvd::lab {
 
 struct Notebook {
     Time start = 0, now = 0;
-    size_t position = 0;    // of the timeline
+    size_t position = 0;    // in the timeline
     bool panicked = false;  // rather than rebooted
     std::string crash_sentence;
     std::vector<std::string> log, requests, violations;
     std::map<std::string, int> times;  // of the driver's requests
 
-    // Returns false where nothing was written down. Reading it uses it up.
-    bool take(const std::string& path);
+    NLOHMANN_DEFINE_TYPE_INTRUSIVE(Notebook, start, now, position, panicked, crash_sentence, log,
+                                   requests, violations, times)
+
+    // False if there is none. Taking it removes it.
+    bool take(const std::string& path) {
+        const auto notes = nlohmann::json::parse(read_file(path), nullptr, false);
+        unlink(path.c_str());
+        if (!notes.is_discarded()) notes.get_to(*this);
+        return !notes.is_discarded();
+    }
 
     // On the disk when this returns. Throws Unable.
-    void store(const std::string& path) const;
+    void store(const std::string& path) const {
+        write_file(path, nlohmann::json(*this).dump());
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0 || fsync(fd) != 0) fail_errno("cannot flush " + path);
+        close(fd);
+    }
 };
 
 }  // namespace rvd::lab

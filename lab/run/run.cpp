@@ -6,8 +6,8 @@
 #include <map>
 #include <memory>
 
+#include "lab/device/device_stage.h"
 #include "lab/device/notebook.h"
-#include "lab/device/relay_stage.h"
 #include "lab/gate/gate.h"
 #include "lab/modem/driver.h"
 #include "lab/phone/phone.h"
@@ -94,7 +94,8 @@ Notebook story_so_far(const Story& story) {
 
 // What a scenario can expect of a real kernel: no times to the letter, and none of the requests
 // that go to the kernel itself. What those are to achieve is checked where it shows.
-Scenario on_real_kernel(Scenario scenario) {
+Scenario on_real_kernel(Scenario scenario, bool is_phone) {
+    if (!is_phone) scenario.start = time(nullptr) * kSecond;
     Expectations& expect = scenario.expect;
     expect.lasts.reset();
     expect.story.clear();
@@ -111,8 +112,11 @@ Scenario on_real_kernel(Scenario scenario) {
 std::unique_ptr<RunStage> make_stage(const Scenario& scenario, const RunOptions& options,
                                      const Phone& phone, Story& story, Time start, Time now) {
     const std::chrono::seconds patience(options.timeout);
-    if (options.relay)
-        return std::make_unique<RelayStage>(scenario, phone, story, start, now, patience);
+    if (options.device)
+        return std::make_unique<DeviceStage>(
+                scenario, phone, story,
+                DeviceStage::Setup{start, now, patience, !options.notebook.empty(),
+                                   options.prepare});
     return std::make_unique<Gate>(
             scenario, phone, story,
             Gate::Setup{start, options.real_time, patience, options.learn, options.jitter});
@@ -121,11 +125,11 @@ std::unique_ptr<RunStage> make_stage(const Scenario& scenario, const RunOptions&
 }  // namespace
 
 Result run_scenario(const Scenario& wanted, const RunOptions& options) {
-    Scenario scenario = options.relay ? on_real_kernel(wanted) : wanted;
+    Scenario scenario = options.device ? on_real_kernel(wanted, !options.notebook.empty()) : wanted;
     enter_namespaces();
     Phone phone(scenario, options.root, options.keep);
     Notebook notes;
-    const bool resumed = options.relay && notes.take(options.notebook);
+    const bool resumed = !options.notebook.empty() && notes.take(options.notebook);
     if (resumed) {
         phone.resume(options.daemon);
     } else {

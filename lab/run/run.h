@@ -30,14 +30,16 @@ struct RunOptions {
     Output trace;        // where the trace goes
     Output log;          // where the daemon's lines go, all of them
     bool real_time = false;
-    bool relay = false;              // behind the relay module, on this machine's own kernel
-    std::string notebook;            // where such a run keeps what it needs to go on after a reboot
-    bool story = true;               // told as it happens
-    bool summary = false;            // files, transfers and verdict at the end
-    int timeout = 60;                // seconds of real time
-    int jitter = 0;                  // microseconds that the gate waits between two reads
-    bool learn = false;              // the daemon's calls become part of the conduct
-    const Conduct* clean = nullptr;  // held against this, instead of what the scenario expects
+    bool device = false;   // on this machine's own kernel, with character devices
+    std::string prepare;   // a command that such a run gives the phone's root before the daemon
+    std::string notebook;  // where it keeps what it goes on with after a reboot of the machine;
+                           // empty: the machine stays up
+    bool story = true;     // told as it happens
+    bool summary = false;  // files, transfers and verdict at the end
+    int timeout = 60;      // seconds of real time
+    int jitter = 0;        // microseconds that the gate waits between two reads
+    bool learn = false;    // the daemon's calls become part of the conduct
+    const Conduct* clean = nullptr;      // held against this, instead of what the scenario expects
     std::function<void(Play&)> on_wait;  // before what the timeline has for the wait for the modem
 };
 
