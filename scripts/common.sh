@@ -74,20 +74,22 @@ writable() {
 
 # one_at_a_time DIRECTORY COMMAND...: waits for others that hold the directory.
 one_at_a_time() {
-    local lock
+    local lock status=0
     exec {lock}<"$1"
     if ! flock -n "$lock"; then
         echo "${0##*/}: another one is at work in $1, waiting for it" >&2
         flock "$lock"
     fi
-    "${@:2}"
+    "${@:2}" || status=$?
     exec {lock}<&-
+    return "$status"
 }
 
-# A copied or moved checkout brings a configuration that names the old place.
+# Whether a build directory was configured in another place, or for another checkout.
 moved() {
     [[ -e $1/CMakeCache.txt ]] &&
-        ! grep -qxF "CMAKE_CACHEFILE_DIR:INTERNAL=$(realpath "$1")" "$1/CMakeCache.txt"
+        (($(grep -cxF -e "CMAKE_CACHEFILE_DIR:INTERNAL=$(realpath "$1")" \
+            -e "CMAKE_HOME_DIRECTORY:INTERNAL=$(realpath .)" "$1/CMakeCache.txt") != 2))
 }
 
 # configure PRESET DIRECTORY [OPTION]...
