@@ -39,13 +39,13 @@ void print(const std::string& text) {
 int report(const CommandLine& line) {
     Evidence evidence(line.path);
     Report report = examine(evidence);
-    if (line.timeline || line.json) {
-        const std::vector<Event> events = merge_lines(report, evidence);
-        const std::vector<Entry> timeline = tell(events);
-        print(line.json ? json(report, timeline) : screen(timeline, style()));
-    } else {
-        print(screen(report, style()));
-    }
+    const std::vector<Event> events = merge_lines(report, evidence);
+    if (line.json)
+        print(json(report, find_troubles(events), tell(events)));
+    else if (line.timeline)
+        print(screen(tell(events), style()));
+    else
+        print(screen(report, find_troubles(events), style()));
     return report.anything_lost() ? kLost : kComplete;
 }
 

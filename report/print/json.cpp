@@ -117,8 +117,15 @@ Json entry_json(const Entry& entry) {
 
 }  // namespace
 
-std::string json(const Report& report, const std::vector<Entry>& timeline) {
-    Json incidents = Json::array(), entries = Json::array();
+std::string json(const Report& report, const std::vector<Finding>& findings,
+                 const std::vector<Entry>& timeline) {
+    Json incidents = Json::array(), found = Json::array(), entries = Json::array();
+    for (const Finding& finding : findings) {
+        found.push_back({{"line", finding.first->text},
+                         {"kernel_time", seconds(finding.first->at)},
+                         {"times", finding.times},
+                         {"means", finding.means}});
+    }
     for (const Incident& incident : report.incidents)
         incidents.push_back(incident_json(incident));
     for (const Entry& entry : timeline)
@@ -129,6 +136,7 @@ std::string json(const Report& report, const std::vector<Entry>& timeline) {
                         {"incidents", incidents},
                         {"other_files", files_json(report.others)},
                         {"silent_reset_records", records_json(report)},
+                        {"findings", found},
                         {"timeline", entries}};
     return whole.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
 }

@@ -42,6 +42,18 @@ class Screen {
         line("");
     }
 
+    void findings(const std::vector<Finding>& findings) {
+        if (findings.empty()) return;
+        line(bold("What the lines mean"));
+        for (const Finding& finding : findings) {
+            const std::string times =
+                    finding.times > 1 ? fmt::format(" ({} times)", finding.times) : "";
+            line("  " + printable(finding.first->text) + times);
+            line("    " + finding.means);
+        }
+        line("");
+    }
+
     void last_line(const Report& report) {
         size_t lost = 0;
         std::string names;
@@ -148,11 +160,12 @@ std::string screen(const std::vector<Entry>& timeline, const Style& style) {
     return text;
 }
 
-std::string screen(const Report& report, const Style& style) {
+std::string screen(const Report& report, const std::vector<Finding>& findings, const Style& style) {
     Screen screen(style);
     for (const Incident& incident : report.incidents)
         screen.incident(incident);
     screen.others(report);
+    screen.findings(findings);
     screen.last_line(report);
     return screen.text;
 }

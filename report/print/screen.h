@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "report/findings/findings.h"
 #include "report/timeline/timeline.h"
 
 namespace rvd::report {
@@ -15,7 +16,7 @@ struct Style {
 std::string painted(const std::string& what, const char* code, const Style& style);
 
 // One screen for each incident, and what was lost as the last line.
-std::string screen(const Report& report, const Style& style);
+std::string screen(const Report& report, const std::vector<Finding>& findings, const Style& style);
 
 // One line for each entry.
 std::string screen(const std::vector<Entry>& timeline, const Style& style);

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "report/findings/findings.h"
 #include "report/parse/words.h"
 #include "report/tests/support.h"
 
@@ -79,6 +80,22 @@ TEST(Telling, CountsRepetitionsAndSaysSilences) {
             told.push_back(entry.event != nullptr ? entry.event->text : entry.text);
         EXPECT_EQ(told, row.told);
     }
+}
+
+TEST(Troubles, AreFoundByTheirLinesWithTheirNumber) {
+    std::vector<Event> events(4);
+    events[0].message = "ERR! DEV(/dev/x) open fail";
+    events[1].message = "ERR! DEV(/dev/x) opened";
+    events[2].message = "ERR! resp 0xA00C != exp 0xA00D";
+    events[3].message = "ERR! DEV(/dev/y) open fail";
+    const std::vector<Finding> found = find_troubles(events);
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[0].first, &events[0]);
+    EXPECT_EQ(found[0].times, 2u);
+    EXPECT_EQ(found[1].first, &events[2]);
+    EXPECT_TRUE(has_pattern("abc", "a...c"));
+    EXPECT_TRUE(has_pattern("xaby", "ab..."));
+    EXPECT_FALSE(has_pattern("acb", "a...b...c"));
 }
 
 TEST(Meanings, OfNumbersInLines) {
