@@ -82,7 +82,9 @@ TEST_F(Storage, OnlyTheLogDirectoryIsEverRemoved) {
               "! remove_directory: Tried to remove false path: /data/vendor/log/rv, 20");
     std::filesystem::create_directories(std::string(kLogDir) + "/a/b");
     std::filesystem::create_symlink("/efs", std::string(kLogDir) + "/a/link");
+    testing::internal::CaptureStderr();
     EXPECT_EQ(Log::remove_directory(kLogDir), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_FALSE(std::filesystem::exists(kLogDir));
     EXPECT_TRUE(std::filesystem::exists("/efs"));
     std::filesystem::create_directories("/efs/kept");
