@@ -39,12 +39,13 @@ class Policy:
         return {(str(target), str(rule.tclass), right) for rule in rules
                 for target in rule.target.expand() for right in rule.perms}
 
-    def kernel_file(self, path):
-        """The label of a file that the kernel makes: the longest entry that it begins with."""
+    def kernel_file(self, path, passed_over=()):
+        """The label of a file that the kernel makes: of the longest entry that it begins with."""
         system, inside = ("proc", path[5:]) if path.startswith("/proc") else ("sysfs", path[4:])
-        entries = [entry for entry in self.policy.genfscons()
-                   if entry.fs == system and (inside or "/").startswith(entry.path)]
-        return str(max(entries, key=lambda entry: len(entry.path)).context.type_)
+        labels = {entry.path: str(entry.context.type_) for entry in self.policy.genfscons()
+                  if entry.fs == system and (inside or "/").startswith(entry.path)}
+        return labels[max((entry for entry, label in labels.items() if label not in passed_over),
+                          key=len)]
 
 
 class PropertyLabels:
@@ -143,19 +144,17 @@ def check_needs(needed, full, bare, own):
                      f"set_prop(rvd, {name}): nothing needs it")
 
 
-def check_taken_over(bare_tree, theirs, own, properties):
+def check_taken_over(full, theirs, own, properties):
     """A label of the platform's stays: others have rules for it."""
-    for path, label in own.files.items():
-        plain = path.removesuffix("(/.*)?")
-        if plain.startswith("/sys"):
-            before = bare_tree.kernel_file(plain)
-            before = "sysfs" if before == label else before
+    before = {name: properties.of(name) for name in own.properties}
+    for pattern in own.files:
+        path = pattern.removesuffix("(/.*)?")
+        if path.startswith("/sys"):
+            before[path] = full.kernel_file(path, passed_over=own.types())
         else:
-            before = file_label(theirs, plain, kind_of(plain, {plain} if plain != path else {})[1])
-        check.expect(before in DEFAULT_LABELS, f"{plain}: taken over, the platform's {before}")
-    for name in own.properties:
-        before = properties.of(name)
-        check.expect(before in DEFAULT_LABELS, f"{name}: taken over, the platform's {before}")
+            before[path] = file_label(theirs, path, kind_of(path, {path} - {pattern})[1])
+    for name, label in before.items():
+        check.expect(label in DEFAULT_LABELS, f"{name}: taken over, the platform's {label}")
 
 
 def check_setters(full, properties):
@@ -193,7 +192,7 @@ def main():
     needed |= needed_for_properties(properties, source)
     needed |= {right: call for call, right in CALLS.items() if call in source.text}
     check_needs(needed, full, bare, own)
-    check_taken_over(bare, theirs, own, PropertyLabels(*platform))
+    check_taken_over(full, theirs, own, PropertyLabels(*platform))
     check_setters(full, properties)
     check_commands(full, labels, services)
     for failure in check.failures:

@@ -51,12 +51,30 @@ platform_vendor_policy() {
         checkpolicy -C -M -c "$platform_level" -o "$out" "$out.conf"
 }
 
+# sort_contexts: from standard input to standard output, in the order of the platform's build. The last
+# entry that fits a path counts: patterns come before plain paths, shorter stems before longer ones.
+sort_contexts() {
+    awk 'NF && !/^ *#/ {
+        stem = meta = 0
+        for (i = 1; i <= length($1) && !meta; i++) {
+            character = substr($1, i, 1)
+            if (character == "\\")
+                i++
+            else
+                meta = index(".^$?*+|[({", character) > 0
+            stem += !meta
+        }
+        print 1 - meta, stem, length($1), NF, $0
+    }' | sort -s -k1,1n -k2,2n -k3,3n -k4,4n | cut -d' ' -f5-
+}
+
 # platform_file_contexts TREE ANDROID POLICY OUT: the labels of files, the platform's and ours,
-# compiled for look-ups; every label is one of POLICY's. OUT is a new file: the compiler replaces
-# what is there, be it a device.
+# compiled for look-ups; every label is one of POLICY's. ANDROID may be empty: the platform's alone. OUT
+# is a new file: the compiler replaces what is there, be it a device.
 platform_file_contexts() {
-    local tree=$1/system/sepolicy own=$2 policy=$3 out=$4
-    cat "$tree"/{private,vendor}/file_contexts "$own"/sepolicy/vendor/file_contexts \
-        "$own"/device/sepolicy/file_contexts >"$out.txt" &&
-        sefcontext_compile -p "$policy" -o "$out" "$out.txt"
+    local tree=$1/system/sepolicy own=$2 policy=$3 out=$4 directories=()
+    [[ -z $own ]] || directories=("$own"/{sepolicy/vendor,device/sepolicy})
+    directories+=("$tree"/{private,vendor})
+    cat "${directories[@]/%//file_contexts}" |
+        sort_contexts >"$out.txt" && sefcontext_compile -p "$policy" -o "$out" "$out.txt"
 }
