@@ -59,23 +59,6 @@ def transfers():
         say(f"{work}, by size", f"fastest rate {spread:.2f} times the slowest")
 
 
-def instructions(work, way, frames):
-    """User-space instructions of the process itself, not of the boot loader it forks."""
-    run = subprocess.Popen(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
-                            BUILD / "rvd-bench", "frames", work, way, str(frames)],
-                           stderr=subprocess.PIPE, text=True)
-    counted = re.search(rf"=={run.pid}== Collected : (\d+)", run.communicate()[1])
-    return int(counted.group(1))
-
-
-def instructions_per_frame():
-    for work in ("upload", "download"):
-        per_frame = {way: (instructions(work, way, 5000) - instructions(work, way, 1000)) / 4000
-                     for way in ("daemon", "bare")}
-        say(f"{work}, instructions a frame", f"{per_frame['daemon']:.0f} "
-            f"(bare loop {per_frame['bare']:.0f})")
-
-
 def descendants(process):
     parents = {}
     for status in pathlib.Path("/proc").glob("[0-9]*/stat"):
@@ -130,6 +113,5 @@ def peak_memory():
 
 
 transfers()
-instructions_per_frame()
 peak_memory()
 sys.exit(short > 0)

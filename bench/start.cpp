@@ -1,11 +1,9 @@
 // From the start of the daemon's process to its first request to the driver.
-#include <benchmark/benchmark.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
-#include "util/ScopedFd.h"
+#include "bench/duel.h"
 
 namespace rvd::bench {
 
@@ -17,27 +15,27 @@ double since(const timespec& start, const timespec& end) {
 }
 
 void start(benchmark::State& state) {
-    char program[] = RVD_FIRST_REQUEST, type[] = "-ttq720", log[] = "RVD_ANDROID_LOG=/dev/null";
-    char* words[] = {program, type, nullptr};
+    char log[] = "RVD_ANDROID_LOG=android.log";
     char* environment[] = {log, nullptr};
+    static bool silent = false;
+    if (silent) return state.SkipWithError("the daemon made no request within 10 s");
     for ([[maybe_unused]] auto turn : state) {
         int ends[2];
         if (pipe(ends) != 0) return state.SkipWithError("no pipe");
-        const ScopedFd out(ends[0]);
-        ScopedFd in(ends[1]);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, in.get(), STDOUT_FILENO);
-
         timespec begin = {}, end = {};
-        pid_t child = 0;
         clock_gettime(CLOCK_MONOTONIC, &begin);
-        const int failed = posix_spawn(&child, program, &actions, nullptr, words, environment);
-        in.reset();
-        const bool answered = failed == 0 && read(out.get(), &end, sizeof(end)) == sizeof(end);
-        posix_spawn_file_actions_destroy(&actions);
-        if (failed == 0) waitpid(child, nullptr, 0);
-        if (!answered) return state.SkipWithError("the daemon made no request");
+        const pid_t child = vfork();
+        if (child == 0) {
+            dup2(ends[1], STDOUT_FILENO);
+            execle(RVD_FIRST_REQUEST, "rvd", "-ttq720", nullptr, environment);
+            _exit(1);
+        }
+        close(ends[1]);
+        const bool answered = read(ends[0], &end, sizeof(end)) == sizeof(end);
+        close(ends[0]);
+        waitpid(child, nullptr, 0);
+        silent = !answered;
+        if (silent) return state.SkipWithError("the daemon made no request within 10 s");
         state.SetIterationTime(since(begin, end));
     }
 }

@@ -33,8 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const unsigned room = 1 + input.take<uint8_t>();
     const std::string line(input.rest());
     const Run run(&input);
-    write_on_phone("/proc/cmdline", line);
-    set_property_file("persist.vendor.rvd.debug_cp_opt", property);
+    test::write_file(test::kCmdline, line);
+    set_property("persist.vendor.rvd.debug_cp_opt", property);
 
     char value[PROPERTY_VALUE_MAX];
     const int length = property_get("persist.vendor.rvd.debug_cp_opt", value, "none");

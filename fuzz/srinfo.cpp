@@ -35,19 +35,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t choice = input.take<uint8_t>();
     *Container::getRvdArgs() = vk880().args;
     for (const char* path : {kLast, kLog, kPrevious})
-        unlink(on_phone(path).c_str());
-    if (choice & 0x01) write_on_phone(kLog, std::string(kRotationSize + (choice & 0x02), 'x'));
-    if (choice & 0x04) write_on_phone(kPrevious, "older");
-    if (choice & 0x08) write_on_phone(kLast, input.take_bytes(choice));
+        unlink(path);
+    if (choice & 0x01) test::write_file(kLog, std::string(kRotationSize + (choice & 0x02), 'x'));
+    if (choice & 0x04) test::write_file(kPrevious, "older");
+    if (choice & 0x08) test::write_file(kLast, std::string(input.take_bytes(choice)));
 
     Input answers(input.rest());
     const srinfo_buf record = Input(answers).take<srinfo_buf>();
-    const std::string log_before = read_on_phone(kLog);
+    const std::string log_before = test::read_file(kLog);
     const Run run(&answers);
     Srinfo* srinfo = vk880().srinfo;
     srinfo->store_srinfo(kNode);
-    const std::string last = read_on_phone(kLast);
-    const std::string log = read_on_phone(kLog);
+    const std::string last = test::read_file(kLast);
+    const std::string log = test::read_file(kLog);
     if (Run::granted_last(IOCTL_GET_SRINFO) && memcmp(record.data + 18, "JVER", 4) == 0) {
         const size_t rows = (std::min<size_t>(record.len, sizeof(record.data)) + kRow - 1) / kRow;
         const size_t kept = log_before.size() <= kRotationSize ? log_before.size() : 0;
@@ -59,8 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     srinfo->restore_srinfo(kNode);
     const bool handed_back = Run::granted_last(IOCTL_SET_SRINFO);
-    require((access(on_phone(kLast).c_str(), F_OK) != 0) == (handed_back || last.empty()) ||
-                    last.empty(),
+    require((access(kLast, F_OK) != 0) == (handed_back || last.empty()) || last.empty(),
             "a record waits until the driver took it");
     return 0;
 }

@@ -1,17 +1,10 @@
 #include "fuzz/support.h"
 
-#include <dirent.h>
 #include <errno.h>
-#include <fcntl.h>
-#include <ftw.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +16,7 @@
 #include "log/Log.h"
 #include "main/Container.h"
 #include "protocol/ProtocolVelo.h"
+#include "tests/support/kernel.h"
 
 // A device refuses an image of gigabytes with null, and so must the sanitizer.
 extern "C" const char* __asan_default_options() {
@@ -33,51 +27,21 @@ namespace rvd::fuzz {
 
 namespace {
 
-namespace fs = std::filesystem;
+// An NV file is made as large as the table says.
+constexpr rlim_t kLargestFile = 1 << 20;
 
-constexpr rlim_t kLargestFile = 1 << 20;  // an NV file is made as large as the table says
-
-thread_local Input* answers;  // null outside a run
-unsigned long granted;
-
-class Phone {
-  public:
-    Phone() {
-        std::string name = fs::temp_directory_path() / "rvd-fuzz-XXXXXX";
-        root = mkdtemp(name.data());
-        for (const char* directory :
-             {"/data/vendor/log/rvd/err", "/dev/block/by-name", "/efs", "/mnt/vendor/efs", "/proc",
-              "/properties", "/sys/power", "/sys/devices/platform/lnkm/sim"})
-            fs::create_directories(root + directory);
-        for (const char* node : {"umts_boot0", "umts_ramdump0", "nr_boot0", "nr_ramdump0"})
-            fs::create_symlink("/dev/null", root + "/dev/" + node);
-        setenv("RVD_PROPERTY_DIR", (root + "/properties").c_str(), 1);
-        kmsg_fd = -1;
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit = {kLargestFile, kLargestFile};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~Phone() {
-        std::error_code ignored;
-        fs::remove_all(root, ignored);
-    }
-
-    std::string root;
-};
-
-Phone& phone() {
-    static Phone instance;
-    return instance;
-}
+unsigned granted;
 
 Modem set_up(const char* type) {
     static ProtocolVelo protocol;
-    phone();
     Container::setProtocol(&protocol);
     std::string words[] = {"rvd", "-t", type};
     char* argv[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
     require(Container::parseArgs(3, argv) == PARSE_OK, "a modem is set up");
-    return {*Container::getRvdArgs(), Container::getBootDump(), Container::getSrinfo()};
+    RvdArgs& args = *Container::getRvdArgs();
+    strcpy(args.partition_path, "/efs/partition");
+    strcpy(args.nv_data_path, "/efs/nv");
+    return {args, Container::getBootDump(), Container::getSrinfo()};
 }
 
 bool closed(const int32_t (&slots)[kFdSlots]) {
@@ -91,12 +55,12 @@ int lowest_free() {
 }
 
 template <class Record>
-void fill(void* record) {
+void fill(Input* answers, void* record) {
     const Record answer = answers->take<Record>();
     memcpy(record, &answer, sizeof(answer));
 }
 
-void check_request(unsigned long request, const void* record) {
+void check_request(unsigned request, const void* record) {
     if (request == IOCTL_LOAD_CP_IMAGE) {
         cp_image image;
         memcpy(&image, record, sizeof(image));
@@ -111,22 +75,18 @@ void check_request(unsigned long request, const void* record) {
     }
 }
 
-void answer_request(unsigned long request, void* record) {
+// Most requests are granted, so that a run gets far.
+int answer_request(Input* answers, unsigned request, void* record) {
+    check_request(request, record);
     if (request == IOCTL_GET_LOG_DUMP) {
         static_cast<cp_log_dump*>(record)->size = answers->take<uint32_t>();
     } else if (request == IOCTL_GET_CP_CRASH_REASON) {
-        fill<cp_crash_reason>(record);
+        fill<cp_crash_reason>(answers, record);
     } else if (request == IOCTL_GET_LNKM_VERSION) {
-        fill<lnkm_version>(record);
+        fill<lnkm_version>(answers, record);
     } else if (request == IOCTL_GET_SRINFO) {
-        fill<srinfo_buf>(record);
+        fill<srinfo_buf>(answers, record);
     }
-}
-
-// Most requests are granted, so that a run gets far.
-int driver(unsigned long request, void* record) {
-    check_request(request, record);
-    answer_request(request, record);
     const uint8_t outcome = answers->take<uint8_t>();
     errno = EIO;
     const int result = outcome == 0xFF ? -1 : outcome == 0xFE ? answers->take<int>() : 0;
@@ -157,11 +117,16 @@ Run::Run(Input* input) {
     vk880();
     granted = 0;
     lowest_free_ = lowest_free();
-    answers = input;
+    test::reset_kernel();
+    test::kernel().driver = [input](int, unsigned request, void* record) {
+        return answer_request(input, request, record);
+    };
 }
 
 Run::~Run() {
-    answers = nullptr;
+    // The fuzzer lives in the same process.
+    test::kernel().real_time = true;
+    test::kernel().driver = nullptr;
     for (const Modem* modem : {&tq720(), &vk880()}) {
         require(closed(modem->controller->getStdBoot()->fd), "the boot record is closed");
         require(closed(modem->controller->getStdDump()->fd), "the dump record is closed");
@@ -169,110 +134,35 @@ Run::~Run() {
     require(lowest_free() == lowest_free_, "no descriptor is left open");
 }
 
-bool Run::granted_last(unsigned long request) {
+bool Run::granted_last(unsigned request) {
     return granted == request;
 }
 
-std::string on_phone(const char* path) {
-    for (const char* prefix : {"/data/", "/dev/block/", "/dev/nr_", "/dev/umts_", "/efs/", "/mnt/",
-                               "/sys/", "/proc/cmdline"}) {
-        if (strncmp(path, prefix, strlen(prefix)) == 0) return phone().root + path;
-    }
-    return path;
-}
-
-void write_on_phone(const char* path, std::string_view content) {
-    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    require(write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()),
-            "a file of the phone is written");
-    close(fd);
-}
-
-std::string read_on_phone(const char* path) {
-    const int fd = open(path, O_RDONLY);
-    if (fd < 0) return "";
-    std::string content(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
-    require(pread(fd, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()),
-            "a file of the phone is read");
-    close(fd);
-    return content;
-}
-
-void set_property_file(const char* name, std::string_view content) {
-    write_on_phone((phone().root + "/properties/" + name).c_str(), content);
+void set_property(const char* name, std::string_view value) {
+    test::write_file(test::property_store() + "/" + name, std::string(value));
 }
 
 }  // namespace rvd::fuzz
 
-// The calls that the daemon reaches the phone with. Outside a run, and off the phone, they do what
-// they always do: the fuzzer lives in the same process.
-
-using rvd::fuzz::answers;
-using rvd::fuzz::on_phone;
-
 extern "C" {
-
-int ioctl(int fd, unsigned long request, ...) noexcept {
-    va_list values;
-    va_start(values, request);
-    void* record = va_arg(values, void*);
-    va_end(values);
-    if (answers == nullptr) return static_cast<int>(syscall(SYS_ioctl, fd, request, record));
-    return rvd::fuzz::driver(request, record);
-}
-
-int open(const char* path, int flags, ...) {
-    va_list values;
-    va_start(values, flags);
-    const mode_t mode = flags & O_CREAT ? va_arg(values, mode_t) : 0;
-    va_end(values);
-    return openat(AT_FDCWD, on_phone(path).c_str(), flags, mode);
-}
-
-int stat(const char* path, struct stat* status) noexcept {
-    return fstatat(AT_FDCWD, on_phone(path).c_str(), status, 0);
-}
-
-int lstat(const char* path, struct stat* status) noexcept {
-    return fstatat(AT_FDCWD, on_phone(path).c_str(), status, AT_SYMLINK_NOFOLLOW);
-}
-
-int mkdir(const char* path, mode_t mode) noexcept {
-    return mkdirat(AT_FDCWD, on_phone(path).c_str(), mode);
-}
-
-int unlink(const char* path) noexcept {
-    return unlinkat(AT_FDCWD, on_phone(path).c_str(), 0);
-}
-
-int remove(const char* path) noexcept {
-    return unlink(path) == 0 ? 0 : rmdir(on_phone(path).c_str());
-}
-
-int rename(const char* from, const char* to) noexcept {
-    return renameat(AT_FDCWD, on_phone(from).c_str(), AT_FDCWD, on_phone(to).c_str());
-}
-
-DIR* opendir(const char* path) {
-    return fdopendir(open(path, O_RDONLY | O_DIRECTORY));
-}
-
-int nftw(const char*, __nftw_func_t, int, int) {
-    return 0;
-}
-
-unsigned sleep(unsigned seconds) {
-    return answers == nullptr ? static_cast<unsigned>(usleep(seconds * 1'000'000)) : 0;
-}
-
-int usleep(useconds_t time) {
-    const timespec pause = {time / 1'000'000, time % 1'000'000 * 1'000};
-    return answers == nullptr ? nanosleep(&pause, nullptr) : 0;
-}
 
 // Lines are still formatted by the daemon, and go nowhere.
 int __android_log_buf_print(int, int, const char*, const char*, ...) {
     return 1;
+}
+
+int LLVMFuzzerInitialize(int*, char***) {
+    rvd::test::enter_private_root();
+    std::filesystem::create_directories(rvd::test::property_store());
+    std::filesystem::create_directories("/data/vendor/log/rvd/err");
+    for (const char* node : {"umts_boot0", "umts_ramdump0", "nr_boot0", "nr_ramdump0"})
+        rvd::test::write_file(std::string("/dev/") + node, "");
+    setenv("RVD_PROPERTY_DIR", rvd::test::property_store().c_str(), 1);
+    rvd::test::kernel().real_time = true;
+    rvd::kmsg_fd = -1;
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit = {rvd::fuzz::kLargestFile, rvd::fuzz::kLargestFile};
+    return setrlimit(RLIMIT_FSIZE, &limit);
 }
 
 }  // extern "C"

@@ -1,6 +1,6 @@
 // What the daemon's targets stand on: bytes to draw from, a phone to run on, and checks that end
-// the process. The phone is a directory of its own: a path of the device (/data, /dev, ...) leads
-// into it, requests to the modem driver are answered out of the input, and no pause takes time.
+// the process. Requests to the modem's driver are answered out of the input, and no pause takes
+// time.
 #pragma once
 
 #include <cstddef>
@@ -10,6 +10,8 @@
 #include <string_view>
 
 #include "main/RvdArgs.h"
+#include "tests/support/host.h"
+#include "tests/support/private_root.h"
 
 namespace rvd {
 
@@ -79,17 +81,13 @@ class Run {
     Run& operator=(const Run&) = delete;
 
     // Whether this was the last request that the driver granted.
-    static bool granted_last(unsigned long request);
+    static bool granted_last(unsigned request);
 
   private:
     int lowest_free_;
 };
 
-// Files of the phone by their path there; others by their own. A file that is missing reads empty.
-std::string on_phone(const char* path);
-void write_on_phone(const char* path, std::string_view content);
-std::string read_on_phone(const char* path);
-void set_property_file(const char* name, std::string_view content);
+void set_property(const char* name, std::string_view value);
 
 }  // namespace fuzz
 }  // namespace rvd

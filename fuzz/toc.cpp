@@ -63,11 +63,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (choice & 0x08) args.nv_data_path[0] = '\0';
     if (choice & 0x10) args.boot_link = LINK_SHMEM;
     unlink(modem.args.nv_data_path);
-    if (choice & 0x20) write_on_phone(modem.args.nv_data_path, "the modem's own");
-    set_property_file("vendor.rvd.rfs_check_done", "1");
-    set_property_file("vendor.rvd.first_xmit_done", choice & 0x40 ? "1" : "0");
-    set_property_file("ro.vtc.sales_code", choice & 0x80 ? "TMB" : "");
-    write_on_phone(args.partition_path, input.rest());
+    if (choice & 0x20) test::write_file(modem.args.nv_data_path, "the modem's own");
+    set_property("vendor.rvd.rfs_check_done", "1");
+    set_property("vendor.rvd.first_xmit_done", choice & 0x40 ? "1" : "0");
+    set_property("ro.vtc.sales_code", choice & 0x80 ? "TMB" : "");
+    test::write_file(args.partition_path, std::string(input.rest()));
     loader.input = &answers;
     Container::setProtocol(&loader);
 

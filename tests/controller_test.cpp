@@ -134,9 +134,9 @@ TEST_F(Controller, WithoutMemoryAStepFailsWithItsWord) {
         SCOPED_TRACE(c.line);
         use_modem(c.type);
         plan_stage(2, 4096, 4096);
-        kernel().largest_block = 1024;
+        largest_block = 1024;
         const int result = c.step();
-        kernel().largest_block = SIZE_MAX;
+        largest_block = SIZE_MAX;
         EXPECT_EQ(result, c.result);
         EXPECT_THAT(said(), Contains(c.line));
         modem().std_boot_close_args();
@@ -146,10 +146,10 @@ TEST_F(Controller, WithoutMemoryAStepFailsWithItsWord) {
 TEST_F(Controller, AnNvFileIsMadeInOneWriteOrInBlocks) {
     constexpr uint64_t kSize = 200 * 1024;
     const std::string nv = path("nv");
-    for (const size_t largest : {SIZE_MAX, size_t{64} * 1024}) {
-        kernel().largest_block = largest;
+    for (const size_t limit : {SIZE_MAX, size_t{64} * 1024}) {
+        largest_block = limit;
         const int result = Util::create_empty_nv(nv.c_str(), kSize);
-        kernel().largest_block = SIZE_MAX;
+        largest_block = SIZE_MAX;
         EXPECT_EQ(result, 0);
         EXPECT_TRUE(read_file(nv) == std::string(kSize, '\xFF'));
         EXPECT_EQ(list(std::filesystem::path(nv).parent_path()), Lines{"nv"});

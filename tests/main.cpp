@@ -4,8 +4,8 @@
 
 #include <filesystem>
 
+#include "tests/support/host.h"
 #include "tests/support/private_root.h"
-#include "tests/test_host.h"
 
 namespace {
 

@@ -21,7 +21,7 @@
 #include <log/log.h>
 
 #include "platform/host/log_sink.h"
-#include "tests/test_host.h"
+#include "tests/support/host.h"
 
 namespace rvd::test {
 namespace {

@@ -81,9 +81,9 @@ TEST_F(Supervisor, WithoutMemoryForItsObjectsTheDaemonEnds) {
     char program[] = "rvd";
     char* words[] = {program, nullptr};
     const int standing = kmsg_fd;
-    kernel().largest_block = 0;
+    largest_block = 0;
     const std::optional<int> status = start_up(1, words);
-    kernel().largest_block = SIZE_MAX;
+    largest_block = SIZE_MAX;
     kmsg_fd = standing;
     EXPECT_EQ(status, -22);
 }

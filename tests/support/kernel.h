@@ -1,10 +1,11 @@
-// What the daemon asks of the kernel and a test answers: the driver's requests, waiting, free space
-// and the kernel's log ring. The executable's own ioctl, poll, sleep, usleep, statfs, klogctl and
-// pthread_detach take the place of the C library's, and it stands before calloc and posix_memalign.
+// The kernel as the daemon's code meets it in tests, fuzz targets and benches: the executable's own
+// ioctl, poll, sleep, usleep, statfs, klogctl and pthread_detach take the place of the C library's.
 #pragma once
 
 #include <pthread.h>
 
+#include <atomic>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -13,49 +14,24 @@
 
 namespace rvd::test {
 
-// The driver behind both nodes: a script of the requests it expects, in order.
-class Driver {
-  public:
-    // The next request is this one; the daemon gets `result`, with EIO where that is negative.
-    void expect(unsigned request, int result = 0) {
-        script_.push_back({request, [result](void*) { return result; }});
-    }
-    // The next request is this one and carries a Record, which `answer` may read and fill.
-    template <class Record, class Answer>
-    void expect(unsigned request, Answer answer) {
-        script_.push_back({request, [answer](void* record) {
-                               return static_cast<int>(answer(*static_cast<Record*>(record)));
-                           }});
-    }
-
-    int request(int fd, unsigned request, void* argument);
-    // Fails the test for every request that never came.
-    void verify();
-
-  private:
-    struct Step {
-        unsigned request;
-        std::function<int(void*)> answer;
-    };
-    std::deque<Step> script_;
-};
-
-// Everything else; reset for every test.
 struct Kernel {
-    Driver driver;
+    // Answers the requests to the modem's driver; without one they go to the machine's kernel.
+    std::function<int(int fd, unsigned request, void* argument)> driver;
+    bool real_time = false;  // pauses and waits take their time
+
     // Runs when the daemon begins to wait on a descriptor: the other end's turn.
     std::function<void()> on_wait;
     std::deque<short> wait_ends;     // what the next waits report, whatever their descriptor does
-    std::function<void()> on_sleep;  // runs in every pause of the daemon
     std::vector<int> timeouts;       // ms, of the waits that ended without an event
+    std::function<void()> on_sleep;  // runs in every pause of the daemon
     std::vector<unsigned> sleeps;    // ms
     std::mutex sleeping;
+
     unsigned long block_size = 1024;
     unsigned long free_blocks = 1u << 30;
     int statfs_error = 0;
     std::string ring = "<6>ring\n";  // the kernel's log
     int ring_error = 0;
-    size_t largest_block = SIZE_MAX;  // larger ones are refused
 
     // Waits for the threads that the daemon left to themselves. Returns how many there were.
     size_t join_detached();
@@ -64,5 +40,9 @@ struct Kernel {
 
 Kernel& kernel();
 void reset_kernel();
+
+// The blocks that the daemon's code asks the heap for, where memory.cpp is linked in.
+extern std::atomic<uint64_t> allocations;
+extern std::atomic<size_t> largest_block;  // larger ones are refused
 
 }  // namespace rvd::test

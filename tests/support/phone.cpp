@@ -27,7 +27,45 @@ std::string raw(std::initializer_list<uint32_t> words) {
     return {reinterpret_cast<const char*>(words.begin()), words.size() * sizeof(uint32_t)};
 }
 
+// A request of the dump record's goes to its node; of the others to the boot record's, or to a node
+// opened for the purpose.
+bool is_right_node(int fd, unsigned request) {
+    switch (request) {
+        case IOCTL_GET_LOG_DUMP:
+        case IOCTL_GET_CP_CRASH_REASON:
+        case IOCTL_GET_LNKM_VERSION:
+            return fd == Container::getStdDump()->fd[DUMP_FD_NODE];
+        case IOCTL_TRIGGER_KERNEL_PANIC:
+            return fd != Container::getStdBoot()->fd[BOOT_FD_NODE];
+        default: {
+            const int node = Container::getStdBoot()->fd[BOOT_FD_NODE];
+            return node < 0 || fd == node;
+        }
+    }
+}
+
 }  // namespace
+
+int Driver::request(int fd, unsigned request, void* argument) {
+    if (script_.empty() || script_.front().request != request) {
+        ADD_FAILURE() << "request 0x" << std::hex << request << " where the script has 0x"
+                      << (script_.empty() ? 0 : script_.front().request);
+        errno = ENOTTY;
+        return -1;
+    }
+    EXPECT_TRUE(is_right_node(fd, request)) << "request 0x" << std::hex << request;
+    const Step step = script_.front();
+    script_.pop_front();
+    const int result = step.answer(argument);
+    if (result < 0) errno = EIO;
+    return result;
+}
+
+void Driver::verify() {
+    for (const Step& step : script_)
+        ADD_FAILURE() << "request 0x" << std::hex << step.request << " never came";
+    script_.clear();
+}
 
 Modem::Modem(int32_t* slot, const std::string& script) : slot_(slot) {
     int ends[2];
@@ -98,6 +136,9 @@ void Modem::take_turn() {
 void Phone::SetUp() {
     umask(002);
     reset_kernel();
+    kernel().driver = [this](int fd, unsigned request, void* argument) {
+        return driver_.request(fd, request, argument);
+    };
     kmsg_fd = -1;
     debug_level = 1;
     cp_debug = 0;

@@ -13,14 +13,41 @@
 
 #include "bootdump/StdArgs.h"
 #include "main/Container.h"
+#include "tests/support/host.h"
 #include "tests/support/kernel.h"
-#include "tests/test_host.h"
 
 namespace rvd::test {
 
 constexpr char kLogDir[] = "/data/vendor/log/rvd";
 
 using Lines = std::vector<std::string>;
+
+// The driver behind both nodes: a script of the requests it expects, in order.
+class Driver {
+  public:
+    // The next request is this one; the daemon gets `result`, with EIO where that is negative.
+    void expect(unsigned request, int result = 0) {
+        script_.push_back({request, [result](void*) { return result; }});
+    }
+    // The next request is this one and carries a Record, which `answer` may read and fill.
+    template <class Record, class Answer>
+    void expect(unsigned request, Answer answer) {
+        script_.push_back({request, [answer](void* record) {
+                               return static_cast<int>(answer(*static_cast<Record*>(record)));
+                           }});
+    }
+
+    int request(int fd, unsigned request, void* argument);
+    // Fails the test for every request that never came.
+    void verify();
+
+  private:
+    struct Step {
+        unsigned request;
+        std::function<int(void*)> answer;
+    };
+    std::deque<Step> script_;
+};
 
 // The far end of one node, played from a script. It takes its turn when the daemon begins to wait.
 // A script is a line of words:
@@ -77,9 +104,10 @@ class Phone : public testing::Test {
     // A file of this test alone, opened by no-one.
     std::string path(const char* name) { return directory_ / name; }
 
-    Driver& driver() { return kernel().driver; }
+    Driver& driver() { return driver_; }
 
   private:
+    Driver driver_;
     TempDir directory_;
     int kernel_log_ = -1;
     size_t read_ = 0;

@@ -16,7 +16,7 @@
 #include <set>
 #include <string>
 
-#include "tests/test_host.h"
+#include "tests/support/host.h"
 
 namespace rvd::test {
 

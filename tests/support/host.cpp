@@ -1,4 +1,4 @@
-#include "tests/test_host.h"
+#include "tests/support/host.h"
 
 #include <stdlib.h>
 
