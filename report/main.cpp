@@ -7,6 +7,7 @@
 
 #include "lab/cli/complaint.h"
 #include "report/print/json.h"
+#include "report/print/picture.h"
 #include "report/print/screen.h"
 #include "report/print/tables.h"
 
@@ -20,7 +21,7 @@ constexpr int kLost = 1;  // or, of two crashes: they differ
 constexpr int kUnreadable = 2;
 
 struct CommandLine {
-    std::string path, other;
+    std::string path, other, picture;
     bool timeline = false, json = false;
     std::string since, until_a, until_b;
     Selection selection;
@@ -40,6 +41,7 @@ int report(const CommandLine& line) {
     Evidence evidence(line.path);
     Report report = examine(evidence);
     const std::vector<Event> events = merge_lines(report, evidence);
+    if (!line.picture.empty()) write_picture(line.picture, line.path, messages_of(tell(events)));
     if (line.json)
         print(json(report, find_troubles(events), tell(events)));
     else if (line.timeline)
@@ -110,6 +112,8 @@ int execute(int argc, char** argv) {
     add_evidence(app, line.path);
     app.add_flag("--timeline", line.timeline,
                  "every line of the daemon in order, with its meaning");
+    app.add_option("--picture", line.picture,
+                   "draw what happened as a sequence into this file (SVG)");
     app.add_flag("--json", line.json, "for programs: docs/report.schema.json");
 
     CLI::App* list_command = app.add_subcommand("list", "one line for each incident");
