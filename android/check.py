@@ -23,6 +23,8 @@ CAPABILITY_USES = {"setuid": "setuid(", "syslog": "klogctl(",
 PATH_OPTIONS = {"-B": ("boot", "/dev/%s"), "-D": ("dump", "/dev/%s"),
                 "-P": ("partition", "/dev/block/%s"), "-p": ("partition", "/dev/block/mmcblk0p%s"),
                 "-n": ("nv", "%s/nv_data.bin")}
+# The end of a partition's name on a device with two slots, in a service, for ueventd, in a label.
+SLOTS = {"${ro.boot.slot_suffix}": "_[ab]", "_*": "_[ab]"}
 
 failures = []
 
@@ -42,6 +44,12 @@ def expect_same(what, in_source, in_packaging):
 
 def read(path):
     return re.sub(r"(^|\s)#.*", "", path.read_text(), flags=re.M)
+
+
+def one_slot(path):
+    for ending, pattern in SLOTS.items():
+        path = path.replace(ending, pattern)
+    return path
 
 
 def parent(path):
@@ -102,7 +110,7 @@ class Service:
         self.paths = dict(source.modems().get(self.modem, {}))
         for option, (role, form) in PATH_OPTIONS.items():
             if option in arguments:
-                self.paths[role] = form % arguments[option]
+                self.paths[role] = one_slot(form % arguments[option])
 
     def option(self, name):
         line = re.search(rf"^ +{name} (.*)$", self.text, re.M)
@@ -201,7 +209,7 @@ def check_nodes(device, services):
              if path.startswith("/dev/")}
     entries = dict(re.findall(r"^(/\S+)\s+0\d+\s+(\w+)\s+\w+$",
                               read(device / "ueventd.rvd.rc"), re.M))
-    expect_same("node", nodes, entries)
+    expect_same("node", nodes, map(one_slot, entries))
     for node, owner in entries.items():
         expect(owner == "radio", f"node {node}: belongs to {owner}, the daemon opens it as radio")
 
