@@ -218,7 +218,10 @@ TEST_F(Plan, ATableIsReadNoFurtherThanItGoes) {
     ASSERT_TRUE(prepare("tq720", whole.substr(0, 64), "", CP_BOOT_MODE_NORMAL));
     EXPECT_EQ(boot().dload[2].size, 0u);
     Container::getBootDump()->std_boot_close_args();
+    EXPECT_FALSE(prepare("tq720", whole.substr(0, 3), "", CP_BOOT_MODE_NORMAL));
+    EXPECT_EQ(last_said(), "prepare_boot_args: ERR! invalid TOC : No info for TOC verification");
     EXPECT_FALSE(prepare("tq720", whole.substr(0, 2), "", CP_BOOT_MODE_NORMAL));
+    EXPECT_EQ(last_said(), "prepare_boot_args: ERR! invalid TOC: No TOC");
 }
 
 }  // namespace

@@ -36,8 +36,10 @@ TEST_F(Storage, TheDirectoryIsMadeOrGivenUpAfterSixTries) {
     write_file(kLogDir, "a file");
     EXPECT_EQ(create(), -14);
     EXPECT_EQ(kernel().sleeps, seconds(5));
-    EXPECT_EQ(last_said(),
-              std::string("create_log_directory: default path create fail ") + kLogDir);
+    const std::string directory = kLogDir;
+    const Lines lines = said();
+    EXPECT_THAT(lines, Contains("create_directory: (" + directory + ") is not a directory"));
+    EXPECT_EQ(lines.back(), "create_log_directory: default path create fail " + directory);
 
     std::filesystem::rename("/data/vendor/log", "/data/vendor/away");
     EXPECT_EQ(create(), -1);
