@@ -12,7 +12,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parent
 ROOMS = ("main", "bootdump", "protocol", "srinfo", "log", "util")
 
-# What the platform labels itself; which label that is, check_tree.py finds out.
+# What the platform labels itself; which label, check_policy.py finds out.
 PLATFORM_PATHS = {"/data", "/dev/kmsg", "/efs/factory.prop", "/proc/cmdline",
                   "/sys/power/wake_lock", "/sys/power/wake_unlock"}
 PLATFORM_PROPERTIES = {"ro.hardware.chipname", "sys.powerctl", "sys.shutdown.requested"}
@@ -258,7 +258,7 @@ def check_service(service, source):
 
 
 def check_actions(service, source):
-    """What the daemon opens as the radio user is given to it. When, check_tree.py looks at."""
+    """What the daemon opens as the radio user is given to it; check_init.py looks at when."""
     nv = service.paths["nv"]
     wanted = {("restorecon_recursive", parent(nv)), ("chown", parent(nv)), ("chmod", parent(nv)),
               ("chown", nv)}

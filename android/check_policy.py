@@ -92,8 +92,8 @@ def label_of(full, labels, path, kind):
     return file_label(labels, path, kind)
 
 
-def needed_for_paths(full, labels, source, paths):
-    """Every directory on the way is searched, every file opened, every directory written to."""
+def needed_for_paths(full, labels, paths):
+    """Every directory on the way is searched, every file opened, what is missing made."""
     directories = {check.parent(path) for path in paths} & paths | {"/data"}
     needed = {}
     for path in paths:
@@ -106,10 +106,9 @@ def needed_for_paths(full, labels, source, paths):
         for above in pathlib.PurePath(path).parents:
             where = label_of(full, labels, str(above), "dir")
             needed[(where, "dir", "search")] = f"{above} on the way to {path}"
-    made = [path for path in paths if path in source.paths and path.startswith("/data/")]
-    for path in made:
-        above = label_of(full, labels, check.parent(path), "dir")
-        needed[(above, "dir", "add_name")] = f"{path}, made where it is missing"
+        if path.startswith(("/data/", "/mnt/")):
+            above = label_of(full, labels, check.parent(path), "dir")
+            needed[(above, "dir", "add_name")] = f"{path}, made where it is missing"
     return needed
 
 
@@ -188,7 +187,7 @@ def main():
     ours = sorted(check.HERE.glob("sepolicy/**/property_contexts"))
     properties = PropertyLabels(*platform, *ours)
 
-    needed = needed_for_paths(full, labels, source, check.wanted_paths(source, services))
+    needed = needed_for_paths(full, labels, check.wanted_paths(source, services))
     needed |= needed_for_properties(properties, source)
     needed |= {right: call for call, right in CALLS.items() if call in source.text}
     check_needs(needed, full, bare, own)
