@@ -1,11 +1,19 @@
 #include "lab/gate/calls.h"
 
-#include <sched.h>
-#include <stdlib.h>
-#include <sys/prctl.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <linux/capability.h>
+#include <linux/sched.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/time.h>
+#include <sys/vfs.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <list>
+#include <optional>
 
 #include "bootdump/lnkm.h"
 
@@ -13,119 +21,393 @@ namespace rvd::lab {
 
 namespace {
 
-constexpr CallShape kShapes[] = {
-        {"open", "open", Watch::always, Service::open, 0, -1},
-        {"openat", "open", Watch::always, Service::open, 1, -1},
-        {"ioctl", "ioctl", Watch::always, Service::ioctl, -1, 0},
-        {"syslog", "syslog", Watch::always, Service::syslog, -1, -1},
-        {"statfs", "statfs", Watch::always, Service::statfs, 0, -1},
-        {"fstatfs", "statfs", Watch::always, Service::statfs, -1, 0},
-        {"sync", "sync", Watch::always, Service::sync, -1, -1},
-        {"prctl", "prctl", Watch::always, Service::identity, -1, -1},
-        {"setuid", "setuid", Watch::always, Service::identity, -1, -1},
-        {"capset", "capset", Watch::always, Service::identity, -1, -1},
-        {"chown", "chown", Watch::always, Service::identity, 0, -1},
-        {"fchownat", "chown", Watch::always, Service::identity, 1, -1},
-        {"mkdir", "mkdir", Watch::always, Service::look, 0, -1},
-        {"mkdirat", "mkdir", Watch::always, Service::look, 1, -1},
-        {"unlink", "unlink", Watch::always, Service::look, 0, -1},
-        {"unlinkat", "unlink", Watch::always, Service::look, 1, -1},
-        {"rmdir", "rmdir", Watch::always, Service::look, 0, -1},
-        {"rename", "rename", Watch::always, Service::look, 0, -1},
-        {"renameat", "rename", Watch::always, Service::look, 1, -1},
-        {"renameat2", "rename", Watch::always, Service::look, 1, -1},
+constexpr int64_t kPlentyMb = 20'000;
+constexpr long kBlock = 1024;  // so that whole megabytes stay whole in any arithmetic
 
-        {"poll", "poll", Watch::virtual_time, Service::poll, -1, -1},
-        {"ppoll", "poll", Watch::virtual_time, Service::poll, -1, -1},
-        {"pause", "pause", Watch::virtual_time, Service::sleep, -1, -1},
-        {"nanosleep", "sleep", Watch::virtual_time, Service::sleep, -1, -1},
-        {"clock_nanosleep", "sleep", Watch::virtual_time, Service::sleep, -1, -1},
-        {"clock_gettime", "clock", Watch::virtual_time, Service::clock, -1, -1},
-        {"gettimeofday", "clock", Watch::virtual_time, Service::clock, -1, -1},
-        {"time", "clock", Watch::virtual_time, Service::clock, -1, -1},
-        {"clone", "clone", Watch::virtual_time, Service::clone, -1, -1},
-        {"clone3", "clone", Watch::virtual_time, Service::clone, -1, -1},
-        {"set_robust_list", "thread", Watch::virtual_time, Service::thread_start, -1, -1},
-        {"rseq", "thread", Watch::virtual_time, Service::thread_start, -1, -1},
-        {"exit", "exit", Watch::virtual_time, Service::thread_end, -1, -1},
+// The monotonic clocks: the phone has been up for a while when a run begins.
+constexpr Time kUptime = 20 * kSecond;
 
-        {"read", "read", Watch::faults, Service::look, -1, 0},
-        {"write", "write", Watch::faults, Service::write, -1, 0},
-        {"lseek", "lseek", Watch::faults, Service::look, -1, 0},
-        {"fsync", "fsync", Watch::faults, Service::look, -1, 0},
-        {"fstat", "stat", Watch::faults, Service::look, -1, 0},
-        {"stat", "stat", Watch::faults, Service::look, 0, -1},
-        {"lstat", "stat", Watch::faults, Service::look, 0, -1},
-        {"newfstatat", "stat", Watch::faults, Service::look, 1, 0},
-        {"statx", "stat", Watch::faults, Service::look, 1, 0},
-        {"chmod", "chmod", Watch::faults, Service::look, 0, -1},
-        {"fchmod", "chmod", Watch::faults, Service::look, -1, 0},
-        {"fchmodat", "chmod", Watch::faults, Service::look, 1, -1},
-        {"getdents64", "readdir", Watch::faults, Service::look, -1, 0},
-        {"mmap", "mmap", Watch::faults, Service::look, -1, 4},
-        {"brk", "mmap", Watch::faults, Service::look, -1, -1},
-};
+constexpr int kRingReadAll = 3;
+constexpr int kRingSize = 10;
 
-bool has_fault(const Scenario& scenario, const CallShape& shape) {
-    return std::any_of(scenario.faults.begin(), scenario.faults.end(),
-                       [&](const Fault& fault) { return fault.call == shape.family; });
+bool under(const std::string& path, const std::string& prefix) {
+    return path.compare(0, prefix.size(), prefix) == 0;
 }
 
-// Everything else that this machine's kernel has, but for the calls that bring the filter about.
-void add_others(std::vector<CallShape>& shapes) {
-    constexpr int kBeyondCalls = 1024;
-    static std::list<std::string> names;
-    for (int number = 0; number < kBeyondCalls; number++) {
-        char* known = seccomp_syscall_resolve_num_arch(SCMP_ARCH_NATIVE, number);
-        const std::string name = known == nullptr ? "" : known;
-        free(known);
-        const bool own = name.empty() || name == "sendmsg" || name == "close" || name == "execve" ||
-                         std::any_of(shapes.begin(), shapes.end(), [&](const CallShape& shape) {
-                             return shape.number == number;
-                         });
-        if (own) continue;
-        names.push_back(name);
-        const char* text = names.back().c_str();
-        shapes.push_back({text, text, Watch::always, Service::other, -1, -1, number});
-    }
+std::optional<Node> node_at(const std::string& path) {
+    if (!under(path, "/dev/")) return {};
+    if (path.find("_boot") != std::string::npos) return Node::boot;
+    if (path.find("_ramdump") != std::string::npos) return Node::dump;
+    return {};
+}
+
+Time from_timespec(const timespec& time) {
+    return time.tv_sec * kSecond + time.tv_nsec;
 }
 
 }  // namespace
 
-std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_time, bool all) {
-    std::vector<CallShape> shapes;
-    for (CallShape shape : kShapes) {
-        const bool disk = shape.service == Service::write && scenario.full_after;
-        const bool wanted = shape.watch == Watch::always ||
-                            (shape.watch == Watch::virtual_time && virtual_time) || disk ||
-                            has_fault(scenario, shape) || all;
-        shape.number = seccomp_syscall_resolve_name(shape.name);
-        if (wanted && shape.number >= 0) shapes.push_back(shape);
+void Calls::handle(const Call& call) {
+    const Service service = call.shape->service;
+    if (service != Service::poll && service != Service::sleep && service != Service::clock &&
+        service != Service::thread_start)
+        clock_.note_activity(call.tid());
+    if (apply_fault(call)) return;
+    switch (service) {
+        case Service::look:
+            if (call.shape->watch == Watch::always) check_path(call, path_of(call));
+            return daemon_.proceed(call);
+        case Service::open:
+            return serve_open(call);
+        case Service::ioctl:
+            return serve_ioctl(call);
+        case Service::syslog:
+            return serve_syslog(call);
+        case Service::statfs:
+            return serve_statfs(call);
+        case Service::identity:
+            return serve_identity(call);
+        case Service::sync:
+            story_.request("kernel", "sync");
+            return daemon_.answer(call, 0);
+        case Service::poll:
+            return serve_poll(call);
+        case Service::sleep:
+            return serve_sleep(call);
+        case Service::clock:
+            return serve_clock(call);
+        case Service::clone:
+            return serve_clone(call);
+        case Service::thread_start:
+        case Service::other:
+            return daemon_.proceed(call);
+        case Service::thread_end:
+            clock_.gone(call.tid());
+            return daemon_.proceed(call);
+        case Service::write:
+            return serve_write(call);
     }
-    if (all) add_others(shapes);
-    return shapes;
 }
 
-std::vector<std::string> fault_calls() {
-    std::vector<std::string> names;
-    for (const CallShape& shape : kShapes)
-        names.emplace_back(shape.family);
-    return names;
+// Before the daemon's own code runs, which opens the kernel log before anything else, calls are
+// counted and left alone: a C library that can't start says nothing about the daemon.
+const Fault* Calls::due_fault(const Call& call) {
+    const std::string family = call.shape->family;
+    in_main_ = in_main_ || path_of(call) == "/dev/kmsg";
+    const int time = ++times_[family];
+    if (in_main_ && stage_.on_call) stage_.on_call(family, time, path_of(call));
+    const Fault* due = nullptr;
+    for (const Fault& fault : scenario_.faults) {
+        if (fault.call != family) continue;
+        if (fault.path != "*" && !matches(fault.path, path_of(call))) continue;
+        if (!in_main_) {
+            fault.turn.seen++;
+        } else if (fault.turn.takes() && due == nullptr) {
+            due = &fault;
+        }
+    }
+    return due;
 }
 
-std::vector<Rule> rules_for(const std::vector<CallShape>& shapes) {
-    std::vector<Rule> rules;
-    for (const CallShape& shape : shapes) {
-        Rule rule{shape.number, {}};
-        if (shape.service == Service::ioctl)
-            rule.arguments = {SCMP_A1(SCMP_CMP_MASKED_EQ, 0xFF00, kLnkmType << 8)};
-        if (std::string(shape.name) == "prctl")
-            rule.arguments = {SCMP_A0(SCMP_CMP_EQ, PR_SET_KEEPCAPS, 0)};
-        if (std::string(shape.name) == "clone")
-            rule.arguments = {SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD)};
-        rules.push_back(rule);
+bool Calls::apply_fault(const Call& call) {
+    const Fault* fault = due_fault(call);
+    if (fault == nullptr) return false;
+    if (stage_.on_fault) stage_.on_fault();
+    const std::string what = fault->hang_up ? "hang-up" : fault->cut ? "cut short" : fault->error;
+    story_.tell("kernel", "daemon", fmt::format("{} {}: {}", fault->call, path_of(call), what));
+    const Links::Link* link = links_.at(fd_of(call));
+    if (fault->hang_up) {
+        if (link != nullptr) links_.hang_up(link->node);
+        return false;
     }
-    return rules;
+    if (call.shape->service == Service::ioctl && link != nullptr) modem_->lost(call.argument(1));
+    if (fault->cut) {
+        transfer_part(call, static_cast<size_t>(*fault->cut));
+    } else if (call.name() == "brk") {
+        daemon_.answer(call, 0);  // it has no other way to say so
+    } else {
+        daemon_.answer(call, -errno_number(fault->error));
+    }
+    return true;
+}
+
+// Reads or writes less than was asked for, in the daemon's stead: the file position is shared.
+void Calls::transfer_part(const Call& call, size_t size) {
+    ProcessMemory memory = call.memory();
+    std::vector<char> bytes(std::min<size_t>(size, call.argument(2)));
+    const bool reads = call.name() == "read";
+    // Of a packet that was cut on its way into the link nothing reaches the other side.
+    if (!reads && links_.at(static_cast<int>(call.argument(0))) != nullptr)
+        return daemon_.answer(call, static_cast<int64_t>(bytes.size()));
+    const int fd = daemon_.duplicate(static_cast<int>(call.argument(0)));
+    ssize_t result = 0;
+    if (!bytes.empty() && reads) {
+        result = read(fd, bytes.data(), bytes.size());
+        if (result > 0) memory.write(call.argument(1), bytes.data(), static_cast<size_t>(result));
+    } else if (!bytes.empty() && memory.read(call.argument(1), bytes.data(), bytes.size())) {
+        result = write(fd, bytes.data(), bytes.size());
+    }
+    daemon_.answer(call, result < 0 ? -errno : result);
+    close(fd);
+}
+
+std::string Calls::path_of(const Call& call) const {
+    std::string path;
+    if (call.shape->path >= 0) path = call.memory().text(call.argument(call.shape->path));
+    if (path.empty() && fd_of(call) >= 0) path = path_of_fd(fd_of(call));
+    return path;
+}
+
+// The descriptor that a call is about, or -1; of several that are polled, the first.
+int Calls::fd_of(const Call& call) const {
+    if (call.shape->service == Service::poll) {
+        const std::vector<pollfd> fds = polled(call);
+        return fds.empty() ? -1 : fds[0].fd;
+    }
+    return call.shape->fd < 0 ? -1 : static_cast<int>(call.argument(call.shape->fd));
+}
+
+std::string Calls::path_of_fd(int fd) const {
+    const std::string name = links_.name_of(fd);
+    if (!name.empty()) return name;
+    const std::string path = daemon_.file_of(fd);
+    return under(path, phone_.root()) ? path.substr(phone_.root().size()) : path;
+}
+
+// The daemon's own places. Anything else it changes is a fault of its own.
+void Calls::check_path(const Call& call, const std::string& path) {
+    static const char* const places[] = {
+            "/data/vendor/log/rvd", "/mnt/vendor/", kWakeLockPath, kWakeUnlockPath, kSimCountPath,
+            kPropertyDir,           kAndroidLog,    "/dev/null",   "/proc/",        "/tmp/tsan."};
+    const char* coverage = getenv("GCOV_PREFIX");
+    const bool own = std::any_of(std::begin(places), std::end(places),
+                                 [&](const char* place) { return under(path, place); });
+    if (!own && (coverage == nullptr || !under(path, coverage)))
+        story_.violation(std::string(call.shape->family) + " changes " + path);
+}
+
+void Calls::serve_open(const Call& call) {
+    const std::string path = path_of(call);
+    const auto& missing = scenario_.missing;
+    if (std::find(missing.begin(), missing.end(), path) != missing.end())
+        return daemon_.proceed(call);
+    if (path == "/dev/kmsg") return links_.open_kernel_log(call);
+    if (const auto node = node_at(path))
+        return stage_.check_opens(*node, links_.open_node(call, *node));
+    const uint64_t flags = call.argument(call.shape->path + 1);
+    if ((flags & (O_WRONLY | O_RDWR | O_CREAT)) != 0) check_path(call, path);
+    daemon_.proceed(call);
+}
+
+void Calls::serve_ioctl(const Call& call) {
+    const Links::Link* link = links_.at(static_cast<int>(call.argument(0)));
+    if (link == nullptr) return daemon_.proceed(call);
+    ProcessMemory memory = call.memory();
+    served_ = &call;
+    const int64_t result = modem_->request(link->node, call.argument(1), call.argument(2), memory);
+    served_ = nullptr;
+    if (device_gone_) return clock_.hold(call, kNever);
+    daemon_.answer(call, result);
+}
+
+void Calls::serve_syslog(const Call& call) {
+    const int action = static_cast<int>(call.argument(0));
+    if (action == kRingSize) return daemon_.answer(call, 1 << 20);
+    if (action != kRingReadAll) {
+        story_.violation(fmt::format("kernel log action {}", action));
+        return daemon_.answer(call, -EINVAL);
+    }
+    std::string ring = story_.ring();
+    if (scenario_.ring) {
+        const auto size = static_cast<size_t>(*scenario_.ring);
+        for (int line = 0; ring.size() < size; line++)
+            ring += fmt::format("<6>[    0.000000] filler: line {} of the kernel's log\n", line);
+        ring.resize(size);
+    }
+    const size_t room = std::min<size_t>(ring.size(), call.argument(2));
+    const char* latest = ring.data() + ring.size() - room;
+    story_.tell("kernel", "daemon", "log ring, " + human_size(room));
+    const bool written = call.memory().write(call.argument(1), latest, room);
+    daemon_.answer(call, written ? static_cast<int64_t>(room) : -EFAULT);
+}
+
+void Calls::serve_statfs(const Call& call) {
+    const std::string path = path_of(call);
+    struct statfs answer_record {};
+    if (statfs(phone_.path(path).c_str(), &answer_record) != 0) return daemon_.answer(call, -errno);
+    int64_t megabytes = kPlentyMb;
+    size_t longest = 0;
+    for (const auto& [prefix, free] : scenario_.free_mb) {
+        if (!under(path, prefix) || prefix.size() < longest) continue;
+        longest = prefix.size();
+        megabytes = free;
+    }
+    answer_record.f_bsize = kBlock;
+    answer_record.f_bfree = static_cast<fsblkcnt_t>(megabytes * (1 << 20) / kBlock);
+    answer_record.f_bavail = answer_record.f_bfree - answer_record.f_bfree / 20;
+    answer_record.f_blocks = answer_record.f_bfree * 4;
+    const bool written =
+            call.memory().write(call.argument(1), &answer_record, sizeof(answer_record));
+    daemon_.answer(call, written ? 0 : -EFAULT);
+}
+
+void Calls::serve_identity(const Call& call) {
+    const std::string_view name = call.name();
+    std::string words(name);
+    if (name == "prctl") words += fmt::format(" keepcaps {}", call.argument(1));
+    if (name == "setuid") words += fmt::format(" {}", call.argument(0));
+    if (name == "capset") {
+        __user_cap_data_struct data[2] = {};
+        call.memory().read(call.argument(1), data, sizeof(data));
+        words += fmt::format(
+                " effective={:08x}{:08x} permitted={:08x}{:08x} inheritable={:08x}{:08x}",
+                data[1].effective, data[0].effective, data[1].permitted, data[0].permitted,
+                data[1].inheritable, data[0].inheritable);
+    }
+    const bool about_file = call.shape->path >= 0;
+    if (!about_file) story_.request("kernel", words);
+    if (Phone::real_root() ||
+        (about_file && access(phone_.path(path_of(call)).c_str(), F_OK) != 0)) {
+        daemon_.proceed(call);
+    } else {
+        daemon_.answer(call, 0);
+    }
+}
+
+void Calls::serve_clone(const Call& call) {
+    uint64_t flags = call.argument(0);
+    if (call.name() == "clone3") call.memory().read(call.argument(0), &flags, sizeof(flags));
+    if ((flags & CLONE_THREAD) != 0) clock_.born();
+    daemon_.proceed(call);
+}
+
+// The virtual disk: the write that crosses its end is short, and those after it find no room.
+void Calls::serve_write(const Call& call) {
+    if (!scenario_.full_after || !under(path_of(call), "/data/")) return daemon_.proceed(call);
+    const auto capacity = static_cast<uint64_t>(*scenario_.full_after);
+    const uint64_t room = capacity - std::min(disk_used_, capacity);
+    const uint64_t size = call.argument(2);
+    disk_used_ += std::min(size, room);
+    if (size <= room) return daemon_.proceed(call);
+    if (room == 0) return daemon_.answer(call, -ENOSPC);
+    transfer_part(call, room);
+}
+
+// A helper is a thread beside the first; where it has done nothing since it last slept, it is one
+// that only ever sleeps.
+void Calls::serve_sleep(const Call& call) {
+    if (call.name() == "pause") return clock_.hold(call, kNever);
+    const bool chosen = call.name() == "clock_nanosleep";
+    timespec span{};
+    if (!call.memory().read(call.argument(chosen ? 2 : 0), &span, sizeof(span)))
+        return daemon_.answer(call, -EFAULT);
+    Time deadline = clock_.now() + from_timespec(span);
+    if (chosen && (call.argument(1) & TIMER_ABSTIME) != 0) {
+        deadline = from_timespec(span);
+        if (call.argument(0) != CLOCK_REALTIME) deadline += clock_.start() - kUptime;
+    }
+    clock_.hold(call, deadline);
+    const bool helper = call.tid() != daemon_.pid();
+    if (helper && !clock_.fall_asleep(call.tid())) clock_.mark_hollow(call.tid());
+    if (!helper && clock_.alone(call.tid()) && stage_.on_sleep)
+        stage_.on_sleep(deadline - clock_.now());
+}
+
+std::vector<pollfd> Calls::polled(const Call& call) const {
+    std::vector<pollfd> fds(call.argument(1));
+    call.memory().read(call.argument(0), fds.data(), fds.size() * sizeof(pollfd));
+    return fds;
+}
+
+void Calls::write_polled(const Call& call, const std::vector<pollfd>& fds) const {
+    call.memory().write(call.argument(0), fds.data(), fds.size() * sizeof(pollfd));
+}
+
+// A node that hung up shows that, and input only while there is some: not the end of file that a
+// socket would show.
+short Calls::ready(const pollfd& entry) const {
+    if (entry.fd < 0) return 0;
+    const Links::Link* link = links_.at(entry.fd);
+    if (link != nullptr && !link->hung)
+        return static_cast<short>(entry.events &
+                                  (links_.unread(*link) > 0 ? POLLIN | POLLOUT : POLLOUT));
+    const int fd = daemon_.duplicate(entry.fd);
+    if (fd < 0) return POLLNVAL;
+    pollfd real = {fd, entry.events, 0};
+    poll(&real, 1, 0);
+    int unread = 0;
+    ioctl(fd, FIONREAD, &unread);
+    close(fd);
+    return link != nullptr && unread == 0 ? POLLHUP : real.revents;
+}
+
+bool Calls::finish_poll(const Call& call) {
+    std::vector<pollfd> fds = polled(call);
+    int64_t count = 0;
+    for (pollfd& entry : fds) {
+        entry.revents = ready(entry);
+        count += entry.revents != 0;
+    }
+    if (count == 0) return false;
+    write_polled(call, fds);
+    daemon_.answer(call, count);
+    return true;
+}
+
+void Calls::serve_poll(const Call& call) {
+    Time timeout = kNever;
+    if (call.name() == "ppoll") {
+        timespec span{};
+        if (call.argument(2) != 0) {
+            call.memory().read(call.argument(2), &span, sizeof(span));
+            timeout = from_timespec(span);
+        }
+    } else if (static_cast<int>(call.argument(2)) >= 0) {
+        timeout = static_cast<int>(call.argument(2)) * kMillisecond;
+    }
+    links_.pump_all();
+    if (finish_poll(call)) return;
+    if (timeout == 0) return daemon_.answer(call, 0);
+    clock_.hold(call, timeout == kNever ? kNever : clock_.now() + timeout);
+    const std::vector<pollfd> fds = polled(call);
+    const bool for_hang_up = timeout == kNever && !fds.empty() && (fds[0].events & POLLIN) == 0;
+    if (for_hang_up && stage_.on_wait) stage_.on_wait();
+}
+
+// The time of a sleep or of a poll is up.
+void Calls::expire(const Call& call) {
+    if (call.shape->service == Service::poll) {
+        std::vector<pollfd> fds = polled(call);
+        for (pollfd& entry : fds)
+            entry.revents = 0;
+        write_polled(call, fds);
+    }
+    daemon_.answer(call, 0);
+}
+
+void Calls::serve_clock(const Call& call) {
+    ProcessMemory memory = call.memory();
+    const Time now = clock_.now();
+    bool written = true;
+    if (call.name() == "time") {
+        const time_t seconds = now / kSecond;
+        if (call.argument(0) != 0)
+            written = memory.write(call.argument(0), &seconds, sizeof(seconds));
+        return daemon_.answer(call, written ? seconds : -EFAULT);
+    }
+    if (call.name() == "gettimeofday") {
+        const timeval time = {now / kSecond, now % kSecond / 1000};
+        written = memory.write(call.argument(0), &time, sizeof(time));
+        return daemon_.answer(call, written ? 0 : -EFAULT);
+    }
+    const auto clock = static_cast<clockid_t>(call.argument(0));
+    if (clock == CLOCK_PROCESS_CPUTIME_ID || clock == CLOCK_THREAD_CPUTIME_ID)
+        return daemon_.proceed(call);
+    const bool wall = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
+    const Time shown = wall ? now : now - clock_.start() + kUptime;
+    const timespec time = {shown / kSecond, shown % kSecond};
+    written = memory.write(call.argument(1), &time, sizeof(time));
+    daemon_.answer(call, written ? 0 : -EFAULT);
 }
 
 }  // namespace rvd::lab

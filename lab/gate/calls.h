@@ -1,55 +1,88 @@
-// The system calls that the lab can be asked to take over, and what is known of each: what a
-// scenario calls it, which argument is a path or a descriptor, and when it is taken.
+// What becomes of each system call of the daemon: answered by the phone, by the models, by the
+// virtual clock, failed as the scenario has it, or left to the kernel.
 #pragma once
 
+#include <poll.h>
+
+#include <map>
 #include <string>
 #include <vector>
 
-#include "lab/phone/launch.h"
-#include "lab/scenario/scenario.h"
+#include "lab/gate/clock.h"
+#include "lab/gate/daemon.h"
+#include "lab/gate/links.h"
+#include "lab/phone/phone.h"
+#include "lab/run/stage.h"
 
 namespace rvd::lab {
 
-enum class Watch {
-    always,        // the phone answers it, or looks at it
-    virtual_time,  // only while the clock is the lab's
-    faults,        // only where the scenario has a fault for it
+class Calls {
+  public:
+    Calls(const Scenario& scenario, const Phone& phone, Story& story, RunStage& stage,
+          Daemon& daemon, Clock& clock, Links& links)
+        : scenario_(scenario),
+          phone_(phone),
+          story_(story),
+          stage_(stage),
+          daemon_(daemon),
+          clock_(clock),
+          links_(links) {}
+
+    void connect(Modem& modem) { modem_ = &modem; }
+    void restart() { in_main_ = device_gone_ = false; }
+
+    void handle(const Call& call);
+
+    // The request to a driver that is being answered.
+    const Call& served() const { return *served_; }
+
+    // The device is in upload mode: the request that led there is never answered.
+    void lose_device() { device_gone_ = true; }
+
+    // Ends a poll where one of its descriptors is ready, and a wait whose time is up.
+    bool finish_poll(const Call& call);
+    void expire(const Call& call);
+
+    std::string path_of_fd(int fd) const;
+
+  private:
+    bool apply_fault(const Call& call);
+    const Fault* due_fault(const Call& call);
+    void transfer_part(const Call& call, size_t size);
+
+    void serve_open(const Call& call);
+    void serve_ioctl(const Call& call);
+    void serve_syslog(const Call& call);
+    void serve_statfs(const Call& call);
+    void serve_identity(const Call& call);
+    void serve_clone(const Call& call);
+    void serve_write(const Call& call);
+
+    void serve_poll(const Call& call);
+    void serve_sleep(const Call& call);
+    void serve_clock(const Call& call);
+    std::vector<pollfd> polled(const Call& call) const;
+    void write_polled(const Call& call, const std::vector<pollfd>& fds) const;
+    short ready(const pollfd& entry) const;
+
+    void check_path(const Call& call, const std::string& path);
+    std::string path_of(const Call& call) const;
+    int fd_of(const Call& call) const;
+
+    const Scenario& scenario_;
+    const Phone& phone_;
+    Story& story_;
+    RunStage& stage_;
+    Daemon& daemon_;
+    Clock& clock_;
+    Links& links_;
+    Modem* modem_ = nullptr;
+
+    const Call* served_ = nullptr;
+    std::map<std::string, int> times_;  // of each call, as on_call counts them
+    bool in_main_ = false;              // the daemon's own code runs, not its start-up
+    bool device_gone_ = false;
+    uint64_t disk_used_ = 0;
 };
-
-enum class Service {
-    look,  // nothing but faults and the check of paths
-    open,
-    ioctl,
-    syslog,
-    statfs,
-    identity,
-    sync,
-    poll,
-    sleep,
-    clock,
-    clone,
-    thread_start,
-    thread_end,
-    write,
-    other,  // nothing at all
-};
-
-struct CallShape {
-    const char* name;    // the kernel's
-    const char* family;  // the scenario's
-    Watch watch;
-    Service service;
-    int path;  // argument that is a path, or -1
-    int fd;    // argument that is a descriptor, or -1
-    int number = -1;
-};
-
-// The calls that this machine's kernel has and this scenario needs, by number; or all there are.
-std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_time, bool all);
-
-// What a fault can be made for, by the scenario's names.
-std::vector<std::string> fault_calls();
-
-std::vector<Rule> rules_for(const std::vector<CallShape>& shapes);
 
 }  // namespace rvd::lab

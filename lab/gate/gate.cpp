@@ -1,22 +1,12 @@
 #include "lab/gate/gate.h"
 
-#include <errno.h>
+#include <fmt/format.h>
+#include <poll.h>
 #include <signal.h>
-#include <string.h>
-#include <sys/ioctl.h>
-#include <sys/wait.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
-
-#include "lab/modem/memory.h"
-
-// Newer than some headers: the thread that is answered runs at once, on the processor that
-// answered.
-#ifndef SECCOMP_IOCTL_NOTIF_SET_FLAGS
-#define SECCOMP_IOCTL_NOTIF_SET_FLAGS SECCOMP_IOW(4, __u64)
-#define SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP (1UL << 0)
-#endif
 
 namespace rvd::lab {
 
@@ -30,9 +20,11 @@ constexpr Time kQuiet = 200 * kSecond;
 // With the real clock a wait isn't seen; but no wait of the daemon's for the modem is longer.
 constexpr Time kRealQuiet = 35 * kSecond;
 
-// A running thread that says nothing for so long may wait for one that is kept waiting.
-constexpr int kRunnerPatienceMs = 50;
+// What a thread that runs may send before its next call is taken in between: a node's buffer may be
+// full.
+constexpr int kRunnerPatienceMs = 2;
 
+constexpr int kRealPatienceMs = 1000;
 constexpr int kFarewellMs = 5000;
 
 }  // namespace
@@ -41,9 +33,10 @@ Gate::Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup set
     : RunStage(scenario, story),
       phone_(phone),
       setup_(setup),
-      now_(setup.start),
-      last_activity_(setup.start),
-      real_start_(steady_clock::now()) {
+      began_(steady_clock::now()),
+      clock_(setup.start),
+      links_(daemon_, clock_, story, [this] { widen(); }),
+      calls_(scenario, phone, story, *this, daemon_, clock_, links_) {
     const auto shapes = calls_to_watch(scenario, !setup.real_time, setup.learn);
     rules_ = rules_for(shapes);
     for (const CallShape& shape : shapes)
@@ -51,13 +44,19 @@ Gate::Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup set
 }
 
 Gate::~Gate() {
-    close_process();
+    close_daemon();
+}
+
+void Gate::connect(Modem& modem) {
+    links_.connect(modem);
+    calls_.connect(modem);
 }
 
 void Gate::start_daemon() {
-    close_process();
-    process_ = launch(phone_.root(), scenario_.args, rules_, !setup_.real_time);
-    ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_SET_FLAGS, SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP);
+    close_daemon();
+    calls_.restart();
+    clock_.restart();
+    daemon_.start(phone_.root(), scenario_.args, rules_, !setup_.real_time);
     tell_start();
 }
 
@@ -66,188 +65,168 @@ bool Gate::reboot() {
     return true;
 }
 
+// Nothing of the process outlives this: not its threads, nor what it had open.
+void Gate::close_daemon() {
+    daemon_.end();
+    links_.take(Links::Says::all);
+    links_.close_all();
+}
+
 void Gate::recount_faults() {
     for (const Fault& fault : scenario_.faults)
         fault.turn.seen = 0;
 }
 
-// Nothing of the process outlives this: not its threads, nor what it had open.
-void Gate::close_process() {
-    if (process_.pid < 0) return;
-    kill(process_.pid, SIGKILL);
-    waitpid(process_.pid, nullptr, 0);
-    drain();
-    close(process_.pidfd);
-    close(process_.listener);
-    for (const Link& link : links_)
-        close(link.fd);
-    for (const KernelLog& log : kernel_logs_)
-        close(log.fd);
-    process_ = Process();
-    links_.clear();
-    kernel_logs_.clear();
-    threads_.clear();
-    queue_.clear();
-    waiting_.clear();
-    idle_.clear();
-    births_ = 0;
-    runner_ = 0;
-    gone_ = in_main_ = false;
+void Gate::panic() {
+    story_.tell("kernel", "", "panics: the device goes to upload mode");
+    calls_.lose_device();
+    if (!on_upload || !on_upload()) stop("upload");
 }
 
 std::string Gate::serve() {
     while (end_.empty()) {
-        run_due_events();
-        if (!setup_.real_time) schedule();
-        if (end_.empty()) wait_for_something();
-        if (setup_.real_time && events_.empty() && now_ - last_activity_ > kRealQuiet)
-            stop("quiet");
-        if (steady_clock::now() - real_start_ > setup_.patience) {
-            story_.violation(format("the run took longer than %lld s of real time",
-                                    static_cast<long long>(setup_.patience.count())));
-            end_ = "timeout";
+        if (setup_.real_time) {
+            serve_real_time();
+        } else {
+            serve_virtual_time();
         }
+        check_patience();
     }
-    drain();
-    end_daemon();
+    let_daemon_exit();
+    close_daemon();
     return end_;
 }
 
-// A daemon that writes something down on its way out (coverage does) is given the time for it.
-void Gate::end_daemon() {
-    if (process_.pid >= 0 && getenv("GCOV_PREFIX") != nullptr) {
-        kill(process_.pid, SIGTERM);
-        pollfd ready[] = {{process_.listener, POLLIN, 0}, {process_.pidfd, POLLIN, 0}};
-        while (poll(ready, 2, kFarewellMs) > 0 && (ready[1].revents & POLLIN) == 0) {
-            Call call{};
-            if (ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_RECV, &call.raw) == 0) proceed(call);
-        }
-    }
-    close_process();
+// The story depends on nothing but the scenario: whatever is told is taken, and whatever happens,
+// happens, while the daemon stands still.
+void Gate::serve_virtual_time() {
+    if (!clock_.at_rest()) return await_call(kRunnerPatienceMs);
+    links_.take(Links::Says::all);
+    run_due_events();
+    if (end_.empty() && clock_.at_rest()) step();
 }
 
-void Gate::wait_for_something() {
-    std::vector<pollfd> set = {{process_.listener, POLLIN, 0}, {process_.pidfd, POLLIN, 0}};
-    for (const KernelLog& log : kernel_logs_)
-        set.push_back({log.fd, POLLIN, 0});
-    for (const Link& link : links_) {
-        if (!link.hung)
-            set.push_back({link.fd, static_cast<short>(POLLIN | (link.pending ? POLLOUT : 0)), 0});
+// Lets one thread go on, or else the time.
+void Gate::step() {
+    if (const Clock::Thread* thread = clock_.next()) {
+        const Call call = thread->call;
+        clock_.resume(call.tid());
+        return calls_.handle(call);
     }
-    int timeout = 1000;
-    if (setup_.real_time && !events_.empty())
-        timeout = static_cast<int>(
-                std::clamp<Time>((events_.begin()->first - now_) / kMillisecond, 0, timeout));
-    const bool others = !setup_.real_time && !queue_.empty();
-    if (others) timeout = kRunnerPatienceMs;
-    const int ready = poll(set.data(), set.size(), timeout);
-    if (setup_.real_time) {
-        now_ = setup_.start + (steady_clock::now() - real_start_) / std::chrono::nanoseconds(1);
-        story_.set_time(now_);
+    for (const Clock::Thread& thread : clock_.threads()) {
+        const Call call = thread.call;
+        const bool polls =
+                thread.state == Clock::Thread::State::waits && call.shape->service == Service::poll;
+        if (!polls || !calls_.finish_poll(call)) continue;
+        return clock_.resume(call.tid());
     }
-    if (ready == 0 && others) runner_ = 0;
-    if (set[0].revents & POLLIN) {
-        take_notification();
-    } else {
-        drain();
-    }
-    if (set[1].revents & POLLIN) reap();
-}
-
-void Gate::take_notification() {
-    Call call{};
-    if (ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_RECV, &call.raw) != 0) return;
-    const auto shape = shapes_.find(call.raw.data.nr);
-    call.shape = &shape->second;
-    drain();
-    if (setup_.real_time) {
-        handle(call);
-        return;
-    }
-    if (threads_.insert(call.tid()).second) {
-        births_ = std::max(births_ - 1, 0);
-        idle_.insert(call.tid());
-    }
-    if (runner_ == call.tid()) {
-        handle(call);
-    } else {
-        queue_.emplace(call.tid(), call);
-    }
-}
-
-void Gate::reap() {
-    int status = 0;
-    if (waitpid(process_.pid, &status, WNOHANG) != process_.pid) return;
-    drain();
-    process_.pid = -1;
-    take_end(status);
-}
-
-// One thread at a time, the oldest first, so that the same scenario is always the same story.
-void Gate::schedule() {
-    while (end_.empty() && runner_ == 0 && births_ == 0 && !threads_.empty()) {
-        if (!queue_.empty()) {
-            const Call call = queue_.begin()->second;
-            queue_.erase(queue_.begin());
-            runner_ = call.tid();
-            handle(call);
-        } else if (!answer_ready_polls()) {
-            if (waiting_.size() != threads_.size()) break;
-            advance();
-        }
-    }
-}
-
-bool Gate::answer_ready_polls() {
-    for (const auto& [tid, waiting] : waiting_) {
-        if (waiting.call.shape->service != Service::poll || !poll_ready(waiting.call)) continue;
-        runner_ = tid;
-        waiting_.erase(tid);
-        return true;
-    }
-    return false;
+    advance();
 }
 
 void Gate::advance() {
     const Time event = events_.empty() ? kNever : events_.begin()->first;
-    const Waiting* first = nullptr;
-    Time real = event;  // when something can come of it
-    for (const auto& [tid, waiting] : waiting_) {
-        if (first == nullptr || waiting.deadline < first->deadline) first = &waiting;
-        if (!waiting.hollow) real = std::min(real, waiting.deadline);
+    const Time first = std::min(event, clock_.first_deadline());
+    const Clock::Thread* waiting = clock_.first_waiting();
+    const Time next = std::min(event, waiting->deadline);
+    const Time limit = clock_.start() + scenario_.limit;
+    if (first == kNever) return stop("waits");
+    if (event == kNever && first - clock_.last_activity() > kQuiet) return stop("parked");
+    if (next > limit) {
+        set_time(limit);
+        return stop("limit");
     }
-    const Time next = std::min(event, first->deadline);
-    const Time limit = setup_.start + scenario_.limit;
-    if (real == kNever) {
-        end_ = "waits";
-    } else if (event == kNever && real - last_activity_ > kQuiet) {
-        end_ = "parked";
-    } else if (next > limit) {
-        now_ = limit;
-        end_ = "limit";
-    } else {
-        now_ = std::max(now_, next);
-    }
-    story_.set_time(now_);
+    set_time(std::max(clock_.now(), next));
+    if (event <= clock_.now()) return run_due_events();
+    const Call call = waiting->call;
+    clock_.resume(call.tid());
+    calls_.expire(call);
+}
+
+// With the real clock the daemon runs on while it is listened to.
+void Gate::serve_real_time() {
+    run_due_events();
     if (!end_.empty()) return;
-    if (event <= now_) {
-        run_due_events();
-    } else {
-        expire(first->call);
+    int timeout = kRealPatienceMs;
+    if (!events_.empty())
+        timeout = static_cast<int>(std::clamp<Time>((events_.begin()->first - now()) / kMillisecond,
+                                                    0, kRealPatienceMs));
+    await_call(timeout);
+    if (events_.empty() && now() - clock_.last_activity() > kRealQuiet) stop("quiet");
+}
+
+void Gate::await_call(int timeout) {
+    std::vector<pollfd> set = {{daemon_.listener(), POLLIN, 0}, {daemon_.pidfd(), POLLIN, 0}};
+    if (setup_.real_time) links_.add_to(set);
+    const int ready = poll(set.data(), set.size(), timeout);
+    widen();
+    if (setup_.real_time)
+        set_time(clock_.start() + (steady_clock::now() - began_) / std::chrono::nanoseconds(1));
+    if ((set[0].revents & POLLIN) != 0) {
+        take_call();
+    } else if (setup_.real_time) {
+        links_.take(Links::Says::all);
+        links_.pump_all();
+    } else if (ready == 0) {
+        links_.take(Links::Says::more);
+        if (daemon_.waits_for_thread(clock_.running())) clock_.block(clock_.running());
+    }
+    int status = 0;
+    if ((set[1].revents & POLLIN) != 0 && daemon_.ended(status)) {
+        links_.take(Links::Says::all);
+        take_end(status);
     }
 }
 
-// The time of a sleep or of a poll is up.
-void Gate::expire(Call call) {
-    waiting_.erase(call.tid());
-    runner_ = call.tid();
-    if (call.shape->service == Service::poll) {
-        std::vector<pollfd> fds = polled(call);
-        for (pollfd& entry : fds)
-            entry.revents = 0;
-        ProcessMemory(call.tid()).write(call.argument(0), fds.data(), fds.size() * sizeof(pollfd));
+void Gate::take_call() {
+    Call call{};
+    if (!daemon_.receive(call.raw)) return;
+    call.shape = &shapes_.at(call.raw.data.nr);
+    clock_.arrive(call);
+    if (!setup_.real_time) return;
+    links_.take(Links::Says::all);
+    clock_.resume(call.tid());
+    calls_.handle(call);
+}
+
+void Gate::set_time(Time now) {
+    clock_.set(now);
+    story_.set_time(now);
+}
+
+void Gate::check_patience() {
+    if (steady_clock::now() - began_ <= setup_.patience) return;
+    story_.violation(
+            fmt::format("the run took longer than {} s of real time", setup_.patience.count()));
+    stop("timeout");
+}
+
+// A daemon that writes something down on its way out (coverage does) is given the time for it.
+void Gate::let_daemon_exit() {
+    if (daemon_.pid() < 0 || getenv("GCOV_PREFIX") == nullptr) return;
+    links_.take(Links::Says::all);
+    kill(daemon_.pid(), SIGTERM);
+    for (const Clock::Thread& thread : clock_.threads()) {
+        if (thread.state == Clock::Thread::State::stopped) daemon_.proceed(thread.call);
     }
-    answer(call, 0);
+    pollfd ready[] = {{daemon_.listener(), POLLIN, 0}, {daemon_.pidfd(), POLLIN, 0}};
+    while (poll(ready, 2, kFarewellMs) > 0 && (ready[1].revents & POLLIN) == 0) {
+        Call call{};
+        if (daemon_.receive(call.raw)) daemon_.proceed(call);
+    }
+}
+
+// Makes windows between reads wide, so that what depends on their order shows.
+void Gate::widen() const {
+    if (setup_.jitter > 0) usleep(static_cast<useconds_t>(setup_.jitter));
+}
+
+std::map<int, std::string> Gate::descriptors() const {
+    std::map<int, std::string> open;
+    for (int fd = 3; fd < 1024; fd++) {
+        const std::string path = calls_.path_of_fd(fd);
+        if (!path.empty() && path != "/dev/kmsg") open[fd] = path;
+    }
+    return open;
 }
 
 }  // namespace rvd::lab

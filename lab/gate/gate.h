@@ -1,19 +1,18 @@
-// The gate between the daemon and its kernel: takes the system calls of calls.h, carries what is
-// said on the driver's nodes to the models, and, unless the clock is the real one, owns time. Then
-// one thread of the daemon runs at a time, and the clock moves only when all of them wait.
+// The gate between the daemon and its kernel: the loop that lets the daemon run to its next system
+// call, has that call served, and moves the clock when nothing else can happen. What it needs for
+// that are the daemon's process (daemon.h), its threads and their time (clock.h), its descriptors
+// to the models (links.h) and what becomes of each call (calls.h).
 #pragma once
 
-#include <linux/seccomp.h>
-#include <poll.h>
-
 #include <chrono>
-#include <functional>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "lab/gate/calls.h"
+#include "lab/gate/clock.h"
+#include "lab/gate/daemon.h"
+#include "lab/gate/links.h"
 #include "lab/phone/phone.h"
 #include "lab/run/stage.h"
 #include "lab/run/story.h"
@@ -32,130 +31,46 @@ class Gate : public RunStage {
 
     Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup setup);
     ~Gate() override;
-    Gate(const Gate&) = delete;
-    Gate& operator=(const Gate&) = delete;
 
+    void connect(Modem& modem) override;
     void start_daemon() override;
     bool reboot() override;
     std::string serve() override;
     std::map<int, std::string> descriptors() const override;
 
-    pid_t daemon() const override { return process_.pid; }
+    pid_t daemon() const override { return daemon_.pid(); }
     void recount_faults() override;
 
-    Time now() const override { return now_; }
-    void hang_up(Node node) override;
-    void end_hang_up() override;
-    void flush(Node node) override;
-    void pump(Node node) override;
+    Time now() const override { return clock_.now(); }
+    void hang_up(Node node) override { links_.hang_up(node); }
+    void end_hang_up() override { links_.end_hang_up(calls_.served()); }
+    void flush(Node node) override { links_.flush(node, calls_.served()); }
+    void pump(Node node) override { links_.pump(node); }
     void panic() override;
 
   private:
-    // One end of a node's descriptor; the other is the daemon's.
-    struct Link {
-        Node node;
-        int fd;
-        int daemon_fd;
-        ino_t inode;  // of the daemon's end
-        bool hung = false, pending = false;
-        Packet out = {};
-    };
-
-    // A call that has not been answered yet.
-    struct Call {
-        seccomp_notif raw;
-        const CallShape* shape;
-        uint64_t argument(int i) const { return raw.data.args[i]; }
-        pid_t tid() const { return static_cast<pid_t>(raw.pid); }
-    };
-
-    // A thread that sleeps or polls.
-    struct Waiting {
-        Call call;
-        Time deadline;
-        bool hollow;  // a helper that only ever sleeps, as a sanitizer's: nothing comes of it
-    };
-
-    // The loop.
-    void wait_for_something();
-    void take_notification();
-    void schedule();
+    void serve_virtual_time();
+    void serve_real_time();
+    void step();
     void advance();
-    void expire(Call call);
-    bool answer_ready_polls();
-    void reap();
-    void end_daemon();
-    void close_process();
-
-    // Calls, in gate_calls.cpp.
-    void handle(const Call& call);
-    void answer(const Call& call, int64_t result);
-    void proceed(const Call& call);
-    bool apply_fault(const Call& call);
-    void transfer_part(const Call& call, size_t size);
-    void do_open(const Call& call);
-    void do_ioctl(const Call& call);
-    void do_syslog(const Call& call);
-    void do_statfs(const Call& call);
-    void do_identity(const Call& call);
-    void do_clone(const Call& call);
-    void do_write(const Call& call);
-    void check_path(const Call& call, const std::string& path);
-    std::string path_of(const Call& call) const;
-    int fd_of(const Call& call) const;
-    std::string path_of_fd(int fd) const;
-    int duplicate(int fd) const;  // the daemon's, as one of this process
-
-    // Time, in gate_waits.cpp.
-    void hold(const Call& call, Time deadline, bool hollow = false);
-    std::vector<pollfd> polled(const Call& call) const;
-    bool poll_ready(const Call& call);
-    void do_poll(const Call& call);
-    void do_sleep(const Call& call);
-    void do_clock(const Call& call);
-
-    // Links, in gate_links.cpp.
-    int open_pair(int& daemon_end) const;
-    int give(const Call& call, int daemon_end);
-    void open_node(const Call& call, Node node);
-    void open_kernel_log(const Call& call);
-    void renew(Link& link);
-    Link* link_at(int daemon_fd);
-    void drain();
-    void jitter();
-    void drain_kernel_log();
-    void drain_link(size_t index);
-    void pump_link(Link& link);
+    void await_call(int timeout);
+    void take_call();
+    void set_time(Time now);
+    void check_patience();
+    void close_daemon();
+    void let_daemon_exit();
+    void widen() const;
 
     const Phone& phone_;
     const Setup setup_;
-
+    const std::chrono::steady_clock::time_point began_;
     std::map<int, CallShape> shapes_;
     std::vector<Rule> rules_;
-    Process process_;
-    bool gone_ = false;  // the device is in upload mode: nothing is answered
 
-    Time now_;
-    Time last_activity_;
-    std::chrono::steady_clock::time_point real_start_;
-
-    std::set<pid_t> threads_;
-    int births_ = 0;  // threads made and not yet seen
-    pid_t runner_ = 0;
-    std::map<pid_t, Call> queue_;
-    std::map<pid_t, Waiting> waiting_;
-    std::set<pid_t> idle_;  // did nothing since they slept
-
-    std::vector<Link> links_;
-    struct KernelLog {
-        int fd, daemon_fd;
-    };
-    std::vector<KernelLog> kernel_logs_;
-    const Call* served_ = nullptr;  // the request that is being answered
-    Packet received_;
-    std::map<std::string, int> times_;  // of each call, as faults count them
-    bool in_main_ = false;
-    uint64_t disk_used_ = 0;
+    Daemon daemon_;
+    Clock clock_;
+    Links links_;
+    Calls calls_;
 };
 
 }  // namespace rvd::lab

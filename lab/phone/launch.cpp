@@ -2,14 +2,13 @@
 
 #include <elf.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <grp.h>
-#include <linux/close_range.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
@@ -25,13 +24,18 @@ namespace {
 constexpr int kNoFilter = 200;
 constexpr int kNoTrace = 201;
 
-[[noreturn]] void explain(int status) {
+// Waits for the child to stop, as it does before and behind its exec.
+void await_stop(pid_t child) {
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WIFSTOPPED(status)) return;
+
     const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 0;
     if (code == kNoTrace) throw Forbidden("this machine does not let a process trace its child");
     if (code == kNoFilter)
         throw Forbidden("this kernel offers no seccomp user notification (Linux 5.5 or later)");
-    if (code != 0) throw Unable(std::string("the daemon cannot be executed: ") + strerror(code));
-    throw Unable("no file descriptor is left for the daemon's system calls; see ulimit -n");
+    throw Unable(std::string("the daemon cannot be executed: ") +
+                 (code != 0 ? strerror(code) : "it was killed"));
 }
 
 // The environment is the daemon's contract and nothing else; sanitizers and coverage take theirs.
@@ -53,42 +57,6 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
     return list;
 }
 
-// A message of one byte, with room for a descriptor.
-struct Carrier {
-    Carrier() {
-        message.msg_iov = &data;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
-    }
-    Carrier(const Carrier&) = delete;
-    Carrier& operator=(const Carrier&) = delete;
-
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    char byte = 0;
-    iovec data = {&byte, 1};
-    msghdr message = {};
-};
-
-void send_descriptor(int socket, int fd) {
-    Carrier carrier;
-    cmsghdr* header = CMSG_FIRSTHDR(&carrier.message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof(int));
-    memcpy(CMSG_DATA(header), &fd, sizeof(fd));
-    sendmsg(socket, &carrier.message, 0);
-}
-
-int receive_descriptor(int socket) {
-    Carrier carrier;
-    if (recvmsg(socket, &carrier.message, MSG_CMSG_CLOEXEC) <= 0) return -1;
-    const cmsghdr* header = CMSG_FIRSTHDR(&carrier.message);
-    int fd = -1;
-    if (header != nullptr) memcpy(&fd, CMSG_DATA(header), sizeof(fd));
-    return fd;
-}
-
 scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
     scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
     if (filter == nullptr) throw Unable("no room for the filter");
@@ -97,23 +65,28 @@ scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
                                                   static_cast<unsigned>(rule.arguments.size()),
                                                   rule.arguments.data());
         if (result != 0)
-            throw Forbidden(format("this kernel can't hand over system call %d: %s", rule.call,
-                                   strerror(-result)));
+            throw Forbidden(fmt::format("this kernel cannot hand over system call {}: {}",
+                                        rule.call, strerror(-result)));
     }
     return filter;
 }
 
-// The last thing before the daemon: from here on its calls are the lab's.
-void hand_over_calls(scmp_filter_ctx filter, int socket) {
+// Where the filter's notifications are in the child: the first descriptor behind the standard ones.
+constexpr int kListener = 3;
+
+// The last thing before the daemon: from here on its calls are the lab's, which takes the
+// notifications while the child has stopped.
+void hand_over_calls(scmp_filter_ctx filter) {
     signal(SIGPIPE, SIG_IGN);  // a device node never raises it
+    const pid_t self = getpid();
     if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(kNoTrace);
     if (seccomp_load(filter) != 0) _exit(errno == EMFILE ? EMFILE : kNoFilter);
-    send_descriptor(socket, seccomp_notify_fd(filter));
+    kill(self, SIGSTOP);
 }
 
 // Where the kernel put the argument count on the new stack; field 28 of the status line.
 uint64_t stack_start(pid_t pid) {
-    const std::string status = read_file(format("/proc/%d/stat", pid));
+    const std::string status = read_file(fmt::format("/proc/{}/stat", pid));
     size_t at = status.rfind(')') + 1;
     for (int field = 2; field < 27; field++)
         at = status.find(' ', at + 1);
@@ -150,12 +123,12 @@ void become_daemon(const std::string& root, const std::vector<std::string>& argu
     std::vector<std::string> words = {kDaemonPath};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<std::string> variables = environment();
-    const int output = open((root + kOutput).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-    const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int output = open((root + kOutput).c_str(), O_WRONLY | O_APPEND);
+    const int input = open("/dev/null", O_RDONLY);
     dup2(input, 0);
     dup2(output, 1);
     dup2(output, 2);
-    close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
+    close_range(kListener, ~0u, 0);
     // As a phone's first process starts it; in a user namespace the kernel refuses.
     setgroups(1, &kLogGroup);
     if (chroot(root.c_str()) == 0 && chdir("/") == 0) {
@@ -167,24 +140,19 @@ void become_daemon(const std::string& root, const std::vector<std::string>& argu
 
 Process launch(const std::string& root, const std::vector<std::string>& arguments,
                const std::vector<Rule>& rules, bool virtual_time) {
-    int sockets[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) fail_errno("socketpair");
     scmp_filter_ctx filter = make_filter(rules);
-
     Process process;
     process.pid = fork();
     if (process.pid < 0) fail_errno("cannot fork");
-    if (process.pid == 0)
-        become_daemon(root, arguments, [&] { hand_over_calls(filter, sockets[1]); });
-    close(sockets[1]);
+    if (process.pid == 0) become_daemon(root, arguments, [&] { hand_over_calls(filter); });
     seccomp_release(filter);
-    process.listener = receive_descriptor(sockets[0]);
-    close(sockets[0]);
-    int status = 0;
-    waitpid(process.pid, &status, 0);
-    if (!WIFSTOPPED(status) || process.listener < 0) explain(status);
-    if (virtual_time) hide_shared_clock(process.pid);
+    await_stop(process.pid);
     process.pidfd = static_cast<int>(syscall(SYS_pidfd_open, process.pid, 0));
+    process.listener = static_cast<int>(syscall(SYS_pidfd_getfd, process.pidfd, kListener, 0));
+    if (process.listener < 0) fail_errno("cannot take the daemon's system calls");
+    ptrace(PTRACE_CONT, process.pid, nullptr, nullptr);
+    await_stop(process.pid);
+    if (virtual_time) hide_shared_clock(process.pid);
     ptrace(PTRACE_DETACH, process.pid, nullptr, nullptr);
     return process;
 }

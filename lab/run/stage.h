@@ -15,7 +15,7 @@ class RunStage : public Stage {
   public:
     RunStage(const Scenario& scenario, Story& story) : scenario_(scenario), story_(story) {}
 
-    void connect(Modem& modem) { modem_ = &modem; }
+    virtual void connect(Modem& modem) { modem_ = &modem; }
 
     // Starts the daemon, instead of the one that runs.
     virtual void start_daemon() = 0;
@@ -58,14 +58,15 @@ class RunStage : public Stage {
     // Called when the machine itself is about to go down and nothing can be said afterwards.
     std::function<void(bool panics)> on_down;
 
+    // Fails the run where a node is open more often than the daemon needs.
+    void check_opens(Node node, size_t open);
+
   protected:
     void run_due_events();
     void tell_start();
 
     // The daemon has ended, with the status that wait() gave.
     void take_end(int status);
-
-    void check_opens(Node node, size_t open);
 
     const Scenario& scenario_;
     Story& story_;

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "lab/gate/calls.h"
+#include "lab/gate/table.h"
 #include "lab/modem/driver.h"
 #include "lab/scenario/reader.h"
 #include "lab/scenario/words.h"
