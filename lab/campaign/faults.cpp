@@ -24,6 +24,7 @@ const std::map<std::string, std::vector<const char*>> kWays = {
         {"poll", {"EINTR", "ENOMEM", "hang-up"}},
         {"lseek", {"EINVAL", "ESPIPE"}},
         {"fsync", {"EIO", "ENOSPC", "EINTR"}},
+        {"ftruncate", {"EIO", "EINTR"}},
         {"stat", {"EACCES", "EIO", "ENOMEM"}},
         {"statfs", {"EIO", "EINTR", "ENOSYS"}},
         {"syslog", {"EPERM", "ENOSYS"}},

@@ -1,5 +1,6 @@
 #include "lab/run/run.h"
 
+#include <fmt/format.h>
 #include <stdio.h>
 
 #include <algorithm>
@@ -56,8 +57,6 @@ void print_summary(const Phone& phone, const Story& story, const Conduct& conduc
     printf("\n");
 }
 
-// What a scenario puts in the daemon's way must have come about, or the run has shown nothing. In
-// the fault campaign the one fault may keep the modem's deviations from coming.
 void hear_line(const Scenario& scenario, const std::string& line) {
     for (const Fault& fault : scenario.faults)
         fault.turn.hear(line);
@@ -67,6 +66,8 @@ void hear_line(const Scenario& scenario, const std::string& line) {
         quirk.turn.hear(line);
 }
 
+// What a scenario puts in the daemon's way must have come about, or the run has shown nothing. In
+// the fault campaign the one fault may keep the modem's deviations from coming.
 void check_obstacles(const Scenario& scenario, bool faults_alone, Story& story) {
     for (const Fault& fault : scenario.faults) {
         if (!fault.turn.came)
@@ -81,15 +82,6 @@ void check_obstacles(const Scenario& scenario, bool faults_alone, Story& story) 
         if (!quirk.turn.came)
             story.violation("the loader's deviation at " + quirk.at + " never triggered");
     }
-}
-
-Notebook story_so_far(const Story& story) {
-    Notebook notebook;
-    notebook.crash_sentence = story.crash_sentence;
-    notebook.log = story.log();
-    notebook.requests = story.requests();
-    notebook.violations = story.violations();
-    return notebook;
 }
 
 // What a scenario can expect of a real kernel: no times to the letter, and none of the requests
@@ -122,108 +114,166 @@ std::unique_ptr<RunStage> make_stage(const Scenario& scenario, const RunOptions&
             Gate::Setup{start, options.real_time, patience, options.learn, options.jitter});
 }
 
-}  // namespace
-
-Result run_scenario(const Scenario& wanted, const RunOptions& options) {
-    Scenario scenario = options.device ? on_real_kernel(wanted, !options.notebook.empty()) : wanted;
-    enter_namespaces();
-    Phone phone(scenario, options.root, options.keep);
-    Notebook notes;
-    const bool resumed = !options.notebook.empty() && notes.take(options.notebook);
-    if (resumed) {
-        phone.resume(options.daemon);
-    } else {
-        phone.build(options.daemon);
+// One run, step by step: play() is the order.
+class Run {
+  public:
+    Run(const Scenario& scenario, const RunOptions& options)
+        : options_(options),
+          scenario_(options.device ? on_real_kernel(scenario, !options.notebook.empty())
+                                   : scenario),
+          phone_(scenario_, options.root, options.keep),
+          resumed_(prepare_phone()),
+          start_(resumed_ ? notes_.start : scenario_.start),
+          story_(options.story ? stdout : nullptr, start_),
+          stage_(make_stage(scenario_, options, phone_, story_, start_,
+                            resumed_ ? notes_.now : start_)),
+          driver_(scenario_, phone_.partition(), *stage_, story_),
+          timeline_(scenario_, phone_, *stage_, driver_, story_, start_) {
+        stage_->connect(driver_);
     }
 
-    const Time start = resumed ? notes.start : scenario.start;
-    Story story(options.story ? stdout : nullptr, start);
-    if (resumed) story.recall(notes.log, notes.requests, notes.violations);
-    const auto stage =
-            make_stage(scenario, options, phone, story, start, resumed ? notes.now : start);
-    Driver driver(scenario, phone.partition(), *stage, story);
-    Timeline timeline(scenario, phone, *stage, driver, story, start);
-    stage->connect(driver);
-
-    Conduct conduct;
-    Files before;
-    stage->on_wait = [&] {
-        conduct.open = open_paths(*stage);
-        if (options.on_wait) {
-            Play play{scenario, phone, *stage, driver, story, timeline.position()};
-            options.on_wait(play);
+    Result play() {
+        listen();
+        if (resumed_) {
+            resume();
+        } else {
+            begin();
         }
-        timeline.waits();
-    };
-    if (options.learn) {
-        stage->on_call = [&](const std::string& call, int time, const std::string& path) {
-            const std::string place = story.log().empty() ? "" : story.log().back();
-            conduct.calls.push_back({call, time, path, place});
-        };
+        if (conduct_.end.empty()) conduct_.end = stage_->serve();
+        if (conduct_.end == "reboot") throw Reboots();
+        conduct_.lasted = stage_->now() - start_;
+        conduct_.files = closed_files(phone_, {});
+        judge();
+        write_results();
+        return {story_.violations(), conduct_};
     }
-    if (options.clean != nullptr)
-        stage->on_fault = [&] { before = closed_files(phone, open_paths(*stage)); };
-    stage->on_upload = [&] { return timeline.upload(); };
-    stage->on_sleep = [&](Time span) {
-        if (span == kSecond) check_between_passes(*stage, story);
-    };
-    stage->on_down = [&](bool panics) {
-        Notebook notebook = story_so_far(story);
-        notebook.start = start;
-        notebook.now = stage->now();
-        notebook.position = timeline.position();
-        notebook.panicked = panics;
-        notebook.times = driver.times();
-        notebook.store(options.notebook);
-    };
-    story.on_fact = [&](const std::string& kind, const std::string& text) {
-        if (kind == "line") hear_line(scenario, text);
-        timeline.fact(kind, text);
-        if (text == "POWER_ON") check_at_boot(*stage, scenario, story);
+
+  private:
+    // Whether the run goes on where it was when the machine went down.
+    bool prepare_phone() {
+        enter_namespaces();
+        const bool resumed = !options_.notebook.empty() && notes_.take(options_.notebook);
+        if (resumed) {
+            phone_.resume(options_.daemon);
+        } else {
+            phone_.build(options_.daemon);
+        }
+        return resumed;
+    }
+
+    void listen() {
+        stage_->on_wait = [this] { daemon_waits(); };
+        stage_->on_sleep = [this](Time span) {
+            if (span == kSecond) check_between_passes(*stage_, story_);
+        };
+        stage_->on_upload = [this] { return timeline_.upload(); };
+        stage_->on_down = [this](bool panics) { write_notes(panics); };
+        story_.on_fact = [this](const std::string& kind, const std::string& text) {
+            hear(kind, text);
+        };
+        if (options_.learn) {
+            stage_->on_call = [this](const std::string& call, int time, const std::string& path) {
+                const std::string place = story_.log().empty() ? "" : story_.log().back();
+                conduct_.calls.push_back({call, time, path, place});
+            };
+        }
+        if (options_.clean != nullptr)
+            stage_->on_fault = [this] { before_ = closed_files(phone_, open_paths(*stage_)); };
+    }
+
+    void begin() {
+        if (!scenario_.about.empty()) story_.tell("phone", "", scenario_.about);
+        stage_->start_daemon();
+        timeline_.begin();
+    }
+
+    void resume() {
+        story_.recall(notes_.log, notes_.requests, notes_.violations);
+        story_.crash_sentence = notes_.crash_sentence;
+        story_.tell("phone", "", "is up again");
+        driver_.recall(notes_.times);
+        timeline_.resume(notes_.position, notes_.panicked);
+        const bool last = notes_.panicked && timeline_.position() == notes_.position;
+        if (last) {
+            conduct_.end = "upload";  // nothing follows the panic
+        } else {
+            stage_->start_daemon();
+        }
+    }
+
+    void daemon_waits() {
+        conduct_.open = open_paths(*stage_);
+        if (options_.on_wait) {
+            Play play{scenario_, phone_, *stage_, driver_, story_, timeline_.position()};
+            options_.on_wait(play);
+        }
+        timeline_.waits();
+    }
+
+    void hear(const std::string& kind, const std::string& text) {
+        if (kind == "line") hear_line(scenario_, text);
+        timeline_.fact(kind, text);
+        if (text == "POWER_ON") check_at_boot(*stage_, scenario_, story_);
         // With the gate's real clock the wait itself isn't seen, only what is said before it.
         const bool waits = matches("*: Wait event from modem *", text) ||
                            matches("*: unknown Modem status", text);
-        if (options.real_time && waits) timeline.waits();
-    };
+        if (options_.real_time && waits) timeline_.waits();
+    }
 
-    if (!scenario.about.empty() && !resumed) story.tell("phone", "", scenario.about);
-    if (resumed) {
-        story.crash_sentence = notes.crash_sentence;
-        story.tell("phone", "", "is up again");
-        driver.recall(notes.times);
-        timeline.resume(notes.position, notes.panicked);
+    void write_notes(bool panics) {
+        Notebook notes;
+        notes.start = start_;
+        notes.now = stage_->now();
+        notes.position = timeline_.position();
+        notes.panicked = panics;
+        notes.crash_sentence = story_.crash_sentence;
+        notes.log = story_.log();
+        notes.requests = story_.requests();
+        notes.violations = story_.violations();
+        notes.times = driver_.times();
+        notes.store(options_.notebook);
     }
-    if (resumed && notes.panicked && timeline.position() == notes.position) {
-        conduct.end = "upload";  // nothing was to come after it
-    } else {
-        stage->start_daemon();
-        if (!resumed) timeline.begin();
-        conduct.end = stage->serve();
+
+    void judge() {
+        if (!timeline_.finished()) story_.violation("not everything in the timeline has happened");
+        // Where the run is conducted from outside, chance decides what comes.
+        if (!resumed_ && !options_.on_wait)
+            check_obstacles(scenario_, options_.clean != nullptr, story_);
+        if (options_.clean != nullptr) {
+            check_collected(scenario_, phone_, driver_, story_);
+            for (const std::string& difference :
+                 differences(*options_.clean, conduct_, before_, story_.log()))
+                story_.violation(difference);
+        } else {
+            check_expectations(scenario_, phone_, driver_, conduct_, story_);
+        }
+        check_always(phone_, story_);
     }
-    if (conduct.end == "reboot") throw Reboots();
-    conduct.lasted = stage->now() - start;
-    if (!timeline.finished()) story.violation("not everything in the timeline has happened");
-    // Where the run is conducted from outside, chance decides what comes.
-    if (!resumed && !options.on_wait) check_obstacles(scenario, options.clean != nullptr, story);
-    conduct.files = closed_files(phone, {});
-    if (options.clean != nullptr) {
-        check_collected(scenario, phone, driver, story);
-        for (const std::string& difference :
-             differences(*options.clean, conduct, before, story.log()))
-            story.violation(difference);
-    } else {
-        check_expectations(scenario, phone, driver, conduct, story);
+
+    void write_results() const {
+        if (options_.story && options_.summary) print_summary(phone_, story_, conduct_);
+        if (options_.trace) options_.trace.write(story_.trace());
+        if (options_.log) options_.log.write(fmt::format("{}\n", fmt::join(story_.log(), "\n")));
     }
-    check_always(phone, story);
-    if (options.story && options.summary) print_summary(phone, story, conduct);
-    if (options.trace) options.trace.write(story.trace());
-    if (options.log) {
-        std::string lines;
-        for (const std::string& line : story.log())
-            lines += line + "\n";
-        options.log.write(lines);
-    }
-    return {story.violations(), conduct};
+
+    const RunOptions& options_;
+    Scenario scenario_;
+    Phone phone_;
+    Notebook notes_;
+    const bool resumed_;
+    const Time start_;
+    Story story_;
+    const std::unique_ptr<RunStage> stage_;
+    Driver driver_;
+    Timeline timeline_;
+    Conduct conduct_;
+    Files before_;  // when the fault came
+};
+
+}  // namespace
+
+Result run_scenario(const Scenario& scenario, const RunOptions& options) {
+    return Run(scenario, options).play();
 }
 
 }  // namespace rvd::lab
