@@ -3,6 +3,8 @@
 #include <fmt/core.h>
 #include <unistd.h>
 
+#include "lab/run/story_printer.h"
+
 namespace rvd::lab {
 
 namespace {
@@ -15,7 +17,7 @@ constexpr auto kElsewhere = std::chrono::seconds(30);
 Progress::Progress(std::string what, size_t total)
     : what_(std::move(what)),
       total_(total),
-      terminal_(isatty(STDERR_FILENO) != 0),
+      terminal_(is_capable_terminal(STDERR_FILENO)),
       start_(Clock::now()),
       last_(start_) {}
 

@@ -52,8 +52,9 @@ void Report::print(const Outcome& outcome) const {
     if (to_.json || (to_.quiet && outcome.status == kHeld)) return;
     fmt::print("{:<5} {}\n", word_for(outcome.status), outcome.name);
     if (outcome.status != kHeld || to_.story) fmt::print("{}", outcome.output);
-    print_violations(outcome);
+    if (outcome.status != kRefused) print_violations(outcome);
     fflush(stdout);
+    if (outcome.status == kRefused) fmt::print(stderr, "rvd-lab: {}\n", outcome.violations.at(0));
 }
 
 void Report::add(Outcome& outcome) {

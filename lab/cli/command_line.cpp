@@ -41,6 +41,8 @@ void add_run_options(CLI::App& app, CommandLine& line) {
     app.add_option("--root", line.run.root, "keep the phone's files in this directory");
     app.add_option("--timeout", line.run.timeout, "seconds of real time a run may take (60)")
             ->check(whole(1, 1'000'000));
+    app.add_option("--color", line.color, "colours in a story: auto, always or never (auto)")
+            ->check(CLI::IsMember({"auto", "always", "never"}));
     app.add_option("--trace", line.trace, "write the story as trace events to this file");
     app.add_option("--log", line.log, "write the daemon's lines to this file");
 }
@@ -66,6 +68,7 @@ void add_files(CLI::App& app, CommandLine& line) {
 void add_demo(CLI::App& app, CommandLine& line) {
     app.add_option("--modem", line.modem, "tq720 (integrated) or vk880 (external)")
             ->check(CLI::IsMember({"tq720", "vk880"}));
+    app.add_flag("--brief", line.brief, "only the chapters, and what matters most in them");
     add_seed(app, line);
     add_run_options(app, line);
 }

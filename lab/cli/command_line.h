@@ -13,11 +13,11 @@ struct CommandLine {
     enum class Command { none, demo, run, check, faults, soak, keys };
     Command command = Command::none;
     RunOptions run;
-    std::string modem = "tq720", only, trace, log, junit;
+    std::string modem = "tq720", only, trace, log, junit, color = "auto";
     std::vector<std::string> files;
     std::optional<int64_t> seed;
     int jobs = 1, spread = 0, passes = 10000;
-    bool quiet = false, story = false, list = false, json = false;
+    bool quiet = false, story = false, list = false, json = false, brief = false;
 };
 
 // An exit status instead, where there is nothing left to do: help and version have been printed, or

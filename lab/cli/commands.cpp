@@ -19,6 +19,8 @@ RunOptions open_results(const CommandLine& line, bool many) {
     RunOptions options = line.run;
     options.trace = Output(line.trace);
     options.log = Output(line.log);
+    options.look = look_for(stdout, line.color);
+    options.look.brief = line.brief;
     return options;
 }
 

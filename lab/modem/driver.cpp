@@ -21,6 +21,25 @@ const char* mode_name(uint32_t mode) {
     return mode == CP_BOOT_MODE_NORMAL ? "normal" : mode == CP_BOOT_MODE_DUMP ? "dump" : "?";
 }
 
+const char* state_name(int state) {
+    switch (state) {
+        case MODEM_STATE_OFF:
+            return "off";
+        case MODEM_STATE_CRASH_RESET:
+            return "crash reset";
+        case MODEM_STATE_CRASH:
+            return "crash";
+        case MODEM_STATE_CRASH_WATCHDOG:
+            return "watchdog crash";
+        case kStateBooting:
+            return "booting";
+        case kStateOnline:
+            return "online";
+        default:
+            return "unknown";
+    }
+}
+
 }  // namespace
 
 const Driver::Handler Driver::kHandlers[] = {
@@ -118,7 +137,8 @@ void Driver::recall(Times times) {
 
 void Driver::change_state(int state) {
     state_ = state;
-    story_.tell("driver", "daemon", format("the modem is in state %d", state));
+    story_.tell("driver", "daemon",
+                format("the modem is in state %d (%s)", state, state_name(state)));
     stage_.hang_up(Node::boot);
 }
 

@@ -43,15 +43,21 @@ void check_at_boot(const RunStage& stage, const Scenario& scenario, Story& story
     }
 }
 
-void print_summary(const Phone& phone, const Story& story, const Conduct& conduct) {
+void print_summary(const Phone& phone, const Story& story, const Conduct& conduct, bool brief) {
     printf("\nThe run ended with \"%s\" after %.3f s of the phone's time.\n", conduct.end.c_str(),
            static_cast<double>(conduct.lasted) / kSecond);
-    printf("\nTransfers\n");
-    for (const std::string& line : story.transfer_summary())
-        printf("  %s\n", line.c_str());
-    printf("\nFiles\n");
-    for (const std::string& line : file_summary(phone))
-        printf("  %s\n", line.c_str());
+    const std::vector<std::string> transfers = story.transfer_summary(),
+                                   files = file_summary(phone);
+    if (brief) {
+        printf("It saved %zu files; without --brief they are listed.\n", files.size());
+    } else {
+        printf("\nTransfers\n");
+        for (const std::string& line : transfers)
+            printf("  %s\n", line.c_str());
+        printf("\nFiles\n");
+        for (const std::string& line : files)
+            printf("  %s\n", line.c_str());
+    }
     if (!story.crash_sentence.empty())
         printf("\nThe crash, as the kernel was told%s\n", story.crash_sentence.c_str());
     printf("\n");
@@ -124,7 +130,7 @@ class Run {
           phone_(scenario_, options.root, options.keep),
           resumed_(prepare_phone()),
           start_(resumed_ ? notes_.start : scenario_.start),
-          story_(options.story ? stdout : nullptr, start_),
+          story_(options.story ? stdout : nullptr, options.look, start_),
           stage_(make_stage(scenario_, options, phone_, story_, start_,
                             resumed_ ? notes_.now : start_)),
           driver_(scenario_, phone_.partition(), *stage_, story_),
@@ -182,7 +188,7 @@ class Run {
     }
 
     void begin() {
-        if (!scenario_.about.empty()) story_.tell("phone", "", scenario_.about);
+        if (!scenario_.about.empty()) story_.begin(scenario_.about);
         stage_->start_daemon();
         timeline_.begin();
     }
@@ -251,7 +257,8 @@ class Run {
     }
 
     void write_results() const {
-        if (options_.story && options_.summary) print_summary(phone_, story_, conduct_);
+        if (options_.story && options_.summary)
+            print_summary(phone_, story_, conduct_, options_.look.brief);
         if (options_.trace) options_.trace.write(story_.trace());
         if (options_.log) options_.log.write(fmt::format("{}\n", fmt::join(story_.log(), "\n")));
     }

@@ -35,6 +35,7 @@ struct RunOptions {
     std::string notebook;  // where it keeps what it goes on with after a reboot of the machine;
                            // empty: the machine stays up
     bool story = true;     // told as it happens
+    Look look;             // of the story
     bool summary = false;  // files, transfers and verdict at the end
     int timeout = 60;      // seconds of real time
     int jitter = 0;        // microseconds that the gate waits between two reads

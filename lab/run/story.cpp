@@ -1,11 +1,8 @@
 #include "lab/run/story.h"
 
 #include <fmt/core.h>
-#include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <map>
 #include <nlohmann/json.hpp>
 
 namespace rvd::lab {
@@ -14,33 +11,18 @@ namespace {
 
 constexpr uint64_t kLongTransfer = 16 << 20;
 
-const char* colour_of(const char* actor) {
-    static const std::map<std::string, const char*> colours = {{"driver", "\033[36m"},
-                                                               {"loader", "\033[35m"},
-                                                               {"phone", "\033[33m"},
-                                                               {"kernel", "\033[33m"},
-                                                               {"lab", "\033[1;31m"}};
-    const auto colour = colours.find(actor);
-    return colour == colours.end() ? "" : colour->second;
-}
-
-// Blank lines and inner line breaks would tear the columns apart.
-std::string on_one_line(std::string text) {
-    while (!text.empty() && text.back() == '\n')
-        text.pop_back();
-    std::replace_if(
-            text.begin(), text.end(), [](char c) { return c == '\n' || c == '\t'; }, ' ');
-    return text;
-}
-
 double seconds(Time time) {
     return static_cast<double>(time) / kSecond;
 }
 
 }  // namespace
 
-Story::Story(FILE* out, Time start)
-    : out_(out), colours_(out != nullptr && isatty(fileno(out)) != 0), start_(start), now_(start) {}
+Story::Story(FILE* out, const Look& look, Time start)
+    : out_(out), printer_(out, look, start), start_(start), now_(start) {}
+
+void Story::begin(const std::string& about) {
+    if (out_ != nullptr) printer_.begin(about);
+}
 
 void Story::recall(std::vector<std::string> log, std::vector<std::string> requests,
                    std::vector<std::string> violations) {
@@ -60,12 +42,7 @@ void Story::forget() {
 
 void Story::tell(const char* from, const char* to, const std::string& text) {
     told_.push_back({now_ - start_, from, text});
-    if (out_ == nullptr) return;
-    const std::string who = *to != '\0' ? std::string(from) + " -> " + to : from;
-    fprintf(out_, "%12.6f  %s%-16s  %s%s\n", seconds(now_ - start_),
-            colours_ ? colour_of(from) : "", who.c_str(), on_one_line(text).c_str(),
-            colours_ ? "\033[0m" : "");
-    fflush(out_);
+    if (out_ != nullptr) printer_.line(now_, from, to, text);
 }
 
 void Story::log_line(int level, const std::string& text) {
@@ -175,7 +152,7 @@ std::string Story::trace() const {
     };
     for (const Told& told : told_) {
         const auto actor = std::find(actors.begin(), actors.end(), told.from);
-        add(told.at, actor - actors.begin(), "t", on_one_line(told.text));
+        add(told.at, actor - actors.begin(), "t", told.text);
     }
     add(now_ - start_, 0, "g", "end");
     const nlohmann::json all = {{"traceEvents", events}};

@@ -9,14 +9,17 @@
 #include <string>
 #include <vector>
 
-#include "lab/base.h"
+#include "lab/run/story_printer.h"
 
 namespace rvd::lab {
 
 class Story {
   public:
     // With `out` null the story is only kept.
-    Story(FILE* out, Time start);
+    Story(FILE* out, const Look& look, Time start);
+
+    // What one will see.
+    void begin(const std::string& about);
 
     void set_time(Time now) { now_ = now; }
 
@@ -85,7 +88,7 @@ class Story {
     void keep_in_ring(int level, const std::string& text);
 
     FILE* out_;
-    bool colours_;
+    StoryPrinter printer_;
     Time start_, now_;
     std::vector<std::string> log_, requests_, facts_, violations_;
     std::vector<Told> told_;

@@ -1,0 +1,122 @@
+#!/usr/bin/env bash
+# The command line of rvd-lab: exit statuses, the one line that says what is wrong, and that nothing
+# but what was named changes.
+#
+#   tests/lab_tool_test.sh BUILD-DIRECTORY SOURCE-DIRECTORY
+set -uo pipefail
+# shellcheck disable=SC2015,SC2181  # tests that end in "|| fail" are meant so
+lab=$1/rvd-lab
+source=$2
+unset NO_COLOR TMPDIR
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit 1
+mkdir shared tmp closed
+touch closed/file
+chmod 1777 shared
+ln -s "$work/victim" shared/link
+ln -s "$work/target" link
+printf '[[case]]\nmodme = "x"\n' >misspelt.toml
+cp "$source/lab/scenarios/demo.toml" demo.toml
+export TMPDIR=$work/tmp
+failures=0
+
+fail() {
+    echo "FAIL: $*"
+    failures=$((failures + 1))
+}
+
+# expect STATUS PATTERN COMMAND...: the pattern is one of the error's, or of the output where it is
+# quoted as "out:PATTERN".
+expect() {
+    local status=$1 pattern=$2 where=err
+    shift 2
+    "$@" >out 2>err </dev/null
+    local got=$?
+    [[ $pattern == out:* ]] && where=out && pattern=${pattern#out:}
+    ((got == status)) || fail "status $got, not $status: $*: $(tail -n 1 err)"
+    grep -qE -- "$pattern" "$where" || fail "no \"$pattern\" in $where of: $*: $(head -n 3 $where)"
+    ! grep -q '^rvd-lab: ' out || fail "an error on standard output: $*"
+}
+
+while IFS='|' read -r status pattern words; do
+    [[ -n $status ]] || continue
+    eval "expect $status '$pattern' \"\$lab\" $words"
+done <<'TABLE'
+0|out:Usage|
+0|out:^rvd-lab [0-9]+\.|--version
+0|out:--modem|demo --help
+2|dmeo.*did you mean "demo"|dmeo
+2|modme.*did you mean "--modem"|demo --modme x
+2|tq7|demo --modem tq7
+2|is required|run
+2|none.toml|run none.toml
+2|directory: \.|run .
+2|misspelt.toml:2:.*did you mean "modem"|run misspelt.toml
+2|misspelt.toml:2:|check misspelt.toml
+2|did you mean "demo tq720"|run --case "demo tq" demo.toml
+2|no flow.*did you mean "crash"|faults --only crsh
+2|"0" is not a whole number|run --jobs 0 demo.toml
+2|"-3" is not a whole number|run --jobs -3 demo.toml
+2|"-5" is not a whole number|faults --spread -5
+2|"0" is not a whole number|soak --passes 0
+2|not a whole number|soak --seed 99999999999999999999
+2|not a whole number|run --seed 1x demo.toml
+2|maybe not in|demo --color=maybe
+2|one run|run --log log demo.toml
+2|one run|faults --trace trace
+
+2|demo.toml|demo --root demo.toml
+2|not made by rvd-lab|demo --root closed
+2|executed: |demo --daemon demo.toml
+2|link in a directory|demo --log shared/link
+2|/none: No such|demo --log none/log
+0|out:demo.toml: 2 cases|check demo.toml
+0|out:^demo.toml: demo vk880|run --list demo.toml
+0|out:^boot:write:[0-9]+:ENOSPC$|faults --only boot --list
+0|out:modem is in state 2 \(crash\)|demo --log link --trace trace
+0|out:PASS: all expected events|demo --brief --root kept
+0|out:^PASS +demo tq720|run --case "demo tq*" --junit junit.xml demo.toml
+0|out:"result": "PASS"|run --case "demo tq*" --json demo.toml
+0|out:1 passed, 0 failed|soak --passes 3 --seed 1
+TABLE
+
+[[ -s target && -L link && ! -e victim && ! -e log ]] || fail "results went elsewhere"
+grep -q '"traceEvents"' trace || fail "no trace"
+grep -q '<testcase classname="demo.toml" name="demo tq720"' junit.xml || fail "no JUnit"
+[[ -e kept/data/vendor/log/rvd ]] || fail "the phone's files were not kept"
+
+# The kept root is locked, a full device and a missing directory are named, a closed pipe is no error.
+(exec 9<kept && flock 9 && expect 2 'in use by another run' "$lab" demo --root kept && exit $failures)
+failures=$((failures + $?))
+"$lab" demo >/dev/full 2>err
+[[ $? == 2 ]] && grep -q 'No space left' err || fail "a full device: $(cat err)"
+expect 2 'TMPDIR' env TMPDIR=/none "$lab" demo
+"$lab" demo 2>err | head -n 1 >out
+[[ ${PIPESTATUS[0]} == 141 && ! -s err ]] || fail "a closed pipe is an error: $(cat err)"
+
+# A brief story, colours where they are wanted, and lines that fit the terminal.
+"$lab" demo --brief --color=always >out
+(($(wc -l <out) <= 36)) || fail "the brief story has $(wc -l <out) lines"
+grep -q $'\033\[1m' out || fail "no colours"
+
+# Interrupted, a soak tells what it had and leaves nothing; killed, it is swept by the next run.
+"$lab" soak --passes 1000000 --seed 1 >out 2>&1 &
+soak=$!
+until compgen -G "$TMPDIR/rvd-lab.*" >/dev/null; do sleep 0.05; done
+sleep 0.5
+kill -TERM $soak
+wait $soak
+[[ $? == 143 ]] && grep -q 'interrupted' out || fail "an interrupted soak: $(cat out)"
+"$lab" soak --passes 1000000 --seed 1 >out 2>&1 &
+soak=$!
+until compgen -G "$TMPDIR/rvd-lab.*" >/dev/null; do sleep 0.05; done
+run=$(pgrep -P $soak)
+kill -KILL $soak
+wait $soak 2>/dev/null
+while kill -0 "$run" 2>/dev/null; do sleep 0.05; done
+expect 0 'out:PASS' "$lab" run --case 'demo tq*' demo.toml
+compgen -G "$TMPDIR/rvd-lab.*" && fail "left behind: $(ls "$TMPDIR")"
+
+((failures == 0)) && echo "all of the command line is as expected"
+((failures == 0))
