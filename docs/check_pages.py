@@ -100,12 +100,25 @@ def check_daemon_files(page, text):
     expect_same("saved file", saved_names(text), saved)
 
 
+def check_daemon_messages(text):
+    """Every line that speaks of a failure has its row among the messages."""
+    said = [x for x in re.findall(r'"((?:[^"\\]|\\.)*)"', text)
+            if re.search("ERR!|[Ff]ail|TIMEOUT|[Ii]nvalid", x)]
+    said = {re.sub(r"%[-0-9.#l]*[a-zA-Z]", "*", x.replace("ERR! ", "").removesuffix("\\n"))
+            .replace("0x*", "*") for x in said}
+    said -= {"<3>lnkm: rvd: (*) *: ", "cpcrash_*_dump_fail", "TIMEOUT"}
+    rows = set(re.findall(r"`([^`]+)`", (DOCS / "messages.md").read_text()))
+    for missing in sorted(said - rows):
+        failures.append(f"message {missing}: in the program, not in messages.md")
+
+
 def check_daemon():
     page = (DOCS / "rvd.8").read_text()
     text = source()
     check_daemon_options(page, text)
     check_daemon_words(page, text)
     check_daemon_files(page, text)
+    check_daemon_messages(text)
 
 
 def help_of(binary, *command):

@@ -3,8 +3,8 @@
 # but what was named changes.
 #
 #   tests/lab_tool_test.sh BUILD-DIRECTORY SOURCE-DIRECTORY
+# shellcheck disable=SC2015,SC2181
 set -uo pipefail
-# shellcheck disable=SC2015,SC2181  # tests that end in "|| fail" are meant so
 lab=$1/rvd-lab
 source=$2
 unset NO_COLOR TMPDIR
