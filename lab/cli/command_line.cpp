@@ -140,7 +140,8 @@ std::optional<int> parse_command_line(int argc, char** argv, CommandLine& line) 
                     "fail every system call of the daemon, each in every way it can fail"),
                line);
     add_soak(*add(Command::soak, "soak", "live through pass after pass of events"), line);
-    add(Command::keys, "keys", "print what a scenario can say");
+    add(Command::keys, "keys", "print what a scenario can say")
+            ->add_flag("--json", line.json, "as a JSON schema, which editors use");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

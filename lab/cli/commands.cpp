@@ -3,6 +3,8 @@
 #include <fmt/core.h>
 #include <time.h>
 
+#include <nlohmann/json.hpp>
+
 #include "lab/builtin.h"
 #include "lab/campaign/faults.h"
 #include "lab/campaign/soak.h"
@@ -72,6 +74,28 @@ int check(const CommandLine& line) {
     return kHeld;
 }
 
+// A line for each key, with its place in the tables.
+void print_keys(const nlohmann::ordered_json& schema, const std::string& place) {
+    if (!schema.contains("properties")) return;
+    for (const auto& [key, about] : schema["properties"].items()) {
+        fmt::print("{:<28} {}\n", place + key, about.value("description", ""));
+        print_keys(about, place + key + ".");
+        if (about.contains("items")) print_keys(about["items"], place + key + "[].");
+        if (about.contains("additionalProperties"))
+            print_keys(about["additionalProperties"], place + key + ".NAME.");
+    }
+}
+
+int keys(bool json) {
+    const nlohmann::ordered_json schema = scenario_schema();
+    if (json) {
+        fmt::print("{}\n", schema.dump(1));
+    } else {
+        print_keys(schema, "");
+    }
+    return kHeld;
+}
+
 }  // namespace
 
 int execute(CommandLine& line) {
@@ -98,8 +122,7 @@ int execute(CommandLine& line) {
             return run_soak(line.seed.value_or(time(nullptr)), line.passes,
                             open_results(line, false), reporting);
         case Command::keys:
-            fmt::print("{}", scenario_manual());
-            return kHeld;
+            return keys(line.json);
         case Command::none:
             break;
     }

@@ -96,7 +96,7 @@ std::string Reader::below(const std::string& key) const {
 
 const toml::node* Reader::find(const char* key, const char* help) {
     known_.push_back(key);
-    if (manual_ != nullptr) *manual_ += fmt::format("{:<28} {}\n", below(key), help);
+    if (schema_ != nullptr) described(key)["description"] = help;
     last_ = nullptr;
     for (auto layer = layers_.rbegin(); layer != layers_.rend() && last_ == nullptr; ++layer)
         last_ = (*layer)->get(key);
@@ -118,7 +118,7 @@ std::vector<const toml::table*> Reader::tables_of(const char* key) {
 
 Reader& Reader::table(const char* key, const char* help, const Body& body) {
     find(key, help);
-    Reader inner(tables_of(key), below(key), manual_);
+    Reader inner(tables_of(key), below(key), schema_ ? &described(key) : nullptr);
     body(inner);
     inner.finish();
     return *this;
@@ -132,17 +132,30 @@ Reader& Reader::named(const char* key, const char* help,
         for (const auto& entry : *table)
             names.emplace_back(entry.first.str());
     }
-    if (manual_ != nullptr) names = {"NAME"};
+    if (schema_ != nullptr) names = {"NAME"};
     Reader outer(tables_of(key), below(key));
     for (const std::string& name : names) {
-        Reader inner(outer.tables_of(name.c_str()), below(key) + "." + name, manual_);
+        Reader inner(outer.tables_of(name.c_str()), below(key) + "." + name,
+                     schema_ ? &described(key)["additionalProperties"] : nullptr);
         body(name, inner);
         inner.finish();
     }
     return *this;
 }
 
+Schema Reader::shape(int64_t, Bounds bounds) {
+    return {{"type", {"integer", "string"}},
+            {"minimum", bounds.least},
+            {"maximum", bounds.most},
+            {"pattern", "^[0-9.]+ *(KiB|MiB|GiB)$"}};
+}
+
+Schema Reader::time_shape() {
+    return {{"type", "string"}, {"pattern", "^[0-9.]+ *(ms|s|min|h)$"}};
+}
+
 void Reader::finish() const {
+    if (schema_ != nullptr) schema_->update({{"type", "object"}, {"additionalProperties", false}});
     for (const toml::table* layer : layers_) {
         for (const auto& [name, node] : *layer) {
             const std::string key(name.str());

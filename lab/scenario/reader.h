@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,24 +31,28 @@ struct Bounds {
 };
 constexpr Bounds kWord{0, UINT32_MAX};
 
+using Schema = nlohmann::ordered_json;  // a JSON schema
+
 class Reader {
   public:
-    // Later layers are laid over earlier ones, key by key. With `manual` given there are no layers,
-    // and every key is written down instead of read.
-    Reader(std::vector<const toml::table*> layers, std::string path, std::string* manual = nullptr)
-        : layers_(std::move(layers)), path_(std::move(path)), manual_(manual) {}
+    // Later layers are laid over earlier ones, key by key. With `schema` given there are no layers,
+    // and every key is described there instead of read.
+    Reader(std::vector<const toml::table*> layers, std::string path, Schema* schema = nullptr)
+        : layers_(std::move(layers)), path_(std::move(path)), schema_(schema) {}
 
     // Texts, numbers with a unit or without, true and false, and optionals, lists and tables of
     // them. A table's keys from all layers count; of any other value, the last layer's does.
     template <class T>
     Reader& key(const char* key, T& out, const char* help, Bounds bounds = {}) {
         if (find(key, help) != nullptr) convert(*last_, out, bounds);
+        if (schema_ != nullptr) described(key).update(shape(out, bounds));
         return *this;
     }
     template <class T>
     Reader& key(const char* key, std::map<std::string, T>& out, const char* help,
                 Bounds bounds = {}) {
         find(key, help);
+        if (schema_ != nullptr) described(key).update(map_of(shape(T(), bounds)));
         for (const toml::table* table : tables_of(key)) {
             for (const auto& [name, node] : *table)
                 convert(node, out[std::string(name.str())], bounds);
@@ -57,6 +62,7 @@ class Reader {
     template <class T>
     Reader& time(const char* key, T& out, const char* help) {
         if (find(key, help) != nullptr) out = as_time(*last_);
+        if (schema_ != nullptr) described(key).update(time_shape());
         return *this;
     }
 
@@ -79,12 +85,13 @@ class Reader {
                  const std::function<void(Reader&, T&)>& body) {
         const toml::array* items = find(key, help) != nullptr ? &as_array(*last_) : nullptr;
         if (items != nullptr) out.clear();
-        const size_t count = manual_ != nullptr ? 1 : items != nullptr ? items->size() : 0;
+        const size_t count = schema_ != nullptr ? 1 : items != nullptr ? items->size() : 0;
+        if (schema_ != nullptr) described(key)["type"] = "array";
         for (size_t i = 0; i < count; i++) {
             T item{};
             std::vector<const toml::table*> layers;
             if (items != nullptr) layers.push_back(&as_table(*items->get(i)));
-            Reader reader(layers, below(key) + "[]", manual_);
+            Reader reader(layers, below(key) + "[]", schema_ ? &described(key)["items"] : nullptr);
             body(reader, item);
             reader.finish();
             out.push_back(std::move(item));
@@ -99,7 +106,7 @@ class Reader {
     }
 
     bool has(const char* key) const;
-    bool manual() const { return manual_ != nullptr; }
+    bool describes() const { return schema_ != nullptr; }
 
     // Refuses every key that nobody asked for.
     void finish() const;
@@ -111,6 +118,25 @@ class Reader {
     const toml::node* find(const char* key, const char* help);
     std::vector<const toml::table*> tables_of(const char* key);
     std::string below(const std::string& key) const;
+
+    // What a schema says of a key, and of the values that each kind of key takes.
+    Schema& described(const char* key) { return (*schema_)["properties"][key]; }
+    static Schema shape(const std::string&, Bounds) { return {{"type", "string"}}; }
+    static Schema shape(bool, Bounds) { return {{"type", "boolean"}}; }
+    static Schema shape(int, Bounds bounds) { return shape(int64_t{0}, bounds); }
+    static Schema shape(int64_t, Bounds bounds);
+    template <class T>
+    static Schema shape(const std::optional<T>&, Bounds bounds) {
+        return shape(T(), bounds);
+    }
+    template <class T>
+    static Schema shape(const std::vector<T>&, Bounds bounds) {
+        return {{"type", "array"}, {"items", shape(T(), bounds)}};
+    }
+    static Schema map_of(const Schema& values) {
+        return {{"type", "object"}, {"additionalProperties", values}};
+    }
+    static Schema time_shape();
 
     static const toml::table& as_table(const toml::node& node);
     static const toml::array& as_array(const toml::node& node);
@@ -132,7 +158,7 @@ class Reader {
 
     std::vector<const toml::table*> layers_;
     std::string path_;
-    std::string* manual_;
+    Schema* schema_;
     std::vector<std::string> known_;
     const toml::node* last_ = nullptr;
 };

@@ -73,7 +73,7 @@ void read_answer(Reader& reader, Answer& answer) {
             .must(is_one_of(answer.request, known), unknown_word("request", answer.request, known))
             .key("result", answer.result, "result; negative: errno", kAny);
     read_turn(reader, answer.turn);
-    if (reader.manual()) return;
+    if (reader.describes()) return;
     for (const char* key : {"request", "result"}) {
         if (!reader.has(key)) reader.refuse(fmt::format("an answer needs \"{}\"", key));
     }
@@ -95,7 +95,7 @@ void read_driver(Reader& reader, DriverSetup& driver) {
                           read_answer)
             .named("regions", "modem memory regions", [&](const std::string& name, Reader& r) {
                 Region& region = driver.regions[name];
-                if (!r.manual() && !is_one_of(name, regions))
+                if (!r.describes() && !is_one_of(name, regions))
                     r.refuse(unknown_word("region", name, regions));
                 r.key("size", region.size, "bytes announced", kWord)
                         .key("delivers", region.delivers, "bytes delivered (as announced)", kWord)
@@ -130,7 +130,8 @@ void read_quirk(Reader& reader, Quirk& quirk) {
             .key("silent", quirk.silent, "never sent, and nothing after it")
             .key("hang_up", quirk.hang_up, "a hang-up instead");
     read_turn(reader, quirk.turn);
-    if (!reader.manual() && quirk.at.empty()) reader.refuse("the loader's deviation needs \"at\"");
+    if (!reader.describes() && quirk.at.empty())
+        reader.refuse("the loader's deviation needs \"at\"");
 }
 
 void read_fault(Reader& reader, Fault& fault) {
@@ -143,7 +144,7 @@ void read_fault(Reader& reader, Fault& fault) {
             .key("cut", fault.cut, "a read or write of only so many bytes; 0: end of file")
             .key("hang_up", fault.hang_up, "the node hangs up under the call");
     read_turn(reader, fault.turn);
-    if (reader.manual()) return;
+    if (reader.describes()) return;
     if (fault.call.empty()) reader.refuse("a fault needs \"call\"");
     if (!fault.error.empty() + fault.cut.has_value() + fault.hang_up != 1)
         reader.refuse("a fault needs one of \"error\", \"cut\" and \"hang_up\"");
@@ -165,7 +166,7 @@ void read_event(Reader& reader, Event& event) {
     reader.key("restart", event.restart, "the daemon is killed and started again")
             .key("reboot", event.reboot, "the device reboots: restart, properties fresh")
             .key("stop", event.stop, "the run ends here");
-    if (reader.manual()) return;
+    if (reader.describes()) return;
     const int when = event.at.has_value() + event.waits + !event.line.empty() +
                      !event.request.empty() + event.upload;
     if (when != 1)
@@ -187,7 +188,7 @@ void read_file_expectation(Reader& reader, FileExpectation& file) {
             .key("equals", file.equals,
                  "content: \"dump\", \"erased\", or a region's name; with a size, so much of it")
             .must(is_one_of(file.equals, contents), unknown_word("content", file.equals, contents));
-    if (!reader.manual() && file.path.empty()) reader.refuse("a file needs \"path\"");
+    if (!reader.describes() && file.path.empty()) reader.refuse("a file needs \"path\"");
 }
 
 void read_requests(Reader& reader, const char* key, std::vector<std::string>& out,
@@ -344,12 +345,17 @@ std::vector<Scenario> read_scenarios(const std::string& path) {
     return parse_scenarios(read_file(path), path);
 }
 
-std::string scenario_manual() {
-    std::string manual;
-    Reader reader({}, "", &manual);
+nlohmann::ordered_json scenario_schema() {
+    Schema schema = {{"$schema", "http://json-schema.org/draft-07/schema#"},
+                     {"title", "a scenario of rvd-lab"}};
+    Reader reader({}, "", &schema);
     Scenario s;
     read_all(reader, s);
-    return manual;
+    reader.finish();
+    schema["properties"]["case"] = {{"description", "runs: tables laid over the rest of the file"},
+                                    {"type", "array"},
+                                    {"items", {{"$ref", "#"}}}};
+    return schema;
 }
 
 }  // namespace rvd::lab

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -159,7 +160,7 @@ struct Scenario {
 std::vector<Scenario> read_scenarios(const std::string& path);
 std::vector<Scenario> parse_scenarios(const std::string& text, const std::string& name);
 
-// The manual of all keys, one line each.
-std::string scenario_manual();
+// All keys and what they take, as a JSON schema.
+nlohmann::ordered_json scenario_schema();
 
 }  // namespace rvd::lab
