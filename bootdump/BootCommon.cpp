@@ -61,7 +61,7 @@ bool main_link_supported(int link, bool has_pcie) {
     return true;
 }
 
-// A boot node for one request. It must open while another boot or dump holds the modem.
+// A boot node for one request. O_NONBLOCK: it must open while a boot or dump uses the modem.
 ScopedFd open_for_request(const char* tag, int* result) {
     const char* path = Container::getRvdArgs()->boot_node;
     ScopedFd node(open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC));

@@ -1,7 +1,6 @@
 // The modem controller: boots the modem, collects its crash dump, powers it off and sends the
-// device into upload mode. One exists per process, of the variant that belongs to the modem. What
-// both variants do has its body here; a variant holds the two records and what is different about
-// its modem. Main thread only.
+// device into upload mode. A process has one, of its modem's variant. What both variants do has its
+// body here; a variant holds the two records and what differs. Main thread only.
 //
 // Results: 0 or more on success, the first failing step's negative result otherwise; every failure
 // has been logged when an operation returns.
@@ -27,6 +26,7 @@ class BootDump {
     virtual void set_sim_configuration();
     // upload() with this reason, shorter than 512 bytes.
     virtual int set_kernel_panic(const char* reason);
+    // The records of the current boot and dump, closed between them.
     virtual std_boot_args* getStdBoot() = 0;
     virtual std_dump_args* getStdDump() = 0;
     // Plans the stages of the table of contents in the boot record into its `dload`.
@@ -35,14 +35,18 @@ class BootDump {
     virtual int get_modem_state();
     // Copies one memory region into a file of the log directory.
     virtual int get_log_dump(const char* name, cp_log_dump_index idx);
+    // Asks the platform to reboot the device.
     virtual int std_reboot_system(const char* reason);
+    // Whether the device's carrier wants a reboot when the modem refuses its image.
     virtual bool check_vtc_sales_code();
     // Opens the boot record with everything a boot of this mode needs and plans it. False: the
     // record is closed again.
     virtual bool prepare_boot_args(cp_boot_mode mode);
     // Opens the boot record with the boot node alone.
     virtual bool std_boot_prepare_args(unsigned int max_stage);
+    // Closes the record's descriptors and initialises it.
     virtual void std_boot_close_args();
+    // Requests on the open boot record: power on, reset, start of the modem's boot loader.
     virtual int std_boot_power_on();
     virtual int std_boot_power_reset(cp_boot_mode mode);
     virtual int std_boot_start_cp_bootloader(cp_boot_mode mode);
@@ -51,17 +55,22 @@ class BootDump {
     // Opens the dump record: storage checked, dump node and crash files open, versions written.
     // False leaves what was opened in the record.
     virtual bool std_dump_prepare_args();
+    // Flushes the crash files, closes the record's descriptors and initialises it.
     virtual void std_dump_close_args();
+    // Receives the crash dump over the link into the files of the dump record.
     virtual int std_dump_receive_cp_dump();
     // Completes the crash files and has the driver panic the kernel with the crash reason.
     virtual int std_dump_trigger_kernel_panic();
+    // Logs the driver's and the daemon's version, to the crash text log too.
     virtual int std_dump_write_versions();
+    // Zeroes a record and sets its descriptors to -1, without closing them.
     virtual void std_boot_init_args();
     virtual void std_dump_init_args();
 
   protected:
     // --- What both variants' boots begin with ----------------------------------------------------
 
+    // Logs the paths of boot node, partition and NV file.
     static void log_boot_files();
     // 0, or -19 for a link that this modem does not have.
     static int check_links(bool has_pcie);
@@ -84,13 +93,10 @@ class BootDump {
     // less. False: a normal boot would go without images.
     bool bound_stages(cp_boot_mode mode, unsigned* last);
 
-    // Logs a failed step and hands its result on.
+    // Logs a failed step and returns its result.
     static int failed(const char* tag, const char* text, int result);
     // The same, to the crash text log too.
     static int dump_failed(const char* tag, const char* text, int result);
-
-    // Saves the kernel log in line, under a name.
-    static void save_kernel_log(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
   private:
     // Opens the boot node and the partition, reads the table of contents and checks its head.

@@ -1,5 +1,5 @@
-// The external modem: the driver carries its boot loader over, everything else goes to that loader
-// over the link, stage by stage.
+// The external modem: the driver loads its boot loader, which takes everything else over the link,
+// stage by stage.
 #pragma once
 
 #include "bootdump/BootDump.h"
@@ -20,7 +20,7 @@ class BootDumpExt : public BootDump {
     int ostra_normal_boot();
     // Reset into dump mode and start of the boot loader.
     int ostra_dump_boot();
-    // Hands the whole image of one row to the driver in one request.
+    // Loads the whole image of one row through the driver in one request.
     int std_boot_load_cp_bootloader(unsigned int stage);
     // Runs the rows of the plan over the link.
     int std_boot_load_cp_images();

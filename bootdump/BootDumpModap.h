@@ -1,5 +1,5 @@
 // The integrated modem: its memory is loaded chunk by chunk through the driver, which also verifies
-// it; the link only carries the handshake and the crash dump.
+// it; the link carries only the handshake and the crash dump.
 #pragma once
 
 #include "bootdump/BootDump.h"
@@ -25,12 +25,12 @@ class BootDumpModap : public BootDump {
     // Takes (non-zero) or releases (zero) the wake lock; failures are only logged.
     void boot_wake_lock(int lock);
     // One security request. 0 on success, -1 on failure. The driver's own result, which may be
-    // positive, is handed on where it asked for a reboot, and for SECURITY_NON_SECURE.
+    // positive, is returned where it asked for a reboot, and for SECURITY_NON_SECURE.
     int std_security_req(unsigned int mode, unsigned int param1, unsigned int param2);
     // Loads every planned stage. Returns whether images had been loaded before since the device
     // started (0 no, 1 yes), or the failing stage's negative result.
     int load_cp_images(cp_boot_mode mode);
-    // Loads one stage. 0, or negative; a non-zero result of the driver is handed on.
+    // Loads one stage. 0, or negative.
     int load_cp_image_by_stage(unsigned int stage, cp_boot_mode mode);
 
   private:

@@ -2,7 +2,6 @@
 // memory regions, and the kernel panic that ends a dump.
 #include <errno.h>
 #include <fcntl.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -22,8 +21,6 @@ namespace rvd {
 
 namespace {
 
-constexpr size_t kNameSize = 64;
-constexpr size_t kPathSize = 512;
 constexpr mode_t kCrashFileMode = 0664;
 constexpr size_t kRegionChunk = 4096;
 
@@ -64,7 +61,7 @@ int save_region(int file, uint32_t size, unsigned long* saved) {
     while (*saved < size) {
         char chunk[kRegionChunk];
         int received = Container::getProtocol()->std_ul_rx_frame(chunk, sizeof(chunk));
-        // A readable node without data has ended; waiting for more would never end.
+        // End of file: no more data will come.
         if (received == 0) received = -EIO;
         if (received < 0) {
             Log::dump_info(kTag, "ERR! log_dump std_ul_rx_frame fail (ret %d)\n", received);
@@ -94,15 +91,6 @@ int BootDump::dump_failed(const char* tag, const char* text, int result) {
     return result;
 }
 
-void BootDump::save_kernel_log(const char* format, ...) {
-    char name[kNameSize];
-    va_list values;
-    va_start(values, format);
-    vsnprintf(name, sizeof(name), format, values);
-    va_end(values);
-    Log::save_logs(Log::kSaveStamped, name);
-}
-
 void BootDump::std_dump_init_args() {
     std_dump_args* dump = getStdDump();
     *dump = {};
@@ -112,7 +100,7 @@ void BootDump::std_dump_init_args() {
 
 void BootDump::std_dump_close_args() {
     const std_dump_args* dump = getStdDump();
-    // After a dump that failed the device may not live long enough to write them back by itself.
+    // After a failed dump the device may restart before the kernel writes them back.
     for (const unsigned slot : {DUMP_FD_LOG, DUMP_FD_INFO, DUMP_FD_DUMP}) {
         if (dump->fd[slot] >= 0) fsync(dump->fd[slot]);
     }

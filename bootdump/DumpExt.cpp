@@ -11,7 +11,7 @@ namespace rvd {
 
 int BootDumpExt::dump() {
     const int result = dump_steps();
-    if (result < 0) save_kernel_log("cpcrash_%s_dump_fail", Container::getRvdArgs()->node_prefix);
+    if (result < 0) Log::save_now("cpcrash_%s_dump_fail", Container::getRvdArgs()->node_prefix);
     std_dump_close_args();
     std_boot_close_args();
     return result;
@@ -38,7 +38,7 @@ int BootDumpExt::dump_steps() {
     if (result < 0) return dump_failed(kTag, "ERR! std_dump_receive_cp_dump fail\n", result);
 
     Log::info(kTag, "Save kernel log\n");
-    save_kernel_log("dmesg");
+    Log::save_now("dmesg");
     if (Srinfo* srinfo = Container::getSrinfo()) srinfo->store_srinfo(boot_args_.fd[BOOT_FD_NODE]);
     sync();
 

@@ -1,5 +1,5 @@
-// The integrated modem's crash: what can be had from it is collected while it lies still, then its
-// boot loader is started to upload the rest.
+// The integrated modem's crash: memory regions are copied while the modem is stopped, then its boot
+// loader is started to upload the rest.
 #include <errno.h>
 #include <unistd.h>
 
@@ -19,9 +19,9 @@ constexpr char kTag[] = "dump";
 int BootDumpModap::dump() {
     const char* modem = Container::getRvdArgs()->node_prefix;
     boot_wake_lock(1);
-    save_kernel_log("cpcrash_%s_klog_before", modem);
+    Log::save_now("cpcrash_%s_klog_before", modem);
     const int result = dump_steps();
-    if (result < 0) save_kernel_log("cpcrash_%s_dump_fail", modem);
+    if (result < 0) Log::save_now("cpcrash_%s_dump_fail", modem);
     std_dump_close_args();
     std_boot_close_args();
     boot_wake_lock(0);
@@ -45,7 +45,7 @@ int BootDumpModap::dump_steps() {
     result = std_dump_receive_cp_dump();
     if (result < 0) return dump_failed(kTag, "ERR! std_dump_receive_cp_dump fail\n", result);
 
-    save_kernel_log("cpcrash_%s_klog_after", Container::getRvdArgs()->node_prefix);
+    Log::save_now("cpcrash_%s_klog_after", Container::getRvdArgs()->node_prefix);
     sync();
 
     Log::info(kTag, "Trigger kernel panic\n");
@@ -78,7 +78,7 @@ int BootDumpModap::boot_dump_loader() {
     if (result < 0) return failed(kTag, "ERR! load_cp_images fail\n", result);
 
     Log::info(kTag, "Request security : dump mode\n");
-    // The second size is that of the main image, which no dump loads: 0.
+    // No dump loads the main image: its size is 0.
     result = std_security_req(SECURITY_DUMP, boot_args_.dload[STAGE_BOOT].size,
                               boot_args_.dload[STAGE_MAIN].size);
     if (result < 0) return failed(kTag, "ERR! security check fail\n", result);

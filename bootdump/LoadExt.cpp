@@ -41,7 +41,7 @@ int BootDumpExt::std_boot_load_cp_bootloader(unsigned int stage) {
     const int result = ioctl(boot_args_.fd[BOOT_FD_NODE], IOCTL_LOAD_CP_IMAGE, &image);
     if (result != 0) {
         Log::error(kTag, "ERR! IOCTL_LOAD_CP_IMAGE fail (%d)\n", result);
-        // A positive result is a failure too, and must not pass for success further up.
+        // A positive result is a failure too; callers test for a negative one.
         return result < 0 ? result : -EIO;
     }
     Log::info(kTag, "xmit bootloader complete!\n");
@@ -50,7 +50,7 @@ int BootDumpExt::std_boot_load_cp_bootloader(unsigned int stage) {
 
 int BootDumpExt::std_boot_load_cp_images() {
     const RvdArgs* args = Container::getRvdArgs();
-    // Over SPI towards PCIe the running boot loader wants no word about itself.
+    // Between SPI and PCIe no DONE is exchanged for the boot loader itself.
     const bool skip_boot_row = args->boot_link == LINK_SPI && args->main_link == LINK_PCIE;
     const int first = skip_boot_row ? args->first_stage : args->boot_stage;
     for (int row = first; row < boot_args_.max_stage; ++row) {

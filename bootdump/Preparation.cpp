@@ -1,5 +1,5 @@
-// The boot record on its way from closed to prepared: boot node, partition, table of contents and
-// the NV files that the table asks for. What a variant makes of the table is in its Plan file.
+// Preparation of the boot record: boot node, partition, table of contents and the NV files that the
+// table names. What a variant makes of the table is in its Plan file.
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -82,7 +82,7 @@ bool BootDump::open_firmware() {
     }
     Log::info(kTag, "BIN(%s) opened (fd %d)\n", args->partition_path, partition);
     boot->fd[BOOT_FD_PARTITION] = partition;
-    // What a short partition does not hold stays zero.
+    // After a short read the rest of the table stays zero.
     if (read(partition, boot->toc, sizeof(boot->toc)) < 0) {
         Log::error(kTag, "ERR! TOC read fail\n");
         return false;
@@ -131,7 +131,7 @@ bool BootDump::open_nv(const toc_entry& entry, cp_boot_mode mode, uint32_t* nv_s
     const boot_fd_slot slot = source_slot(entry);
     const int size = static_cast<int>(entry.size);
     bool opened = false;
-    int fd = -1;  // stays so when the protected file is not provided
+    int fd = -1;  // unchanged where no protected file is provided
     switch (slot) {
         case BOOT_FD_NV:
             opened = Util::getNvFd(mode, args->nv_data_path, size, &fd);

@@ -1,6 +1,6 @@
-// The two argument records of a controller: everything one boot or one dump holds open and knows.
-// A record owns the descriptors in its slots; between boots and dumps it is closed, that is, all
-// zero bytes but for the slots, which are -1.
+// The two argument records of a controller: the descriptors and the state of one boot or one dump.
+// A record owns the descriptors in its slots; a closed record, as between boots and dumps, has -1
+// in every slot and zero bytes elsewhere.
 #pragma once
 
 #include <cstdint>
@@ -64,10 +64,10 @@ struct std_boot_args {
 
 struct std_dump_args {
     int32_t fd[kFdSlots];
-    uint32_t dump_size;   // bytes announced by the modem
-    uint32_t num_steps;   // steps announced
-    uint32_t reason_len;  // bytes of reason text announced
-    char reason[512];     // the modem's reason behind its prefix, "UMTS: "
+    uint32_t dump_size;             // bytes announced by the modem
+    uint32_t num_steps;             // steps announced
+    uint32_t reason_len;            // bytes of reason text announced
+    char reason[kCrashReasonSize];  // the modem's reason after its prefix, "UMTS: "
 };
 
 }  // namespace rvd

@@ -80,6 +80,9 @@ constexpr crash_origin crash_origin_of(int32_t owner) {
     }
 }
 
+// The text of a crash's record, and the one that IOCTL_TRIGGER_KERNEL_PANIC takes, always whole.
+constexpr size_t kCrashReasonSize = 512;
+
 #pragma pack(push, 1)
 
 // One chunk of an image for modem memory.
@@ -115,7 +118,8 @@ static_assert(sizeof(cp_security_req) == 16 && offsetof(cp_security_req, param3)
 // A crash's owner, and the driver's text about it.
 struct cp_crash_reason {
     int32_t owner;
-    char text[512];  // NUL-terminated by the driver; read no further than its end all the same
+    char text[kCrashReasonSize];  // NUL-terminated by the driver, bounded by the daemon all the
+                                  // same
 };
 static_assert(sizeof(cp_crash_reason) == 516 && offsetof(cp_crash_reason, text) == 4);
 
@@ -125,17 +129,16 @@ struct lnkm_version {
 };
 static_assert(sizeof(lnkm_version) == 20);
 
+constexpr uint32_t kSrinfoDataSize = 4092;
+
 // A silent-reset record: a 16-byte header and a text, as `len` bytes of data.
 struct srinfo_buf {
     uint32_t len;
-    char data[4092];
+    char data[kSrinfoDataSize];
 };
 static_assert(sizeof(srinfo_buf) == 4096 && offsetof(srinfo_buf, data) == 4);
 
 #pragma pack(pop)
-
-// The text that IOCTL_TRIGGER_KERNEL_PANIC takes is always this many bytes.
-constexpr size_t kCrashReasonSize = 512;
 
 // Requests of the boot node, except where noted. Results are 0 or more on success and negative on
 // failure unless the line says otherwise.

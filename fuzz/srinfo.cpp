@@ -17,7 +17,7 @@ constexpr char kLast[] = "/data/vendor/log/rvd/err/last_sr_info_nr";
 constexpr char kLog[] = "/data/vendor/log/rvd/sr_info_nr";
 constexpr char kPrevious[] = "/data/vendor/log/rvd/.sr_info_nr.bak";
 constexpr int kNode = -1;
-constexpr size_t kRotationSize = 65536;
+constexpr size_t kRotationSize = kSrinfoLogLimit;
 constexpr size_t kRow = 16, kRowLine = 58, kHeaderAndEnd = 23;
 
 // What a record's text must look like in the file that waits for the next boot.

@@ -1,4 +1,4 @@
-// How far the device is set up for debugging, as its boot loader and its user say.
+// The debug level and the modem's debug option, from the kernel command line and a property.
 #include <stdlib.h>
 #include <string.h>
 

@@ -13,23 +13,22 @@ namespace rvd {
 
 namespace {
 
-constexpr char kLogDir[] = "/data/vendor/log/rvd";
+constexpr char kLogDir[] = RVD_LOG_DIRECTORY;
 constexpr char kVersion[] = "RVD-V3-20200928R1";
 constexpr char kLogGroup[] = "log";
 
-constexpr int kMinLogDirMb = 500;
-constexpr int kMinLogRootMb = 256;
 constexpr int kMaxRetries = 5;
 constexpr unsigned kRetryPause = 1;  // s
 constexpr mode_t kDirMode = 0775;
+constexpr size_t kGroupSize = 4096;  // a group entry with its members
 
 char log_root[] = "/data";
-char log_dir[512] = "/data/vendor/log/rvd";
+char log_dir[kPathSize] = RVD_LOG_DIRECTORY;
 
 void hand_to_log_group(const char* path) {
     group entry = {};
     group* found = nullptr;
-    char strings[4096];
+    char strings[kGroupSize];
     if (getgrnam_r(kLogGroup, &entry, strings, sizeof(strings), &found) != 0 || found == nullptr) {
         return;
     }
@@ -90,7 +89,7 @@ int Log::create_directory(const char* path) {
         info("create_directory", "(%s) is not a directory\n", path);
         return -EFAULT;
     }
-    // A saving thread and the main thread may both be here.
+    // A saving thread and the main thread may both be making it.
     const int created = mkdir(kLogDir, kDirMode);
     if (created < 0 && errno != EEXIST) {
         error("create_directory", "log path create fail err=%d\n", created);

@@ -1,5 +1,5 @@
-// The daemon's own records: the two log sinks and the crash text log, the directory everything is
-// saved in, copies of the kernel log, and the two debug values that decide how much of it is done.
+// Logging: the two sinks and the crash text log, the log directory, copies of the kernel log, and
+// the two debug values that decide how much is saved.
 //
 // The message operations and the saving routine are safe on any thread; the rest belongs to the
 // main thread. No message operation changes errno.
@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cstddef>
 
 struct FTW;
 
@@ -30,10 +31,17 @@ extern int cp_debug;  // any value may come in; others only switch the handling 
 // Kernel log descriptor; standard output until kprintf_init has run.
 extern int kmsg_fd;
 
+#define RVD_LOG_DIRECTORY "/data/vendor/log/rvd"
+
 class Log {
   public:
-    static constexpr char kErrorDir[] = "/data/vendor/log/rvd/err";
-    static constexpr char kTestDir[] = "/data/vendor/log/rvd/test";
+    static constexpr char kErrorDir[] = RVD_LOG_DIRECTORY "/err";
+    static constexpr char kTestDir[] = RVD_LOG_DIRECTORY "/test";
+
+    static constexpr size_t kMaxRecord = 976;     // bytes; some kernels refuse a longer record
+    static constexpr int kMinLogDirMb = 500;      // free space for saved logs
+    static constexpr int kMinLogRootMb = 256;     // free space for a dump
+    static constexpr int kRingSize = 512 * 1024;  // bytes of the kernel log that a save holds
 
     // What a save writes; the first that is set wins.
     enum save_flags : int {
@@ -82,8 +90,7 @@ class Log {
     static const char* get_rvd_version();
 
     // Makes `path` usable for saving, with up to six tries 1 s apart; at debug level 0 only its
-    // group is set. Returns 0, -28 when less than 500 MB are free, another negative value when
-    // there is no directory to be had.
+    // group is set. Returns 0, -28 when less than 500 MB are free, or another negative value.
     static int create_log_directory(const char* path);
     // One try at the directory itself. Returns 0, -14 when something else is in its place, -1.
     static int create_directory(const char* path);
@@ -106,6 +113,9 @@ class Log {
     // The same on a detached thread with a copy of `name`; nothing at debug level 0 and on chips
     // that do without.
     static void save_logs_thread(int flags, const char* name);
+    // Time-stamped saves under a formatted name: before the call returns, and on a detached thread.
+    static void save_now(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    static void save_in_background(const char* format, ...) __attribute__((format(printf, 1, 2)));
     // The saving routine; takes a SaveRequest, which it does not release. Returns null.
     static void* _save_logs(void* request);
     // Appends the kernel ring and a zero byte to the file at `path`. Returns 0 when the copy was

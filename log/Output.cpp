@@ -1,5 +1,5 @@
-// The message operations. A line is formatted once; every sink gets its own tail of it, in one
-// write.
+// The message operations. A line is formatted once; each sink gets the end of it that is its own,
+// in one write.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
@@ -21,17 +21,14 @@ int kmsg_fd = STDOUT_FILENO;
 
 namespace {
 
-// A longer record is refused whole by some kernels.
-constexpr size_t kMaxRecord = 976;
-
 constexpr char kAndroidTag[] = "boot";
 
-// Where the Android log's and the crash text log's share of a line begins. The level, which the
-// kernel takes off a record, and the driver's prefix are for the kernel log alone.
+// Offset of a line's part for the Android log and for the crash text log. The level, which the
+// kernel removes from a record, and the driver's prefix are for the kernel log alone.
 constexpr size_t kAndroidStart = sizeof("<6>lnkm: ") - 1;
 constexpr size_t kCrashLogStart = sizeof("<6>lnkm: rvd: ") - 1;
 
-// The C library gives either of two strerror_r; one of these is never called.
+// One for each of the two strerror_r that a C library may declare.
 [[maybe_unused]] const char* error_text(int status, const char* buffer) {
     return status == 0 ? buffer : "Unknown error";
 }
@@ -40,7 +37,7 @@ constexpr size_t kCrashLogStart = sizeof("<6>lnkm: rvd: ") - 1;
 }
 
 void write_line(int fd, const char* line, size_t length) {
-    // A sink that cannot take the line must not keep it from the next.
+    // A sink that fails must not stop the next one.
     const ssize_t written = write(fd, line, length);
     static_cast<void>(written);
 }
@@ -80,7 +77,7 @@ class Line {
         constexpr int kCapacity = static_cast<int>(sizeof(text_)) - 1;
         length_ = std::clamp(length_, 0, kCapacity);
         const int added = vsnprintf(text_ + length_, sizeof(text_) - length(), format, values);
-        // Negative where the text cannot be converted: the line ends behind its head.
+        // Negative where the text cannot be converted: the line ends after its head.
         length_ += added < 0 ? snprintf(text_ + length_, sizeof(text_) - length(), "\n") : added;
         if (length_ > kCapacity) {
             length_ = kCapacity;
@@ -90,7 +87,7 @@ class Line {
 
     int priority_ = ANDROID_LOG_DEBUG;
     int length_ = 0;
-    char text_[kMaxRecord + 1];
+    char text_[Log::kMaxRecord + 1];
 };
 
 }  // namespace

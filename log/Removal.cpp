@@ -16,7 +16,7 @@ namespace rvd {
 
 namespace {
 
-constexpr char kRemovable[] = "/data/vendor/log/rvd";
+constexpr char kRemovable[] = RVD_LOG_DIRECTORY;
 constexpr size_t kRemovableLength = sizeof(kRemovable) - 1;
 constexpr int kWalkDescriptors = 64;
 
@@ -35,7 +35,7 @@ int Log::remove_directory(const char* path) {
               static_cast<unsigned long>(kRemovableLength));
         return -EINVAL;
     }
-    // Some C libraries walk a link that they are given; what it names is not ours.
+    // Some C libraries follow a symbolic link as the root of a walk; its target must stay.
     struct stat root;
     if (lstat(path, &root) == 0 && S_ISLNK(root.st_mode)) {
         return unlink_cb(path, &root, FTW_SL, nullptr);
@@ -57,11 +57,11 @@ void Log::remove_logs(int kind, const char* directory, const char* name) {
         info("remove_logs", "DIR doesn't exist %s\n", directory);
         return;
     }
-    char pattern[512];
+    char pattern[kPathSize];
     format_text(pattern, "%s_%s_", kLogKinds[kind], name);
     while (const dirent* entry = readdir(listing.get())) {
         if (strstr(entry->d_name, pattern) == nullptr) continue;
-        char path[512];
+        char path[kPathSize];
         // A path that was cut could name another file.
         if (format_text(path, "%s/%s", directory, entry->d_name)) unlink(path);
     }

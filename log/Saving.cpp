@@ -2,6 +2,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/klog.h>
@@ -22,9 +24,9 @@ namespace rvd {
 
 namespace {
 
-constexpr int kRingSize = 512 * 1024;
 constexpr int kReadAll = 3;  // the whole ring, left as it is
 constexpr mode_t kSavedMode = 0664;
+constexpr size_t kSavedPathSize = 256;
 
 constexpr char kChipProperty[] = "ro.hardware.chipname";
 constexpr const char* kChipsWithoutSaves[] = {"talvir410", "talvir4180"};
@@ -89,14 +91,32 @@ void Log::save_logs_thread(int flags, const char* name) {
     pthread_detach(thread);
 }
 
+void Log::save_now(const char* format, ...) {
+    char name[kNameSize];
+    va_list values;
+    va_start(values, format);
+    vsnprintf(name, sizeof(name), format, values);
+    va_end(values);
+    save_logs(kSaveStamped, name);
+}
+
+void Log::save_in_background(const char* format, ...) {
+    char name[kNameSize];
+    va_list values;
+    va_start(values, format);
+    vsnprintf(name, sizeof(name), format, values);
+    va_end(values);
+    save_logs_thread(kSaveStamped, name);
+}
+
 void* Log::_save_logs(void* argument) {
     const SaveRequest& request = *static_cast<SaveRequest*>(argument);
     if (create_log_directory(get_log_dir()) != 0) return nullptr;
     info("_save_logs", "save dmesg begin...\n");
-    char stamp[20];
+    char stamp[sizeof("YYYYMMDDhhmm_ss")];
     const tm now = local_now();
     strftime(stamp, sizeof(stamp), "%Y%m%d%H%M_%S", &now);
-    char path[256];
+    char path[kSavedPathSize];
     if (!saved_path(request, stamp, path)) return nullptr;
     dmesg_to_file(path);
     info("_save_logs", "%s\n", path);

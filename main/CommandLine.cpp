@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kTag[] = "parseArgs";
 
-// The plus sign makes every C library stop at the first word that is no option.
+// With "+" every C library stops at the first word that is no option.
 constexpr char kOptions[] =
         "+"
         "hdt:s:b:m:n:o:p:P:B:D:T:";

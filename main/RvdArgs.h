@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "bootdump/lnkm.h"
+#include "util/Text.h"
 
 namespace rvd {
 
@@ -34,6 +35,8 @@ enum option_bit : uint32_t {
     OPT_UPLOAD_TEST = 0x10000,  // one dump at start-up
 };
 
+constexpr size_t kNodeSize = 32;  // of a device node's path
+
 // One record in static storage, zero-filled before main starts. All text is NUL-terminated.
 struct RvdArgs {
     int32_t modem_type;       // modem_type_code
@@ -42,13 +45,13 @@ struct RvdArgs {
     int32_t daemon;           // 1: supervise for ever, 0: boot once and exit
     const char* modem_name;   // "tq720", "vk880"
     const char* node_prefix;  // "umts", "nr": tag in file and log-save names
-    char boot_node[32];
+    char boot_node[kNodeSize];
     const char* boot_device;  // boot_node, once there is one
-    char dump_node[32];
-    char partition_path[512];             // firmware images and their table of contents
-    char nv_data_path[512];               // backs "NV"; empty: no NV data
-    char nv_norm_path[512];               // backs "NV_NORM"
-    char nv_prot_path[512];               // backs "NV_PROT"
+    char dump_node[kNodeSize];
+    char partition_path[kPathSize];       // firmware images and their table of contents
+    char nv_data_path[kPathSize];         // backs "NV"; empty: no NV data
+    char nv_norm_path[kPathSize];         // backs "NV_NORM"
+    char nv_prot_path[kPathSize];         // backs "NV_PROT"
     int32_t max_stage;                    // stages of a table that does not count them
     int32_t first_stage;                  // table index at which a full load starts
     int32_t boot_stage;                   // table index of the boot loader

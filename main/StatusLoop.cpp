@@ -1,5 +1,5 @@
-// What follows a boot: the books are kept, then the modem is watched until an event ends the pass.
-// The driver signals a change of state as a hang-up on the boot node.
+// After a boot: properties are updated, then the modem is watched until an event ends the pass. The
+// driver signals a change of state as a hang-up on the boot node.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -12,8 +12,9 @@
 #include "bootdump/BootDump.h"
 #include "log/Log.h"
 #include "main/Container.h"
-#include "main/DeviceState.h"
+#include "main/Shutdown.h"
 #include "main/Supervisor.h"
+#include "util/Property.h"
 #include "util/ScopedFd.h"
 #include "util/Text.h"
 
@@ -22,6 +23,9 @@ namespace rvd {
 namespace {
 
 constexpr char kTag[] = "status_loop";
+
+constexpr char kBootCount[] = "vendor.rvd.cp_reset";
+constexpr char kBootDone[] = "vendor.rvd.boot_done";
 
 constexpr int kSilentResetWait = 50000;   // ms
 constexpr int kForEver = -1;              // ms
@@ -35,9 +39,7 @@ bool in_normal_operation() {
     return debug_level != 0 && cp_debug == CP_DEBUG_NONE;
 }
 
-// A modem that just booted has no node any more: what can be had is collected at once.
 void handle_missing_node(const char* path, int result) {
-    if (!in_normal_operation()) return;
     Log::info(kTag, "%s open fail, err = %d\n", path, result);
     if (Container::getBootDump()->dump() < 0) Log::info(kTag, "start_dump fail\n");
 }
@@ -46,7 +48,7 @@ void count_boot() {
     const Property count(kBootCount, "0");
     long boots = strtol(count.text(), nullptr, 10);
     if (boots < LONG_MAX) ++boots;
-    char text[64];
+    char text[kNameSize];
     format_text(text, "%ld", boots);
     property_set(kBootCount, text);
 }
@@ -55,7 +57,7 @@ void note_boot() {
     count_boot();
     if (in_normal_operation()) {
         if (Property(kBootDone, "0").is_set()) {
-            save_logs_in_background("cp_boot_done_%s", Container::getRvdArgs()->node_prefix);
+            Log::save_in_background("cp_boot_done_%s", Container::getRvdArgs()->node_prefix);
         }
         property_set(kResetDone, "1");
     }
@@ -83,15 +85,9 @@ int wait_for_event(int node) {
     return ioctl(node, IOCTL_GET_CP_STATUS, nullptr);
 }
 
-void park_on_device_shutdown() {
-    const Property shutdown(kShutdownRequested, "0");
-    Log::info(kTag, "deviceOff = %s\n", shutdown.text());
-    if (!shutdown.is_set()) return;
-    Log::info(kTag, "deviceOff = %s\n", shutdown.text());
-    Log::info(kTag, "shutdown\n");
-    Container::getBootDump()->shutdown();
-    property_set(kDeviceOffAnswer, "1");
-    park();
+void force_kernel_panic(const char* reason) {
+    const int result = Container::getBootDump()->set_kernel_panic(reason);
+    if (result != 0) Log::info(kTag, "set_kernel_panic() error %d\n", result);
 }
 
 void collect_dump() {
@@ -105,7 +101,7 @@ void collect_dump() {
 
 void handle_crash() {
     Log::check_debug_level();
-    if (cp_debug == CP_DEBUG_KERNEL_PANIC) force_kernel_panic(kTag, "Force a kernel panic");
+    if (cp_debug == CP_DEBUG_KERNEL_PANIC) force_kernel_panic("Force a kernel panic");
     if (debug_level == 0) {
         Log::info(kTag, "DBG_LOW, wait onrestart by rild\n");
         sleep(kRildRestartWait);
@@ -116,7 +112,7 @@ void handle_crash() {
     Log::info(kTag, "CP status CRASH\n");
     const int storage = Log::create_log_directory(Log::get_log_dir());
     if (storage == -ENOSPC) {
-        force_kernel_panic(kTag, "Not enough freespace");
+        force_kernel_panic("Not enough freespace");
     } else if (storage != 0) {
         return;
     }
@@ -125,7 +121,7 @@ void handle_crash() {
 }
 
 void handle_reset(int node) {
-    if (cp_debug == CP_DEBUG_KERNEL_PANIC) force_kernel_panic(kTag, "Force a kernel panic");
+    if (cp_debug == CP_DEBUG_KERNEL_PANIC) force_kernel_panic("Force a kernel panic");
     if (cp_debug != CP_DEBUG_NONE) return;
 
     Log::info(kTag, "STATE_CRASH_RESET, wait onrestart by rild\n");
@@ -134,17 +130,17 @@ void handle_reset(int node) {
     if (result != 0) Log::info(kTag, "cp off ioctl fail err=%d\n", result);
     Log::info(kTag, "RILD dosenot restart for 3sec, save logs\n\n");
     if (debug_level != 0) {
-        save_logs_in_background("rvd_only_%s", Container::getRvdArgs()->node_prefix);
+        Log::save_in_background("rvd_only_%s", Container::getRvdArgs()->node_prefix);
     }
     sleep(kAfterPowerOff);
 }
 
-// Every event but an unknown state ends the pass.
+// Returns at the event that ends the pass: any but an unknown state.
 void handle_events(int node) {
     Log::info(kTag, "Wait event from modem %d\n", Container::getRvdArgs()->modem_type);
     for (;;) {
         const int state = wait_for_event(node);
-        park_on_device_shutdown();
+        park_on_device_shutdown(kTag, shutdown_moment::AFTER_EVENT);
         Log::info(kTag, "get event %d\n", state);
         switch (state) {
             case MODEM_STATE_CRASH:
@@ -154,7 +150,7 @@ void handle_events(int node) {
                 return handle_reset(node);
             default:
                 Log::info(kTag, "unknown Modem status\n");
-                // The hang-up stands for as long as the state does.
+                // POLLHUP is level-triggered and stays as long as the state does.
                 sleep(kIdlePause);
                 break;
         }
@@ -167,9 +163,8 @@ void watch_node() {
     const ScopedFd node(open(args->boot_device, O_RDWR | O_CLOEXEC));
     if (!node.valid()) {
         Log::error(kTag, "%s open fail\n", args->boot_device);
-        if (debug_level == 0 || cp_debug == CP_DEBUG_NONE) {
-            return handle_missing_node(args->boot_device, node.get());
-        }
+        if (debug_level == 0) return;
+        if (cp_debug == CP_DEBUG_NONE) return handle_missing_node(args->boot_device, node.get());
     }
     note_boot();
     if (debug_level != 0 && cp_debug == CP_DEBUG_SILENT_RESET) {
@@ -177,7 +172,7 @@ void watch_node() {
         wait_for_hang_up(node.get(), kSilentResetWait);
         return;
     }
-    // Without a node there is nothing that could end a wait.
+    // Without a node nothing could end the wait.
     if (node.valid()) handle_events(node.get());
 }
 

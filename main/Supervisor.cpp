@@ -11,8 +11,9 @@
 #include "bootdump/BootDump.h"
 #include "log/Log.h"
 #include "main/Container.h"
-#include "main/DeviceState.h"
+#include "main/Shutdown.h"
 #include "protocol/ProtocolVelo.h"
+#include "util/Property.h"
 #include "util/ScopedFd.h"
 #include "util/Text.h"
 #include "util/Util.h"
@@ -22,6 +23,7 @@ namespace rvd {
 namespace {
 
 constexpr char kTag[] = "main";
+constexpr char kNoResetBooted[] = "vendor.rvd.cpboot";
 constexpr unsigned kUploadTestDelay = 5;  // s
 constexpr unsigned kPassPause = 1;        // s
 
@@ -38,14 +40,6 @@ void test_upload() {
     sleep(kUploadTestDelay);
     if (Container::getBootDump()->dump() < 0) Log::info(kTag, "start boot fail\n");
     end_pass();
-}
-
-void park_on_device_shutdown() {
-    const Property shutdown(kShutdownRequested, "0");
-    if (!shutdown.is_set()) return;
-    Log::info(kTag, "deviceOff = %s\n", shutdown.text());
-    Container::getBootDump()->shutdown();
-    park();
 }
 
 // Whether the debug options let this pass boot the modem.
@@ -68,7 +62,7 @@ bool boot_allowed() {
 
 void save_logs_of_reset() {
     if (debug_level == 0 || !Property(kResetDone, "").is_set()) return;
-    save_logs_in_background("cp_boot_%s", Container::getRvdArgs()->node_prefix);
+    Log::save_in_background("cp_boot_%s", Container::getRvdArgs()->node_prefix);
     property_set(kResetDone, "0");
 }
 
@@ -81,7 +75,7 @@ int boot_modem() {
     return Container::getBootDump()->boot();
 }
 
-// The state of a modem that did not boot, asked on a node of its own.
+// Asks for the state of a modem that failed to boot, on a descriptor of its own.
 int get_modem_state() {
     ScopedFd node(open(Container::getRvdArgs()->boot_node, O_RDWR | O_CLOEXEC));
     if (!node.valid()) {
@@ -153,7 +147,7 @@ std::optional<int> start_up(int argc, char** argv) {
 }
 
 std::optional<int> run_pass() {
-    park_on_device_shutdown();
+    park_on_device_shutdown(kTag, shutdown_moment::BETWEEN_PASSES);
     if (boot_allowed()) {
         save_logs_of_reset();
         if (boot_modem() < 0) {

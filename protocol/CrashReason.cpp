@@ -1,4 +1,4 @@
-// Who crashed the modem, as one sentence for people.
+// The crash reason: who crashed the modem, as one sentence.
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>

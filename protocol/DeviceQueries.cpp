@@ -68,7 +68,7 @@ bool ProtocolVelo::check_vtc_sales_code() {
 int ProtocolVelo::std_reboot_system(const char* reason) {
     constexpr char kTag[] = "std_reboot_system";
     char value[PROPERTY_VALUE_MAX];
-    // A reason that was cut would reboot the device into something else.
+    // A cut reason would be another one.
     const int result =
             format_text(value, "reboot,%s", reason) ? property_set(kPowerControl, value) : -EINVAL;
     if (result < 0) Log::info(kTag, "ERR! failed to setprop [sys.powerctl](%s)\n", value);

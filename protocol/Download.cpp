@@ -1,5 +1,4 @@
-// The way of an image to the modem's boot loader: a stage is announced, sent in frames, checked and
-// closed.
+// An image to the modem's boot loader: its frames, its CRC, and the handshake that ends a boot.
 #include <errno.h>
 #include <unistd.h>
 
@@ -12,28 +11,6 @@
 #include "protocol/link.h"
 
 namespace rvd {
-
-int ProtocolVelo::std_udl_stage_start(operation op, unsigned int stage) {
-    const uint32_t req = udl_request(stage, UDL_CMD_START);
-    const uint32_t exp = udl_response(stage, UDL_CMD_START);
-    const int result = std_udl_req_resp(op, req, exp);
-    if (result < 0) {
-        Log::info("std_udl_stage_start", "ERR! [stage %d] START fail (req:0x%X exp:0x%X)\n",
-                  static_cast<int>(stage), req, exp);
-    }
-    return result;
-}
-
-int ProtocolVelo::std_udl_stage_done(operation op, unsigned int stage, unsigned int) {
-    const uint32_t req = udl_request(stage, UDL_CMD_DONE);
-    const uint32_t exp = udl_response(stage, UDL_CMD_DONE);
-    const int result = std_udl_req_resp(op, req, exp);
-    if (result < 0) {
-        Log::info("std_udl_stage_done", "ERR! [stage %d] DONE fail (req:0x%X exp:0x%X)\n",
-                  static_cast<int>(stage), req, exp);
-    }
-    return result;
-}
 
 int ProtocolVelo::std_dl_send_bin(unsigned int stage, int fd, unsigned int offset,
                                   unsigned int size) {

@@ -27,7 +27,7 @@ class Protocol {
     virtual int std_boot_finish_handshake() = 0;
     // Receives a whole crash dump into the files of the dump record.
     virtual int std_dump_receive_cp_dump() = 0;
-    // Asks the platform to reboot the device. 0, or negative when it would not take the request.
+    // Asks the platform to reboot the device. 0, or negative when the request is refused.
     virtual int std_reboot_system(const char* reason);
     virtual int std_udl_stage_start(operation op, unsigned int stage) = 0;
     virtual int std_udl_stage_done(operation op, unsigned int stage, unsigned int boot_stage) = 0;
@@ -42,7 +42,7 @@ class Protocol {
     // Supplies the descriptor of the protected NV file, which the caller then owns. True with `*fd`
     // unchanged: none is provided.
     virtual bool getNvProtFd(cp_boot_mode mode, char* path, int size, int* fd);
-    // The SIM count of the factory, or negative when there is none to be found.
+    // The SIM count of the factory, or negative where it cannot be read.
     virtual int get_factory_prop() = 0;
     // Waits up to `timeout` ms for one of `events` on the node of `op`. 0, or -5.
     virtual int std_udl_poll(operation op, short events, long timeout) = 0;

@@ -1,4 +1,4 @@
-// Words and frames on the two nodes: the layer that everything else on the link rests on.
+// Words and frames on the two nodes, and the words that begin and end a stage in either direction.
 #include <errno.h>
 #include <poll.h>
 #include <string.h>
@@ -36,7 +36,7 @@ int ProtocolVelo::std_udl_poll(operation op, short events, long timeout) {
     const int ready = poll(&node, 1, static_cast<int>(timeout));
     if (node.revents & events) return 0;
     if (ready > 0) {
-        // A hang-up or an error is reported whether it was asked for or not.
+        // POLLHUP and POLLERR are reported without being requested.
         Log::info(kTag, "ERR! poll fail (events 0x%X != revents 0x%X)\n",
                   static_cast<unsigned>(events), static_cast<unsigned>(node.revents));
     } else if (ready == 0) {
@@ -76,6 +76,28 @@ int Protocol::std_udl_req_resp(operation op, unsigned int req, unsigned int exp)
     return 0;
 }
 
+int ProtocolVelo::std_udl_stage_start(operation op, unsigned int stage) {
+    const uint32_t req = udl_request(stage, UDL_CMD_START);
+    const uint32_t exp = udl_response(stage, UDL_CMD_START);
+    const int result = std_udl_req_resp(op, req, exp);
+    if (result < 0) {
+        Log::info("std_udl_stage_start", "ERR! [stage %d] START fail (req:0x%X exp:0x%X)\n",
+                  static_cast<int>(stage), req, exp);
+    }
+    return result;
+}
+
+int ProtocolVelo::std_udl_stage_done(operation op, unsigned int stage, unsigned int) {
+    const uint32_t req = udl_request(stage, UDL_CMD_DONE);
+    const uint32_t exp = udl_response(stage, UDL_CMD_DONE);
+    const int result = std_udl_req_resp(op, req, exp);
+    if (result < 0) {
+        Log::info("std_udl_stage_done", "ERR! [stage %d] DONE fail (req:0x%X exp:0x%X)\n",
+                  static_cast<int>(stage), req, exp);
+    }
+    return result;
+}
+
 int ProtocolVelo::std_dl_tx_frame(int fd, void* frame) {
     constexpr char kTag[] = "std_dl_tx_frame";
     udl_frame* frm = static_cast<udl_frame*>(frame);
@@ -93,7 +115,7 @@ int ProtocolVelo::std_dl_tx_frame(int fd, void* frame) {
                   static_cast<int>(frm->len));
         return -EFAULT;
     }
-    // The last frame of an image keeps nothing of the one before it; a full one has nothing left.
+    // Nothing of the previous frame stays after the payload.
     memset(frm->data + frm->len, 0, sizeof(frm->data) - frm->len);
     const size_t length = UDL_HEADER + frm->len;
     const ssize_t sent = write(node_of(DOWNLOAD), frm, length);

@@ -1,5 +1,5 @@
-// The way of a crash dump out of the modem's boot loader: announcement, reason, then step by step
-// the frames, each straight into the dump file.
+// A crash dump from the modem's boot loader: announcement, reason, then the frames step by step,
+// each written to the dump file as it comes.
 #include <errno.h>
 #include <limits.h>
 #include <string.h>
@@ -23,7 +23,7 @@ int dump_failed(const char* tag, const char* text, int result) {
     return result;
 }
 
-// Behind the prefix that is already there; a dump is worth more than its label, which is cut.
+// Appends to the prefix, cut to fit: a dump is worth more than its label.
 void append_reason(std_dump_args* dump, const char* text, size_t length) {
     const size_t prefix = strlen(dump->reason);
     copy_text({dump->reason + prefix, sizeof(dump->reason) - prefix}, text, length);

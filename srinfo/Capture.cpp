@@ -1,4 +1,4 @@
-// A record's way from the driver to its files, and its text's way back after the next boot.
+// A record from the driver to its files, and its text back to the driver after the next boot.
 #include <errno.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -18,7 +18,7 @@ namespace rvd {
 
 namespace {
 
-// "JVER", two bytes into the text: the head of every valid record.
+// "JVER" at byte 2 of the text, little-endian: every valid record has it.
 constexpr uint32_t kValidMark = 0x5245564A;
 constexpr size_t kValidMarkOffset = 18;
 

@@ -1,5 +1,5 @@
-// The two files of a record and where they live: the log that people read, with one older
-// generation, and the file that carries the text to the next boot.
+// The two files of a record: the log for people, with one older generation, and the file that
+// carries the text to the next boot.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -21,12 +21,10 @@ namespace rvd {
 
 namespace {
 
-constexpr off_t kRotationSize = 65536;
 constexpr mode_t kDirMode = 0775;
 constexpr mode_t kFileMode = 0666;
 constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
-constexpr unsigned kDataSize = sizeof(srinfo_buf::data);
 constexpr unsigned kTextOffset = 16;
 constexpr unsigned kRow = 16;
 
@@ -34,18 +32,18 @@ constexpr unsigned kRow = 16;
 // brace may end past the data area. The driver's length counts no more than the area holds.
 struct PaddedRecord {
     PaddedRecord(const char* data, unsigned valid, unsigned reach)
-        : size(std::min(valid, kDataSize)) {
-        memcpy(bytes, data, std::min(size + reach, kDataSize));
+        : size(std::min(valid, kSrinfoDataSize)) {
+        memcpy(bytes, data, std::min(size + reach, kSrinfoDataSize));
     }
 
-    char bytes[kDataSize + kTextOffset + kRow] = {};
+    char bytes[kSrinfoDataSize + kTextOffset + kRow] = {};
     unsigned size;
 };
 
 void write_row(int fd, unsigned offset, const char* row, const char (&text)[kRow + 1]) {
     uint32_t words[kRow / sizeof(uint32_t)];
     memcpy(words, row, sizeof(words));
-    char line[80];
+    char line[sizeof("oooo: ") + 4 * sizeof("wwwwwwww") + sizeof(text)];
     format_text(line, "%04x:%08x %08x %08x %08x %s\n", offset, words[0], words[1], words[2],
                 words[3], text);
     write_all(fd, line, strlen(line));
@@ -98,8 +96,8 @@ int Srinfo::open_srinfo_file(const char* tag) {
     }
     const unsigned long size = static_cast<unsigned long>(status.st_size);
     Log::info(kTag, "srinfo log size : %lu(0x%lx/0x%x)\n", size, size,
-              static_cast<unsigned>(kRotationSize));
-    if (status.st_size <= kRotationSize) return file.release();
+              static_cast<unsigned>(kSrinfoLogLimit));
+    if (status.st_size <= kSrinfoLogLimit) return file.release();
 
     file.reset();
     remove(previous);
@@ -158,7 +156,7 @@ int SrinfoVelo::write_srinfo_last(int fd, char* data, unsigned int size) {
 int SrinfoVelo::write_srinfo_file(int fd, char* data, unsigned int size) {
     constexpr char kTag[] = "write_srinfo_file";
     const PaddedRecord record(data, size, (kRow - size % kRow) % kRow);
-    char stamp[64];
+    char stamp[kNameSize];
     const tm now = local_now();
     strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", &now);
     char header[sizeof(stamp) + sizeof("[]\n")];

@@ -9,11 +9,14 @@
 
 namespace rvd {
 
+// An srinfo log that is longer is rotated before the next entry.
+constexpr long kSrinfoLogLimit = 65536;  // bytes
+
 class Srinfo {
   public:
     virtual ~Srinfo() {}
 
-    // Fetches the record through the boot node `fd` and stores it, unless one still waits.
+    // Fetches the record through the boot node `fd` and stores it, unless one waits to be restored.
     virtual void store_srinfo(int fd) = 0;
     // Hands a waiting record back through the boot node `fd`.
     virtual void restore_srinfo(int fd);
@@ -25,7 +28,7 @@ class Srinfo {
     virtual int write_srinfo_file(int fd, char* data, unsigned int size) = 0;
     // Makes sure that `path` is a directory. 0 or -1.
     virtual int create_srinfo_directory(const char* path);
-    // The srinfo log of a modem, open for appending, rotated when it has grown enough.
+    // The srinfo log of a modem, open for appending, rotated where it is longer than its limit.
     virtual int open_srinfo_file(const char* tag);
     // The last-srinfo file of a modem, open for reading.
     virtual int open_srinfo_last(const char* tag);

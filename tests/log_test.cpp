@@ -88,20 +88,23 @@ TEST_F(LogTest, ADumpMessageWithoutACrashLogGoesToTheTwoLogs) {
     EXPECT_EQ(read_file(android_log()), "D/boot: rvd: dump: size:5\n");
 }
 
+static_assert(Log::kMaxRecord == 976);
+
 TEST_F(LogTest, ALineFillsAtMostOneKernelRecordAndKeepsItsNewline) {
     const size_t head = strlen("<6>lnkm: rvd: t: ");
     open_crash_log();
-    for (const size_t whole : {size_t{975}, size_t{976}, size_t{977}, size_t{5000}}) {
+    for (const size_t whole :
+         {Log::kMaxRecord - 1, Log::kMaxRecord, Log::kMaxRecord + 1, size_t{5000}}) {
         const std::string text(whole - head - 1, 'x');
         Log::dump_info("t", "%s\n", text.c_str());
-        const size_t kept = std::min<size_t>(whole, 976);
+        const size_t kept = std::min(whole, Log::kMaxRecord);
         const std::string line = "t: " + text.substr(0, kept - head - 1) + "\n";
         EXPECT_THAT(records(), ElementsAre("<6>lnkm: rvd: " + line)) << whole;
         EXPECT_TRUE(crash_log().substr(crash_log().size() - line.size()) == line) << whole;
     }
     Log::info(std::string(3000, 't').c_str(), "lost\n");
-    EXPECT_THAT(records(),
-                ElementsAre(testing::AllOf(testing::SizeIs(976), testing::EndsWith("\n"))));
+    EXPECT_THAT(records(), ElementsAre(testing::AllOf(testing::SizeIs(Log::kMaxRecord),
+                                                      testing::EndsWith("\n"))));
     const wchar_t not_a_character[] = {0x7FFFFFFF, 0};
     Log::info("t", "x%ls\n", not_a_character);
     EXPECT_THAT(records(), ElementsAre("<6>lnkm: rvd: t: \n"));

@@ -21,7 +21,8 @@ constexpr char kLast[] = "/data/vendor/log/rvd/err/last_sr_info_umts";
 constexpr char kHexLog[] = "/data/vendor/log/rvd/sr_info_umts";
 constexpr char kPrevious[] = "/data/vendor/log/rvd/.sr_info_umts.bak";
 constexpr int kNode = 99;  // a descriptor that only the driver's stand-in sees
-constexpr size_t kDataSize = 4092;
+constexpr size_t kDataSize = kSrinfoDataSize;
+static_assert(kSrinfoLogLimit == 65536);
 
 // A data area full of text, valid, with no closing brace but at `brace`.
 std::string record_with_brace(size_t brace) {
@@ -151,14 +152,14 @@ TEST_F(SrinfoTest, AnEntryOfTheLogShowsWordsAndCharacters) {
 }
 
 TEST_F(SrinfoTest, TheLogIsRotatedWhenItHasGrownBeyond64KiB) {
-    for (const size_t size : {size_t{65536}, size_t{65537}}) {
+    for (const size_t size : {size_t{kSrinfoLogLimit}, size_t{kSrinfoLogLimit} + 1}) {
         const std::string old(size, 'o');
         write_file(kHexLog, old);
         write_file(kPrevious, "older");
         std::filesystem::remove(kLast);
         expect_fetch(record_with_brace(40), 16);
         srinfo_.store_srinfo(kNode);
-        const bool rotated = size > 65536;
+        const bool rotated = size > size_t{kSrinfoLogLimit};
         EXPECT_EQ(read_file(kPrevious), rotated ? old : "older");
         EXPECT_EQ(read_file(kHexLog).substr(0, size) == old, !rotated);
         EXPECT_EQ(read_file(kHexLog).size(), (rotated ? 0 : size) + 22 + 58 + 1);

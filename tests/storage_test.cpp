@@ -96,14 +96,20 @@ TEST_F(Storage, OnlyTheLogDirectoryIsEverRemoved) {
     EXPECT_TRUE(std::filesystem::exists("/efs/kept"));
 }
 
+static_assert(Log::kRingSize == 524288);
+
 TEST_F(Storage, ASaveHoldsTheEndOfTheRingAndAZeroByte) {
     const struct {
         size_t ring;
         int flags;
         const char* file;  // null: none
     } cases[] = {
-            {10, 1, "x_[0-9]{12}_[0-9]{2}.log"}, {10, 5, "x_last.log"}, {0, 4, "x_last.log"},
-            {512 * 1024 + 9, 4, "x_last.log"},   {10, 0, nullptr},      {10, 2, nullptr},
+            {10, 1, "x_[0-9]{12}_[0-9]{2}.log"},
+            {10, 5, "x_last.log"},
+            {0, 4, "x_last.log"},
+            {size_t{Log::kRingSize} + 9, 4, "x_last.log"},
+            {10, 0, nullptr},
+            {10, 2, nullptr},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.flags);
@@ -116,7 +122,7 @@ TEST_F(Storage, ASaveHoldsTheEndOfTheRingAndAZeroByte) {
         }
         ASSERT_THAT(files, ElementsAre(MatchesRegex(c.file)));
         const std::string file = std::string(kLogDir) + "/" + files[0];
-        const size_t kept = std::min<size_t>(c.ring, 512 * 1024);
+        const size_t kept = std::min(c.ring, size_t{Log::kRingSize});
         EXPECT_TRUE(read_file(file) == pattern(c.ring).substr(c.ring - kept) + '\0');
         EXPECT_EQ(last_said(), "_save_logs: " + file);
         std::filesystem::remove(file);

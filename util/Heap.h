@@ -1,4 +1,4 @@
-// Ownership of malloc'ed memory: the daemon asks for large blocks where a refusal has an answer.
+// Owner of malloc'ed memory. Large blocks come from malloc, whose failure the daemon handles.
 #pragma once
 
 #include <stdlib.h>
@@ -14,8 +14,8 @@ struct Free {
 template <class T>
 using HeapPtr = std::unique_ptr<T, Free>;
 
-// Uninitialised bytes that begin on a cache line, which the kernel's copies are fastest to; or
-// null.
+// Uninitialised bytes aligned to a cache line, where the kernel copies fastest; null without
+// memory.
 inline HeapPtr<char> heap_bytes(size_t size) {
     constexpr size_t kCacheLine = 64;
     void* bytes = nullptr;

@@ -21,7 +21,7 @@ constexpr int kKept[] = {
 
 void Util::switch_user() {
     prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0);
-    // The record below is the outcome either way; nothing sensible is left to do when a step fails.
+    // Without the user change the daemon goes on as root.
     const int changed = setuid(kRadioUser);
     static_cast<void>(changed);
 

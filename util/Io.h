@@ -1,4 +1,4 @@
-// Writing what must not be lost half-way.
+// Writes that go on after a short one, and the end of a file that is written over.
 #pragma once
 
 #include <sys/types.h>

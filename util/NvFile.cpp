@@ -21,7 +21,7 @@ namespace {
 constexpr mode_t kNvMode = 0660;
 constexpr int kErased = 0xFF;
 constexpr uint64_t kSmallBlock = uint64_t{64} * 1024;
-constexpr size_t kPathSize = 512 + sizeof(".new");
+constexpr size_t kMadePathSize = kPathSize + sizeof(".new");
 // Sizes come from a signed 32-bit field; a larger one is a negative size that was widened.
 constexpr uint64_t kMaxNvSize = INT_MAX;
 
@@ -98,7 +98,7 @@ int Util::create_empty_nv(const char* path, uint64_t size) {
     Log::info("create_empty_nv", "create NV(%s)\n", path);
     // Later boots use the file as it is. It gets its name when it is complete, or has failed: a
     // power cut in between leaves none, and the next boot makes it.
-    char made[kPathSize];
+    char made[kMadePathSize];
     format_text(made, "%s.new", path);
     const ScopedFd nv(
             open(made, O_RDWR | O_CREAT | O_TRUNC | O_SYNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,

@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "util/Util.h"
+
 namespace rvd {
 
 bool format_text(TextRoom room, const char* format, ...) {
@@ -21,6 +23,13 @@ bool copy_text(TextRoom room, const char* text, size_t length) {
     memcpy(room.data, text, kept);
     room.data[kept] = '\0';
     return kept == whole;
+}
+
+void Util::toUpperCase(const char* source, char* destination) {
+    for (; *source != '\0'; ++source, ++destination) {
+        const bool small = *source >= 'a' && *source <= 'z';
+        *destination = static_cast<char>(small ? *source & ~0x20 : *source);
+    }
 }
 
 tm local_now() {

@@ -7,6 +7,9 @@
 
 namespace rvd {
 
+constexpr size_t kNameSize = 64;  // of a file's name and a time stamp
+constexpr size_t kPathSize = 512;
+
 // Room for text, its terminator included. Does not own the bytes.
 struct TextRoom {
     template <size_t N>

@@ -20,16 +20,16 @@ class Util {
     // which leaves a file of unknown length.
     static int create_empty_nv(const char* path, uint64_t size);
 
-    // Becomes the radio user and keeps the capabilities the daemon works with. Must run before any
-    // thread exists. Failures are silent: the daemon goes on as whoever it was.
+    // Becomes the radio user and keeps the capabilities the daemon needs. Must run before any
+    // thread exists. Failures are silent: the daemon keeps the identity it has.
     static void switch_user();
 
-    // Copies `source` with ASCII letters raised, without a terminator: `destination` is zero-filled
-    // and longer than `source`.
+    // Copies `source` with its ASCII letters in upper case, without a terminator: `destination` is
+    // zero-filled and longer than `source`.
     static void toUpperCase(const char* source, char* destination);
 
     // The word of the kernel command line that begins with `key` (such as "key="), or null. The
-    // result points into `buf`, scratch room of `size` bytes that every call overwrites.
+    // result points into `buf`, a scratch buffer of `size` bytes that every call overwrites.
     static char* get_cmdline_str(char* buf, unsigned int size, const char* key);
 
     // Runs the test action named by the first character of `arg`; null and unknown ones do nothing.

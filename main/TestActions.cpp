@@ -1,17 +1,10 @@
-#include "util/Util.h"
-
+// The test actions of the command line.
 #include "bootdump/BootDump.h"
 #include "log/Log.h"
 #include "main/Container.h"
+#include "util/Util.h"
 
 namespace rvd {
-
-void Util::toUpperCase(const char* source, char* destination) {
-    for (; *source != '\0'; ++source, ++destination) {
-        const bool small = *source >= 'a' && *source <= 'z';
-        *destination = static_cast<char>(small ? *source & ~0x20 : *source);
-    }
-}
 
 int Util::rvd_do_test(const char* arg) {
     if (arg == nullptr) return 0;
