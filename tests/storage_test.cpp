@@ -127,11 +127,16 @@ TEST_F(Storage, ASaveHoldsTheEndOfTheRingAndAZeroByte) {
         EXPECT_EQ(last_said(), "_save_logs: " + file);
         std::filesystem::remove(file);
     }
+    const std::string last = std::string(kLogDir) + "/x_last.log";
     for (const char text : {'1', '2'}) {
         kernel().ring = std::string(1, text);
         Log::save_logs(4, "x");
+        struct stat status = {};
+        EXPECT_EQ(stat(last.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode, S_IFREG | 0664u);
+        chmod(last.c_str(), 0600);
     }
-    EXPECT_EQ(read_file(std::string(kLogDir) + "/x_last.log"), std::string("1\0002\0", 4));
+    EXPECT_EQ(read_file(last), std::string("1\0002\0", 4));
     kernel().ring_error = EPERM;
     EXPECT_EQ(Log::dmesg_to_file("/data/vendor/log/rvd/y"), -1);
     EXPECT_EQ(last_said(), "dmesg_to_file: klogctl fail");
