@@ -5,7 +5,9 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
+#include <iterator>
 
 #include "bootdump/BootDump.h"
 #include "protocol/ProtocolVelo.h"
@@ -111,6 +113,19 @@ TEST_F(Link, AnImageGoesOutInFullFramesAndOneRest) {
         close(fd);
         boot().fd[BOOT_FD_PARTITION] = -1;
     }
+}
+
+TEST_F(Link, AShortFrameKeepsNothingOfTheOneBefore) {
+    const int fd = image(1);
+    lseek(fd, 100, SEEK_SET);
+    udl_frame frame;
+    memset(&frame, 'x', sizeof(frame));
+    frame.cmd = 0x9201;
+    frame.num_frames = frame.curr_frame = frame.len = 1;
+    const Modem modem(&boot().fd[BOOT_FD_NODE], ">9201:1:1:1");
+    EXPECT_EQ(protocol_.std_dl_tx_frame(fd, &frame), 0);
+    EXPECT_EQ(std::count(frame.data + 1, std::end(frame.data), '\0'), UDL_MSS - 1);
+    close(fd);
 }
 
 TEST_F(Link, AnExchangeThatFailsNamesItsStage) {

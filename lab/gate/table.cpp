@@ -54,6 +54,7 @@ constexpr CallShape kShapes[] = {
         {"lseek", "lseek", Watch::faults, Service::look, -1, 0},
         {"fsync", "fsync", Watch::faults, Service::look, -1, 0},
         {"ftruncate", "ftruncate", Watch::faults, Service::look, -1, 0},
+        {"ftruncate", "ftruncate", Watch::faults, Service::look, -1, 0},
         {"fstat", "stat", Watch::faults, Service::look, -1, 0},
         {"stat", "stat", Watch::faults, Service::look, 0, -1},
         {"lstat", "stat", Watch::faults, Service::look, 0, -1},
