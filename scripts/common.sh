@@ -26,11 +26,12 @@ not_run() {
     exit 77
 }
 
-# What is removed when the script ends, whatever ends it.
+# What is removed when the script ends, whatever ends it, and what runs a command with root's rights.
 leftovers=()
+privileged=()
 at_exit() {
     local status=$?
-    rm -rf --one-file-system "${leftovers[@]}"
+    ((${#leftovers[@]} == 0)) || "${privileged[@]}" rm -rf --one-file-system "${leftovers[@]}"
     ! declare -F last_words >/dev/null || last_words "$status"
 }
 trap at_exit EXIT
