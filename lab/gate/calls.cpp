@@ -5,11 +5,7 @@
 #include <fmt/format.h>
 #include <linux/capability.h>
 #include <linux/sched.h>
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/time.h>
 #include <sys/vfs.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,9 +20,6 @@ namespace {
 constexpr int64_t kPlentyMb = 20'000;
 constexpr long kBlock = 1024;  // so that whole megabytes stay whole in any arithmetic
 
-// The monotonic clocks: the phone has been up for a while when a run begins.
-constexpr Time kUptime = 20 * kSecond;
-
 constexpr int kRingReadAll = 3;
 constexpr int kRingSize = 10;
 
@@ -39,10 +32,6 @@ std::optional<Node> node_at(const std::string& path) {
     if (path.find("_boot") != std::string::npos) return Node::boot;
     if (path.find("_ramdump") != std::string::npos) return Node::dump;
     return {};
-}
-
-Time from_timespec(const timespec& time) {
-    return time.tv_sec * kSecond + time.tv_nsec;
 }
 
 }  // namespace
@@ -291,123 +280,6 @@ void Calls::serve_write(const Call& call) {
     if (size <= room) return daemon_.proceed(call);
     if (room == 0) return daemon_.answer(call, -ENOSPC);
     transfer_part(call, room);
-}
-
-// A helper is a thread beside the first; where it has done nothing since it last slept, it is one
-// that only ever sleeps.
-void Calls::serve_sleep(const Call& call) {
-    if (call.name() == "pause") return clock_.hold(call, kNever);
-    const bool chosen = call.name() == "clock_nanosleep";
-    timespec span{};
-    if (!call.memory().read(call.argument(chosen ? 2 : 0), &span, sizeof(span)))
-        return daemon_.answer(call, -EFAULT);
-    Time deadline = clock_.now() + from_timespec(span);
-    if (chosen && (call.argument(1) & TIMER_ABSTIME) != 0) {
-        deadline = from_timespec(span);
-        if (call.argument(0) != CLOCK_REALTIME) deadline += clock_.start() - kUptime;
-    }
-    clock_.hold(call, deadline);
-    const bool helper = call.tid() != daemon_.pid();
-    if (helper && !clock_.fall_asleep(call.tid())) clock_.mark_hollow(call.tid());
-    if (!helper && clock_.alone(call.tid()) && stage_.on_sleep)
-        stage_.on_sleep(deadline - clock_.now());
-}
-
-std::vector<pollfd> Calls::polled(const Call& call) const {
-    std::vector<pollfd> fds(call.argument(1));
-    call.memory().read(call.argument(0), fds.data(), fds.size() * sizeof(pollfd));
-    return fds;
-}
-
-void Calls::write_polled(const Call& call, const std::vector<pollfd>& fds) const {
-    call.memory().write(call.argument(0), fds.data(), fds.size() * sizeof(pollfd));
-}
-
-// A node that hung up shows that, and input only while there is some: not the end of file that a
-// socket would show.
-short Calls::ready(const pollfd& entry) const {
-    if (entry.fd < 0) return 0;
-    const Links::Link* link = links_.at(entry.fd);
-    if (link != nullptr && !link->hung)
-        return static_cast<short>(entry.events &
-                                  (links_.unread(*link) > 0 ? POLLIN | POLLOUT : POLLOUT));
-    const int fd = daemon_.duplicate(entry.fd);
-    if (fd < 0) return POLLNVAL;
-    pollfd real = {fd, entry.events, 0};
-    poll(&real, 1, 0);
-    int unread = 0;
-    ioctl(fd, FIONREAD, &unread);
-    close(fd);
-    return link != nullptr && unread == 0 ? POLLHUP : real.revents;
-}
-
-bool Calls::finish_poll(const Call& call) {
-    std::vector<pollfd> fds = polled(call);
-    int64_t count = 0;
-    for (pollfd& entry : fds) {
-        entry.revents = ready(entry);
-        count += entry.revents != 0;
-    }
-    if (count == 0) return false;
-    write_polled(call, fds);
-    daemon_.answer(call, count);
-    return true;
-}
-
-void Calls::serve_poll(const Call& call) {
-    Time timeout = kNever;
-    if (call.name() == "ppoll") {
-        timespec span{};
-        if (call.argument(2) != 0) {
-            call.memory().read(call.argument(2), &span, sizeof(span));
-            timeout = from_timespec(span);
-        }
-    } else if (static_cast<int>(call.argument(2)) >= 0) {
-        timeout = static_cast<int>(call.argument(2)) * kMillisecond;
-    }
-    links_.pump_all();
-    if (finish_poll(call)) return;
-    if (timeout == 0) return daemon_.answer(call, 0);
-    clock_.hold(call, timeout == kNever ? kNever : clock_.now() + timeout);
-    const std::vector<pollfd> fds = polled(call);
-    const bool for_hang_up = timeout == kNever && !fds.empty() && (fds[0].events & POLLIN) == 0;
-    if (for_hang_up && stage_.on_wait) stage_.on_wait();
-}
-
-// The time of a sleep or of a poll is up.
-void Calls::expire(const Call& call) {
-    if (call.shape->service == Service::poll) {
-        std::vector<pollfd> fds = polled(call);
-        for (pollfd& entry : fds)
-            entry.revents = 0;
-        write_polled(call, fds);
-    }
-    daemon_.answer(call, 0);
-}
-
-void Calls::serve_clock(const Call& call) {
-    ProcessMemory memory = call.memory();
-    const Time now = clock_.now();
-    bool written = true;
-    if (call.name() == "time") {
-        const time_t seconds = now / kSecond;
-        if (call.argument(0) != 0)
-            written = memory.write(call.argument(0), &seconds, sizeof(seconds));
-        return daemon_.answer(call, written ? seconds : -EFAULT);
-    }
-    if (call.name() == "gettimeofday") {
-        const timeval time = {now / kSecond, now % kSecond / 1000};
-        written = memory.write(call.argument(0), &time, sizeof(time));
-        return daemon_.answer(call, written ? 0 : -EFAULT);
-    }
-    const auto clock = static_cast<clockid_t>(call.argument(0));
-    if (clock == CLOCK_PROCESS_CPUTIME_ID || clock == CLOCK_THREAD_CPUTIME_ID)
-        return daemon_.proceed(call);
-    const bool wall = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
-    const Time shown = wall ? now : now - clock_.start() + kUptime;
-    const timespec time = {shown / kSecond, shown % kSecond};
-    written = memory.write(call.argument(1), &time, sizeof(time));
-    daemon_.answer(call, written ? 0 : -EFAULT);
 }
 
 }  // namespace rvd::lab

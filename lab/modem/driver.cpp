@@ -1,6 +1,7 @@
 #include "lab/modem/driver.h"
 
 #include <errno.h>
+#include <fmt/format.h>
 #include <string.h>
 #include <sys/mman.h>
 
@@ -80,7 +81,7 @@ Driver::Driver(const Scenario& scenario, const Partition& partition, Stage& stag
       state_(static_cast<int>(scenario.driver.state)) {
     void* memory = mmap(nullptr, kModemMemory, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (memory == MAP_FAILED) fail_errno("no room for the modem's memory");
+    if (memory == MAP_FAILED) fail_errno("cannot reserve the modem's memory");
     modem_memory_ = static_cast<uint8_t*>(memory);
 }
 
@@ -93,12 +94,13 @@ int64_t Driver::request(Node node, unsigned long number, uint64_t argument, Memo
             std::find_if(std::begin(kHandlers), std::end(kHandlers),
                          [&](const Handler& known) { return known.number == number; });
     if (handler == std::end(kHandlers) || !(node == Node::boot ? handler->boot : handler->dump)) {
-        story_.violation(format("request 0x%08lX on the %s node", number, node_name(node)));
+        story_.violation(fmt::format("request 0x{:08X} on the {} node", number, node_name(node)));
         return -ENOTTY;
     }
     if (notification_ != Due::nothing && number != IOCTL_NOTIFY_BOOT_DONE &&
         number != IOCTL_NOTIFY_BOOT_FAIL) {
-        story_.violation(std::string(handler->name) + " before the notification that is due");
+        story_.violation(std::string(handler->name) +
+                         " before the boot is reported as done or failed");
         notification_ = Due::nothing;
     }
     Call call{node, argument, memory, false, true, ""};
@@ -108,7 +110,7 @@ int64_t Driver::request(Node node, unsigned long number, uint64_t argument, Memo
     int64_t result = (this->*handler->serve)(call);
     if (answer != nullptr) result = answer->result;
     std::string text = handler->name + call.detail;
-    if (result != 0) text += format(" = %lld", static_cast<long long>(result));
+    if (result != 0) text += fmt::format(" = {}", result);
     story_.request("driver", text, call.shown || result != 0);
     return result;
 }
@@ -138,7 +140,7 @@ void Driver::recall(Times times) {
 void Driver::change_state(int state) {
     state_ = state;
     story_.tell("driver", "daemon",
-                format("the modem is in state %d (%s)", state, state_name(state)));
+                fmt::format("the modem is in state {} ({})", state, state_name(state)));
     stage_.hang_up(Node::boot);
 }
 
@@ -171,7 +173,7 @@ int64_t Driver::power_off(Call& call) {
 int64_t Driver::power_reset(Call& call) {
     uint32_t mode = 0;
     if (!call.memory.read(call.argument, &mode, sizeof(mode))) return -EFAULT;
-    call.detail = format(" %s", mode_name(mode));
+    call.detail = fmt::format(" {}", mode_name(mode));
     if (call.refused) return 0;
     loader_.stop();
     image_ = nullptr;
@@ -184,9 +186,9 @@ int64_t Driver::power_reset(Call& call) {
 int64_t Driver::start_loader(Call& call) {
     uint32_t mode = 0;
     if (!call.memory.read(call.argument, &mode, sizeof(mode))) return -EFAULT;
-    call.detail = format(" %s", mode_name(mode));
+    call.detail = fmt::format(" {}", mode_name(mode));
     if (call.refused) return 0;
-    if (mode > CP_BOOT_MODE_DUMP) story_.violation("the loader is started in no known mode");
+    if (mode > CP_BOOT_MODE_DUMP) story_.violation("the loader is started in an unknown mode");
     if (!powered_) story_.violation("the loader is started while the modem is off");
     if (image_ == nullptr || image_bytes_ != image_->size)
         story_.violation("the loader is started before its images are complete");
@@ -229,7 +231,7 @@ int64_t Driver::panic(Call& call) {
     char reason[kCrashReasonSize];
     if (!call.memory.read(call.argument, reason, sizeof(reason))) return -EFAULT;
     const size_t length = strnlen(reason, sizeof(reason));
-    if (length == sizeof(reason)) story_.violation("a crash reason without an end");
+    if (length == sizeof(reason)) story_.violation("a crash reason that is not terminated");
     call.detail = " \"" + std::string(reason, length) + "\"";
     if (call.refused) return 0;
     story_.crash_sentence.assign(reason, length);
@@ -241,8 +243,8 @@ int64_t Driver::load_image(Call& call) {
     cp_image image{};
     if (!call.memory.read(call.argument, &image, sizeof(image))) return -EFAULT;
     call.shown = false;
-    call.detail = format(" size=%u m_offset=0x%08x b_offset=0x%08x mode=%u len=%u", image.size,
-                         image.m_offset, image.b_offset, image.mode, image.len);
+    call.detail = fmt::format(" size={} m_offset=0x{:08x} b_offset=0x{:08x} mode={} len={}",
+                              image.size, image.m_offset, image.b_offset, image.mode, image.len);
     if (call.refused) return 0;
     if (!powered_) story_.violation("an image is loaded while the modem is off");
     return take_chunk(image, call);
@@ -273,33 +275,34 @@ int64_t Driver::take_chunk(const cp_image& image, Call& call) {
 
 bool Driver::begin_image(const cp_image& image) {
     if (image_ != nullptr && image_bytes_ != image_->size)
-        story_.violation(format("%.12s was left incomplete", image_->name));
+        story_.violation(image_name(*image_) + " was left incomplete");
     image_ = scenario_.external() ? partition_.find(kTocBoot)
                                   : partition_.find(image.m_offset, image.b_offset, image.size);
     if (image_ == nullptr || image_->size != image.size) {
-        story_.violation("a chunk that begins no image of the table");
+        story_.violation("a chunk that belongs to no image of the table");
         image_ = nullptr;
         return false;
     }
     first_chunk_ = image;
     image_bytes_ = chunks_ = 0;
-    story_.begin_transfer(format("image %.12s", image_->name), image.size);
+    story_.begin_transfer(fmt::format("image {}", image_name(*image_)), image.size);
     return true;
 }
 
 void Driver::end_image() {
     story_.tell("daemon", "driver",
-                format("image %.12s, %s to 0x%08x of modem memory", image_->name,
-                       human_size(image_bytes_).c_str(), first_chunk_.m_offset));
+                fmt::format("image {}, {} to 0x{:08x} of modem memory", image_name(*image_),
+                            human_size(image_bytes_), first_chunk_.m_offset));
     if (!partition_.holds(*image_, 0, modem_memory_ + first_chunk_.m_offset, image_bytes_))
-        story_.violation(format("%.12s in modem memory isn't what its file holds", image_->name));
+        story_.violation(
+                fmt::format("{} in modem memory differs from its file", image_name(*image_)));
     loaded_[first_chunk_.m_offset] = first_chunk_.size;
 }
 
 int64_t Driver::check_security(Call& call) {
     cp_security_req req{};
     if (!call.memory.read(call.argument, &req, sizeof(req))) return -EFAULT;
-    call.detail = format(" %u 0x%x 0x%x", req.mode, req.param1, req.param2);
+    call.detail = fmt::format(" {} 0x{:x} 0x{:x}", req.mode, req.param1, req.param2);
     if (req.param3 != 0) story_.violation("a security request with a third parameter");
     if (call.refused) return 0;
     const auto& table = partition_.table();
@@ -322,7 +325,7 @@ int64_t Driver::check_security(Call& call) {
             break;
         }
         default:
-            story_.violation("a security request of no known mode");
+            story_.violation("a security request with an unknown mode");
     }
     return 0;
 }
@@ -331,7 +334,7 @@ int64_t Driver::get_srinfo(Call& call) {
     srinfo_buf buf{};
     if (!call.memory.read(call.argument, &buf, sizeof(buf))) return -EFAULT;
     if (buf.len != sizeof(buf.data))
-        story_.violation(format("room for a record of %u bytes", buf.len));
+        story_.violation(fmt::format("room for a record of {} bytes", buf.len));
     const std::string& text = scenario_.driver.srinfo;
     if (!text.empty()) {
         memset(buf.data, ' ', sizeof(buf.data));
@@ -342,7 +345,7 @@ int64_t Driver::get_srinfo(Call& call) {
     const size_t size = text.empty() ? 0 : kSrinfoHeader + text.size();
     buf.len = static_cast<uint32_t>(
             scenario_.driver.srinfo_length.value_or(static_cast<int64_t>(size)));
-    call.detail = format(" len=%u", buf.len);
+    call.detail = fmt::format(" len={}", buf.len);
     if (!call.refused && !call.memory.write(call.argument, &buf, sizeof(buf))) return -EFAULT;
     return 0;
 }
@@ -352,9 +355,9 @@ int64_t Driver::set_srinfo(Call& call) {
     if (!call.memory.read(call.argument, &buf, sizeof(buf))) return -EFAULT;
     const size_t length = std::min<size_t>(buf.len, sizeof(buf.data));
     if (buf.len == 0 || buf.len > sizeof(buf.data))
-        story_.violation(format("a record of %u bytes is handed back", buf.len));
+        story_.violation(fmt::format("a record of {} bytes is handed back", buf.len));
     call.detail =
-            format(" len=%u ", buf.len) + std::string(buf.data, std::min<size_t>(length, 200));
+            fmt::format(" len={} ", buf.len) + std::string(buf.data, std::min<size_t>(length, 200));
     return 0;
 }
 
@@ -362,9 +365,9 @@ int64_t Driver::log_dump(Call& call) {
     cp_log_dump record{};
     if (!call.memory.read(call.argument, &record, sizeof(record))) return -EFAULT;
     const std::string name(record.name, strnlen(record.name, sizeof(record.name)));
-    call.detail = format(" %s %u", name.c_str(), record.idx);
+    call.detail = fmt::format(" {} {}", name, record.idx);
     if (record.idx >= std::size(kRegionNames) || name != kRegionNames[record.idx]) {
-        story_.violation("a region's name and number that don't belong together");
+        story_.violation("a region's name that does not match its number");
         return -EINVAL;
     }
     if (call.refused) return 0;

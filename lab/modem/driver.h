@@ -1,6 +1,6 @@
 // The modem's driver: answers every request of both nodes, keeps the modem's state and memory, and
-// checks what it is asked to do the way a real one relies on it: order, sizes, and that what stands
-// in modem memory is what the firmware partition holds.
+// checks what it is asked to do the way a real one relies on it: order, sizes, and that modem
+// memory holds what the firmware partition holds.
 #pragma once
 
 #include <map>

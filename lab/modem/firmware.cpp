@@ -38,6 +38,10 @@ int create(const std::string& path) {
 
 }  // namespace
 
+std::string image_name(const toc_entry& entry) {
+    return {entry.name, strnlen(entry.name, sizeof(entry.name))};
+}
+
 Partition::Partition(const Scenario& scenario, std::string root)
     : scenario_(scenario), root_(std::move(root)) {
     uint32_t b_off = kTocEntries * sizeof(toc_entry);

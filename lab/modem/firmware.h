@@ -10,6 +10,8 @@
 
 namespace rvd::lab {
 
+std::string image_name(const toc_entry& entry);
+
 class Partition {
   public:
     // `root` is the directory that is the phone's "/".

@@ -1,5 +1,6 @@
 #include "lab/modem/loader.h"
 
+#include <fmt/format.h>
 #include <string.h>
 
 #include <algorithm>
@@ -26,7 +27,7 @@ uint32_t response_to(uint32_t request) {
 }
 
 std::string name_of(uint32_t word) {
-    return format("0x%04X", word);
+    return fmt::format("0x{:04X}", word);
 }
 
 }  // namespace
@@ -94,8 +95,8 @@ void Loader::plan_dump() {
 
 void Loader::receive(Node node, const Packet& packet) {
     if (!running_ || node != node_) {
-        story_.violation(format("%zu bytes to the %s node, where nobody listens", packet.size(),
-                                node_name(node)));
+        story_.violation(fmt::format("{} bytes written to the {} node while no boot loader runs",
+                                     packet.size(), node_name(node)));
         return;
     }
     if (step_ < plan_.size() && plan_[step_].kind == Kind::optional_word &&
@@ -135,8 +136,8 @@ bool Loader::accept_word(const Packet& packet, const Expected& expected) {
         udl_crc sum;
         memcpy(&sum, packet.data(), sizeof(sum));
         if (sum.crc != expected.entry->crc)
-            story_.violation(format("checksum 0x%08X sent, 0x%08X in the table", sum.crc,
-                                    expected.entry->crc));
+            story_.violation(fmt::format("checksum 0x{:08X} sent, 0x{:08X} in the table", sum.crc,
+                                         expected.entry->crc));
     }
     return true;
 }
@@ -154,7 +155,8 @@ void Loader::accept_frame(const Packet& packet, const Expected& expected) {
         wrong(packet);
         return;
     }
-    if (frame.curr_frame == 1) story_.begin_transfer(format("image %.12s", entry.name), entry.size);
+    if (frame.curr_frame == 1)
+        story_.begin_transfer(fmt::format("image {}", image_name(entry)), entry.size);
     image_.insert(image_.end(), frame.data, frame.data + frame.len);
     image_frames_ = frame.curr_frame;
     story_.advance_transfer(frame.len);
@@ -163,10 +165,10 @@ void Loader::accept_frame(const Packet& packet, const Expected& expected) {
 
 void Loader::image_done(const Expected& expected) {
     story_.tell("daemon", "loader",
-                format("image %.12s, %s in %u frames", expected.entry->name,
-                       human_size(expected.entry->size).c_str(), image_frames_));
+                fmt::format("image {}, {} in {} frames", image_name(*expected.entry),
+                            human_size(expected.entry->size), image_frames_));
     if (!partition_.holds(*expected.entry, 0, image_.data(), image_.size()))
-        story_.violation(format("%.12s isn't what its file holds", expected.entry->name));
+        story_.violation(fmt::format("{} differs from its file", image_name(*expected.entry)));
     image_.clear();
     image_frames_ = 0;
     step_++;
@@ -176,8 +178,8 @@ void Loader::image_done(const Expected& expected) {
 void Loader::wrong(const Packet& packet) {
     const std::string wanted =
             step_ < plan_.size() ? name_of(plan_[step_].word) : std::string("nothing more");
-    story_.violation(format("the loader waits for %s and gets %zu bytes, first word %s",
-                            wanted.c_str(), packet.size(), name_of(first_word(packet)).c_str()));
+    story_.violation(fmt::format("the loader expects {} and gets {} bytes, first word {}", wanted,
+                                 packet.size(), name_of(first_word(packet))));
 }
 
 uint64_t Loader::dump_size() const {
@@ -208,7 +210,7 @@ void Loader::begin_step(uint32_t step) {
     for (size_t i = 0; i + 1 < step && i < steps.size(); i++)
         step_begin_ += static_cast<uint64_t>(steps[i]);
     step_size_ = step <= steps.size() ? static_cast<uint64_t>(steps[step - 1]) : 0;
-    story_.begin_transfer(format("dump step %u", step), step_size_);
+    story_.begin_transfer(fmt::format("dump step {}", step), step_size_);
 }
 
 bool Loader::next_frame(Packet& packet) {
@@ -233,7 +235,7 @@ bool Loader::next(Node node, Packet& packet) {
     while (outgoing_.empty()) {
         if (!next_frame(packet)) return false;
         if (scenario_.loader.empty()) return true;
-        send(format("%u.%u", dump_step_, frame_), packet);
+        send(fmt::format("{}.{}", dump_step_, frame_), packet);
     }
     if (outgoing_.front().due > stage_.now()) return false;
     if (const Quirk* end = outgoing_.front().end) {
@@ -284,8 +286,8 @@ void Loader::send(const std::string& name, Packet packet) {
     packet.resize(packet.size() + static_cast<size_t>(quirk->extra), 0x55);
     due += quirk->late;
     story_.tell("loader", "daemon",
-                format("%s, not as it should be: %zu bytes, first word %s", name.c_str(),
-                       packet.size(), name_of(first_word(packet)).c_str()));
+                fmt::format("{} as the scenario changes it: {} bytes, first word {}", name,
+                            packet.size(), name_of(first_word(packet))));
     outgoing_.push_back({packet, due});
     if (quirk->twice) outgoing_.push_back({packet, due});
     if (quirk->late > 0) {

@@ -59,7 +59,7 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 
 scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
     scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
-    if (filter == nullptr) throw Unable("no room for the filter");
+    if (filter == nullptr) throw Unable("cannot make a system-call filter");
     for (const Rule& rule : rules) {
         const int result = seccomp_rule_add_array(filter, SCMP_ACT_NOTIFY, rule.call,
                                                   static_cast<unsigned>(rule.arguments.size()),

@@ -1,5 +1,6 @@
 #include "lab/run/checks.h"
 
+#include <fmt/format.h>
 #include <string.h>
 #include <sys/stat.h>
 
@@ -42,7 +43,7 @@ void check_none(const std::vector<std::string>& patterns, const std::vector<std:
                 const char* what, Story& story) {
     for (const std::string& pattern : patterns) {
         if (count_of(pattern, seen) > 0)
-            story.violation(std::string("a ") + what + " \"" + pattern + "\"");
+            story.violation(fmt::format("unexpected {} \"{}\"", what, pattern));
     }
 }
 
@@ -100,18 +101,17 @@ void check_file(const FileExpectation& wanted, const std::string& inside, const 
                 const Phone& phone, const Driver& driver, Story& story) {
     const std::string path = phone.path(inside);
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0) return story.violation(inside + " can't be examined");
+    if (stat(path.c_str(), &status) != 0) return story.violation(inside + " cannot be examined");
     if (wanted.size && status.st_size != *wanted.size)
-        story.violation(format("%s has %ld bytes, not %lld", inside.c_str(), status.st_size,
-                               static_cast<long long>(*wanted.size)));
-    const std::string mode = format("%04o", status.st_mode & 07777u);
+        story.violation(
+                fmt::format("{} has {} bytes, not {}", inside, status.st_size, *wanted.size));
+    const std::string mode = fmt::format("{:04o}", status.st_mode & 07777u);
     if (!wanted.mode.empty() && mode != wanted.mode)
         story.violation(inside + " has mode " + mode + ", not " + wanted.mode);
     if (!wanted.text.empty() && !matches(wanted.text, read_file(path)))
         story.violation(inside + " doesn't read \"" + wanted.text + "\"");
     if (!wanted.equals.empty() && !equals_named(path, wanted, scenario, driver))
-        story.violation(inside + " isn't byte for byte what the modem sent (" + wanted.equals +
-                        ")");
+        story.violation(inside + " differs from what the modem sent (" + wanted.equals + ")");
 }
 
 // Whether everything around the daemon works as it should, and the modem delivers what it
@@ -159,21 +159,18 @@ void check_expectations(const Scenario& scenario, const Phone& phone, const Driv
     check_none(expect.no_requests, story.requests(), "request", story);
     check_order(expect.story, story.facts(), "fact", story);
     if (expect.whole_story && story.facts().size() != expect.story.size())
-        story.violation(format("%zu lines and requests, not %zu", story.facts().size(),
-                               expect.story.size()));
+        story.violation(fmt::format("{} lines and requests, not {}", story.facts().size(),
+                                    expect.story.size()));
     for (const auto& [pattern, times] : expect.times) {
         const int64_t seen = count_of(pattern, story.log());
         if (seen != times)
-            story.violation(format("%lld times, not %lld: ", static_cast<long long>(seen),
-                                   static_cast<long long>(times)) +
-                            pattern);
+            story.violation(fmt::format("expected {} times, found {}: {}", times, seen, pattern));
     }
     for (const FileExpectation& wanted : expect.files) {
         const auto files = find_files(phone, wanted.path);
         if (static_cast<int64_t>(files.size()) != wanted.number)
-            story.violation(format("%zu files, not %lld: ", files.size(),
-                                   static_cast<long long>(wanted.number)) +
-                            wanted.path);
+            story.violation(fmt::format("expected {} files, found {}: {}", wanted.number,
+                                        files.size(), wanted.path));
         for (const std::string& file : files)
             check_file(wanted, file, scenario, phone, driver, story);
     }
@@ -190,8 +187,8 @@ void check_expectations(const Scenario& scenario, const Phone& phone, const Driv
     if (!expect.end.empty() && conduct.end != expect.end && !quiet)
         story.violation("the run ended with \"" + conduct.end + "\", not \"" + expect.end + "\"");
     if (expect.lasts && conduct.lasted != *expect.lasts)
-        story.violation(
-                format("the run lasted %.6f s", static_cast<double>(conduct.lasted) / kSecond));
+        story.violation(fmt::format("the run lasted {:.6f} s",
+                                    static_cast<double>(conduct.lasted) / kSecond));
 }
 
 void check_collected(const Scenario& scenario, const Phone& phone, const Driver& driver,
@@ -205,7 +202,7 @@ void check_collected(const Scenario& scenario, const Phone& phone, const Driver&
         for (const std::string& file : find_files(phone, wanted.path)) {
             wanted.size = static_cast<int64_t>(fs::file_size(phone.path(file)));
             if (!equals_named(phone.path(file), wanted, scenario, driver))
-                story.violation(file + " isn't what the modem sent (" + wanted.equals + ")");
+                story.violation(file + " differs from what the modem sent (" + wanted.equals + ")");
         }
     }
 }
@@ -224,9 +221,9 @@ std::vector<std::string> file_summary(const Phone& phone) {
     std::error_code none;
     for (const auto& entry : fs::recursive_directory_iterator(phone.path(kLogDirectory), none)) {
         if (!entry.is_regular_file()) continue;
-        lines.push_back(format("%-66s %12s",
-                               entry.path().string().substr(phone.root().size()).c_str(),
-                               human_size(entry.file_size()).c_str()));
+        lines.push_back(fmt::format("{:<66} {:>12}",
+                                    entry.path().string().substr(phone.root().size()),
+                                    human_size(entry.file_size())));
     }
     std::sort(lines.begin(), lines.end());
     return lines;

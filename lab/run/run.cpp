@@ -27,7 +27,8 @@ void check_between_passes(const RunStage& stage, Story& story) {
         if (path == "/dev/boot" || path == "/dev/dump") return;
     }
     for (const auto& [fd, path] : open) {
-        if (path != kAndroidLog) story.violation(format("descriptor %d is left open: ", fd) + path);
+        if (path != kAndroidLog)
+            story.violation(fmt::format("descriptor {} is left open: ", fd) + path);
     }
 }
 
@@ -39,7 +40,7 @@ void check_at_boot(const RunStage& stage, const Scenario& scenario, Story& story
                          path.find("/dev/block/") == 0 || path.find("/mnt/vendor/efs/") == 0 ||
                          path == scenario.nv_path();
         if (!own || ++count[path] > 1)
-            story.violation(format("descriptor %d is open at power-on: ", fd) + path);
+            story.violation(fmt::format("descriptor {} is open at power-on: ", fd) + path);
     }
 }
 
@@ -241,7 +242,7 @@ class Run {
     }
 
     void judge() {
-        if (!timeline_.finished()) story_.violation("not everything in the timeline has happened");
+        if (!timeline_.finished()) story_.violation("the run ended before the timeline did");
         // Where the run is conducted from outside, chance decides what comes.
         if (!resumed_ && !options_.on_wait)
             check_obstacles(scenario_, options_.clean != nullptr, story_);

@@ -1,5 +1,6 @@
 #include "lab/run/stage.h"
 
+#include <fmt/format.h>
 #include <sys/wait.h>
 
 namespace rvd::lab {
@@ -20,15 +21,15 @@ void RunStage::tell_start() {
 }
 
 void RunStage::take_end(int status) {
-    end_ = WIFEXITED(status) ? format("exit %d", WEXITSTATUS(status))
-                             : format("signal %d", WTERMSIG(status));
+    end_ = WIFEXITED(status) ? fmt::format("exit {}", WEXITSTATUS(status))
+                             : fmt::format("signal {}", WTERMSIG(status));
     story_.tell("daemon", "", WIFEXITED(status) ? "exits" : "dies");
 }
 
 void RunStage::check_opens(Node node, size_t open) {
     // The loop's descriptor and the one of the boot or request in hand.
     if (open > (node == Node::boot ? 2 : 1))
-        story_.violation(format("the %s node is open %zu times", node_name(node), open));
+        story_.violation(fmt::format("the {} node is open {} times", node_name(node), open));
 }
 
 }  // namespace rvd::lab
