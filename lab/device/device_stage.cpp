@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -17,6 +18,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "bootdump/lnkm.h"
 #include "lab/modem/memory.h"
 #include "lab/phone/launch.h"
 
@@ -56,6 +58,19 @@ void tell_kernel(const char* path, const std::string& text) {
     close(fd);
 }
 
+// As init starts it: in the groups of its .rc file, and able to get no rights but those that it
+// names.
+void become_service() {
+    const gid_t groups[] = {kRadio, kLogGroup};
+    const std::unique_ptr<_cap_struct, int (*)(void*)> rights(cap_from_text(kRights), cap_free);
+    for (cap_value_t right = 0; right < cap_max_bits(); right++) {
+        cap_flag_value_t kept = CAP_CLEAR;
+        cap_get_flag(rights.get(), right, CAP_PERMITTED, &kept);
+        if (kept == CAP_CLEAR && right != CAP_SETUID) cap_drop_bound(right);
+    }
+    if (setgroups(std::size(groups), groups) != 0 || setgid(kRadio) != 0) _exit(127);
+}
+
 }  // namespace
 
 DeviceStage::DeviceStage(const Scenario& scenario, const Phone& phone, Story& story, Setup setup)
@@ -71,6 +86,8 @@ DeviceStage::DeviceStage(const Scenario& scenario, const Phone& phone, Story& st
     put_node(node_path(scenario, Node::boot), 0660, kRadio);
     put_node(node_path(scenario, Node::dump), 0660, kRadio);
     put_node("/dev/kmsg", 0600, 0);
+    for (const char* file : {kAndroidLog, kWakeLockPath, kWakeUnlockPath})
+        chmod(phone_.path(file).c_str(), 0664);  // for the group that the daemon starts in
     if (!setup_.prepare.empty() && system((setup_.prepare + " " + phone_.root()).c_str()) != 0)
         throw Unable("failed: " + setup_.prepare);
     sync();  // what the phone begins with is on its disk, whatever happens
@@ -96,7 +113,7 @@ void DeviceStage::start_daemon() {
     end_daemon();
     pid_ = fork();
     if (pid_ < 0) fail_errno("cannot fork");
-    if (pid_ == 0) become_daemon(phone_.root(), scenario_.args, [] {});
+    if (pid_ == 0) become_daemon(phone_.root(), scenario_.args, become_service);
     pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
     checked_ = false;
     tell_start();
