@@ -3,6 +3,7 @@
 
     check_pages.py rvd             options, letters, words, properties and files, against the source
     check_pages.py rvd-lab BINARY  commands and options, against what the program says of itself
+    check_pages.py rvd-report BINARY   the same
 """
 import pathlib
 import re
@@ -126,11 +127,11 @@ def help_of(binary, *command):
     return run.stdout
 
 
-def check_lab(binary):
-    page = (DOCS / "rvd-lab.1").read_text()
+def check_program(name, binary):
+    page = (DOCS / f"{name}.1").read_text()
     overview = help_of(binary)
     listed = overview[re.search(r"^subcommands:\n", overview, re.M | re.I).end():]
-    commands = re.findall(r"^  (\w[\w-]*)", listed, re.M)
+    commands = re.findall(r"^  (\w[\w-]*)", listed.split("\n\n")[0], re.M)
     sections = dict(re.findall(r"^\.Ss Cm (\S+)\n(.*?)(?=^\.S[sh]|\Z)", page, re.M | re.S))
     expect_same("command", commands, sections)
     for command in commands:
@@ -151,8 +152,8 @@ def shared_options(page):
 def main():
     if sys.argv[1:] == ["rvd"]:
         check_daemon()
-    elif sys.argv[1:2] == ["rvd-lab"] and len(sys.argv) == 3:
-        check_lab(sys.argv[2])
+    elif sys.argv[1] in ("rvd-lab", "rvd-report") and len(sys.argv) == 3:
+        check_program(*sys.argv[1:])
     else:
         print(__doc__, file=sys.stderr)
         return 2

@@ -1,9 +1,13 @@
 // rvd-report: what the daemon left behind, and what happened.
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <fstream>
 
 #include "lab/cli/complaint.h"
 #include "report/print/json.h"
@@ -37,11 +41,18 @@ void print(const std::string& text) {
         throw Unreadable("cannot write the report");
 }
 
+void write_file(const std::string& path, const std::string& content) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file << content;
+    if (!file.flush()) throw Unreadable("cannot write " + path + ": " + strerror(errno));
+}
+
 int report(const CommandLine& line) {
     Evidence evidence(line.path);
     Report report = examine(evidence);
     const std::vector<Event> events = merge_lines(report, evidence);
-    if (!line.picture.empty()) write_picture(line.picture, line.path, messages_of(tell(events)));
+    if (!line.picture.empty())
+        write_file(line.picture, picture(line.path, messages_of(tell(events))));
     if (line.json)
         print(json(report, find_troubles(events), tell(events)));
     else if (line.timeline)

@@ -1,13 +1,10 @@
 #include "report/print/picture.h"
 
-#include <errno.h>
 #include <fmt/format.h>
-#include <string.h>
 
+#include <algorithm>
 #include <array>
-#include <fstream>
 
-#include "report/evidence/evidence.h"
 #include "report/print/people.h"
 
 namespace rvd::report {
@@ -153,14 +150,6 @@ std::string picture(const std::string& title, const std::vector<Message>& messag
         picture.add(rest);
     }
     return picture.finish();
-}
-
-void write_picture(const std::string& path, const std::string& title,
-                   const std::vector<Message>& messages) {
-    const std::string svg = picture(title, messages);
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << svg;
-    if (!file.flush()) throw Unreadable("cannot write " + path + ": " + strerror(errno));
 }
 
 }  // namespace rvd::report

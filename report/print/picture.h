@@ -13,8 +13,4 @@ constexpr size_t kPictureRows = 2000;
 
 std::string picture(const std::string& title, const std::vector<Message>& messages);
 
-// Throws Unreadable where the file cannot be written.
-void write_picture(const std::string& path, const std::string& title,
-                   const std::vector<Message>& messages);
-
 }  // namespace rvd::report
