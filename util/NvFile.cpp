@@ -57,21 +57,6 @@ int fill_erased(int fd, const char* path, uint64_t size) {
     return 0;
 }
 
-bool flush(int fd) {
-    if (fsync(fd) == 0) return true;
-    Log::error("create_empty_nv", "ERR! fsync(nv_fd) fail\n");
-    return false;
-}
-
-// Makes the new name of a file durable.
-bool flush_directory_of(const char* path) {
-    char directory[kPathSize];
-    format_text(directory, "%s", path);
-    if (char* name = strrchr(directory, '/')) *name = '\0';
-    const ScopedFd opened(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return flush(opened.get());
-}
-
 }  // namespace
 
 bool Util::getNvFd(cp_boot_mode mode, const char* path, int size, int* fd) {
@@ -113,12 +98,12 @@ int Util::create_empty_nv(const char* path, uint64_t size) {
     } else {
         result = fill_erased(nv.get(), path, size);
     }
-    bool flushed = result == 0 && flush(nv.get());
+    const bool flushed = result == 0 && fsync(nv.get()) == 0;
+    if (result == 0 && !flushed) Log::error("create_empty_nv", "ERR! fsync(nv_fd) fail\n");
     if (rename(made, path) < 0) {
         Log::error("create_empty_nv", "ERR! NV(%s) rename fail\n", path);
         return -EFAULT;
     }
-    flushed = flushed && flush_directory_of(path);
     if (flushed) {
         Log::info("create_empty_nv", "NV(%s) saved %d bytes\n", path, static_cast<int>(size));
     }
