@@ -44,6 +44,7 @@ void add_run_options(CLI::App& app, CommandLine& line) {
     app.add_option("--color", line.color, "colours in a story: auto, always or never (auto)")
             ->check(CLI::IsMember({"auto", "always", "never"}));
     app.add_option("--trace", line.trace, "write the story as trace events to this file");
+    app.add_option("--picture", line.picture, "draw the story as a sequence into this file (SVG)");
     app.add_option("--log", line.log, "write the daemon's lines to this file");
 }
 

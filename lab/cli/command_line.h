@@ -13,7 +13,7 @@ struct CommandLine {
     enum class Command { none, demo, run, check, faults, soak, keys };
     Command command = Command::none;
     RunOptions run;
-    std::string modem = "tq720", only, trace, log, junit, color = "auto";
+    std::string modem = "tq720", only, trace, picture, log, junit, color = "auto";
     std::vector<std::string> files;
     std::optional<int64_t> seed;
     int jobs = 1, spread = 0, passes = 10000;

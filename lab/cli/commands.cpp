@@ -16,10 +16,11 @@ namespace {
 
 // The options of a run, with the files of results open. There is one of each for one run.
 RunOptions open_results(const CommandLine& line, bool many) {
-    if (many && !(line.trace + line.log).empty())
-        throw Unable("--trace and --log take one run: choose it with --case or --only");
+    if (many && !(line.trace + line.picture + line.log).empty())
+        throw Unable("--trace, --picture and --log take one run: choose it with --case or --only");
     RunOptions options = line.run;
     options.trace = Output(line.trace);
+    options.picture = Output(line.picture);
     options.log = Output(line.log);
     options.look = look_for(stdout, line.color);
     options.look.brief = line.brief;

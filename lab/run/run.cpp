@@ -261,6 +261,7 @@ class Run {
         if (options_.story && options_.summary)
             print_summary(phone_, story_, conduct_, options_.look.brief);
         if (options_.trace) options_.trace.write(story_.trace());
+        if (options_.picture) options_.picture.write(story_.picture(scenario_.name));
         if (options_.log) options_.log.write(fmt::format("{}\n", fmt::join(story_.log(), "\n")));
     }
 

@@ -28,6 +28,7 @@ struct RunOptions {
     std::string root;    // an existing directory to build the phone's root in
     bool keep = false;   // its files stay
     Output trace;        // where the trace goes
+    Output picture;      // where the picture goes
     Output log;          // where the daemon's lines go, all of them
     bool real_time = false;
     bool device = false;   // on this machine's own kernel, with character devices

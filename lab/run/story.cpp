@@ -41,7 +41,7 @@ void Story::forget() {
 }
 
 void Story::tell(const char* from, const char* to, const std::string& text) {
-    told_.push_back({now_ - start_, from, text});
+    told_.push_back({now_ - start_, from, to, text});
     if (out_ != nullptr) printer_.line(now_, from, to, text);
 }
 
@@ -71,7 +71,7 @@ void Story::keep_fact(const char* kind, const std::string& text) {
 }
 
 void Story::violation(const std::string& text) {
-    told_.push_back({now_ - start_, "lab", "FAIL: " + text});
+    told_.push_back({now_ - start_, "lab", "", "FAIL: " + text});
     violations_.push_back(fmt::format("{:.3f} s: {}", seconds(now_ - start_), text));
 }
 

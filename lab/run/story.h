@@ -64,6 +64,9 @@ class Story {
     // Trace events as trace viewers read them.
     std::string trace() const;
 
+    // A sequence of messages, as SVG: what passed between two, and what the daemon says went wrong.
+    std::string picture(const std::string& title) const;
+
     // The last words of the crashed modem, as the driver was given them.
     std::string crash_sentence;
 
@@ -72,7 +75,7 @@ class Story {
 
     struct Told {
         Time at;
-        const char* from;
+        const char *from, *to;
         std::string text;
     };
     struct Transfer {

@@ -1,0 +1,42 @@
+// The story drawn, as rvd-report draws what it finds.
+#include "lab/run/story.h"
+#include "report/print/people.h"
+#include "report/print/picture.h"
+
+namespace rvd::lab {
+
+namespace {
+
+constexpr Time kSilence = 10 * kSecond;
+
+report::Actor actor_of(const std::string& name) {
+    return name == "daemon"   ? report::Actor::kDaemon
+           : name == "driver" ? report::Actor::kDriver
+           : name == "loader" ? report::Actor::kLoader
+                              : report::Actor::kPhone;
+}
+
+}  // namespace
+
+std::string Story::picture(const std::string& title) const {
+    std::vector<report::Message> messages;
+    Time last = 0;
+    for (const Told& told : told_) {
+        const bool failure =
+                told.text.find("ERR!") != std::string::npos || told.from == std::string("lab");
+        if (*told.to == '\0' && told.from == std::string("daemon") && !failure) continue;
+        if (told.at - last >= kSilence) {
+            report::Message silence;
+            silence.text = report::people_span((told.at - last) / 1000) + " of silence";
+            silence.band = true;
+            messages.push_back(silence);
+        }
+        last = told.at;
+        const report::Actor from = actor_of(told.from);
+        messages.push_back({told.at / 1000, from, *told.to == '\0' ? from : actor_of(told.to),
+                            told.text, failure, false});
+    }
+    return report::picture(title, messages);
+}
+
+}  // namespace rvd::lab
