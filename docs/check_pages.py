@@ -135,7 +135,7 @@ def check_program(name, binary):
     sections = dict(re.findall(r"^\.Ss Cm (\S+)\n(.*?)(?=^\.S[sh]|\Z)", page, re.M | re.S))
     expect_same("command", commands, sections)
     for command in commands:
-        text = help_of(binary, command)
+        text = help_of(binary, command).split("\nExamples:")[0]
         says = set(re.findall(r"--([\w-]+)", text[text.lower().index("options:"):])) - {"help"}
         described = set(re.findall(r"^\.It Fl Fl (\S+)", sections.get(command, ""), re.M))
         if ".Sx Options of a run" in sections.get(command, ""):
