@@ -25,7 +25,7 @@ bool grants(size_t size) {
 using rvd::test::grants;
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return grants(size) ? malloc(size) : nullptr;
+    return grants(size) ? operator new(size) : nullptr;
 }
 
 extern "C" {
