@@ -36,6 +36,8 @@ def items(page, macro):
 def source():
     text = "".join(path.read_text() for room in ROOMS
                    for path in sorted((ROOT / room).glob("*.*")))
+    for name, value in re.findall(r'^#define (\w+) (".*")$', text, re.M):
+        text = re.sub(rf'(?<!#define ){name} "', value[:-1], text)
     return re.sub(r'"\s*\n\s*"', "", re.sub(r"//.*|#include.*", "", text))
 
 
@@ -82,7 +84,7 @@ def check_daemon_words(page, text):
 def saved_names(text):
     """The parts of a saved file's name that stand, which are told apart by them."""
     names = [name + "_" for name in
-             re.findall(r'save_(?:logs_in_background|kernel_log)\(\s*"([^"]+)"', text)]
+             re.findall(r'Log::save_(?:now|in_background)\(\s*"([^"]+)"', text)]
     names += ["cpcrash_%s" + name for name in re.findall(r'"%s/%s(_\w+_%s(?:_%s)?)\.log"', text)]
     names += re.findall(r'"%s/(cpcrash_\S+?)\.log"', text)
     names += [form.replace("%s", name, 1) for form, name in

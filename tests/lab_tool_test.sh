@@ -95,6 +95,21 @@ expect 2 'TMPDIR' env TMPDIR=/none "$lab" demo
 "$lab" demo 2>err | head -n 1 >out
 [[ ${PIPESTATUS[0]} == 141 && ! -s err ]] || fail "a closed pipe is an error: $(cat err)"
 
+# A root that is its namespace's only user plays the ordinary one; without namespaces, the setting is
+# named.
+if unshare -Ur true 2>/dev/null; then
+    expect 0 'out:PASS' unshare -Ur "$lab" demo --brief
+    # shellcheck disable=SC2016  # for the inner shell
+    expect 77 'user.max_user_namespaces' unshare -Ur sh -c \
+        'echo 0 >/proc/sys/user/max_user_namespaces && exec "$0" demo' "$lab"
+    # shellcheck disable=SC2016  # for the inner shell
+    expect 2 'the disk is full' unshare -Urm sh -c \
+        'mount -t tmpfs -o size=20m tmpfs tmp && exec "$0" demo --root tmp/phone' "$lab"
+fi
+expect 0 'out:PASS' env TMPDIR= "$lab" demo --brief
+# shellcheck disable=SC2016  # for the inner shell
+expect 2 'ulimit -n' sh -c 'ulimit -n 8 && exec "$0" demo' "$lab"
+
 # A brief story, colours where they are wanted, and lines that fit the terminal.
 "$lab" demo --brief --color=always >out
 (($(wc -l <out) <= 36)) || fail "the brief story has $(wc -l <out) lines"

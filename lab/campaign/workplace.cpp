@@ -21,6 +21,8 @@ namespace {
 constexpr char kPrefix[] = "rvd-lab.";
 
 fs::path temporary_directory() {
+    const char* const named = getenv("TMPDIR");
+    if (named != nullptr && *named == '\0') return "/tmp";
     std::error_code error;
     const fs::path path = fs::temp_directory_path(error);
     if (error) throw Unable("the directory for temporary files: TMPDIR names none");

@@ -1,6 +1,7 @@
 #include "lab/cli/commands.h"
 
 #include <fmt/core.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <nlohmann/json.hpp>
@@ -13,6 +14,15 @@
 namespace rvd::lab {
 
 namespace {
+
+constexpr rlim_t kOpenFiles = 64;  // more than a run ever holds
+
+void check_open_files() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kOpenFiles)
+        throw Unable(fmt::format("{} open files are not enough: ulimit -n {}", limit.rlim_cur,
+                                 kOpenFiles));
+}
 
 // The options of a run, with the files of results open. There is one of each for one run.
 RunOptions open_results(const CommandLine& line, bool many) {
@@ -101,6 +111,7 @@ int keys(bool json) {
 
 int execute(CommandLine& line) {
     using Command = CommandLine::Command;
+    check_open_files();
     const Reporting reporting = {line.json, line.quiet, line.story, Output(line.junit)};
     switch (line.command) {
         case Command::demo:

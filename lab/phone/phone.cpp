@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "bootdump/lnkm.h"
 
@@ -41,6 +42,16 @@ void put_property(const Tree& tree, const std::string& name, const std::string& 
     tree.own(inside, owner);
 }
 
+// Whether this user exists here: a container's root may be the only one.
+bool is_mapped(uid_t user) {
+    std::ifstream map("/proc/self/uid_map");
+    uint64_t first = 0, outside = 0, count = 0;
+    while (map >> first >> outside >> count) {
+        if (user >= first && user - first < count) return true;
+    }
+    return false;
+}
+
 // The first process of a process-number namespace takes all others with it when it dies. It does so
 // when this one has: the other end of its pipe is closed then, however soon that is.
 void start_guardian() {
@@ -64,13 +75,13 @@ void start_guardian() {
 void enter_namespaces() {
     const uid_t uid = geteuid();
     const gid_t gid = getegid();
-    is_real_root = uid == 0 && unshare(CLONE_NEWNS | CLONE_NEWPID) == 0;
+    is_real_root = uid == 0 && is_mapped(kRadio) && unshare(CLONE_NEWNS | CLONE_NEWPID) == 0;
     if (!is_real_root) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) != 0) {
             throw Forbidden(
                     std::string("this kernel gives an ordinary user no user namespace (") +
                     strerror(errno) +
-                    "). Run rvd-lab as root, or allow it: sysctl "
+                    "). Run rvd-lab as root, or allow it: sysctl user.max_user_namespaces above 0, "
                     "kernel.unprivileged_userns_clone=1, or where AppArmor restricts it, "
                     "kernel.apparmor_restrict_unprivileged_userns=0; in a container, start it "
                     "with the right to unshare and mount.");

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <stdio.h>
+#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <map>
@@ -18,6 +19,8 @@
 namespace rvd::lab {
 
 namespace {
+
+constexpr uint64_t kLeastRoom = 1 << 20;  // bytes left on a kept root's disk
 
 // A pass begins and ends with nothing open but the logs. The wait between passes shows it,
 // unless a node is open: then the wait is one within a pass.
@@ -151,6 +154,7 @@ class Run {
         conduct_.lasted = stage_->now() - start_;
         conduct_.files = closed_files(phone_, {});
         judge();
+        if (!story_.violations().empty()) check_room();
         write_results();
         return {story_.violations(), conduct_};
     }
@@ -255,6 +259,14 @@ class Run {
             check_expectations(scenario_, phone_, driver_, conduct_, story_);
         }
         check_always(phone_, story_);
+    }
+
+    // A disk that is full outside the phone says nothing about the daemon.
+    void check_room() const {
+        struct statvfs disk {};
+        if (!options_.keep || statvfs(options_.root.c_str(), &disk) != 0) return;
+        if (disk.f_bavail * disk.f_frsize < kLeastRoom)
+            throw Unable(options_.root + ": the disk is full; the phone's files need more room");
     }
 
     void write_results() const {
