@@ -67,6 +67,7 @@ done <<'TABLE'
 2|one run|faults --trace trace
 
 2|demo.toml|demo --root demo.toml
+2|cannot make the directory|run --root demo.toml demo.toml
 2|not made by rvd-lab|demo --root closed
 2|executed: |demo --daemon demo.toml
 2|link in a directory|demo --log shared/link

@@ -120,11 +120,13 @@ pid_t start(const Job& job, const Signals& signals, Worker& worker) {
 Worker make_worker(const Job& job) {
     const std::string& root = job.options.root;
     const bool own = root.empty() || job.direct;
-    return {{job.suite, job.scenario.name, 0, {}, {}, {}, {}},
-            Workplace(own ? root : root + "/" + leaf_of(job.scenario.name)),
-            Clock::now(),
-            job.direct ? nullptr : make_file(),
-            make_file()};
+    // Each part has a name: a compiler frees some of them twice where one in a braced list throws.
+    Workplace place(own ? root : root + "/" + leaf_of(job.scenario.name));
+    Outcome outcome;
+    outcome.suite = job.suite;
+    outcome.name = job.scenario.name;
+    FILE* const output = job.direct ? nullptr : make_file();
+    return {std::move(outcome), std::move(place), Clock::now(), output, make_file()};
 }
 
 Outcome finish(Worker& worker, int status) {
