@@ -86,9 +86,9 @@ bool possible(const MadeCall& made, const std::string& way) {
     return true;
 }
 
-// For a spread, which log lines would fill otherwise: of calls that are made alike, from the same
-// place on the same path, the first two, the middle one and the last. A log's lines are alike
-// wherever they come from.
+// Thins the calls out for a sample, which writes to the logs would fill otherwise: of equal calls
+// from the same place on the same path, the first two, the middle one and the last. Writes to a
+// log are equal wherever they come from.
 std::vector<MadeCall> collapsed(const std::vector<MadeCall>& calls) {
     std::map<std::string, std::vector<MadeCall>> alike;
     for (const MadeCall& made : calls) {

@@ -97,8 +97,8 @@ std::string Gate::serve() {
     return end_;
 }
 
-// The story depends on nothing but the scenario: whatever is told is taken, and whatever happens,
-// happens, while the daemon stands still.
+// What the daemon said is read, and events happen, only while all of its threads are stopped:
+// so the story depends on the scenario alone.
 void Gate::serve_virtual_time() {
     if (!clock_.at_rest()) return await_call(kRunnerPatienceMs);
     links_.take(Links::Says::all);

@@ -76,8 +76,8 @@ void hear_line(const Scenario& scenario, const std::string& line) {
         quirk.turn.hear(line);
 }
 
-// What a scenario puts in the daemon's way must have come about, or the run has shown nothing. In
-// the fault campaign the one fault may keep the modem's deviations from coming.
+// Every fault and deviation of a scenario must have occurred, or the run has shown nothing. In the
+// fault campaign the injected fault may keep the modem's deviations from occurring.
 void check_obstacles(const Scenario& scenario, bool faults_alone, Story& story) {
     for (const Fault& fault : scenario.faults) {
         if (!fault.turn.came)
