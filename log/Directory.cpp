@@ -1,7 +1,6 @@
 // The log directory: made on demand, and refused while the data partition is short of space.
 #include <errno.h>
 #include <grp.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
@@ -49,7 +48,6 @@ char* Log::get_log_dir() {
 }
 
 void Log::update_log_dir() {
-    memset(log_dir, 0, sizeof(log_dir));
     format_text(log_dir, "%s", kLogDir);
 }
 

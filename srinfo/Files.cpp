@@ -1,6 +1,5 @@
 // The two files of a record: the log for people, with one older generation, and the file that
 // carries the text to the next boot.
-#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -147,9 +146,7 @@ int SrinfoVelo::write_srinfo_last(int fd, char* data, unsigned int size) {
                                   : static_cast<size_t>(static_cast<const char*>(brace) - text);
     Log::info("write_srinfo_last", "store to ascii text (%d bytes)\n", static_cast<int>(length));
     const ssize_t written = write_all(fd, text, length + 1);
-    const int saved_errno = errno;
     if (fsync(fd) < 0) Log::error("write_srinfo_last", "ERR! fsync(srinfo) fail\n");
-    errno = saved_errno;
     return static_cast<int>(written);
 }
 
