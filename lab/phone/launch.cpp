@@ -4,9 +4,12 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
@@ -57,7 +60,18 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
     return list;
 }
 
-scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
+using Program = std::vector<sock_filter>;
+
+Program read_program(int fd) {
+    Program program(static_cast<size_t>(lseek(fd, 0, SEEK_END)) / sizeof(sock_filter));
+    const size_t size = program.size() * sizeof(sock_filter);
+    if (pread(fd, program.data(), size, 0) != static_cast<ssize_t>(size))
+        fail_errno("cannot read the system-call filter");
+    close(fd);
+    return program;
+}
+
+Program make_filter(const std::vector<Rule>& rules) {
     scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
     if (filter == nullptr) throw Unable("cannot make a system-call filter");
     for (const Rule& rule : rules) {
@@ -68,19 +82,29 @@ scmp_filter_ctx make_filter(const std::vector<Rule>& rules) {
             throw Forbidden(fmt::format("this kernel cannot hand over system call {}: {}",
                                         rule.call, strerror(-result)));
     }
-    return filter;
+    const int fd = memfd_create("filter", MFD_CLOEXEC);
+    if (fd < 0 || seccomp_export_bpf(filter, fd) != 0)
+        fail_errno("cannot make a system-call filter");
+    seccomp_release(filter);
+    return read_program(fd);
 }
 
 // Where the filter's notifications are in the child: the first descriptor behind the standard ones.
 constexpr int kListener = 3;
 
 // The last thing before the daemon: from here on its calls are the lab's, which takes the
-// notifications while the child has stopped.
-void hand_over_calls(scmp_filter_ctx filter) {
+// notifications while the child has stopped. Nothing may allocate behind the filter: nobody would
+// answer the call that asks for memory.
+void hand_over_calls(const Program& filter) {
     signal(SIGPIPE, SIG_IGN);  // a device node never raises it
     const pid_t self = getpid();
     if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(kNoTrace);
-    if (seccomp_load(filter) != 0) _exit(errno == EMFILE ? EMFILE : kNoFilter);
+    const sock_fprog program = {static_cast<unsigned short>(filter.size()),
+                                const_cast<sock_filter*>(filter.data())};
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    if (syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program) !=
+        kListener)
+        _exit(errno == EMFILE ? EMFILE : kNoFilter);
     kill(self, SIGSTOP);
 }
 
@@ -123,6 +147,7 @@ void become_daemon(const std::string& root, const std::vector<std::string>& argu
     std::vector<std::string> words = {kDaemonPath};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<std::string> variables = environment();
+    const std::vector<char*> argv = pointers(words), envp = pointers(variables);
     const int output = open((root + kOutput).c_str(), O_WRONLY | O_APPEND);
     const int input = open("/dev/null", O_RDONLY);
     dup2(input, 0);
@@ -133,19 +158,18 @@ void become_daemon(const std::string& root, const std::vector<std::string>& argu
     setgroups(1, &kLogGroup);
     if (chroot(root.c_str()) == 0 && chdir("/") == 0) {
         last();
-        execve(kDaemonPath, pointers(words).data(), pointers(variables).data());
+        execve(kDaemonPath, argv.data(), envp.data());
     }
     _exit(errno);
 }
 
 Process launch(const std::string& root, const std::vector<std::string>& arguments,
                const std::vector<Rule>& rules, bool virtual_time) {
-    scmp_filter_ctx filter = make_filter(rules);
+    const Program filter = make_filter(rules);
     Process process;
     process.pid = fork();
     if (process.pid < 0) fail_errno("cannot fork");
     if (process.pid == 0) become_daemon(root, arguments, [&] { hand_over_calls(filter); });
-    seccomp_release(filter);
     await_stop(process.pid);
     process.pidfd = static_cast<int>(syscall(SYS_pidfd_open, process.pid, 0));
     process.listener = static_cast<int>(syscall(SYS_pidfd_getfd, process.pidfd, kListener, 0));
