@@ -17,6 +17,11 @@ Clock::Thread* Clock::find(pid_t tid) {
     return nullptr;
 }
 
+bool Clock::knows(pid_t tid) const {
+    return std::any_of(threads_.begin(), threads_.end(),
+                       [&](const Thread& thread) { return thread.call.tid() == tid; });
+}
+
 void Clock::gone(pid_t tid) {
     threads_.erase(std::remove_if(threads_.begin(), threads_.end(),
                                   [&](const Thread& thread) { return thread.call.tid() == tid; }),

@@ -34,6 +34,8 @@ class Clock {
     void born() { births_++; }
     void gone(pid_t tid);
 
+    bool knows(pid_t tid) const;
+
     // A thread has stopped at a call, waits in it, or goes on.
     void arrive(const Call& call);
     void hold(const Call& call, Time deadline);

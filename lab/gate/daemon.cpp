@@ -107,6 +107,10 @@ ino_t Daemon::inode_of(int daemon_fd) const {
     return inode_of_path(fmt::format("/proc/{}/fd/{}", process_.pid, daemon_fd));
 }
 
+bool Daemon::has_thread(pid_t tid) const {
+    return access(fmt::format("/proc/{}/task/{}", process_.pid, tid).c_str(), F_OK) == 0;
+}
+
 bool Daemon::waits_for_thread(pid_t tid) const {
     const std::string path = fmt::format("/proc/{}/task/{}/syscall", process_.pid, tid);
     return read_file(path).find(fmt::format("{} ", SYS_futex)) == 0;

@@ -56,7 +56,8 @@ class Daemon {
     std::string file_of(int daemon_fd) const;
     ino_t inode_of(int daemon_fd) const;
 
-    // Whether a thread waits for another one.
+    // Whether a thread is one of its own; whether it waits for another one.
+    bool has_thread(pid_t tid) const;
     bool waits_for_thread(pid_t tid) const;
 
   private:
