@@ -200,10 +200,11 @@ const std::vector<const char*>* ways_to_fail(const std::string& call) {
     // What the C library does for itself, to memory it already has and between threads.
     static const std::vector<const char*> none;
     static const std::set<std::string> own = {
-            "munmap",           "mprotect",       "madvise",      "futex",  "getpid",  "gettid",
-            "connect",          "rt_sigprocmask", "rt_sigaction", "socket", "fstatfs", "getuid",
-            "geteuid",          "getrandom",      "prlimit64",    "access", "fcntl",   "link",
-            "sched_getaffinity"};
+            "munmap",       "mprotect",  "madvise",           "futex",
+            "getpid",       "gettid",    "connect",           "rt_sigprocmask",
+            "rt_sigaction", "socket",    "fstatfs",           "getuid",
+            "geteuid",      "getrandom", "prlimit64",         "access",
+            "fcntl",        "link",      "sched_getaffinity", "sigaltstack"};
     if (own.count(call) != 0) return &none;
     const auto found = kWays.find(call);
     return found == kWays.end() ? nullptr : &found->second;
