@@ -98,6 +98,10 @@ void enter_private_root() {
         write_file(kRoot + device, "");
         lay(device, kRoot + device);
     }
+    if (fs::is_directory("/dev/shm")) {  // TMPDIR may be in it
+        fs::create_directory(kRoot + "/dev/shm");
+        lay("/dev/shm", kRoot + "/dev/shm");
+    }
     overlay(kCmdline, "/proc/cmdline");
     overlay(kGroups, "/etc/group");
     must(chroot(kRoot.c_str()) == 0, "change the root");
