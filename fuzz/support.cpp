@@ -139,7 +139,7 @@ bool Run::granted_last(unsigned request) {
 }
 
 void set_property(const char* name, std::string_view value) {
-    test::write_file(test::property_store() + "/" + name, std::string(value));
+    test::set_property(name, std::string(value));
 }
 
 }  // namespace rvd::fuzz
@@ -153,11 +153,9 @@ int __android_log_buf_print(int, int, const char*, const char*, ...) {
 
 int LLVMFuzzerInitialize(int*, char***) {
     rvd::test::enter_private_root();
-    std::filesystem::create_directories(rvd::test::property_store());
     std::filesystem::create_directories("/data/vendor/log/rvd/err");
     for (const char* node : {"umts_boot0", "umts_ramdump0", "nr_boot0", "nr_ramdump0"})
         rvd::test::write_file(std::string("/dev/") + node, "");
-    setenv("RVD_PROPERTY_DIR", rvd::test::property_store().c_str(), 1);
     rvd::test::kernel().real_time = true;
     rvd::kmsg_fd = -1;
     signal(SIGXFSZ, SIG_IGN);

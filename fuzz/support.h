@@ -10,7 +10,6 @@
 #include <string_view>
 
 #include "main/RvdArgs.h"
-#include "tests/support/host.h"
 #include "tests/support/private_root.h"
 
 namespace rvd {

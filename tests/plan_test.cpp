@@ -69,103 +69,81 @@ class Plan : public Phone {
 const std::string kThirteen = "TOC A1 A2 A3 NV A5 A6 A7 A8 A9 A10 A11 A12";
 const std::string kSixteen = kThirteen + " A13 A14 A15";
 constexpr char kTooMany[] = "ERR! invalid TOC: more images than the plan has stages";
+constexpr char kIntegrated[] = "tq720", kExternal[] = "vk880";
 
-TEST_F(Plan, TheIntegratedModemLoadsItsStagesInTheOrderOfTheTable) {
+TEST_F(Plan, AStageIsPlannedForEachImageInTheOrderOfTheTable) {
     const char* five = "TOC BOOT MAIN VSS NV";
+    const char* ends = "TOC BOOT MAIN NV OFFSET";
     const struct {
+        const char* modem;
         std::string names;
         uint32_t count;
         uint32_t m_off;
         const char* options;  // e no NV path, n a path for NV_NORM, r reload VSS, d for a dump
         const char* plan;     // or the last line of a refusal
     } cases[] = {
-            {five, 5, 1, "", "0=0p 1=1p 2=2p 3=3kp 4=4n "},
-            {five, 5, 1, "r", "0=0p 1=1p 2=2p 3=3p 4=4n "},
-            {five, 5, 1, "e", "0=0p 1=1p 2=2p "},
-            {five, 5, 1, "d", "0=0p 1=1p "},
-            {five, 5, 1, "ed", "0=0p 1=1p "},
-            {"TOC BOOT MAIN NV", 1, 0, "", "1=1p 2=2p 3=3n "},
-            {five, 1, 0, "", "ERR! invalid TOC : There is no NV"},
-            {"TOC BOOT MAIN NV", 1, 0, "d", "1=1p "},
-            {"TOC NV", 2, 1, "", "0=0p 1=1n "},
-            {"TOC NV NV", 3, 1, "", "0=0p 1=1n 2=2n "},
-            {"TOC NV NV_NORM NV_PROT", 4, 1, "", "0=0p 1=1n 2=2- 3=3- "},
-            {"TOC NV NV_NORM", 3, 1, "n", "0=0p 1=1n 2=2N "},
-            {"TOC NV_NORM", 2, 1, "n", "0=0p 1=1N "},
-            {kSixteen, 13, 1, "", "11=11p 12=12p "},
-            {kSixteen, 14, 1, "", kTooMany},
-            {kSixteen, 16, 1, "", kTooMany},
-            {kSixteen, 0, 1, "", kTooMany},
-            {kSixteen, 16, 1, "e", "0=0p 1=1p 2=2p "},
-            {kSixteen, 16, 1, "d", "0=0p 1=1p "},
-            {kThirteen + " - - -", 16, 1, "", "11=11p 12=12p "},
-            {kThirteen, 0, 1, "", "11=11p 12=12p "},
-            {kSixteen, 17, 1, "", "ERR! invalid TOC: Total TOC count is 17"},
-            {kSixteen, UINT32_MAX, 1, "", "ERR! invalid TOC: Total TOC count is -1"},
-            {five, 2, 0, "", "ERR! invalid TOC : No info for TOC verification"},
-            {five, 0, 0, "", "ERR! invalid TOC : No info for TOC verification"},
-            {five, 4, 1, "", "ERR! invalid TOC : There is no NV"},
-            {"TOCX BOOT MAIN VSS NV", 5, 1, "", "ERR! invalid TOC: No TOC"},
-            {"", 0, 0, "", "ERR! invalid TOC: No TOC"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.names + " of " + std::to_string(c.count) + c.options);
-        const cp_boot_mode mode = strchr(c.options, 'd') ? CP_BOOT_MODE_DUMP : CP_BOOT_MODE_NORMAL;
-        const bool accepted = prepare("tq720", table(c.names, c.count, c.m_off), c.options, mode);
-        EXPECT_EQ(accepted, c.plan[0] != 'E');
-        if (accepted) {
-            EXPECT_THAT(plan(), EndsWith(c.plan));
-        } else {
-            EXPECT_EQ(last_said(), std::string("prepare_boot_args: ") + c.plan);
-            EXPECT_EQ(boot().fd[BOOT_FD_PARTITION], -1);
-        }
-        Container::getBootDump()->std_boot_close_args();
-    }
-}
-
-TEST_F(Plan, TheExternalModemSendsRowsOverTheLink) {
-    const char* five = "TOC BOOT MAIN NV OFFSET";
-    const struct {
-        std::string names;
-        uint32_t count;
-        const char* options;
-        const char* plan;
-    } cases[] = {
-            {five, 5, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s- "},
-            {five, 1, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s- "},
-            {five, 4, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s- "},
-            {"TOC BOOT OFFSET NV MAIN", 5, "", "0=0cdp 1=1sbdp 2=15s- "},
-            {"TOC BOOT X NV_PROT NV_NORM NV", 6, "n",
+            {kIntegrated, five, 5, 1, "", "0=0p 1=1p 2=2p 3=3kp 4=4n "},
+            {kIntegrated, five, 5, 1, "r", "0=0p 1=1p 2=2p 3=3p 4=4n "},
+            {kIntegrated, five, 5, 1, "e", "0=0p 1=1p 2=2p "},
+            {kIntegrated, five, 5, 1, "d", "0=0p 1=1p "},
+            {kIntegrated, five, 5, 1, "ed", "0=0p 1=1p "},
+            {kIntegrated, "TOC BOOT MAIN NV", 1, 0, "", "1=1p 2=2p 3=3n "},
+            {kIntegrated, five, 1, 0, "", "ERR! invalid TOC : There is no NV"},
+            {kIntegrated, "TOC BOOT MAIN NV", 1, 0, "d", "1=1p "},
+            {kIntegrated, "TOC NV", 2, 1, "", "0=0p 1=1n "},
+            {kIntegrated, "TOC NV NV", 3, 1, "", "0=0p 1=1n 2=2n "},
+            {kIntegrated, "TOC NV NV_NORM NV_PROT", 4, 1, "", "0=0p 1=1n 2=2- 3=3- "},
+            {kIntegrated, "TOC NV NV_NORM", 3, 1, "n", "0=0p 1=1n 2=2N "},
+            {kIntegrated, "TOC NV_NORM", 2, 1, "n", "0=0p 1=1N "},
+            {kIntegrated, kSixteen, 13, 1, "", "11=11p 12=12p "},
+            {kIntegrated, kSixteen, 14, 1, "", kTooMany},
+            {kIntegrated, kSixteen, 16, 1, "", kTooMany},
+            {kIntegrated, kSixteen, 0, 1, "", kTooMany},
+            {kIntegrated, kSixteen, 16, 1, "e", "0=0p 1=1p 2=2p "},
+            {kIntegrated, kSixteen, 16, 1, "d", "0=0p 1=1p "},
+            {kIntegrated, kThirteen + " - - -", 16, 1, "", "11=11p 12=12p "},
+            {kIntegrated, kThirteen, 0, 1, "", "11=11p 12=12p "},
+            {kIntegrated, kSixteen, 17, 1, "", "ERR! invalid TOC: Total TOC count is 17"},
+            {kIntegrated, kSixteen, ~0u, 1, "", "ERR! invalid TOC: Total TOC count is -1"},
+            {kIntegrated, five, 2, 0, "", "ERR! invalid TOC : No info for TOC verification"},
+            {kIntegrated, five, 0, 0, "", "ERR! invalid TOC : No info for TOC verification"},
+            {kIntegrated, five, 4, 1, "", "ERR! invalid TOC : There is no NV"},
+            {kIntegrated, "TOCX BOOT MAIN VSS NV", 5, 1, "", "ERR! invalid TOC: No TOC"},
+            {kIntegrated, "", 0, 0, "", "ERR! invalid TOC: No TOC"},
+            {kExternal, ends, 5, 0, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s- "},
+            {kExternal, ends, 1, 0, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s- "},
+            {kExternal, ends, 4, 0, "", "0=0cdp 1=1sbdp 2=2sbcdp 3=3sbdn 4=15s- "},
+            {kExternal, "TOC BOOT OFFSET NV MAIN", 5, 0, "", "0=0cdp 1=1sbdp 2=15s- "},
+            {kExternal, "TOC BOOT X NV_PROT NV_NORM NV", 6, 0, "n",
              "0=0cdp 1=1sbdp 2=2sbdp 3=3sbd- 4=4sbdN 5=5sbdn 6=15s- "},
-            {"TOC BOOT NV_NORM NV NV", 5, "", "0=0cdp 1=1sbdp 2=2sbd- 3=3sbdn 4=4sbdn 5=15s- "},
-            {five, 3, "e", "0=0cdp 1=1sbdp 2=2sbcdp 3=15s- "},
-            {five, 3, "d", "0=0cdp 1=1sbdp 2=2sbcdp 3=15s- "},
-            {kSixteen, 1, "", "4=4sbdn 5=5sbdp 6=15s- "},
-            {kSixteen, 12, "", "11=11sbdp 12=15s- "},
-            {kSixteen, 13, "", "11=11sbdp 12=12sbdp "},
-            {kSixteen, 14, "", kTooMany},
-            {kSixteen, 16, "", kTooMany},
-            {kSixteen, 16, "d", "11=11sbdp 12=12sbdp "},
-            {kThirteen + " OFFSET", 14, "", "11=11sbdp 12=12sbdp "},
-            {kThirteen + " A13 OFFSET", 15, "", kTooMany},
-            {"TOC OFFSET A2 A3 A4 A5 A6 A7 A8 A9 A10 A11 A12 A13 A14 NV", 16, "", "1=15s- "},
-            {five, 0, "d", "0=15s- "},
-            {kSixteen, 17, "", "ERR! invalid TOC: Total TOC count is 17"},
-            {kSixteen, UINT32_MAX, "", "ERR! invalid TOC: Total TOC count is -1"},
-            {five, 3, "", "ERR! invalid TOC : There is no NV"},
-            {five, 0, "", "ERR! invalid TOC : There is no NV"},
-            {"BOOT MAIN", 2, "", "ERR! invalid TOC: No TOC"},
+            {kExternal, "TOC BOOT NV_NORM NV NV", 5, 0, "",
+             "0=0cdp 1=1sbdp 2=2sbd- 3=3sbdn 4=4sbdn 5=15s- "},
+            {kExternal, ends, 3, 0, "e", "0=0cdp 1=1sbdp 2=2sbcdp 3=15s- "},
+            {kExternal, ends, 3, 0, "d", "0=0cdp 1=1sbdp 2=2sbcdp 3=15s- "},
+            {kExternal, kSixteen, 1, 0, "", "4=4sbdn 5=5sbdp 6=15s- "},
+            {kExternal, kSixteen, 12, 0, "", "11=11sbdp 12=15s- "},
+            {kExternal, kSixteen, 13, 0, "", "11=11sbdp 12=12sbdp "},
+            {kExternal, kSixteen, 14, 0, "", kTooMany},
+            {kExternal, kSixteen, 16, 0, "", kTooMany},
+            {kExternal, kSixteen, 16, 0, "d", "11=11sbdp 12=12sbdp "},
+            {kExternal, kThirteen + " OFFSET", 14, 0, "", "11=11sbdp 12=12sbdp "},
+            {kExternal, kThirteen + " A13 OFFSET", 15, 0, "", kTooMany},
+            {kExternal, "TOC OFFSET A2 A3 A4 A5 A6 A7 A8 A9 A10 A11 A12 A13 A14 NV", 16, 0, "",
+             "1=15s- "},
+            {kExternal, ends, 0, 0, "d", "0=15s- "},
+            {kExternal, kSixteen, 17, 0, "", "ERR! invalid TOC: Total TOC count is 17"},
+            {kExternal, kSixteen, ~0u, 0, "", "ERR! invalid TOC: Total TOC count is -1"},
+            {kExternal, ends, 3, 0, "", "ERR! invalid TOC : There is no NV"},
+            {kExternal, ends, 0, 0, "", "ERR! invalid TOC : There is no NV"},
+            {kExternal, "BOOT MAIN", 2, 0, "", "ERR! invalid TOC: No TOC"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.names + " of " + std::to_string(c.count) + c.options);
         const cp_boot_mode mode = strchr(c.options, 'd') ? CP_BOOT_MODE_DUMP : CP_BOOT_MODE_NORMAL;
-        const bool accepted = prepare("vk880", table(c.names, c.count, 0), c.options, mode);
+        const bool accepted = prepare(c.modem, table(c.names, c.count, c.m_off), c.options, mode);
         EXPECT_EQ(accepted, c.plan[0] != 'E');
-        if (accepted) {
-            EXPECT_THAT(plan(), EndsWith(c.plan));
-        } else {
-            EXPECT_EQ(last_said(), std::string("prepare_boot_args: ") + c.plan);
-        }
+        EXPECT_THAT(accepted ? plan() : last_said(), EndsWith(c.plan));
+        EXPECT_EQ(accepted, boot().fd[BOOT_FD_PARTITION] >= 0);
         Container::getBootDump()->std_boot_close_args();
     }
 }

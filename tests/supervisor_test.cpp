@@ -1,7 +1,6 @@
 // Start-up, passes and the wait for events, where a scenario cannot reach.
 #include "main/Supervisor.h"
 
-#include <fcntl.h>
 #include <poll.h>
 
 #include "bootdump/BootDump.h"
@@ -12,7 +11,6 @@ namespace rvd::test {
 namespace {
 
 using testing::Contains;
-using testing::IsSupersetOf;
 
 class Supervisor : public Phone {
   protected:
@@ -20,9 +18,10 @@ class Supervisor : public Phone {
         Phone::SetUp();
         write_file("/dev/umts_boot0", "");
         write_file("/dev/nr_boot0", "");
+        memset(Container::getRvdArgs()->crash_reason, 'x', kCrashReasonSize);
     }
 
-    // The next request panics the kernel with this reason and nothing behind it.
+    // The next request panics the kernel with this reason and nothing after it.
     void expect_panic(const std::string& reason) {
         driver().expect<char[kCrashReasonSize]>(IOCTL_TRIGGER_KERNEL_PANIC, [=](const auto& text) {
             EXPECT_TRUE(std::string(text, sizeof(text)) ==
@@ -33,14 +32,11 @@ class Supervisor : public Phone {
 };
 
 TEST_F(Supervisor, AReasonKeepsNothingOfALongerOneBefore) {
-    RvdArgs& args = *Container::getRvdArgs();
-    memset(args.crash_reason, 'x', sizeof(args.crash_reason));
     expect_panic("Force a kernel panic");
     EXPECT_EQ(Container::getBootDump()->set_kernel_panic("Force a kernel panic"), 0);
 
     // A modem that crashed while it booted, and no room for its dump.
-    memset(args.crash_reason, 'x', sizeof(args.crash_reason));
-    args.boot_link = LINK_NONE;
+    Container::getRvdArgs()->boot_link = LINK_NONE;
     kernel().free_blocks = 0;
     driver().expect(IOCTL_GET_CP_STATUS, MODEM_STATE_CRASH);
     expect_panic("Not enough freespace");
@@ -55,7 +51,6 @@ TEST_F(Supervisor, NvDataThatIsValidatedAfterTheLastPauseCountsForTheExternalMod
         kernel().on_sleep = [] {
             if (kernel().sleeps.size() == 50) set_property("vendor.rvd.rfs_check_done", "1");
         };
-        said();
         EXPECT_EQ(Container::getBootDump()->boot(), -14);  // there is no partition
         kernel().on_sleep = nullptr;
         EXPECT_EQ(kernel().sleeps, std::vector<unsigned>(50, 100));
@@ -80,11 +75,11 @@ TEST_F(Supervisor, AWaitThatEndsWithoutAHangUpIsReportedOnce) {
 TEST_F(Supervisor, WithoutMemoryForItsObjectsTheDaemonEnds) {
     char program[] = "rvd";
     char* words[] = {program, nullptr};
-    const int standing = kmsg_fd;
+    const int kernel_log = kmsg_fd;
     largest_block = 0;
     const std::optional<int> status = start_up(1, words);
     largest_block = SIZE_MAX;
-    kmsg_fd = standing;
+    kmsg_fd = kernel_log;
     EXPECT_EQ(status, -22);
 }
 

@@ -14,24 +14,25 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::EndsWith;
 
-// A dump record as its preparation leaves it, and the driver ready to name the owner of the crash.
+// A dump record as its preparation leaves it, and a driver that names the owner of the crash.
 class Upload : public Phone {
   protected:
     void SetUp() override {
         Phone::SetUp();
-        create(DUMP_FD_LOG, "log");
-        create(DUMP_FD_INFO, "info");
-        create(DUMP_FD_DUMP, "dump");
-        strcpy(dump().reason, "UMTS: ");
+        begin();
     }
 
-    void create(unsigned slot, const char* name) {
-        dump().fd[slot] = open(path(name).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    }
-
-    void start_afresh() {
-        TearDown();
-        SetUp();
+    // The crash files, with `older` in them, and the reason's prefix.
+    void begin(const std::string& older = "") {
+        const std::pair<dump_fd_slot, const char*> files[] = {
+                {DUMP_FD_LOG, "log"}, {DUMP_FD_INFO, "info"}, {DUMP_FD_DUMP, "dump"}};
+        for (const auto& [slot, name] : files) {
+            write_file(path(name), older);
+            if (dump().fd[slot] >= 0) close(dump().fd[slot]);
+            dump().fd[slot] = open(path(name).c_str(), O_WRONLY | O_CLOEXEC);
+        }
+        memcpy(dump().reason, std::string("UMTS: ").append(kCrashReasonSize, '\0').data(),
+               kCrashReasonSize);
     }
 
     void expect_question_of_owner(int32_t owner = 0, const std::string& text = "") {
@@ -42,21 +43,24 @@ class Upload : public Phone {
         });
     }
 
-    std::string saved() { return read_file(path("dump")); }
+    int upload(const std::string& script) {
+        if (script.find("<T") != std::string::npos) expect_question_of_owner();
+        return with_modem(dump().fd[DUMP_FD_NODE], ">9D00 " + script,
+                          [&] { return protocol_.std_dump_receive_cp_dump(); });
+    }
+
+    std::string saved(const char* name) { return read_file(path(name)); }
 
     ProtocolVelo protocol_;
 };
 
-TEST_F(Upload, ADumpOfSeveralStepsArrivesByteForByte) {
-    const Modem modem(&dump().fd[DUMP_FD_NODE],
-                      ">9D00 <AD00 <I:6144:2:8 <T:watchdog "
-                      ">9D01 <AD01:2:1:2048 <AD01:2:2:1 >9D02 <AD02:2:1:2047 <AD02:2:2:2048 "
-                      ">9D0D <AD0D");
-    expect_question_of_owner();
-    EXPECT_EQ(protocol_.std_dump_receive_cp_dump(), 0);
-    EXPECT_TRUE(saved() == pattern(6144));
-    EXPECT_EQ(read_file(path("info")), ": CP Crash by CP - UMTS: watchdog");
-    EXPECT_EQ(read_file(path("log")),
+TEST_F(Upload, ADumpOfSeveralStepsIsSavedByteForByte) {
+    EXPECT_EQ(upload("<AD00 <I:6144:2:8 <T:watchdog >9D01 <AD01:2:1:2048 <AD01:2:2:1 "
+                     ">9D02 <AD02:2:1:2047 <AD02:2:2:2048 >9D0D <AD0D"),
+              0);
+    EXPECT_TRUE(saved("dump") == pattern(6144));
+    EXPECT_EQ(saved("info"), ": CP Crash by CP - UMTS: watchdog");
+    EXPECT_EQ(saved("log"),
               "std_ul_recv_info: DUMP INFO saved\n"
               "std_ul_recv_data: [step 1] num_frames = 2\n"
               "std_ul_recv_data: [step 1] command = 0xAD01\n"
@@ -65,32 +69,20 @@ TEST_F(Upload, ADumpOfSeveralStepsArrivesByteForByte) {
               "std_ul_recv_data: [step 2] command = 0xAD02\n"
               "std_ul_recv_data: [step 2] saved = 4095\n"
               "std_dump_receive_cp_dump: DUMP DATA saved\n");
+    // Of longer files before, a complete one keeps nothing.
+    const std::string older(9000, 'o'), head = "<AD00 <I:9:1:4 <T:link >9D01 ";
+    begin(older);
+    EXPECT_EQ(upload(head + "<AD01:1:1:8"), -14);
+    EXPECT_EQ(saved("dump"), pattern(8) + older.substr(8));
+    EXPECT_EQ(saved("info"), ": CP Crash by CP - UMTS: link");
+    begin(older);
+    EXPECT_EQ(upload(head + "<AD01:1:1:9 >9D0D <AD0D"), 0);
+    EXPECT_EQ(saved("dump"), pattern(9));
 }
 
-TEST_F(Upload, ACompleteFileKeepsNothingOfALongerOneBefore) {
-    const std::string older(9000, 'o');
-    const auto reopen_older = [&](unsigned slot, const char* name) {
-        write_file(path(name), older);
-        close(dump().fd[slot]);
-        dump().fd[slot] = open(path(name).c_str(), O_WRONLY | O_CLOEXEC);
-    };
-    for (const bool complete : {false, true}) {
-        reopen_older(DUMP_FD_INFO, "info");
-        reopen_older(DUMP_FD_DUMP, "dump");
-        expect_question_of_owner();
-        const Modem modem(&dump().fd[DUMP_FD_NODE],
-                          std::string(">9D00 <AD00 <I:9:1:4 <T:link >9D01 ") +
-                                  (complete ? "<AD01:1:1:9 >9D0D <AD0D" : "<AD01:1:1:8"));
-        strcpy(dump().reason, "UMTS: ");
-        EXPECT_EQ(protocol_.std_dump_receive_cp_dump(), complete ? 0 : -14);
-        EXPECT_EQ(saved(), complete ? pattern(9) : pattern(8) + older.substr(8));
-        EXPECT_EQ(read_file(path("info")), ": CP Crash by CP - UMTS: link");
-    }
-}
-
-TEST_F(Upload, EveryPartOfTheExchangeEndsItWithAWordOfItsOwn) {
+TEST_F(Upload, EveryPartOfTheExchangeEndsItWithAMessageOfItsOwn) {
     const struct {
-        const char* modem;  // behind the START of the upload
+        const char* modem;  // after the START of the upload
         int result;
         const char* line;  // also the last of the crash text log
     } cases[] = {
@@ -106,14 +98,10 @@ TEST_F(Upload, EveryPartOfTheExchangeEndsItWithAWordOfItsOwn) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.modem);
-        if (strstr(c.modem, "<T") != nullptr) expect_question_of_owner();
-        {
-            const Modem modem(&dump().fd[DUMP_FD_NODE], std::string(">9D00 ") + c.modem);
-            EXPECT_EQ(protocol_.std_dump_receive_cp_dump(), c.result);
-        }
+        begin();
+        EXPECT_EQ(upload(c.modem), c.result);
         EXPECT_THAT(said(), Contains(std::string("std_dump_receive_cp_dump: ") + c.line));
-        EXPECT_THAT(read_file(path("log")), EndsWith(std::string(c.line) + "\n"));
-        start_afresh();
+        EXPECT_THAT(saved("log"), EndsWith(std::string(c.line) + "\n"));
     }
 }
 
@@ -121,7 +109,7 @@ TEST_F(Upload, AReasonIsTakenWithOneReadAndCutToItsRoom) {
     const struct {
         const char* modem;
         int result;
-        size_t kept;  // characters behind the prefix
+        size_t kept;  // characters after the prefix
     } cases[] = {
             {"<I:0:0:0 <T:next", 0, 0},  // waited for, and left to be read
             {"<I:0:0:1 <R:1", 0, 1},       {"<I:0:0:400 <R:7", 0, 7},
@@ -133,27 +121,26 @@ TEST_F(Upload, AReasonIsTakenWithOneReadAndCutToItsRoom) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.modem);
+        begin();
         if (c.result == 0) expect_question_of_owner();
-        {
-            const Modem modem(&dump().fd[DUMP_FD_NODE], c.modem);
-            EXPECT_EQ(protocol_.std_ul_recv_info(), c.result);
-        }
+        EXPECT_EQ(with_modem(dump().fd[DUMP_FD_NODE], c.modem,
+                             [&] { return protocol_.std_ul_recv_info(); }),
+                  c.result);
         const std::string reason = "UMTS: " + std::string(c.kept, 'r');
         EXPECT_EQ(dump().reason, reason);
         const std::string sentence = (": CP Crash by CP - " + reason).substr(0, 511);
-        EXPECT_EQ(read_file(path("info")), c.result == 0 ? sentence : "");
-        if (c.result != 0) {
-            EXPECT_EQ(last_said(),
-                      std::string("std_ul_recv_info: ERR! REASON ") +
-                              (c.result == -5 ? "std_ul_rx_frame fail" : "is longer than a frame"));
-        }
-        start_afresh();
+        EXPECT_EQ(saved("info"), c.result == 0 ? sentence : "");
+        const char* lines[] = {"DUMP INFO saved", "ERR! REASON std_ul_rx_frame fail",
+                               "ERR! REASON is longer than a frame"};
+        EXPECT_EQ(last_said(), std::string("std_ul_recv_info: ") + lines[c.result == 0    ? 0
+                                                                         : c.result == -5 ? 1
+                                                                                          : 2]);
     }
 }
 
 TEST_F(Upload, AStepFailsAtItsFirstDoubtfulFrame) {
     const struct {
-        const char* modem;  // behind the request of step 3
+        const char* modem;  // after the request of step 3
         int result;
         size_t saved;
         const char* line;  // also the last of the crash text log
@@ -175,76 +162,65 @@ TEST_F(Upload, AStepFailsAtItsFirstDoubtfulFrame) {
             {"<AD03:1:1:2048", 2048, 2048, "[step 3] saved = 2048"},
             {"<AD03:1:1:8/9", 8, 8, "[step 3] saved = 8"},  // what is not announced is not taken
     };
+    const auto step = [&](unsigned number, const std::string& script) {
+        begin();
+        return with_modem(dump().fd[DUMP_FD_NODE], script,
+                          [&] { return protocol_.std_ul_recv_data(number); });
+    };
+    {
+        const FullDisk disk(3000);
+        EXPECT_EQ(step(1, ">9D01 <AD01:2:1:2048 <AD01:2:2:2048"), -1);
+        EXPECT_EQ(last_said(), "! std_ul_recv_data: ERR! [step 1] seq# 2 write fail");
+        EXPECT_TRUE(saved("dump") == pattern(3000));
+    }
     for (const auto& c : cases) {
         SCOPED_TRACE(c.modem);
-        {
-            const Modem modem(&dump().fd[DUMP_FD_NODE], std::string(">9D03 ") + c.modem);
-            EXPECT_EQ(protocol_.std_ul_recv_data(3), c.result);
-        }
-        EXPECT_TRUE(saved() == pattern(c.saved));
+        EXPECT_EQ(step(3, std::string(">9D03 ") + c.modem), c.result);
+        EXPECT_TRUE(saved("dump") == pattern(c.saved));
         const std::string line = std::string("std_ul_recv_data: ") + c.line;
         EXPECT_EQ(last_said(), line);
-        EXPECT_THAT(read_file(path("log")), EndsWith(line + "\n"));
-        start_afresh();
+        EXPECT_THAT(saved("log"), EndsWith(line + "\n"));
     }
-    EXPECT_EQ(protocol_.std_ul_recv_data(256), -14);
+    EXPECT_EQ(step(256, ""), -14);
     EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 256] is beyond the last step 255");
-    const Modem modem(&dump().fd[DUMP_FD_NODE], "<0");
-    EXPECT_EQ(protocol_.std_ul_recv_data(255), -1);
+    EXPECT_EQ(step(255, "<0"), -1);
     EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 255] start fail (ret -1)");
 }
 
-TEST_F(Upload, ADiskThatFillsUpKeepsWhatItHolds) {
-    const Modem modem(&dump().fd[DUMP_FD_NODE], ">9D01 <AD01:2:1:2048 <AD01:2:2:2048");
-    const FullDisk disk(3000);
-    EXPECT_EQ(protocol_.std_ul_recv_data(1), -1);
-    EXPECT_EQ(last_said(), "! std_ul_recv_data: ERR! [step 1] seq# 2 write fail");
-    EXPECT_TRUE(saved() == pattern(3000));
-}
-
 TEST_F(Upload, TheCrashSentenceNamesTheOwner) {
-    const std::string cp = "CP - UMTS: link", ril = "RIL - driver", lnkm = "LNKM - driver";
-    const std::pair<int32_t, std::string> cases[] = {
-            {0, cp},
-            {13, cp},
-            {14, cp},
-            {15, cp},
-            {1, ril},
-            {2, ril},
-            {3, ril},
-            {4, ril},
-            {9, ril},
-            {6, lnkm},
-            {7, lnkm},
-            {8, lnkm},
-            {10, lnkm},
-            {12, lnkm},
-            {17, "(17)"},
-            {5, "USER - driver"},
-            {-1, "(-1)"},
-            {INT_MIN, "(-2147483648)"},
-            {16, "CLD - driver"},
-            {11, "CP - CP WDOG Reset"},
+    const struct {
+        std::vector<int32_t> owners;
+        std::string who;
+    } cases[] = {
+            {{0, 13, 14, 15}, "CP - UMTS: link"},
+            {{1, 2, 3, 4, 9}, "RIL - driver"},
+            {{6, 7, 8, 10, 12}, "LNKM - driver"},
+            {{5}, "USER - driver"},
+            {{16}, "CLD - driver"},
+            {{11}, "CP - CP WDOG Reset"},
+            {{17}, "(17)"},
+            {{-1}, "(-1)"},
+            {{INT_MIN}, "(-2147483648)"},
     };
     const Modem modem(&dump().fd[DUMP_FD_NODE], "");
     char* sentence = Container::getRvdArgs()->crash_reason;
     char reason[] = "UMTS: link";
-    for (const auto& [owner, who] : cases) {
-        memset(sentence, 'x', kCrashReasonSize);
-        expect_question_of_owner(owner, "driver");
-        protocol_.make_cp_crash_reason(reason);
-        EXPECT_EQ(sentence, ": CP Crash by " + who);
-        EXPECT_THAT(said(),
-                    ElementsAre("make_cp_crash_reason: reason owner:" + std::to_string(owner),
-                                "make_cp_crash_reason: CP CRASH: CP Crash by " + who));
+    for (const auto& c : cases) {
+        for (const int32_t owner : c.owners) {
+            memset(sentence, 'x', kCrashReasonSize);
+            expect_question_of_owner(owner, "driver");
+            protocol_.make_cp_crash_reason(reason);
+            EXPECT_EQ(sentence, ": CP Crash by " + c.who);
+            EXPECT_THAT(said(),
+                        ElementsAre("make_cp_crash_reason: reason owner:" + std::to_string(owner),
+                                    "make_cp_crash_reason: CP CRASH: CP Crash by " + c.who));
+        }
     }
-
     expect_question_of_owner(1, std::string(512, 't'));  // fills its record, unterminated
     protocol_.make_cp_crash_reason(reason);
     EXPECT_EQ(sentence, (": CP Crash by RIL - " + std::string(512, 't')).substr(0, 511));
-
-    driver().expect(IOCTL_GET_CP_CRASH_REASON, -1);
     said();
+    driver().expect(IOCTL_GET_CP_CRASH_REASON, -1);
     protocol_.make_cp_crash_reason(reason);
     EXPECT_STREQ(sentence, "");
     EXPECT_THAT(said(), ElementsAre("! make_cp_crash_reason: ERR! IOCTL_GET_CP_CRASH_REASON fail"));

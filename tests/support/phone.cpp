@@ -15,7 +15,6 @@
 #include "bootdump/BootDump.h"
 #include "log/Log.h"
 #include "protocol/ProtocolVelo.h"
-#include "tests/support/private_root.h"
 
 namespace rvd::test {
 
@@ -27,24 +26,54 @@ std::string raw(std::initializer_list<uint32_t> words) {
     return {reinterpret_cast<const char*>(words.begin()), words.size() * sizeof(uint32_t)};
 }
 
-// A request of the dump record's goes to its node; of the others to the boot record's, or to a node
-// opened for the purpose.
+// The packet that a word of a modem's script stands for; a frame's bytes add to `payload`.
+std::string packet(const std::string& word, size_t* payload) {
+    unsigned cmd = 0, num = 0, curr = 0, len = 0, carried = 0;
+    const char* text = word.c_str() + 1;
+    if (*text == 'T') return text + 2;
+    if (sscanf(text, "R:%u", &len) == 1) return std::string(len, 'r');
+    if (sscanf(text, "C:%u", &len) == 1) return std::string(len, '\0');
+    if (sscanf(text, "I:%u:%u:%u", &cmd, &num, &len) == 3) return raw({cmd, num, len});
+    if (sscanf(text, "%x+%x", &cmd, &len) == 2) return raw({cmd, len});
+    const int fields = sscanf(text, "%x:%u:%u:%u/%u", &cmd, &num, &curr, &len, &carried);
+    if (fields < 4) return raw({cmd});
+    if (fields == 4) carried = len;
+    *payload += carried;
+    return raw({cmd, num, curr, len}) + pattern(*payload).substr(*payload - carried);
+}
+
+// A request of the dump record goes to its node; another to the boot record's, or to a node opened
+// for the purpose.
 bool is_right_node(int fd, unsigned request) {
+    const int boot = Container::getStdBoot()->fd[BOOT_FD_NODE];
     switch (request) {
         case IOCTL_GET_LOG_DUMP:
         case IOCTL_GET_CP_CRASH_REASON:
         case IOCTL_GET_LNKM_VERSION:
             return fd == Container::getStdDump()->fd[DUMP_FD_NODE];
         case IOCTL_TRIGGER_KERNEL_PANIC:
-            return fd != Container::getStdBoot()->fd[BOOT_FD_NODE];
-        default: {
-            const int node = Container::getStdBoot()->fd[BOOT_FD_NODE];
-            return node < 0 || fd == node;
-        }
+            return fd != boot;
+        default:
+            return boot < 0 || fd == boot;
     }
 }
 
+size_t open_descriptors() {
+    return list("/proc/self/fd").size();
+}
+
 }  // namespace
+
+void Host::SetUp() {
+    for (const char* parent :
+         {kPropertyStore, kScratch, "/data/vendor/log", "/efs", "/sys/power"}) {
+        fs::create_directories(parent);
+        for (const auto& entry : fs::directory_iterator(parent))
+            fs::remove_all(entry);
+    }
+    for (const char* file : {kCmdline, kGroups, kAndroidLog})
+        write_file(file, "");
+}
 
 int Driver::request(int fd, unsigned request, void* argument) {
     if (script_.empty() || script_.front().request != request) {
@@ -72,19 +101,18 @@ Modem::Modem(int32_t* slot, const std::string& script) : slot_(slot) {
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
     *slot = ends[0];
     fd_ = ends[1];
-    kernel().on_wait = [this] { take_turn(); };
+    kernel().on_wait = [this] { act(); };
     std::istringstream words(script);
-    size_t payload = 0;
     for (std::string word; words >> word;)
-        script_.push_back({word[0], word, bytes_of(word.substr(1), &payload)});
-    // What comes before the daemon's first word lies ready.
-    take_turn();
+        script_.push_back(word);
+    // What comes before the daemon's first word is there already.
+    act();
 }
 
 Modem::~Modem() {
-    take_turn();
-    for (const Step& step : script_)
-        ADD_FAILURE() << "the modem got no further than " << step.word;
+    act();
+    for (const std::string& word : script_)
+        ADD_FAILURE() << "the modem got no further than " << word;
     std::string rest;
     EXPECT_FALSE(receive(&rest)) << "the modem was also sent " << rest.size() << " bytes";
     kernel().on_wait = nullptr;
@@ -93,70 +121,49 @@ Modem::~Modem() {
     *slot_ = -1;
 }
 
-std::string Modem::bytes_of(const std::string& word, size_t* payload) {
-    unsigned cmd = 0, num = 0, curr = 0, len = 0, carried = 0, crc = 0;
-    const char* text = word.c_str();
-    if (word[0] == 'T') return word.substr(2);
-    if (sscanf(text, "R:%u", &len) == 1) return std::string(len, 'r');
-    if (sscanf(text, "C:%u", &len) == 1) return std::string(len, '\0');
-    if (sscanf(text, "I:%u:%u:%u", &cmd, &num, &len) == 3) return raw({cmd, num, len});
-    if (sscanf(text, "%x+%x", &cmd, &crc) == 2) return raw({cmd, crc});
-    const int fields = sscanf(text, "%x:%u:%u:%u/%u", &cmd, &num, &curr, &len, &carried);
-    if (fields < 4) return raw({cmd});
-    if (fields == 4) carried = len;
-    *payload += carried;
-    return raw({cmd, num, curr, len}) + pattern(*payload).substr(*payload - carried);
-}
-
 bool Modem::receive(std::string* bytes) {
-    char packet[8192];
-    const ssize_t count = recv(fd_, packet, sizeof(packet), MSG_DONTWAIT);
-    bytes->assign(packet, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    char data[8192];
+    const ssize_t count = recv(fd_, data, sizeof(data), MSG_DONTWAIT);
+    bytes->assign(data, static_cast<size_t>(std::max<ssize_t>(count, 0)));
     return count > 0;
 }
 
-void Modem::take_turn() {
+void Modem::act() {
     for (; !script_.empty(); script_.pop_front()) {
-        const Step& step = script_.front();
+        const std::string& word = script_.front();
         std::string sent;
-        if (step.act == '>') {
-            if (!receive(&sent)) return;
-            EXPECT_TRUE(sent == step.bytes)
-                    << step.word << " was expected, not these " << sent.size()
-                    << " bytes: " << testing::PrintToString(sent.substr(0, 16));
-        } else if (step.word == "<0") {
+        if (word == "<0") {
             shutdown(fd_, SHUT_RDWR);
+        } else if (word[0] == '<') {
+            const std::string bytes = packet(word, &payload_);
+            EXPECT_EQ(send(fd_, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
         } else {
-            const ssize_t size = static_cast<ssize_t>(step.bytes.size());
-            EXPECT_EQ(send(fd_, step.bytes.data(), step.bytes.size(), 0), size);
+            if (!receive(&sent)) return;
+            EXPECT_TRUE(sent == packet(word, &payload_))
+                    << word << " was expected, not these " << sent.size()
+                    << " bytes: " << testing::PrintToString(sent.substr(0, 16));
         }
     }
 }
 
 void Phone::SetUp() {
+    Host::SetUp();
     umask(002);
     reset_kernel();
     kernel().driver = [this](int fd, unsigned request, void* argument) {
         return driver_.request(fd, request, argument);
     };
-    kmsg_fd = -1;
     debug_level = 1;
     cp_debug = 0;
     *Container::getRvdArgs() = {};
-    set_cmdline("");
-    write_file(kGroups, "");
-    for (const char* parent : {"/data/vendor/log", "/efs", "/sys/power"}) {
-        for (const auto& entry : fs::directory_iterator(parent))
-            fs::remove_all(entry);
-    }
     fs::create_directory(kLogDir);
     Log::update_log_dir();
     static ProtocolVelo protocol;
     Container::setProtocol(&protocol);
+    kmsg_fd = -1;
     Log::info("SetUp", "the Android log opens with the first line\n");
     descriptors_ = open_descriptors();
-    kernel_log_ = memfd_create("kernel log", MFD_CLOEXEC);
-    kmsg_fd = kernel_log_;
+    kmsg_fd = kernel_log_ = memfd_create("kernel log", MFD_CLOEXEC);
     read_ = 0;
     use_modem("tq720");
     said();
@@ -173,11 +180,9 @@ void Phone::TearDown() {
 }
 
 void Phone::use_modem(const char* type) {
-    char program[] = "rvd";
-    char option[] = "-t";
-    std::string name = type;
-    char* words[] = {program, option, name.data(), nullptr};
-    ASSERT_EQ(Container::parseArgs(3, words), PARSE_OK);
+    std::string words[] = {"rvd", "-t", type};
+    char* argv[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
+    ASSERT_EQ(Container::parseArgs(3, argv), PARSE_OK);
 }
 
 Lines Phone::said() {
@@ -194,32 +199,16 @@ Lines Phone::said() {
     return lines;
 }
 
-FullDisk::FullDisk(rlim_t bytes) {
-    signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit full = {bytes, before_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &full);
-}
-
 std::string Phone::last_said() {
     const Lines lines = said();
     return lines.empty() ? "" : lines.back();
 }
 
-void set_property(const std::string& name, const std::string& value) {
-    write_file(property_store() + "/" + name, value);
-}
-
-std::string property(const std::string& name) {
-    return read_file(property_store() + "/" + name);
-}
-
-void set_cmdline(const std::string& text) {
-    write_file(kCmdline, text);
-}
-
-size_t open_descriptors() {
-    return list("/proc/self/fd").size();
+FullDisk::FullDisk(rlim_t bytes) {
+    signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit full = {bytes, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
 }
 
 std::string pattern(size_t size) {

@@ -1,5 +1,5 @@
-// The fixture of the daemon's tests: a phone with a named modem, nothing on its disk, and
-// everything the daemon says collected.
+// The fixtures of the in-process tests: an empty private root, and in it a phone with a named modem
+// whose driver and boot loader follow a script.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -7,20 +7,27 @@
 #include <sys/resource.h>
 
 #include <deque>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "bootdump/StdArgs.h"
 #include "main/Container.h"
-#include "tests/support/host.h"
 #include "tests/support/kernel.h"
+#include "tests/support/private_root.h"
 
 namespace rvd::test {
 
 constexpr char kLogDir[] = "/data/vendor/log/rvd";
 
 using Lines = std::vector<std::string>;
+
+// Empties what a test may write to.
+class Host : public testing::Test {
+  protected:
+    void SetUp() override;
+    // A file of this test alone.
+    static std::string path(const std::string& name) { return std::string(kScratch) + "/" + name; }
+};
 
 // The driver behind both nodes: a script of the requests it expects, in order.
 class Driver {
@@ -49,46 +56,39 @@ class Driver {
     std::deque<Step> script_;
 };
 
-// The far end of one node, played from a script. It takes its turn when the daemon begins to wait.
-// A script is a line of words:
+// The far end of one node. It acts when the daemon begins to wait, by a script of words:
 //
 //   >9200            the daemon sends this command word
-//   >920C+C0FFEE     ... this one with another behind it
+//   >920C+C0FFEE     ... with another word behind it
 //   >9201:3:1:2048   ... this frame: command, num_frames, curr_frame, payload bytes
 //   <A200 <AD01:2:1:2048 <AD01:2:2:9/8
-//                    the modem says this word; this frame; this frame, 8 bytes that it calls 9
-//   <I:4096:2:10     ... announces a dump: size, steps, length of the reason
-//   <T:word <R:503   ... says this text; this many letters r
-//   <0 <C:15         ... says nothing more and hangs up; the first 15 bytes of an empty frame
+//                    the modem sends this word; this frame; this frame, with 8 of the 9 bytes
+//   <I:4096:2:10     ... a dump's announcement: size, steps, length of the reason
+//   <T:word <R:503   ... this text; this many letters r
+//   <0 <C:15         ... a hang-up; the first 15 bytes of an empty frame
 //
 // Payloads are consecutive bytes of pattern().
 class Modem {
   public:
-    // Puts the daemon's end into a slot of the active controller's records, and closes it again.
+    // Puts the daemon's end into a slot of the active controller's records.
     Modem(int32_t* slot, const std::string& script);
-    // Fails the test when anything expected was not sent, or anything else was.
+    // Closes the slot. Fails the test when an expected packet is missing, or another was sent.
     ~Modem();
 
-    void take_turn();
-
   private:
-    struct Step {
-        char act;  // of the script's word
-        std::string word;
-        std::string bytes;
-    };
-    static std::string bytes_of(const std::string& word, size_t* payload);
+    void act();
     bool receive(std::string* bytes);
 
     int32_t* slot_;
     int fd_ = -1;
-    std::deque<Step> script_;
+    std::deque<std::string> script_;
+    size_t payload_ = 0;
 };
 
-class Phone : public testing::Test {
+class Phone : public Host {
   protected:
     void SetUp() override;
-    // Holds the driver's script against what came, and the descriptors against those of SetUp.
+    // Checks that the driver's script is complete and that no descriptor is left open.
     void TearDown() override;
 
     // Selects a modem as the command line does.
@@ -101,14 +101,17 @@ class Phone : public testing::Test {
     // The last of them, "" where there is none.
     std::string last_said();
 
-    // A file of this test alone, opened by no-one.
-    std::string path(const char* name) { return directory_ / name; }
+    // Calls the daemon while a modem with this script is behind a node. Returns the result.
+    template <class Call>
+    int with_modem(int32_t& slot, const std::string& script, const Call& call) {
+        const Modem modem(&slot, script);
+        return call();
+    }
 
     Driver& driver() { return driver_; }
 
   private:
     Driver driver_;
-    TempDir directory_;
     int kernel_log_ = -1;
     size_t read_ = 0;
     size_t descriptors_ = 0;
@@ -123,11 +126,6 @@ class FullDisk {
   private:
     rlimit before_ = {};
 };
-
-void set_property(const std::string& name, const std::string& value);
-std::string property(const std::string& name);
-void set_cmdline(const std::string& text);
-size_t open_descriptors();
 
 // `size` bytes that differ from place to place.
 std::string pattern(size_t size);

@@ -12,11 +12,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <set>
-#include <string>
-
-#include "tests/support/host.h"
 
 namespace rvd::test {
 
@@ -29,19 +29,13 @@ const std::string kRoot = "/sys";
 
 void must(bool done, const std::string& what) {
     if (done) return;
-    fprintf(stderr,
-            "rvd_tests: cannot %s: %s\n"
-            "The tests need a mount namespace of their own. Run them as root, or let this user "
-            "make\n"
-            "user namespaces (sysctl user.max_user_namespaces, "
-            "kernel.unprivileged_userns_clone).\n",
-            what.c_str(), strerror(errno));
+    fprintf(stderr, "cannot %s: %s\n", what.c_str(), strerror(errno));
     exit(EXIT_FAILURE);
 }
 
-void lay(const std::string& from, const std::string& over) {
+void bind(const std::string& from, const std::string& over) {
     must(mount(from.c_str(), over.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
-         "lay " + from + " over " + over);
+         "mount " + from + " over " + over);
 }
 
 void enter_namespace() {
@@ -51,7 +45,9 @@ void enter_namespace() {
     const std::string user = "0 " + std::to_string(getuid()) + " 1";
     const std::string group = "0 " + std::to_string(getgid()) + " 1";
     const long child = syscall(SYS_clone, CLONE_NEWUSER | CLONE_NEWNS | SIGCHLD, 0, 0, 0, 0);
-    must(child >= 0, "make a user namespace");
+    must(child >= 0,
+         "make a user namespace: run as root, or allow them (sysctl user.max_user_namespaces, "
+         "kernel.unprivileged_userns_clone)");
     if (child > 0) {
         int status = 0;
         while (waitpid(static_cast<pid_t>(child), &status, 0) < 0 && errno == EINTR) {
@@ -64,8 +60,8 @@ void enter_namespace() {
     write_file("/proc/self/gid_map", group);
 }
 
-void take_over_the_machine() {
-    const std::set<std::string> own = {"/data", "/dev", "/efs", "/overlay", "/sys"};
+void bind_the_machine() {
+    const std::set<std::string> own = {"/data", "/dev", "/efs", "/own", "/sys"};
     for (const auto& entry : fs::directory_iterator("/")) {
         const std::string from = entry.path();
         if (own.count(from) > 0) continue;
@@ -73,14 +69,16 @@ void take_over_the_machine() {
             fs::copy_symlink(from, kRoot + from);
         } else if (entry.is_directory()) {
             fs::create_directory(kRoot + from);
-            lay(from, kRoot + from);
+            bind(from, kRoot + from);
         }
     }
-}
-
-void overlay(const std::string& file, const std::string& over) {
-    write_file(kRoot + file, "");
-    lay(kRoot + file, kRoot + over);
+    // A temporary directory may be in the shared memory.
+    for (const std::string device : {"/dev/null", "/dev/urandom", "/dev/shm"}) {
+        if (!fs::exists(device)) continue;
+        if (fs::is_directory(device)) fs::create_directory(kRoot + device);
+        if (!fs::is_directory(device)) write_file(kRoot + device, "");
+        bind(device, kRoot + device);
+    }
 }
 
 }  // namespace
@@ -90,22 +88,47 @@ void enter_private_root() {
     enter_namespace();
     must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "keep mounts private");
     must(mount("rvd", kRoot.c_str(), "tmpfs", 0, "mode=0755") == 0, "mount a root");
-    for (const char* path : {"/data/vendor/log", "/efs", "/dev", "/overlay", "/sys/power",
-                             "/sys/devices/platform/lnkm/sim"})
+    for (const std::string path : {"/data/vendor/log", "/efs", "/dev", "/sys/power",
+                                   "/sys/devices/platform/lnkm/sim", kPropertyStore, kScratch})
         fs::create_directories(kRoot + path);
-    take_over_the_machine();
-    for (const std::string device : {"/dev/null", "/dev/urandom"}) {
-        write_file(kRoot + device, "");
-        lay(device, kRoot + device);
+    bind_the_machine();
+    for (const auto& [file, over] :
+         {std::pair(kCmdline, "/proc/cmdline"), {kGroups, "/etc/group"}}) {
+        write_file(kRoot + file, "");
+        bind(kRoot + file, kRoot + over);
     }
-    if (fs::is_directory("/dev/shm")) {  // TMPDIR may be in it
-        fs::create_directory(kRoot + "/dev/shm");
-        lay("/dev/shm", kRoot + "/dev/shm");
-    }
-    overlay(kCmdline, "/proc/cmdline");
-    overlay(kGroups, "/etc/group");
     must(chroot(kRoot.c_str()) == 0, "change the root");
     must(chdir(cwd.c_str()) == 0 || chdir("/") == 0, "go to the working directory");
+    setenv("RVD_PROPERTY_DIR", kPropertyStore, 1);
+    setenv("RVD_ANDROID_LOG", kAndroidLog, 1);
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write_file(const std::string& path, const std::string& content) {
+    std::ofstream file(path, std::ios::binary);
+    file << content;
+    file.close();
+    must(file.good(), "write " + path);
+}
+
+std::vector<std::string> list(const std::string& directory) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(directory))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void set_property(const std::string& name, const std::string& value) {
+    write_file(std::string(kPropertyStore) + "/" + name, value);
+}
+
+std::string property(const std::string& name) {
+    return read_file(std::string(kPropertyStore) + "/" + name);
 }
 
 }  // namespace rvd::test

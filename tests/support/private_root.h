@@ -1,14 +1,30 @@
-// A file system of the tests' own, so that the daemon's fixed paths can be what a test says.
+// A file system of the tests' own, where the daemon's fixed paths hold what a test writes there.
 #pragma once
+
+#include <string>
+#include <vector>
 
 namespace rvd::test {
 
-// Where the private root keeps what it lays over the machine's own files.
-constexpr char kCmdline[] = "/overlay/cmdline";  // seen as /proc/cmdline
-constexpr char kGroups[] = "/overlay/group";     // seen as /etc/group
+constexpr char kCmdline[] = "/own/cmdline";  // mounted over /proc/cmdline
+constexpr char kGroups[] = "/own/group";     // mounted over /etc/group
+constexpr char kPropertyStore[] = "/own/properties";
+constexpr char kAndroidLog[] = "/own/android.log";
+constexpr char kScratch[] = "/own/scratch";  // of one test
 
-// Enters a mount namespace whose root holds the daemon's directories, empty, and everything else of
-// this machine. Ends the process with a message where the kernel refuses.
+// Enters a mount namespace whose root holds the daemon's directories and /own, all empty, and the
+// rest of this machine; points the platform layer to its store and log there. Ends the process with
+// a message where the kernel refuses.
 void enter_private_root();
+
+// The whole file; "" where it cannot be read.
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& content);
+
+// The names in a directory, sorted.
+std::vector<std::string> list(const std::string& directory);
+
+void set_property(const std::string& name, const std::string& value);
+std::string property(const std::string& name);
 
 }  // namespace rvd::test
