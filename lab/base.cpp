@@ -117,7 +117,11 @@ std::string did_you_mean(const std::string& word, const std::vector<std::string>
     const auto nearest = std::min_element(
             known.begin(), known.end(),
             [&](const auto& a, const auto& b) { return distance(word, a) < distance(word, b); });
-    return nearest == known.end() ? "" : "; did you mean \"" + *nearest + "\"?";
+    // About every third character may be wrong.
+    if (nearest == known.end() ||
+        distance(word, *nearest) > std::max(word.size(), nearest->size()) / 3 + 1)
+        return "";
+    return "; did you mean \"" + *nearest + "\"?";
 }
 
 void fill_seeded(uint64_t seed, uint64_t offset, void* out, size_t size) {

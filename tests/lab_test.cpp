@@ -20,8 +20,8 @@ constexpr Refusal kRefusals[] = {
         {"about = 'x'", "1: the case expects nothing; say so with expect.end = \"waits\""},
         {"about = \"abc\nmodem = 'tq720'", "2: the text that begins here is not terminated"},
         {"about = 1", "2: expected a text"},
-        {"limit = '3 parsecs'", "2: expected a value like \"250 ms\""},
-        {"start = 'yesterday'", "2: expected a time as \"2020-10-01 12:30:00\""},
+        {"limit = '3 parsecs'", "2: expected a time as \"250 ms\""},
+        {"start = 'yesterday'", "2: \"yesterday\" is not a time as \"2020-10-01 12:30:00\""},
         {"about = 'caf\xC3\xA9'", "2: a character that is not ASCII"},
         // Paths stay in the phone.
         {"phone.missing = ['/../../tmp/x']", "2: \"/../../tmp/x\" is not the phone's"},
@@ -31,12 +31,12 @@ constexpr Refusal kRefusals[] = {
         {"phone.files = { '/data/../x' = '' }", "is not the phone's"},
         {"phone.files = { '/database' = '' }", "is not the phone's"},
         {"phone.fillers = { '/data//x' = 1 }", "is not the phone's"},
-        {"properties = { '../../x' = '1' }", "2: \"../../x\" is no property's name"},
-        {"properties = { 'a..b' = '1' }", "is no property's name"},
-        {"timeline = [{ waits = true, set = { 'a/b' = '1' } }]", "is no property's name"},
-        {"expect.properties = { '' = '1' }", "is no property's name"},
-        {"expect.files = [{ path = '/data/*/x' }]", "2: \"/data/*/x\" matches nothing"},
-        {"expect.absent = ['x']", "2: \"x\" matches nothing"},
+        {"properties = { '../../x' = '1' }", "2: \"../../x\" is not a property's name"},
+        {"properties = { 'a..b' = '1' }", "is not a property's name"},
+        {"timeline = [{ waits = true, set = { 'a/b' = '1' } }]", "is not a property's name"},
+        {"expect.properties = { '' = '1' }", "is not a property's name"},
+        {"expect.files = [{ path = '/data/*/x' }]", "2: \"/data/*/x\" is not a path without"},
+        {"expect.absent = ['../x']", "2: \"../x\" is not a path without"},
         // The firmware.
         {"firmware.table = ''", "2: a table has at least one entry"},
         {"firmware.table = 'TOC ABCDEFGHIJKLM'", "\"ABCDEFGHIJKLM\" is longer than 12 characters"},
@@ -49,34 +49,40 @@ constexpr Refusal kRefusals[] = {
         {"driver.regions.shmen.size = 1", "unknown region \"shmen\"; expected \"shmem\", \"vss\""},
         {"driver.answer = [{ request = 'POWER_OM', result = 1 }]",
          "2: unknown request \"POWER_OM\"; did you mean \"POWER_ON\"?"},
-        {"driver.answer = [{ request = 'POWER_ON' }]", "2: an answer needs \"result\""},
+        {"driver.answer = [{ request = 'POWER_ON' }]", "2: driver.answer[] needs \"result\""},
         {"driver.panic = 'never'", "unknown panic \"never\"; expected \"upload\", \"returns\""},
         {"dump.steps = [-1]", "2: expected a number from 0"},
-        {"dump.payload = 0", "2: expected a number from 1 to 4096"},
-        {"loader = [{ at = '0xa00d', silent = true }]", "2: \"0xa00d\" is no place"},
-        {"loader = [{ silent = true }]", "2: the loader's deviation needs \"at\""},
+        {"driver.regions.vss.packet = 0", "2: expected a number from 1 to 8192"},
+        {"loader = [{ at = '0xa00d', silent = true }]", "2: \"0xa00d\" is not a place"},
+        {"loader = [{ silent = true }]", "2: loader[] needs \"at\""},
         {"fault = [{ call = 'opne', error = 'EIO' }]",
          "2: unknown call \"opne\"; did you mean \"open\"?"},
-        {"fault = [{ call = 'open', error = 'EOI' }]", "2: unknown errno \"EOI\""},
+        {"fault = [{ call = 'open', error = 'EOI' }]",
+         "2: unknown errno \"EOI\"; did you mean \"EIO\"?"},
         {"fault = [{ call = 'read', error = 'EIO', cut = 1 }]",
-         "2: a fault needs one of \"error\", \"cut\" and \"hang_up\""},
+         "2: fault[] needs one of \"error\", \"cut\", \"hang_up\""},
         {"fault = [{ call = 'read', error = 'EIO', nth = 0 }]", "2: expected a number from 1"},
         // The timeline.
-        {"timeline = [{ waits = true, at = '1 s', state = 1 }]", "2: an event needs one of \"at\""},
-        {"timeline = [{ state = 1 }]", "2: an event needs one of \"at\""},
-        {"timeline = [{ waits = true }]", "2: nothing happens"},
+        {"timeline = [{ waits = true, at = '1 s', state = 1 }]",
+         "2: timeline[] needs one of \"at\""},
+        {"timeline = [{ state = 1 }]", "2: timeline[] needs one of \"at\""},
+        {"timeline = [{ waits = true }]", "2: timeline[] needs one of \"state\""},
         {"timeline = [{ request = 'POWER', state = 1 }]", "2: unknown request \"POWER\""},
+        {"loader = [{ at = '0xA00D', sillent = true }]",
+         "2: unknown key \"sillent\" in loader[]; did you mean \"silent\"?"},
+
         // Expectations.
         {"expect.requests = ['LINK 0x9F00']", "2: unknown request \"LINK 0x9F00\""},
         {"expect.no_requests = ['GET_LOGS*']", "2: unknown request \"GET_LOGS*\""},
-        {"expect.end = 'wait'", "2: unknown end \"wait\"; expected \"waits\""},
-        {"expect.end = 'exit 256'", "2: unknown end \"exit 256\""},
+        {"expect.end = 'wait'", "2: \"wait\" is not an end: \"waits\""},
+        {"expect.end = 'exit 256'", "2: \"exit 256\" is not an end"},
         {"expect.end = 'stop'", "the run cannot end with \"stop\": no event stops it"},
         {"expect.end = 'upload'\ndriver.panic = 'returns'", "cannot end with \"upload\""},
-        {"expect.files = [{ path = '/x', mode = '999' }]", "2: expected a mode of four octal"},
+        {"expect.files = [{ path = '/x', mode = '999' }]",
+         "2: \"999\" is not a mode of four octal"},
         {"expect.files = [{ path = '/x', equals = 'dmp' }]", "unknown content \"dmp\"; did you"},
         {"expect.files = [{ path = '/x', size = -1 }]", "2: expected a number from 0"},
-        {"expect.files = [{ size = 1 }]", "2: a file needs \"path\""},
+        {"expect.files = [{ size = 1 }]", "2: expect.files[] needs \"path\""},
 };
 
 std::string refusal_of(const std::string& text) {
@@ -94,6 +100,10 @@ TEST(Scenario, WhatItCannotMeanIsRefusedWithItsLine) {
         EXPECT_NE(said.find(refusal.said), said.npos) << refusal.text << "\n  " << said;
         EXPECT_EQ(said.find("f.toml:"), 0u) << said;
     }
+}
+
+TEST(Scenario, AWordLikeNoOtherIsRefusedWithoutAGuess) {
+    EXPECT_EQ(refusal_of("[[case]]\nquantum = 1"), "f.toml:2: unknown key \"quantum\"");
 }
 
 TEST(Scenario, AFileHasAtLeastOneCase) {

@@ -5,10 +5,12 @@
 #include <time.h>
 
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "lab/builtin.h"
 #include "lab/campaign/faults.h"
 #include "lab/campaign/soak.h"
+#include "lab/scenario/reader.h"
 #include "lab/scenario/scenario.h"
 
 namespace rvd::lab {
@@ -85,25 +87,61 @@ int check(const CommandLine& line) {
     return kHeld;
 }
 
-// A line for each key, with its place in the tables.
-void print_keys(const nlohmann::ordered_json& schema, const std::string& place) {
-    if (!schema.contains("properties")) return;
-    for (const auto& [key, about] : schema["properties"].items()) {
-        fmt::print("{:<28} {}\n", place + key, about.value("description", ""));
-        print_keys(about, place + key + ".");
-        if (about.contains("items")) print_keys(about["items"], place + key + "[].");
-        if (about.contains("additionalProperties"))
-            print_keys(about["additionalProperties"], place + key + ".NAME.");
+using Schema = nlohmann::ordered_json;
+
+// What a schema says of a value, by its type: "text", "list of number".
+Schema shape_of(const std::string& type, const Form& form) {
+    const size_t of = type.find(" of ");
+    const std::string inner = of == type.npos ? type : type.substr(of + 4);
+    Schema shape;
+    if (inner == "table") shape = {{"type", "object"}, {"additionalProperties", false}};
+    if (inner == "truth") shape = {{"type", "boolean"}};
+    if (inner == "text") shape = {{"type", "string"}};
+    if (inner == "text" && !form.pattern.empty()) shape["pattern"] = "^(" + form.pattern + ")$";
+    if (inner == "text" && !form.words.empty() && !form.patterned) shape["enum"] = form.words;
+    if (inner == "number" && form.span)
+        shape = {{"type", "string"}, {"pattern", "^[0-9.]+ *(ms|s|min|h)$"}};
+    if (inner == "number" && !form.span)
+        shape = {{"type", {"integer", "string"}},
+                 {"minimum", form.least},
+                 {"maximum", form.most},
+                 {"pattern", "^[0-9.]+ *(KiB|MiB|GiB)$"}};
+    if (of == type.npos) return shape;
+    if (type[0] == 'l') return {{"type", "array"}, {"items", shape}};
+    return {{"type", "object"}, {"additionalProperties", shape}};
+}
+
+// The place of a key in a schema: "driver.answer[].request" stands behind the pointer
+// "/properties/driver/properties/answer/items/properties/request".
+Schema schema_of(const std::vector<Key>& keys) {
+    Schema schema = {{"$schema", "http://json-schema.org/draft-07/schema#"},
+                     {"title", "a scenario of rvd-lab"}};
+    schema.update(shape_of("table", {}));
+    for (const Key& key : keys) {
+        std::string pointer;
+        std::istringstream place(key.place);
+        for (std::string part; std::getline(place, part, '.');) {
+            const bool item = part.back() == ']';
+            pointer += part == "NAME" ? "/additionalProperties"
+                                      : "/properties/" + part.substr(0, part.find('['));
+            if (item) pointer += "/items";
+        }
+        Schema& at = schema[Schema::json_pointer(pointer)];
+        at = {{"description", key.help}};
+        at.update(shape_of(key.type, key.form));
     }
+    schema["properties"]["case"]["items"] = {{"$ref", "#"}};
+    return schema;
 }
 
 int keys(bool json) {
-    const nlohmann::ordered_json schema = scenario_schema();
+    const std::vector<Key> keys = scenario_keys();
     if (json) {
-        fmt::print("{}\n", schema.dump(1));
-    } else {
-        print_keys(schema, "");
+        fmt::print("{}\n", schema_of(keys).dump(1));
+        return kHeld;
     }
+    for (const Key& key : keys)
+        fmt::print("{:<28} {}\n", key.place, key.help);
     return kHeld;
 }
 

@@ -343,8 +343,7 @@ int64_t Driver::get_srinfo(Call& call) {
                std::min(text.size(), sizeof(buf.data) - kSrinfoHeader));
     }
     const size_t size = text.empty() ? 0 : kSrinfoHeader + text.size();
-    buf.len = static_cast<uint32_t>(
-            scenario_.driver.srinfo_length.value_or(static_cast<int64_t>(size)));
+    buf.len = static_cast<uint32_t>(size);
     call.detail = fmt::format(" len={}", buf.len);
     if (!call.refused && !call.memory.write(call.argument, &buf, sizeof(buf))) return -EFAULT;
     return 0;

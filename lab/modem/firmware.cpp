@@ -60,8 +60,7 @@ Partition::Partition(const Scenario& scenario, std::string root)
         if (entry.size < kLargestImage) m_off += (entry.size + 0xFFF) & ~0xFFFu;
         table_.push_back(entry);
     }
-    table_[0].toc_count = static_cast<uint32_t>(
-            scenario.firmware.toc_count.value_or(static_cast<int64_t>(table_.size())));
+    table_[0].toc_count = static_cast<uint32_t>(table_.size());
 }
 
 void Partition::write() const {

@@ -86,8 +86,7 @@ void Loader::plan_row(uint32_t stage, const toc_entry& entry) {
 
 void Loader::plan_dump() {
     plan_.push_back({Kind::dump_start, udl_request(UDL_STAGE_DUMP, UDL_CMD_START)});
-    const auto steps = static_cast<uint32_t>(scenario_.dump.announce_steps.value_or(
-            static_cast<int64_t>(scenario_.dump.steps.size())));
+    const auto steps = static_cast<uint32_t>(scenario_.dump.steps.size());
     for (uint32_t step = 1; step <= std::min(steps, UDL_MAX_STEP); step++)
         plan_.push_back({Kind::dump_step, udl_request(UDL_STAGE_DUMP, step)});
     plan_.push_back({Kind::word, udl_request(UDL_STAGE_DUMP, UDL_CMD_DONE)});
@@ -190,12 +189,9 @@ uint64_t Loader::dump_size() const {
 void Loader::announce_dump() {
     const DumpSetup& dump = scenario_.dump;
     udl_dump_info info{};
-    info.dump_size =
-            static_cast<uint32_t>(dump.announce_size.value_or(static_cast<int64_t>(dump_size())));
-    info.num_steps = static_cast<uint32_t>(
-            dump.announce_steps.value_or(static_cast<int64_t>(dump.steps.size())));
-    info.reason_len = static_cast<uint32_t>(
-            dump.announce_reason.value_or(static_cast<int64_t>(dump.reason.size())));
+    info.dump_size = static_cast<uint32_t>(dump_size());
+    info.num_steps = static_cast<uint32_t>(dump.steps.size());
+    info.reason_len = static_cast<uint32_t>(dump.reason.size());
     Packet packet(sizeof(info));
     memcpy(packet.data(), &info, sizeof(info));
     send("info", packet);
@@ -214,13 +210,12 @@ void Loader::begin_step(uint32_t step) {
 }
 
 bool Loader::next_frame(Packet& packet) {
-    const auto payload = static_cast<uint64_t>(scenario_.dump.payload);
-    const uint64_t done = frame_ * payload;
+    const uint64_t done = frame_ * uint64_t{UDL_MSS};
     if (done >= step_size_) return false;
-    const uint64_t len = std::min(payload, step_size_ - done);
+    const uint64_t len = std::min<uint64_t>(UDL_MSS, step_size_ - done);
     udl_frame header{};
     header.cmd = udl_response(UDL_STAGE_DUMP, dump_step_);
-    header.num_frames = static_cast<uint32_t>((step_size_ + payload - 1) / payload);
+    header.num_frames = udl_frames(static_cast<uint32_t>(step_size_));
     header.curr_frame = ++frame_;
     header.len = static_cast<uint32_t>(len);
     packet.resize(UDL_HEADER + len);
@@ -279,7 +274,6 @@ void Loader::send(const std::string& name, Packet packet) {
             memcpy(packet.data() + offset, &word, sizeof(word));
     };
     put(offsetof(udl_frame, cmd), quirk->say);
-    put(offsetof(udl_frame, num_frames), quirk->num_frames);
     put(offsetof(udl_frame, curr_frame), quirk->curr_frame);
     put(offsetof(udl_frame, len), quirk->len);
     if (quirk->cut) packet.resize(static_cast<size_t>(*quirk->cut));

@@ -1,6 +1,7 @@
 #include "lab/scenario/reader.h"
 
 #include <fmt/format.h>
+#include <regex.h>
 
 #include <algorithm>
 
@@ -8,168 +9,152 @@ namespace rvd::lab {
 
 namespace {
 
+constexpr size_t kFewWords = 6;       // that a refusal names
+constexpr size_t kLongestText = 512;  // that has a form
+constexpr double kBeyondNumbers = 9223372036854775808.0;
+
 struct Unit {
     const char* name;
     int64_t factor;
+    bool span;
 };
-constexpr Unit kTimes[] = {
-        {"ms", kMillisecond}, {"s", kSecond}, {"min", 60 * kSecond}, {"h", 3600 * kSecond}};
-constexpr Unit kSizes[] = {{"KiB", 1 << 10}, {"MiB", 1 << 20}, {"GiB", 1 << 30}};
-constexpr double kBeyondNumbers = 9223372036854775808.0;
+constexpr Unit kUnits[] = {{"ms", kMillisecond, true},  {"s", kSecond, true},
+                           {"min", 60 * kSecond, true}, {"h", 3600 * kSecond, true},
+                           {"KiB", 1 << 10, false},     {"MiB", 1 << 20, false},
+                           {"GiB", 1 << 30, false}};
 
-// "1.5 s" with the units given.
-template <size_t N>
-int64_t measured(const toml::node& node, const Unit (&units)[N], const char* example) {
-    const std::string text = node.value_or(std::string());
-    size_t used = 0;
-    double value = -1;
-    try {
-        value = std::stod(text, &used);
-    } catch (const std::exception&) {
-        used = 0;
-    }
-    while (used < text.size() && text[used] == ' ')
-        used++;
-    for (const Unit& unit : units) {
+// "1.5 s"; below 0 for anything else.
+int64_t measured(const std::string& text, bool span) {
+    char* end = nullptr;
+    const double value = strtod(text.c_str(), &end);
+    const size_t used = static_cast<size_t>(end - text.c_str());
+    if (used == 0) return -1;
+    const std::string name = text.substr(std::min(text.find_first_not_of(' ', used), text.size()));
+    for (const Unit& unit : kUnits) {
         const double amount = value * static_cast<double>(unit.factor);
-        if (used > 0 && value >= 0 && amount < kBeyondNumbers && text.substr(used) == unit.name)
+        if (unit.name == name && unit.span == span && amount >= 0 && amount < kBeyondNumbers)
             return static_cast<int64_t>(amount);
     }
-    refuse_at(node, fmt::format("expected a value like {}", example));
+    return -1;
+}
+
+bool has_pattern(const std::string& text, const std::string& pattern) {
+    if (text.size() > kLongestText || text.find('\0') != text.npos) return false;
+    regex_t compiled;
+    regcomp(&compiled, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB);
+    const bool found = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&compiled);
+    return found;
+}
+
+bool is_word(const std::string& text, const Form& form) {
+    const std::string first = form.patterned ? text.substr(0, text.find(' ')) : text;
+    return std::any_of(form.words.begin(), form.words.end(), [&](const std::string& word) {
+        return form.patterned ? matches(first, word) : first == word;
+    });
+}
+
+std::string unknown_word(const Form& form, const std::string& word) {
+    const std::string text = fmt::format("unknown {} \"{}\"", form.what, word);
+    if (form.words.size() > kFewWords) return text + did_you_mean(word, form.words);
+    return text + fmt::format("; expected \"{}\"", fmt::join(form.words, "\", \""));
 }
 
 }  // namespace
 
-void refuse_at(const toml::node& node, const std::string& why) {
-    const toml::source_region& source = node.source();
-    throw Unable(fmt::format("{}:{}: {}", source.path ? *source.path : "scenario",
-                             source.begin.line, why));
+const Form kAny = {};
+const Form kSpan = {{}, {}, {}, false, true};
+
+Form between(int64_t least, int64_t most) {
+    return {{}, {}, {}, false, false, least, most};
 }
 
-std::string unknown_word(const std::string& what, const std::string& word,
-                         const std::vector<std::string>& known) {
-    constexpr size_t kFew = 6;
-    std::string text = fmt::format("unknown {} \"{}\"", what, word);
-    if (known.size() > kFew) return text + did_you_mean(word, known);
-    return text + fmt::format("; expected \"{}\"", fmt::join(known, "\", \""));
+Reader::Reader(const Value& table, std::string place) : table_(&table), place_(std::move(place)) {
+    table_in(table);
 }
 
-const toml::table& Reader::as_table(const toml::node& node) {
-    if (!node.is_table()) refuse_at(node, "expected a table");
-    return *node.as_table();
-}
-
-const toml::array& Reader::as_array(const toml::node& node) {
-    if (!node.is_array()) refuse_at(node, "expected a list");
-    return *node.as_array();
-}
-
-Time Reader::as_time(const toml::node& node) {
-    return measured(node, kTimes, "\"250 ms\", \"1.5 s\", \"2 min\" or \"1 h\"");
-}
-
-void Reader::convert(const toml::node& node, std::string& out, Bounds) {
-    if (!node.is_string()) refuse_at(node, "expected a text");
-    out = *node.value<std::string>();
-}
-
-void Reader::convert(const toml::node& node, int64_t& out, Bounds bounds) {
-    out = node.is_integer() ? *node.value<int64_t>() : measured(node, kSizes, "4096 or \"64 KiB\"");
-    if (out < bounds.least || out > bounds.most)
-        refuse_at(node, fmt::format("expected a number from {} to {}", bounds.least, bounds.most));
-}
-
-void Reader::convert(const toml::node& node, int& out, Bounds bounds) {
-    int64_t value = 0;
-    convert(node, value, {bounds.least, std::min<int64_t>(bounds.most, INT32_MAX)});
-    out = static_cast<int>(value);
-}
-
-void Reader::convert(const toml::node& node, bool& out, Bounds) {
-    if (!node.is_boolean()) refuse_at(node, "expected true or false");
-    out = *node.value<bool>();
-}
-
-std::string Reader::below(const std::string& key) const {
-    return path_.empty() ? key : path_ + "." + key;
-}
-
-const toml::node* Reader::find(const char* key, const char* help) {
-    known_.push_back(key);
-    if (schema_ != nullptr) described(key)["description"] = help;
-    last_ = nullptr;
-    for (auto layer = layers_.rbegin(); layer != layers_.rend() && last_ == nullptr; ++layer)
-        last_ = (*layer)->get(key);
-    return last_;
-}
-
-bool Reader::has(const char* key) const {
-    return std::any_of(layers_.begin(), layers_.end(),
-                       [&](const toml::table* layer) { return layer->contains(key); });
-}
-
-std::vector<const toml::table*> Reader::tables_of(const char* key) {
-    std::vector<const toml::table*> tables;
-    for (const toml::table* layer : layers_) {
-        if (const toml::node* node = layer->get(key)) tables.push_back(&as_table(*node));
-    }
-    return tables;
-}
-
-Reader& Reader::table(const char* key, const char* help, const Body& body) {
-    find(key, help);
-    Reader inner(tables_of(key), below(key), schema_ ? &described(key) : nullptr);
+Reader& Reader::table(const char* name, const char* help,
+                      const std::function<void(Reader&)>& body) {
+    static const Value none = {Value::Table(), ""};
+    const Value* node = find(name, help, "table", kAny);
+    Reader inner = keys_ != nullptr ? Reader(*keys_, below(name))
+                                    : Reader(node != nullptr ? *node : none, below(name));
     body(inner);
     inner.finish();
     return *this;
 }
 
-Reader& Reader::named(const char* key, const char* help,
-                      const std::function<void(const std::string&, Reader&)>& body) {
-    find(key, help);
-    std::vector<std::string> names;
-    for (const toml::table* table : tables_of(key)) {
-        for (const auto& entry : *table)
-            names.emplace_back(entry.first.str());
-    }
-    if (schema_ != nullptr) names = {"NAME"};
-    Reader outer(tables_of(key), below(key));
-    for (const std::string& name : names) {
-        Reader inner(outer.tables_of(name.c_str()), below(key) + "." + name,
-                     schema_ ? &described(key)["additionalProperties"] : nullptr);
-        body(name, inner);
-        inner.finish();
-    }
-    return *this;
+const Value* Reader::find(const char* name, const char* help, const std::string& type,
+                          const Form& form) {
+    known_.emplace_back(name);
+    if (keys_ != nullptr) keys_->push_back({below(name), help, type, form});
+    const auto found = all().find(name);
+    return last_ = found == all().end() ? nullptr : &found->second;
 }
 
-Schema Reader::shape(int64_t, Bounds bounds) {
-    return {{"type", {"integer", "string"}},
-            {"minimum", bounds.least},
-            {"maximum", bounds.most},
-            {"pattern", "^[0-9.]+ *(KiB|MiB|GiB)$"}};
+std::string Reader::below(const std::string& name) const {
+    return place_.empty() ? name : place_ + "." + name;
 }
 
-Schema Reader::time_shape() {
-    return {{"type", "string"}, {"pattern", "^[0-9.]+ *(ms|s|min|h)$"}};
+void Reader::needs(std::initializer_list<const char*> names, size_t most) const {
+    const auto given = static_cast<size_t>(std::count_if(
+            names.begin(), names.end(), [&](const char* name) { return all().count(name) > 0; }));
+    if (keys_ == nullptr && (given == 0 || given > most))
+        table_->refuse(fmt::format("{} needs {}\"{}\"", place_, names.size() > 1 ? "one of " : "",
+                                   fmt::join(names, "\", \"")));
+}
+
+const Value::Table& Reader::all() const {
+    static const Value::Table none;
+    return table_ == nullptr ? none : table_in(*table_);
 }
 
 void Reader::finish() const {
-    if (schema_ != nullptr) schema_->update({{"type", "object"}, {"additionalProperties", false}});
-    for (const toml::table* layer : layers_) {
-        for (const auto& [name, node] : *layer) {
-            const std::string key(name.str());
-            if (std::find(known_.begin(), known_.end(), key) != known_.end()) continue;
-            const std::string place = path_.empty() ? "" : " in " + path_;
-            refuse_at(node,
-                      fmt::format("unknown key \"{}\"{}{}", key, place, did_you_mean(key, known_)));
-        }
+    for (const auto& [name, node] : all()) {
+        if (std::find(known_.begin(), known_.end(), name) == known_.end())
+            node.refuse(fmt::format("unknown key \"{}\"{}{}", name,
+                                    place_.empty() ? "" : " in " + place_,
+                                    did_you_mean(name, known_)));
     }
 }
 
-void Reader::refuse(const std::string& why) const {
-    if (layers_.empty()) throw Unable(why);
-    refuse_at(*layers_.back(), why);
+const Value::Table& Reader::table_in(const Value& node) {
+    if (node.as<Value::Table>() == nullptr) node.refuse("expected a table");
+    return *node.as<Value::Table>();
+}
+
+const Value::List& Reader::list_in(const Value& node) {
+    if (node.as<Value::List>() == nullptr) node.refuse("expected a list");
+    return *node.as<Value::List>();
+}
+
+void Reader::check(const Value& node, const std::string& text, const Form& form) {
+    if (!form.words.empty() && !is_word(text, form)) node.refuse(unknown_word(form, text));
+    if (!form.pattern.empty() && !has_pattern(text, form.pattern))
+        node.refuse(fmt::format("\"{}\" is not {}", text, form.what));
+}
+
+void Reader::take(const Value& node, std::string& out, const Form& form) {
+    if (node.as<std::string>() == nullptr) node.refuse("expected a text");
+    out = *node.as<std::string>();
+    check(node, out, form);
+}
+
+void Reader::take(const Value& node, int64_t& out, const Form& form) {
+    const auto* number = node.as<int64_t>();
+    const auto* text = node.as<std::string>();
+    out = text != nullptr ? measured(*text, form.span) : number != nullptr ? *number : -1;
+    const bool measure = form.span || number == nullptr;
+    if (measure && (text == nullptr || out < 0))
+        node.refuse(form.span ? R"(expected a time as "250 ms", "1.5 s", "2 min" or "1 h")"
+                              : R"(expected a number as 4096 or "64 KiB")");
+    if (out < form.least || out > form.most)
+        node.refuse(fmt::format("expected a number from {} to {}", form.least, form.most));
+}
+
+void Reader::take(const Value& node, bool& out, const Form&) {
+    if (node.as<bool>() == nullptr) node.refuse("expected true or false");
+    out = *node.as<bool>();
 }
 
 }  // namespace rvd::lab

@@ -1,166 +1,160 @@
-// Reads a scenario's tables key by key. Each call names a key, its place and its meaning, so that
-// what can be read, what is refused and what the manual says are one list.
+// Reads a scenario's tables key by key. Each call names a key, what it takes and what it is for, so
+// that what is read, what is refused, `rvd-lab keys` and the schema are one list.
 #pragma once
 
-// A scenario that is no TOML is refused with its line; the library's own assertions come before its
-// message, and would end the process instead.
-#define TOML_ASSERT(expr) static_cast<void>(0)
-#include <toml++/toml.h>
-
 #include <functional>
-#include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include "lab/base.h"
+#include "lab/scenario/document.h"
 
 namespace rvd::lab {
 
-// Throws Unable with the file and line of a node.
-[[noreturn]] void refuse_at(const toml::node& node, const std::string& why);
-
-// "x" is not one of the known words; with the words, or the nearest where they are many.
-std::string unknown_word(const std::string& what, const std::string& word,
-                         const std::vector<std::string>& known);
-
-// Bounds of a number, both included.
-struct Bounds {
+// What a value has to be, beyond its type.
+struct Form {
+    std::string what;                     // for a refusal: "a property's name", "modem"
+    std::string pattern = {};             // an extended regular expression for all of it
+    std::vector<std::string> words = {};  // one of these
+    bool patterned = false;               // or a pattern whose first word matches one of them
+    bool span = false;                    // a number is a time
     int64_t least = 0, most = INT64_MAX;
 };
-constexpr Bounds kWord{0, UINT32_MAX};
+extern const Form kAny, kSpan;
+Form between(int64_t least, int64_t most);
 
-using Schema = nlohmann::ordered_json;  // a JSON schema
+struct Key {
+    std::string place;  // "driver.answer[].request"; NAME stands for any name
+    std::string help;
+    std::string type;  // "text", "number", "truth", "list of ...", "table of ...", "table"
+    Form form;
+};
 
 class Reader {
   public:
-    // Later layers are laid over earlier ones, key by key. With `schema` given there are no layers,
-    // and every key is described there instead of read.
-    Reader(std::vector<const toml::table*> layers, std::string path, Schema* schema = nullptr)
-        : layers_(std::move(layers)), path_(std::move(path)), schema_(schema) {}
+    // Reads a table; or lists the keys that it can have, below `place`.
+    explicit Reader(const Value& table, std::string place = "");
+    Reader(std::vector<Key>& keys, std::string place) : place_(std::move(place)), keys_(&keys) {}
 
-    // Texts, numbers with a unit or without, true and false, and optionals, lists and tables of
-    // them. A table's keys from all layers count; of any other value, the last layer's does.
+    // Texts, numbers with or without a unit, times, true and false, and optionals and lists of
+    // them. What is not given stays as it is.
     template <class T>
-    Reader& key(const char* key, T& out, const char* help, Bounds bounds = {}) {
-        if (find(key, help) != nullptr) convert(*last_, out, bounds);
-        if (schema_ != nullptr) described(key).update(shape(out, bounds));
-        return *this;
-    }
-    template <class T>
-    Reader& key(const char* key, std::map<std::string, T>& out, const char* help,
-                Bounds bounds = {}) {
-        find(key, help);
-        if (schema_ != nullptr) described(key).update(map_of(shape(T(), bounds)));
-        for (const toml::table* table : tables_of(key)) {
-            for (const auto& [name, node] : *table)
-                convert(node, out[std::string(name.str())], bounds);
-        }
-        return *this;
-    }
-    template <class T>
-    Reader& time(const char* key, T& out, const char* help) {
-        if (find(key, help) != nullptr) out = as_time(*last_);
-        if (schema_ != nullptr) described(key).update(time_shape());
+    Reader& key(const char* name, T& out, const char* help, const Form& form = kAny) {
+        if (const Value* node = find(name, help, type_of(out), form)) take(*node, out, form);
         return *this;
     }
 
-    // What must be so of the key that was read last, where it was given.
-    Reader& must(bool holds, const std::string& why) {
-        if (last_ != nullptr && !holds) refuse_at(*last_, why);
-        return *this;
-    }
-
-    using Body = std::function<void(Reader&)>;
-    Reader& table(const char* key, const char* help, const Body& body);
-
-    // A table whose keys are free names, each a table of its own.
-    Reader& named(const char* key, const char* help,
-                  const std::function<void(const std::string&, Reader&)>& body);
-
-    // An array of tables: the last layer that has the key gives all of them.
+    // A table whose keys are free, but for the form of their names.
     template <class T>
-    Reader& list(const char* key, std::vector<T>& out, const char* help,
-                 const std::function<void(Reader&, T&)>& body) {
-        const toml::array* items = find(key, help) != nullptr ? &as_array(*last_) : nullptr;
-        if (items != nullptr) out.clear();
-        const size_t count = schema_ != nullptr ? 1 : items != nullptr ? items->size() : 0;
-        if (schema_ != nullptr) described(key)["type"] = "array";
-        for (size_t i = 0; i < count; i++) {
-            T item{};
-            std::vector<const toml::table*> layers;
-            if (items != nullptr) layers.push_back(&as_table(*items->get(i)));
-            Reader reader(layers, below(key) + "[]", schema_ ? &described(key)["items"] : nullptr);
-            body(reader, item);
-            reader.finish();
-            out.push_back(std::move(item));
+    Reader& key(const char* name, std::map<std::string, T>& out, const char* help,
+                const Form& names = kAny, const Form& form = kAny) {
+        const Value* node = find(name, help, std::string("table of ") + type_of(T()), form);
+        if (node == nullptr) return *this;
+        for (const auto& [word, value] : table_in(*node)) {
+            check(value, word, names);
+            take(value, out[word], form);
         }
         return *this;
     }
 
-    // A key that another reader takes care of.
-    Reader& ignore(const char* key) {
-        known_.push_back(key);
+    // A table of its own.
+    Reader& table(const char* name, const char* help, const std::function<void(Reader&)>& body);
+
+    // One for each name.
+    template <class T>
+    Reader& tables(const char* name, std::map<std::string, T>& out, const char* help,
+                   const Form& names, void (*body)(Reader&, T&)) {
+        return table(name, help, [&](Reader& outer) {
+            if (keys_ != nullptr) {
+                outer.find("NAME", names.what.c_str(), "table", names);
+                outer.list_keys<T>(outer.below("NAME"), body);
+            }
+            for (const auto& [word, value] : outer.all()) {
+                check(value, word, names);
+                outer.known_.push_back(word);
+                enter(value, outer.below(word), out[word], body);
+            }
+        });
+    }
+
+    // A list of tables, which replaces what there was.
+    template <class T>
+    Reader& list(const char* name, std::vector<T>& out, const char* help,
+                 void (*body)(Reader&, T&)) {
+        const Value* node = find(name, help, "list of table", kAny);
+        if (keys_ != nullptr) list_keys<T>(below(name) + "[]", body);
+        if (node == nullptr) return *this;
+        out.clear();
+        for (const Value& item : list_in(*node))
+            enter(item, below(name) + "[]", out.emplace_back(), body);
         return *this;
     }
 
-    bool has(const char* key) const;
-    bool describes() const { return schema_ != nullptr; }
+    // Some of these keys must be given, or exactly one.
+    void needs_some(std::initializer_list<const char*> names) const { needs(names, SIZE_MAX); }
+    void needs_one(std::initializer_list<const char*> names) const { needs(names, 1); }
+
+    // What else must be so where the key that was read last is given.
+    void must(bool holds, const std::string& why) const {
+        if (last_ != nullptr && !holds) last_->refuse(why);
+    }
 
     // Refuses every key that nobody asked for.
     void finish() const;
 
-    // Throws Unable, naming the place of the innermost table.
-    [[noreturn]] void refuse(const std::string& why) const;
-
   private:
-    const toml::node* find(const char* key, const char* help);
-    std::vector<const toml::table*> tables_of(const char* key);
-    std::string below(const std::string& key) const;
+    const Value* find(const char* name, const char* help, const std::string& type,
+                      const Form& form);
+    std::string below(const std::string& name) const;
+    void needs(std::initializer_list<const char*> names, size_t most) const;
+    const Value::Table& all() const;
 
-    // What a schema says of a key, and of the values that each kind of key takes.
-    Schema& described(const char* key) { return (*schema_)["properties"][key]; }
-    static Schema shape(const std::string&, Bounds) { return {{"type", "string"}}; }
-    static Schema shape(bool, Bounds) { return {{"type", "boolean"}}; }
-    static Schema shape(int, Bounds bounds) { return shape(int64_t{0}, bounds); }
-    static Schema shape(int64_t, Bounds bounds);
     template <class T>
-    static Schema shape(const std::optional<T>&, Bounds bounds) {
-        return shape(T(), bounds);
+    void list_keys(const std::string& place, void (*body)(Reader&, T&)) {
+        T item;
+        Reader inner(*keys_, place);
+        body(inner, item);
     }
     template <class T>
-    static Schema shape(const std::vector<T>&, Bounds bounds) {
-        return {{"type", "array"}, {"items", shape(T(), bounds)}};
+    static void enter(const Value& node, const std::string& place, T& item,
+                      void (*body)(Reader&, T&)) {
+        Reader inner(node, place);
+        body(inner, item);
+        inner.finish();
     }
-    static Schema map_of(const Schema& values) {
-        return {{"type", "object"}, {"additionalProperties", values}};
-    }
-    static Schema time_shape();
 
-    static const toml::table& as_table(const toml::node& node);
-    static const toml::array& as_array(const toml::node& node);
-    static Time as_time(const toml::node& node);
-    static void convert(const toml::node& node, std::string& out, Bounds bounds);
-    static void convert(const toml::node& node, int64_t& out, Bounds bounds);
-    static void convert(const toml::node& node, int& out, Bounds bounds);
-    static void convert(const toml::node& node, bool& out, Bounds bounds);
+    static const char* type_of(const std::string&) { return "text"; }
+    static const char* type_of(int64_t) { return "number"; }
+    static const char* type_of(bool) { return "truth"; }
     template <class T>
-    static void convert(const toml::node& node, std::optional<T>& out, Bounds bounds) {
-        convert(node, out.emplace(), bounds);
+    static const char* type_of(const std::optional<T>&) {
+        return type_of(T());
     }
     template <class T>
-    static void convert(const toml::node& node, std::vector<T>& out, Bounds bounds) {
+    static std::string type_of(const std::vector<T>&) {
+        return std::string("list of ") + type_of(T());
+    }
+
+    static const Value::Table& table_in(const Value& node);
+    static const Value::List& list_in(const Value& node);
+    static void check(const Value& node, const std::string& text, const Form& form);
+    static void take(const Value& node, std::string& out, const Form& form);
+    static void take(const Value& node, int64_t& out, const Form& form);
+    static void take(const Value& node, bool& out, const Form& form);
+    template <class T>
+    static void take(const Value& node, std::optional<T>& out, const Form& form) {
+        take(node, out.emplace(), form);
+    }
+    template <class T>
+    static void take(const Value& node, std::vector<T>& out, const Form& form) {
         out.clear();
-        for (const toml::node& item : as_array(node))
-            convert(item, out.emplace_back(), bounds);
+        for (const Value& item : list_in(node))
+            take(item, out.emplace_back(), form);
     }
 
-    std::vector<const toml::table*> layers_;
-    std::string path_;
-    Schema* schema_;
+    const Value* table_ = nullptr;
+    std::string place_;
+    std::vector<Key>* keys_ = nullptr;
     std::vector<std::string> known_;
-    const toml::node* last_ = nullptr;
+    const Value* last_ = nullptr;
 };
 
 }  // namespace rvd::lab

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <map>
-#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,7 +14,7 @@ namespace rvd::lab {
 // Which of several alike things something applies to: the nth, and how many from there on (0: all
 // that follow); where `after` names a line of the daemon's log, only what comes behind it counts.
 struct Turn {
-    int nth = 1, count = 1;
+    int64_t nth = 1, count = 1;
     std::string after;
 
     // Counts one more, and says whether this is one of those.
@@ -29,7 +28,7 @@ struct Turn {
     void hear(const std::string& line) const { heard = heard || matches(after, line); }
 
     // How far the run has come.
-    mutable int seen = 0;
+    mutable int64_t seen = 0;
     mutable bool heard = false, came = false;
 };
 
@@ -40,9 +39,7 @@ struct FirmwareEntry {
 };
 
 struct Firmware {
-    std::string table;
-    std::vector<FirmwareEntry> entries;  // of `table`
-    std::optional<int64_t> toc_count;
+    std::vector<FirmwareEntry> entries;
     std::optional<int64_t> truncate;  // the partition ends here
     std::optional<int64_t> nv_size;   // of the NV file; negative: there is none
 };
@@ -67,7 +64,6 @@ struct DriverSetup {
     int64_t owner = 0;
     std::string reason = "CP assert";
     std::string srinfo;
-    std::optional<int64_t> srinfo_length;
     std::string panic = "upload";  // or "returns"
     std::vector<Answer> answers;
     std::map<std::string, Region> regions;
@@ -76,15 +72,13 @@ struct DriverSetup {
 struct DumpSetup {
     std::vector<int64_t> steps;
     std::string reason = "prefetch abort in task L1C";
-    int64_t payload = 2048;
-    std::optional<int64_t> announce_size, announce_steps, announce_reason;
 };
 
 // One deviation of the boot loader, at the packet it was about to send.
 struct Quirk {
     std::string at;
     Turn turn;
-    std::optional<int64_t> say, num_frames, curr_frame, len, cut;
+    std::optional<int64_t> say, curr_frame, len, cut;
     int64_t extra = 0;
     Time late = 0;
     bool twice = false, silent = false, hang_up = false;
@@ -160,7 +154,8 @@ struct Scenario {
 std::vector<Scenario> read_scenarios(const std::string& path);
 std::vector<Scenario> parse_scenarios(const std::string& text, const std::string& name);
 
-// All keys and what they take, as a JSON schema.
-nlohmann::ordered_json scenario_schema();
+// All keys and what they take, in the order of the tables.
+struct Key;
+std::vector<Key> scenario_keys();
 
 }  // namespace rvd::lab
