@@ -41,7 +41,8 @@ int64_t measured(const std::string& text, bool span) {
 bool has_pattern(const std::string& text, const std::string& pattern) {
     if (text.size() > kLongestText || text.find('\0') != text.npos) return false;
     regex_t compiled;
-    regcomp(&compiled, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB);
+    if (regcomp(&compiled, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0)
+        throw std::logic_error("no pattern: " + pattern);
     const bool found = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
     regfree(&compiled);
     return found;

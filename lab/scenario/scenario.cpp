@@ -47,7 +47,7 @@ const Form kFileSize = between(0, kLargestFile), kWord = between(0, UINT32_MAX),
 // A path has parts with names, none of them "." or "..". A run makes and removes the phone's own
 // files alone, never the machine's.
 const std::string kPart = "(\\.?[^./][^/]*|\\.\\.[^/]+)";
-const std::string kPlainPart = "(\\.?[^*?[./][^*?[/]*|\\.\\.[^*?[/]+)";
+const std::string kPlainPart = "(\\.?[^[*?./][^[*?/]*|\\.\\.[^[*?/]+)";
 const Form kPhonePath = {
         "the phone's: expected an absolute path without \"..\" in /data, /dev, "
         "/efs, /mnt or /sys",
