@@ -6,6 +6,7 @@ writable build
 
 checks_passed=0
 checks_failed=0
+checks_not_run=0
 checks_jobs=$(nproc)
 
 # The verdict is the last line unless the script was interrupted or could not run.
@@ -19,7 +20,9 @@ last_words() {
     if (($1 != 0 && checks_failed == 0)); then
         checks_failed=1
     fi
-    echo "$checks_passed passed, $checks_failed failed"
+    local not_run=''
+    if ((checks_not_run > 0)); then not_run=", $checks_not_run not run"; fi
+    echo "$checks_passed passed, $checks_failed failed$not_run"
 }
 
 verdict() {
@@ -45,7 +48,10 @@ check() {
     "$@" || status=$?
     case $status in
         0) checks_passed=$((checks_passed + 1)) ;;
-        77) echo "==> NOT RUN: $*" ;;
+        77)
+            echo "==> NOT RUN: $*"
+            checks_not_run=$((checks_not_run + 1))
+            ;;
         *)
             echo "==> failed: $*"
             checks_failed=$((checks_failed + 1))
