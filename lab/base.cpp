@@ -1,11 +1,15 @@
 #include "lab/base.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <fnmatch.h>
 #include <stdarg.h>
-#include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <fstream>
 #include <iterator>
 #include <numeric>
@@ -13,13 +17,11 @@
 namespace rvd::lab {
 
 void fail_errno(const std::string& what) {
-    const int error = errno;
-    throw Unable(what + ": " + strerror(error));
+    throw Unable(what + ": " + strerror(errno));
 }
 
 void forbid_errno(const std::string& what) {
-    const int error = errno;
-    throw Forbidden(what + ": " + strerror(error));
+    throw Forbidden(what + ": " + strerror(errno));
 }
 
 std::string format(const char* text, ...) {
@@ -32,62 +34,30 @@ std::string format(const char* text, ...) {
 }
 
 std::string human_size(uint64_t bytes) {
+    auto value = static_cast<double>(bytes);
     const char* const units[] = {"bytes", "KiB", "MiB", "GiB"};
     size_t unit = 0;
-    double value = static_cast<double>(bytes);
-    while (value >= 1024 && unit < 3) {
+    for (; value >= 1024 && unit < 3; unit++)
         value /= 1024;
-        unit++;
-    }
-    const bool whole = value == static_cast<double>(static_cast<uint64_t>(value));
-    return format(whole ? "%.0f %s" : "%.1f %s", value, units[unit]);
+    return fmt::format("{:.{}f} {}", value, std::trunc(value) == value ? 0 : 1, units[unit]);
 }
-
-namespace {
-
-// What stands between brackets, as "abc", "a-z" or "!0-9".
-bool in_set(std::string_view set, char c) {
-    const bool negated = !set.empty() && set[0] == '!';
-    if (negated) set.remove_prefix(1);
-    bool found = false;
-    for (size_t i = 0; i < set.size(); i++) {
-        const bool range = i + 2 < set.size() && set[i + 1] == '-';
-        found = found || (range ? set[i] <= c && c <= set[i + 2] : set[i] == c);
-        if (range) i += 2;
-    }
-    return found != negated;
-}
-
-}  // namespace
 
 bool matches(std::string_view pattern, std::string_view text) {
-    size_t p = 0, t = 0, star = std::string_view::npos, resume = 0;
-    for (;;) {
-        if (p < pattern.size() && pattern[p] == '*') {
-            star = ++p;
-            resume = t;
-            continue;
-        }
-        if (t == text.size()) return p == pattern.size();
-        const size_t close =
-                p < pattern.size() && pattern[p] == '[' ? pattern.find(']', p) : pattern.npos;
-        if (close != pattern.npos && in_set(pattern.substr(p + 1, close - p - 1), text[t]) &&
-            matches(pattern.substr(close + 1), text.substr(t + 1)))
-            return true;
-        if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == text[t])) {
-            p++;
-            t++;
-        } else if (star != pattern.npos) {
-            p = star;
-            t = ++resume;
-        } else {
-            return false;
-        }
-    }
+    const auto terminated = [](std::string part) {  // a saved kernel log has a NUL at its end
+        std::replace(part.begin(), part.end(), '\0', '\1');
+        return part;
+    };
+    std::string literal;
+    for (const char c : pattern)
+        literal.append(c == '[' || c == '\\' ? 1 : 0, '\\').push_back(c);
+    const std::string whole = terminated(std::string(text));
+    return fnmatch(terminated(literal).c_str(), whole.c_str(), 0) == 0 ||
+           fnmatch(terminated(std::string(pattern)).c_str(), whole.c_str(), FNM_NOESCAPE) == 0;
 }
 
 namespace {
 
+// Levenshtein's.
 size_t distance(const std::string& a, const std::string& b) {
     std::vector<size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), 0);
@@ -103,14 +73,6 @@ size_t distance(const std::string& a, const std::string& b) {
     return row[b.size()];
 }
 
-// A well-known 64-bit mixer: word `index` of the stream costs two multiplications.
-uint64_t seeded_word(uint64_t seed, uint64_t index) {
-    uint64_t z = (seed + index + 1) * 0x9E3779B97F4A7C15u;
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
-    return z ^ (z >> 31);
-}
-
 }  // namespace
 
 std::string did_you_mean(const std::string& word, const std::vector<std::string>& known) {
@@ -124,17 +86,18 @@ std::string did_you_mean(const std::string& word, const std::vector<std::string>
     return "; did you mean \"" + *nearest + "\"?";
 }
 
+// Eight bytes at a time come from a 64-bit mixer (splitmix64) of seed and place.
 void fill_seeded(uint64_t seed, uint64_t offset, void* out, size_t size) {
-    auto* bytes = static_cast<uint8_t*>(out);
-    seed *= 0xD6E8FEB86659FD93u;
-    while (size > 0) {
-        const uint64_t word = seeded_word(seed, offset / 8);
-        const size_t skip = offset % 8;
-        const size_t take = std::min(size, 8 - skip);
-        memcpy(bytes, reinterpret_cast<const uint8_t*>(&word) + skip, take);
-        bytes += take;
+    const uint64_t end = offset + size;
+    for (auto* at = static_cast<uint8_t*>(out); offset < end;) {
+        uint64_t z = (seed * 0xD6E8FEB86659FD93u + offset / 8 + 1) * 0x9E3779B97F4A7C15u;
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9u;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBu;
+        z ^= z >> 31;
+        const uint64_t skip = offset % 8, take = std::min(end - offset, 8 - skip);
+        memcpy(at, reinterpret_cast<const uint8_t*>(&z) + skip, take);
+        at += take;
         offset += take;
-        size -= take;
     }
 }
 
@@ -148,17 +111,23 @@ int errno_number(const std::string& name) {
 
 std::string read_file(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write_once(const char* path, const std::string& text) {
+    const int fd = open(path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0 || write(fd, text.data(), text.size()) < 0) fail_errno(path);
+    close(fd);
 }
 
 void write_file(const std::string& path, const std::string& content) {
     const std::string draft = path + ".new";
-    {
-        std::ofstream file(draft, std::ios::binary | std::ios::trunc);
-        file << content;
-        if (!file.flush()) fail_errno("cannot write " + draft);
-    }
-    if (rename(draft.c_str(), path.c_str()) != 0) fail_errno("cannot write " + path);
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
+    const int fd = open(draft.c_str(), flags, 0644);
+    const auto size = static_cast<ssize_t>(content.size());
+    const bool written = fd >= 0 && write(fd, content.data(), content.size()) == size;
+    if (fd < 0 || close(fd) != 0 || !written || rename(draft.c_str(), path.c_str()) != 0)
+        fail_errno("cannot write " + path);
 }
 
 }  // namespace rvd::lab

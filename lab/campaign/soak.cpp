@@ -93,11 +93,11 @@ class Soak {
 
     // What was collected is right as far as it goes, and whole where nothing was in the way.
     void check_files(Play& play) {
-        check_collected(play.scenario, play.phone, play.driver, play.story);
+        check_collected(play.scenario, play.phone, play.story);
         if (crashed_ && !disturbed_) {
             Scenario whole = play.scenario;
             whole.expect.end.clear();
-            check_expectations(whole, play.phone, play.driver, Conduct(), play.story);
+            check_expectations(whole, play.phone, Conduct(), play.story);
             figures_.whole++;
         }
         fs::remove_all(play.phone.path(kLogs));

@@ -11,15 +11,7 @@
 
 #include <algorithm>
 
-#include "lab/modem/memory.h"
-
 namespace rvd::lab {
-
-namespace {
-
-constexpr unsigned kMaxPacket = 65536;  // what is longer is read and written in pieces
-
-}  // namespace
 
 // What the session calls, each with a message.
 struct DeviceNode::Operations {
@@ -29,8 +21,9 @@ struct DeviceNode::Operations {
 
     static Open& open_of(const fuse_file_info* file) { return *reinterpret_cast<Open*>(file->fh); }
 
+    // What is longer is read and written in pieces.
     static void init(void*, fuse_conn_info* connection) {
-        connection->max_read = connection->max_write = kMaxPacket;
+        connection->max_read = connection->max_write = 65536;
     }
 
     static void open(fuse_req_t req, fuse_file_info* file) {
@@ -39,7 +32,7 @@ struct DeviceNode::Operations {
     }
 
     static void release(fuse_req_t req, fuse_file_info* file) {
-        Open& closed = open_of(file);
+        const Open& closed = open_of(file);
         if (closed.poller != nullptr) fuse_pollhandle_destroy(closed.poller);
         node(req).opens_.remove_if([&](const Open& open) { return &open == &closed; });
         fuse_reply_err(req, 0);
@@ -49,10 +42,7 @@ struct DeviceNode::Operations {
     static void read(fuse_req_t req, size_t size, off_t, fuse_file_info* file) {
         Open& open = open_of(file);
         const bool ready = node(req).fill(open) || open.hung;
-        if (!ready && (file->flags & O_NONBLOCK) != 0) {
-            fuse_reply_err(req, EAGAIN);
-            return;
-        }
+        if (!ready && (file->flags & O_NONBLOCK) != 0) return void(fuse_reply_err(req, EAGAIN));
         open.reader = req;
         open.room = size;
         if (ready) return node(req).wake(open);
@@ -64,10 +54,7 @@ struct DeviceNode::Operations {
     }
 
     static void write(fuse_req_t req, const char* data, size_t size, off_t, fuse_file_info* file) {
-        if (open_of(file).hung) {
-            fuse_reply_err(req, EPIPE);
-            return;
-        }
+        if (open_of(file).hung) return void(fuse_reply_err(req, EPIPE));
         node(req).modem_->received(node(req).node_, Packet(data, data + size));
         fuse_reply_write(req, size);
     }
@@ -75,10 +62,10 @@ struct DeviceNode::Operations {
     static void ioctl(fuse_req_t req, int number, void* argument, fuse_file_info* file, unsigned,
                       const void*, size_t, size_t) {
         DeviceNode& self = node(req);
-        ProcessMemory memory(fuse_req_ctx(req)->pid);
         self.requesting_ = &open_of(file);
         self.result_ = self.modem_->request(self.node_, static_cast<unsigned>(number),
-                                            reinterpret_cast<uintptr_t>(argument), memory);
+                                            reinterpret_cast<uintptr_t>(argument),
+                                            Memory(fuse_req_ctx(req)->pid));
         self.requesting_ = nullptr;
         self.request_ = req;
     }
@@ -92,19 +79,14 @@ struct DeviceNode::Operations {
         open.awaits_hang_up = poller != nullptr && !open.hung && (file->poll_events & POLLIN) == 0;
         fuse_reply_poll(req, events);
     }
+
+    static constexpr cuse_lowlevel_ops kAll = {init,    nullptr, nullptr, open,  read, write,
+                                               nullptr, release, nullptr, ioctl, poll};
 };
 
-DeviceNode::DeviceNode(Node node, const std::string& name, Modem* const& modem)
+DeviceNode::DeviceNode(Node node, const std::string& path, Modem* const& modem)
     : node_(node), modem_(modem) {
-    cuse_lowlevel_ops operations{};
-    operations.init = Operations::init;
-    operations.open = Operations::open;
-    operations.release = Operations::release;
-    operations.read = Operations::read;
-    operations.write = Operations::write;
-    operations.ioctl = Operations::ioctl;
-    operations.poll = Operations::poll;
-    const std::string device = "DEVNAME=" + name;
+    const std::string device = "DEVNAME=" + path.substr(path.rfind('/') + 1);
     const char* words[] = {device.c_str()};
     const cuse_info info = {0, 0, 1, words, CUSE_UNRESTRICTED_IOCTL};
     char program[] = "rvd-lab";
@@ -112,15 +94,11 @@ DeviceNode::DeviceNode(Node node, const std::string& name, Modem* const& modem)
     fuse_args args = FUSE_ARGS_INIT(1, arguments);
     const int cuse = open("/dev/cuse", O_RDWR | O_CLOEXEC);
     if (cuse < 0) forbid_errno("/dev/cuse can't be opened (is the module \"cuse\" loaded?)");
-    session_ = cuse_lowlevel_new(&args, &info, &operations, this);
+    session_ = cuse_lowlevel_new(&args, &info, &Operations::kAll, this);
     if (session_ == nullptr ||
         fuse_session_mount(session_, ("/dev/fd/" + std::to_string(cuse)).c_str()) != 0)
-        throw Forbidden("no session of CUSE for " + name);
-    serve();  // the node is there once the kernel's greeting is answered
-}
-
-DeviceNode::~DeviceNode() {
-    fuse_session_destroy(session_);
+        throw Forbidden("no session of CUSE for " + path);
+    serve();  // the device is there once the kernel's greeting is answered
 }
 
 int DeviceNode::fd() const {
@@ -142,6 +120,10 @@ void DeviceNode::answer() {
         fuse_reply_ioctl(request_, static_cast<int>(result_), nullptr, 0);
     }
     request_ = nullptr;
+}
+
+bool DeviceNode::any(bool Open::*what) const {
+    return std::any_of(opens_.begin(), opens_.end(), [&](const Open& open) { return open.*what; });
 }
 
 // The modem sends to the newest descriptor. Asked for its next packet it may hang up instead.
@@ -193,15 +175,6 @@ void DeviceNode::pump() {
 void DeviceNode::abandon() {
     answer();
     hang_up();
-}
-
-bool DeviceNode::hung() const {
-    return std::any_of(opens_.begin(), opens_.end(), [](const Open& open) { return open.hung; });
-}
-
-bool DeviceNode::awaits_hang_up() const {
-    return std::any_of(opens_.begin(), opens_.end(),
-                       [](const Open& open) { return open.awaits_hang_up; });
 }
 
 }  // namespace rvd::lab

@@ -16,15 +16,12 @@ namespace rvd::lab {
 
 class DeviceNode {
   public:
-    // Makes "/dev/NAME"; `modem` is set by the time it is opened. Throws Unable.
-    DeviceNode(Node node, const std::string& name, Modem* const& modem);
-    ~DeviceNode();
-    DeviceNode(const DeviceNode&) = delete;
-    DeviceNode& operator=(const DeviceNode&) = delete;
+    // Makes the device; `modem` is set by the time it is opened. Throws Unable.
+    DeviceNode(Node node, const std::string& path, Modem* const& modem);
 
     int fd() const;  // readable while there are messages
 
-    // Serves one message. A request has its result then, which answer() passes on.
+    // Serves one message; but only answer() passes on the result of a request.
     void serve();
     void answer();
 
@@ -32,17 +29,16 @@ class DeviceNode {
     void end_hang_up();  // of the descriptor with the request in hand
     void flush();
     void pump();
-
-    // Answers whatever waits for an answer: the callers have been killed.
-    void abandon();
+    void abandon();  // answers all callers, which have been killed
 
     size_t opens() const { return opens_.size(); }
-    bool hung() const;
-    bool awaits_hang_up() const;  // and nothing else
+    bool hung() const { return any(&Open::hung); }
+    bool awaits_hang_up() const { return any(&Open::awaits_hang_up); }
 
   private:
     struct Open {
-        bool hung = false, awaits_hang_up = false;
+        bool hung = false;
+        bool awaits_hang_up = false;        // and nothing else
         std::optional<Packet> packet = {};  // the modem's next, not read yet
         fuse_req* reader = nullptr;         // waits for it, with so much room
         size_t room = 0;
@@ -50,6 +46,7 @@ class DeviceNode {
     };
     struct Operations;
 
+    bool any(bool Open::*what) const;
     bool fill(Open& open);
     void wake(Open& open);
 

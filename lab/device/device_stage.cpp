@@ -16,10 +16,11 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <memory>
+#include <utility>
 
 #include "bootdump/lnkm.h"
-#include "lab/modem/memory.h"
+#include "lab/device/device_node.h"
+#include "lab/device/kernel_log.h"
 #include "lab/phone/launch.h"
 
 namespace fs = std::filesystem;
@@ -29,18 +30,13 @@ namespace rvd::lab {
 namespace {
 
 using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
 
-constexpr uid_t kRadio = 1001;
 constexpr char kRights[] =
         "cap_net_admin,cap_net_raw,cap_sys_admin,cap_sys_boot,cap_syslog,cap_block_suspend=ep";
 constexpr milliseconds kStill{400};            // silent for so long, a waiting daemon has finished
 constexpr milliseconds kHangUpPatience{5000};  // a hang-up is handled within it
 constexpr time_t kParkedSeconds = 200;         // no pass sleeps so long
-
-// "/dev/umts_boot0"
-std::string node_path(const Scenario& scenario, Node node) {
-    return "/dev/" + scenario.prefix() + (node == Node::boot ? "_boot0" : "_ramdump0");
-}
 
 void refuse_what_a_kernel_does_not(const Scenario& scenario) {
     const char* what = !scenario.faults.empty()    ? "fault"
@@ -52,263 +48,276 @@ void refuse_what_a_kernel_does_not(const Scenario& scenario) {
         throw Unable(scenario.name + ": \"" + what + "\" is the gate's to do, not a real kernel's");
 }
 
-void tell_kernel(const char* path, const std::string& text) {
-    const int fd = open(path, O_WRONLY | O_CLOEXEC);
-    if (fd < 0 || write(fd, text.data(), text.size()) < 0) fail_errno(path);
-    close(fd);
-}
-
 // As init starts it: in the groups of its .rc file, and able to get no rights but those that it
 // names.
 void become_service() {
     const gid_t groups[] = {kRadio, kLogGroup};
-    const std::unique_ptr<_cap_struct, int (*)(void*)> rights(cap_from_text(kRights), cap_free);
+    const cap_t rights = cap_from_text(kRights);
     for (cap_value_t right = 0; right < cap_max_bits(); right++) {
         cap_flag_value_t kept = CAP_CLEAR;
-        cap_get_flag(rights.get(), right, CAP_PERMITTED, &kept);
+        cap_get_flag(rights, right, CAP_PERMITTED, &kept);
         if (kept == CAP_CLEAR && right != CAP_SETUID) cap_drop_bound(right);
     }
     if (setgroups(std::size(groups), groups) != 0 || setgid(kRadio) != 0) _exit(127);
 }
 
+class DeviceStage : public RunStage {
+  public:
+    DeviceStage(const Scenario& scenario, const Phone& phone, Story& story, DeviceSetup setup)
+        : RunStage(scenario, story), phone_(phone), setup_(std::move(setup)) {
+        refuse_what_a_kernel_does_not(scenario);
+        const timespec time = {setup_.now / kSecond, setup_.now % kSecond};
+        if (setup_.is_phone && clock_settime(CLOCK_REALTIME, &time) != 0)
+            fail_errno("cannot set the clock");
+        put_node(boot_path_, 0660, kRadio);
+        put_node(dump_path_, 0660, kRadio);
+        put_node("/dev/kmsg", 0600, 0);
+        for (const char* file : {kAndroidLog, kWakeLockPath, kWakeUnlockPath})
+            chmod(phone_.path(file).c_str(), 0664);  // for the group that the daemon starts in
+        if (!setup_.prepare.empty() && system((setup_.prepare + " " + phone_.root()).c_str()) != 0)
+            throw Unable("failed: " + setup_.prepare);
+        sync();  // what the phone begins with is on its disk, whatever happens
+        android_start_ = read_file(phone_.path(kAndroidLog)).size();
+    }
+
+    void start_daemon() override {
+        end_daemon();
+        pid_ = fork();
+        if (pid_ < 0) fail_errno("cannot fork");
+        if (pid_ == 0) become_daemon(phone_.root(), scenario_.args, become_service);
+        pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+        checked_ = false;
+        tell_start();
+    }
+
+    bool reboot() override {
+        if (!setup_.is_phone) {
+            start_daemon();
+            return true;
+        }
+        drain_kernel_log();
+        check_logs();
+        if (on_down) on_down(false);
+        end_ = "reboot";
+        return false;
+    }
+
+    std::string serve() override {
+        while (end_.empty()) {
+            drain_kernel_log();
+            run_due_events();
+            if (end_.empty()) wait_for_something();
+            if (end_.empty()) notice_end();
+        }
+        drain_kernel_log();
+        if (end_ != "reboot") check_logs();
+        end_daemon();
+        return end_;
+    }
+
+    // While log-saving threads are at work, their descriptors come and go.
+    std::map<int, std::string> descriptors() const override {
+        std::map<int, std::string> open;
+        std::error_code none;
+        if (!alone()) return open;
+        for (const auto& entry : fs::directory_iterator(proc("fd"), none)) {
+            const int fd = atoi(entry.path().filename().c_str());
+            std::string path = fs::read_symlink(entry.path(), none);
+            if (path.rfind(phone_.root(), 0) == 0) path.erase(0, phone_.root().size());
+            if (path == boot_path_) path = "/dev/boot";
+            if (path == dump_path_) path = "/dev/dump";
+            if (fd > 2 && path != "/dev/kmsg") open[fd] = path;
+        }
+        return open;
+    }
+
+    Time now() const override {
+        return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch())
+                .count();
+    }
+
+    void hang_up(Node node) override {
+        hung_up_ = Clock::now();
+        at(node).hang_up();
+    }
+
+    void end_hang_up() override {
+        for (DeviceNode& node : nodes_)
+            node.end_hang_up();
+    }
+
+    void flush(Node node) override { at(node).flush(); }
+    void pump(Node node) override { at(node).pump(); }
+    void panic() override { panics_ = true; }
+
+  private:
+    DeviceNode& at(Node node) { return nodes_[node == Node::dump]; }
+
+    // A node as the phone has it: the driver's for the radio user, the log for root alone.
+    void put_node(const std::string& path, mode_t mode, uid_t owner) const {
+        const auto& missing = scenario_.missing;
+        if (std::find(missing.begin(), missing.end(), path) != missing.end()) return;
+        const std::string place = phone_.path(path);
+        write_file(place, "");
+        if (mount(path.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+            chmod(place.c_str(), mode) != 0 || chown(place.c_str(), owner, owner) != 0)
+            fail_errno("cannot give the phone " + path);
+    }
+
+    void wait_for_something() {
+        const Time next = events_.empty() ? kNever : events_.begin()->first - now();
+        pollfd set[] = {{nodes_[0].fd(), POLLIN, 0},
+                        {nodes_[1].fd(), POLLIN, 0},
+                        {kernel_log_.fd(), POLLIN, 0},
+                        {pidfd_, POLLIN, 0}};
+        poll(set, std::size(set), static_cast<int>(std::clamp<Time>(next / kMillisecond, 0, 100)));
+        story_.set_time(now());
+        for (const Node node : {Node::boot, Node::dump}) {
+            if (end_.empty() && set[node == Node::dump].revents != 0) serve_node(node);
+        }
+        int status = 0;
+        if (!end_.empty() || set[3].revents == 0 || waitpid(pid_, &status, 0) != pid_) return;
+        drain_kernel_log();
+        pid_ = -1;
+        take_end(status);
+    }
+
+    void serve_node(Node which) {
+        DeviceNode& node = at(which);
+        const size_t opens = node.opens();
+        const bool waited = node.awaits_hang_up();
+        last_activity_ = Clock::now();
+        drain_kernel_log();
+        node.serve();
+        if (node.opens() > opens) {
+            check_rights();
+            check_opens(which, node.opens());
+        }
+        if (panics_) return go_down();
+        node.answer();
+        if (!waited && node.awaits_hang_up() && on_wait) on_wait();
+    }
+
+    // The kernel's own record of its crash says nothing of the reason, so one before it does. The
+    // caller stays in its request.
+    void go_down() {
+        panics_ = false;
+        story_.tell("kernel", "", "panics: the device goes to upload mode");
+        write_once("/dev/kmsg", "<0>rvd-lab: panic: " + story_.crash_sentence + "\n");
+        drain_kernel_log();
+        if (!on_upload || !on_upload()) end_ = "upload";
+        if (!setup_.is_phone) return;
+        check_logs();
+        if (on_down) on_down(true);
+        write_once("/proc/sysrq-trigger", "c");
+    }
+
+    void drain_kernel_log() {
+        int level = 0;
+        for (std::string text; kernel_log_.next(level, text);) {
+            last_activity_ = Clock::now();
+            story_.log_line(level, text + "\n");  // the kernel takes one off
+        }
+    }
+
+    // With nothing to come and all of the daemon's threads but the waiting one gone, this is the
+    // end.
+    void notice_end() {
+        if (now() > setup_.start + scenario_.limit) end_ = "limit";
+        if (Clock::now() - begin_ > setup_.patience) end_ = "timeout";
+        if ((nodes_[0].hung() || nodes_[1].hung()) && Clock::now() - hung_up_ > kHangUpPatience) {
+            story_.violation("a hang-up is not handled");
+            end_ = "timeout";
+        }
+        if (!end_.empty() || !events_.empty() || Clock::now() - last_activity_ < kStill || !alone())
+            return;
+        if (nodes_[0].awaits_hang_up() || nodes_[1].awaits_hang_up()) {
+            end_ = "waits";
+        } else if (parked()) {
+            end_ = "parked";
+        }
+    }
+
+    // Whether the main thread is the only one: a directory has two links more than directories.
+    bool alone() const {
+        std::error_code none;
+        return fs::hard_link_count(proc("task"), none) == 3;
+    }
+
+    // Whether the daemon is in a sleep that no pass has; the kernel shows the call with its
+    // arguments.
+    bool parked() const {
+        long number = -1;
+        unsigned long clock = 0, flags = 0, span = 0;
+        timespec time{};
+        return sscanf(read_file(proc("syscall")).c_str(), "%ld %lx %lx %lx", &number, &clock,
+                      &flags, &span) == 4 &&
+               number == SYS_clock_nanosleep && Memory(pid_).read(span, &time, sizeof(time)) &&
+               time.tv_sec >= kParkedSeconds;
+    }
+
+    // A killed daemon is gone only when its calls are answered, the closing of its nodes among
+    // them.
+    void end_daemon() {
+        if (pid_ > 0) kill(pid_, SIGKILL);
+        while (pid_ > 0) {
+            pollfd set[] = {
+                    {nodes_[0].fd(), POLLIN, 0}, {nodes_[1].fd(), POLLIN, 0}, {pidfd_, POLLIN, 0}};
+            for (DeviceNode& node : nodes_)
+                node.abandon();
+            poll(set, std::size(set), -1);
+            for (size_t i = 0; i < std::size(nodes_); i++) {
+                if (set[i].revents != 0) nodes_[i].serve();
+            }
+            if (set[2].revents != 0 && waitpid(pid_, nullptr, 0) == pid_) pid_ = -1;
+        }
+        for (DeviceNode& node : nodes_)
+            node.abandon();
+        if (pidfd_ >= 0) close(pidfd_);
+        pidfd_ = -1;
+    }
+
+    // Once for each daemon.
+    void check_rights() {
+        if (std::exchange(checked_, true)) return;
+        const auto& args = scenario_.args;
+        const auto option = std::find(args.begin(), args.end(), "-o");
+        const bool root = option < args.end() - 1 && (option + 1)->find('r') != std::string::npos;
+        const char* user = root ? "\nUid:\t0\t0\t0\t0\n" : "\nUid:\t1001\t1001\t1001\t1001\n";
+        if (read_file(proc("status")).find(user) == std::string::npos)
+            story_.violation(std::string("the daemon's user is not") + user);
+        const std::string rights = cap_to_text(cap_get_pid(pid_), nullptr);
+        if (!root && rights != kRights) story_.violation("the daemon's capabilities are " + rights);
+    }
+
+    void check_logs() {
+        const std::string lines =
+                kernel_log_.differences(read_file(phone_.path(kAndroidLog)).substr(android_start_));
+        if (!lines.empty()) story_.violation("only one log has:\n" + lines);
+    }
+
+    std::string proc(const char* file) const {
+        return "/proc/" + std::to_string(pid_) + "/" + file;
+    }
+
+    const Phone& phone_;
+    const DeviceSetup setup_;
+    const std::string boot_path_ = "/dev/" + scenario_.prefix() + "_boot0";
+    const std::string dump_path_ = "/dev/" + scenario_.prefix() + "_ramdump0";
+    DeviceNode nodes_[2] = {{Node::boot, boot_path_, modem_}, {Node::dump, dump_path_, modem_}};
+    KernelLog kernel_log_;
+    size_t android_start_;  // of the daemon's lines in the Android log
+    int pid_ = -1, pidfd_ = -1;
+    bool checked_ = false, panics_ = false;
+    const Clock::time_point begin_ = Clock::now();
+    Clock::time_point last_activity_ = begin_, hung_up_ = begin_;
+};
+
 }  // namespace
 
-DeviceStage::DeviceStage(const Scenario& scenario, const Phone& phone, Story& story, Setup setup)
-    : RunStage(scenario, story),
-      phone_(phone),
-      setup_(std::move(setup)),
-      nodes_{{Node::boot, fs::path(node_path(scenario, Node::boot)).filename(), modem_},
-             {Node::dump, fs::path(node_path(scenario, Node::dump)).filename(), modem_}} {
-    refuse_what_a_kernel_does_not(scenario);
-    const timespec time = {setup_.now / kSecond, setup_.now % kSecond};
-    if (setup_.is_phone && clock_settime(CLOCK_REALTIME, &time) != 0)
-        fail_errno("cannot set the clock");
-    put_node(node_path(scenario, Node::boot), 0660, kRadio);
-    put_node(node_path(scenario, Node::dump), 0660, kRadio);
-    put_node("/dev/kmsg", 0600, 0);
-    for (const char* file : {kAndroidLog, kWakeLockPath, kWakeUnlockPath})
-        chmod(phone_.path(file).c_str(), 0664);  // for the group that the daemon starts in
-    if (!setup_.prepare.empty() && system((setup_.prepare + " " + phone_.root()).c_str()) != 0)
-        throw Unable("failed: " + setup_.prepare);
-    sync();  // what the phone begins with is on its disk, whatever happens
-    android_start_ = read_file(phone_.path(kAndroidLog)).size();
-}
-
-DeviceStage::~DeviceStage() {
-    end_daemon();
-}
-
-// A node as the phone has it: the driver's for the radio user, the log for root alone.
-void DeviceStage::put_node(const std::string& path, mode_t mode, uid_t owner) const {
-    const auto& missing = scenario_.missing;
-    if (std::find(missing.begin(), missing.end(), path) != missing.end()) return;
-    const std::string place = phone_.path(path);
-    write_file(place, "");
-    if (mount(path.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
-        chmod(place.c_str(), mode) != 0 || chown(place.c_str(), owner, owner) != 0)
-        fail_errno("cannot give the phone " + path);
-}
-
-void DeviceStage::start_daemon() {
-    end_daemon();
-    pid_ = fork();
-    if (pid_ < 0) fail_errno("cannot fork");
-    if (pid_ == 0) become_daemon(phone_.root(), scenario_.args, become_service);
-    pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-    checked_ = false;
-    tell_start();
-}
-
-bool DeviceStage::reboot() {
-    if (!setup_.is_phone) {
-        start_daemon();
-        return true;
-    }
-    drain_kernel_log();
-    check_logs();
-    if (on_down) on_down(false);
-    end_ = "reboot";
-    return false;
-}
-
-// The kernel's own record of its crash says nothing of the reason, so one before it does. The
-// caller stays in its request.
-void DeviceStage::go_down() {
-    panics_ = false;
-    story_.tell("kernel", "", "panics: the device goes to upload mode");
-    tell_kernel("/dev/kmsg", "<0>rvd-lab: panic: " + story_.crash_sentence + "\n");
-    drain_kernel_log();
-    const bool goes_on = on_upload && on_upload();
-    if (!goes_on) end_ = "upload";
-    if (!setup_.is_phone) return;
-    check_logs();
-    if (on_down) on_down(true);
-    tell_kernel("/proc/sysrq-trigger", "c");
-}
-
-std::string DeviceStage::serve() {
-    while (end_.empty()) {
-        drain_kernel_log();
-        run_due_events();
-        if (end_.empty()) wait_for_something();
-        if (end_.empty()) notice_end();
-    }
-    drain_kernel_log();
-    if (end_ != "reboot") check_logs();
-    end_daemon();
-    return end_;
-}
-
-void DeviceStage::wait_for_something() {
-    const Time next = events_.empty() ? kNever : events_.begin()->first - now();
-    pollfd set[] = {{nodes_[0].fd(), POLLIN, 0},
-                    {nodes_[1].fd(), POLLIN, 0},
-                    {kernel_log_.fd(), POLLIN, 0},
-                    {pidfd_, POLLIN, 0}};
-    poll(set, std::size(set), static_cast<int>(std::clamp<Time>(next / kMillisecond, 0, 100)));
-    story_.set_time(now());
-    for (size_t i = 0; i < std::size(nodes_) && end_.empty(); i++) {
-        if ((set[i].revents & POLLIN) != 0) serve_node(i);
-    }
-    int status = 0;
-    if (!end_.empty() || (set[3].revents & POLLIN) == 0 || waitpid(pid_, &status, 0) != pid_)
-        return;
-    drain_kernel_log();
-    pid_ = -1;
-    take_end(status);
-}
-
-void DeviceStage::serve_node(size_t index) {
-    DeviceNode& node = nodes_[index];
-    const size_t opens = node.opens();
-    const bool waited = node.awaits_hang_up();
-    last_activity_ = Clock::now();
-    drain_kernel_log();
-    node.serve();
-    if (node.opens() > opens) {
-        check_rights();
-        check_opens(index == 0 ? Node::boot : Node::dump, node.opens());
-    }
-    if (panics_) return go_down();
-    node.answer();
-    if (!waited && node.awaits_hang_up() && on_wait) on_wait();
-}
-
-void DeviceStage::hang_up(Node node) {
-    hung_up_ = Clock::now();
-    nodes_[node == Node::dump].hang_up();
-}
-
-void DeviceStage::end_hang_up() {
-    for (DeviceNode& node : nodes_)
-        node.end_hang_up();
-}
-
-Time DeviceStage::now() const {
-    timespec time{};
-    clock_gettime(CLOCK_REALTIME, &time);
-    return time.tv_sec * kSecond + time.tv_nsec;
-}
-
-void DeviceStage::drain_kernel_log() {
-    int level = 0;
-    for (std::string text; kernel_log_.next(level, text);) {
-        last_activity_ = Clock::now();
-        story_.log_line(level, text + "\n");  // the kernel takes one off
-    }
-}
-
-// With nothing to come and all of the daemon's threads but the waiting one gone, this is the end.
-void DeviceStage::notice_end() {
-    if (now() > setup_.start + scenario_.limit) end_ = "limit";
-    if (Clock::now() - begin_ > setup_.patience) end_ = "timeout";
-    if ((nodes_[0].hung() || nodes_[1].hung()) && Clock::now() - hung_up_ > kHangUpPatience) {
-        story_.violation("a hang-up is not handled");
-        end_ = "timeout";
-    }
-    if (!end_.empty() || !events_.empty() || Clock::now() - last_activity_ < kStill || !alone())
-        return;
-    if (nodes_[0].awaits_hang_up() || nodes_[1].awaits_hang_up()) {
-        end_ = "waits";
-    } else if (parked()) {
-        end_ = "parked";
-    }
-}
-
-// Whether the main thread is the only one: a directory has two links more than directories in it.
-bool DeviceStage::alone() const {
-    std::error_code none;
-    return fs::hard_link_count(proc("task"), none) == 3;
-}
-
-// Whether the daemon is in a sleep that no pass has; the kernel shows the call with its arguments.
-bool DeviceStage::parked() const {
-    long number = -1;
-    unsigned long clock = 0, flags = 0, span = 0;
-    timespec time{};
-    return sscanf(read_file(proc("syscall")).c_str(), "%ld %lx %lx %lx", &number, &clock, &flags,
-                  &span) == 4 &&
-           number == SYS_clock_nanosleep && ProcessMemory(pid_).read(span, &time, sizeof(time)) &&
-           time.tv_sec >= kParkedSeconds;
-}
-
-// A killed daemon is gone only when its calls are answered, the closing of its nodes among them.
-void DeviceStage::end_daemon() {
-    if (pid_ > 0) kill(pid_, SIGKILL);
-    for (DeviceNode& node : nodes_)
-        node.abandon();
-    pollfd set[] = {{nodes_[0].fd(), POLLIN, 0}, {nodes_[1].fd(), POLLIN, 0}, {pidfd_, POLLIN, 0}};
-    while (pid_ > 0 && poll(set, std::size(set), -1) > 0) {
-        for (size_t i = 0; i < std::size(nodes_); i++) {
-            if ((set[i].revents & POLLIN) != 0) nodes_[i].serve();
-            nodes_[i].abandon();
-        }
-        if ((set[2].revents & POLLIN) != 0 && waitpid(pid_, nullptr, 0) == pid_) pid_ = -1;
-    }
-    if (pidfd_ >= 0) close(pidfd_);
-    pidfd_ = -1;
-}
-
-// While log-saving threads are at work, their descriptors come and go.
-std::map<int, std::string> DeviceStage::descriptors() const {
-    std::map<int, std::string> open;
-    std::error_code none;
-    if (!alone()) return open;
-    for (const auto& entry : fs::directory_iterator(proc("fd"), none)) {
-        const int fd = atoi(entry.path().filename().c_str());
-        std::string path = fs::read_symlink(entry.path(), none);
-        if (path.rfind(phone_.root(), 0) == 0) path.erase(0, phone_.root().size());
-        for (const Node node : {Node::boot, Node::dump}) {
-            if (path == node_path(scenario_, node)) path = std::string("/dev/") + node_name(node);
-        }
-        if (fd > 2 && path != "/dev/kmsg") open[fd] = path;
-    }
-    return open;
-}
-
-void DeviceStage::check_rights() {
-    if (checked_) return;
-    checked_ = true;
-    const auto& args = scenario_.args;
-    const auto option = std::find(args.begin(), args.end(), "-o");
-    const bool root = option < args.end() - 1 && (option + 1)->find('r') != std::string::npos;
-    const char* user = root ? "\nUid:\t0\t0\t0\t0\n" : "\nUid:\t1001\t1001\t1001\t1001\n";
-    if (read_file(proc("status")).find(user) == std::string::npos)
-        story_.violation(std::string("the daemon's user is not") + user);
-    const std::unique_ptr<_cap_struct, int (*)(void*)> set(cap_get_pid(pid_), cap_free);
-    const std::unique_ptr<char, int (*)(void*)> text(cap_to_text(set.get(), nullptr), cap_free);
-    if (!root && text.get() != std::string(kRights))
-        story_.violation(std::string("the daemon's capabilities are ") + text.get());
-}
-
-void DeviceStage::check_logs() {
-    const std::string lines =
-            kernel_log_.differences(read_file(phone_.path(kAndroidLog)).substr(android_start_));
-    if (!lines.empty()) story_.violation("only one log has:\n" + lines);
-}
-
-std::string DeviceStage::proc(const char* file) const {
-    return "/proc/" + std::to_string(pid_) + "/" + file;
+std::unique_ptr<RunStage> make_device_stage(const Scenario& scenario, const Phone& phone,
+                                            Story& story, DeviceSetup setup) {
+    return std::make_unique<DeviceStage>(scenario, phone, story, std::move(setup));
 }
 
 }  // namespace rvd::lab

@@ -50,10 +50,6 @@ KernelLog::KernelLog() : fd_(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC
     if (fd_ < 0 || lseek(fd_, 0, SEEK_END) < 0) fail_errno("cannot read the kernel's log");
 }
 
-KernelLog::~KernelLog() {
-    close(fd_);
-}
-
 bool KernelLog::next(int& level, std::string& text) {
     char record[8192];
     for (;;) {

@@ -1,18 +1,13 @@
 // The daemon's records in the kernel's own log, as any reader of it gets them.
 #pragma once
 
-#include <functional>
 #include <string>
 
 namespace rvd::lab {
 
 class KernelLog {
   public:
-    // Reads what comes from now on. Throws Unable.
-    KernelLog();
-    ~KernelLog();
-    KernelLog(const KernelLog&) = delete;
-    KernelLog& operator=(const KernelLog&) = delete;
+    KernelLog();  // reads what comes from now on; throws Unable
 
     int fd() const { return fd_; }  // readable while there are records
 
@@ -20,7 +15,7 @@ class KernelLog {
     // records were lost.
     bool next(int& level, std::string& text);
 
-    // The daemon's lines that this log or `android` lacks. Their order is left to its threads.
+    // The daemon's lines that this log or `android` lacks. Its threads' lines have no order.
     std::string differences(const std::string& android) const;
 
   private:

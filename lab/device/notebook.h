@@ -2,10 +2,8 @@
 // afterwards.
 #pragma once
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -20,10 +18,10 @@ struct Notebook {
     bool panicked = false;  // rather than rebooted
     std::string crash_sentence;
     std::vector<std::string> log, requests, violations;
-    std::map<std::string, int> times;  // of the driver's requests
+    std::vector<int64_t> answers;  // how often each of the scenario's answers was asked for
 
     NLOHMANN_DEFINE_TYPE_INTRUSIVE(Notebook, start, now, position, panicked, crash_sentence, log,
-                                   requests, violations, times)
+                                   requests, violations, answers)
 
     // False if there is none. Taking it removes it.
     bool take(const std::string& path) {
@@ -36,9 +34,7 @@ struct Notebook {
     // On the disk when this returns. Throws Unable.
     void store(const std::string& path) const {
         write_file(path, nlohmann::json(*this).dump());
-        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0 || fsync(fd) != 0) fail_errno("cannot flush " + path);
-        close(fd);
+        sync();
     }
 };
 

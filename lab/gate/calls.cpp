@@ -122,7 +122,7 @@ bool Calls::apply_fault(const Call& call) {
 
 // Reads or writes less than was asked for, in the daemon's stead: the file position is shared.
 void Calls::transfer_part(const Call& call, size_t size) {
-    ProcessMemory memory = call.memory();
+    const Memory memory = call.memory();
     std::vector<char> bytes(std::min<size_t>(size, call.argument(2)));
     const bool reads = call.name() == "read";
     // Of a packet that was cut on its way into the link nothing reaches the other side.
@@ -191,7 +191,7 @@ void Calls::serve_open(const Call& call) {
 void Calls::serve_ioctl(const Call& call) {
     const Links::Link* link = links_.at(static_cast<int>(call.argument(0)));
     if (link == nullptr) return daemon_.proceed(call);
-    ProcessMemory memory = call.memory();
+    const Memory memory = call.memory();
     served_ = &call;
     const int64_t result = modem_->request(link->node, call.argument(1), call.argument(2), memory);
     served_ = nullptr;

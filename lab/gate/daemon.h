@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "lab/gate/table.h"
-#include "lab/modem/memory.h"
+#include "lab/modem/modem.h"
 #include "lab/phone/launch.h"
 
 namespace rvd::lab {
@@ -21,7 +21,7 @@ struct Call {
 
     uint64_t argument(int i) const { return raw.data.args[i]; }
     pid_t tid() const { return static_cast<pid_t>(raw.pid); }
-    ProcessMemory memory() const { return ProcessMemory(tid()); }
+    Memory memory() const { return Memory(tid()); }
     std::string_view name() const { return shape->name; }
 };
 

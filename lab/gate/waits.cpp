@@ -114,7 +114,7 @@ void Calls::expire(const Call& call) {
 }
 
 void Calls::serve_clock(const Call& call) {
-    ProcessMemory memory = call.memory();
+    const Memory memory = call.memory();
     const Time now = clock_.now();
     bool written = true;
     if (call.name() == "time") {

@@ -1,11 +1,17 @@
-#include "lab/modem/driver.h"
+// The modem's driver: answers every request of both nodes, keeps the modem's state and memory, and
+// holds the daemon to what a real one relies on: order, sizes, and images that arrive unchanged.
 
 #include <errno.h>
 #include <fmt/format.h>
 #include <string.h>
-#include <sys/mman.h>
 
 #include <algorithm>
+#include <map>
+#include <optional>
+
+#include "bootdump/lnkm.h"
+#include "lab/modem/images.h"
+#include "lab/modem/loader.h"
 
 namespace rvd::lab {
 
@@ -15,55 +21,313 @@ namespace {
 constexpr int kStateBooting = 3;
 constexpr int kStateOnline = 4;
 
-constexpr uint64_t kModemMemory = uint64_t{kModemOffsetMask} + 1;
 constexpr size_t kSrinfoHeader = 16;
+constexpr size_t kShownRecord = 200;  // characters of a silent-reset record
+
+const char* state_name(int state) {
+    static const std::map<int, const char*> names = {
+            {MODEM_STATE_OFF, "off"},     {MODEM_STATE_CRASH_RESET, "crash reset"},
+            {MODEM_STATE_CRASH, "crash"}, {MODEM_STATE_CRASH_WATCHDOG, "watchdog crash"},
+            {kStateBooting, "booting"},   {kStateOnline, "online"}};
+    const auto found = names.find(state);
+    return found == names.end() ? "unknown" : found->second;
+}
 
 const char* mode_name(uint32_t mode) {
     return mode == CP_BOOT_MODE_NORMAL ? "normal" : mode == CP_BOOT_MODE_DUMP ? "dump" : "?";
 }
 
-const char* state_name(int state) {
-    switch (state) {
-        case MODEM_STATE_OFF:
-            return "off";
-        case MODEM_STATE_CRASH_RESET:
-            return "crash reset";
-        case MODEM_STATE_CRASH:
-            return "crash";
-        case MODEM_STATE_CRASH_WATCHDOG:
-            return "watchdog crash";
-        case kStateBooting:
-            return "booting";
-        case kStateOnline:
-            return "online";
-        default:
-            return "unknown";
+template <size_t kSize>
+std::string text_of(const char (&field)[kSize]) {
+    return {field, strnlen(field, kSize)};
+}
+
+enum Nodes { kBoot = 1, kDump = 2, kBoth = 3 };
+
+class Driver : public Modem, private Scene {
+  public:
+    explicit Driver(const Scene& scene)
+        : Scene(scene), state_(static_cast<int>(scenario.driver.state)) {}
+
+    int64_t request(Node node, unsigned long number, uint64_t argument,
+                    const Memory& memory) override;
+
+    // The daemon goes by what it was told: the boot has failed, or its end has been notified.
+    void lost(unsigned long number) override {
+        if (number == IOCTL_COMPLETE_NORMAL_BOOTUP) notification_ = Due::fail;
+        if (number == IOCTL_NOTIFY_BOOT_DONE || number == IOCTL_NOTIFY_BOOT_FAIL)
+            notification_ = Due::nothing;
     }
+
+    void received(Node node, const Packet& packet) override {
+        if (loader_ && loader_->node == node) return loader_->receive(packet);
+        story.violation(fmt::format("{} bytes written to the {} node while no boot loader runs",
+                                    packet.size(), node_name(node)));
+    }
+
+    bool next(Node node, Packet& packet) override {
+        if (node == Node::boot || region_sent_ == region_end_)
+            return loader_ && loader_->node == node && loader_->next(packet);
+        const auto room = static_cast<uint64_t>(scenario.driver.regions.at(region_).packet);
+        packet.resize(std::min(room, region_end_ - region_sent_));
+        fill_seeded(content_of(scenario, region_).seed, region_sent_, packet.data(), packet.size());
+        region_sent_ += packet.size();
+        story.advance_transfer(packet.size());
+        return true;
+    }
+
+    void change_state(int state) override {
+        state_ = state;
+        story.tell("driver", "daemon",
+                   fmt::format("the modem is in state {} ({})", state, state_name(state)));
+        stage.hang_up(Node::boot);
+    }
+
+    void reboot() override {
+        state_ = MODEM_STATE_OFF;
+        powered_ = false;
+        notification_ = Due::nothing;
+        images_.emplace(scene());
+        loader_.reset();
+    }
+
+    // A request in hand: its record, its words for the story, and whether it is to fail.
+    struct Call {
+        unsigned long number;
+        const Memory& memory;
+        bool refused = false, shown = true;
+        int64_t result = 0;
+        std::string detail = {};
+        union {
+            srinfo_buf srinfo;
+            uint32_t mode;
+            char reason[kCrashReasonSize];
+            cp_image image;
+            cp_security_req security;
+            cp_log_dump dump;
+            cp_crash_reason crash;
+            lnkm_version version;
+        } record = {};
+    };
+
+    struct Handler {
+        unsigned long number;
+        const char* name;
+        Nodes nodes;  // where it is issued
+        bool strict;  // any result but 0 is a failure
+        void (Driver::*serve)(Call&);
+        size_t in = 0, out = 0;  // bytes of the record, where the number does not tell
+    };
+
+    static const Handler kHandlers[];
+
+  private:
+    const Scene& scene() const { return *this; }
+
+    void power_on(Call& call) {
+        if (call.refused) return;
+        powered_ = true;
+        images_->expect_others();
+        state_ = kStateBooting;
+    }
+
+    void power_off(Call& call) {
+        if (call.refused) return;
+        powered_ = false;
+        state_ = MODEM_STATE_OFF;
+        loader_.reset();
+    }
+
+    void power_reset(Call& call) {
+        call.detail = fmt::format(" {}", mode_name(call.record.mode));
+        if (call.refused) return;
+        loader_.reset();
+        images_->expect_others();
+        powered_ = powered_ || call.record.mode == CP_BOOT_MODE_DUMP;
+        stage.flush(Node::dump);
+    }
+
+    void start_loader(Call& call) {
+        const uint32_t mode = call.record.mode;
+        call.detail = fmt::format(" {}", mode_name(mode));
+        if (call.refused) return;
+        if (mode > CP_BOOT_MODE_DUMP) story.violation("the loader is started in an unknown mode");
+        if (!powered_) story.violation("the loader is started while the modem is off");
+        if (!images_->complete())
+            story.violation("the loader is started before its images are complete");
+        if (!images_->verified() && !scenario.external())
+            story.violation("the loader is started before its images are verified");
+        loader_ = lab::start_loader(scene(), static_cast<cp_boot_mode>(mode));
+    }
+
+    void complete(Call& call) {
+        notification_ = call.refused ? Due::fail : Due::done;
+        if (!loader_ || !loader_->finished())
+            story.violation("boot-up is called complete before the handshake has ended");
+        if (!call.refused) state_ = kStateOnline;
+    }
+
+    void notify(Call& call) {
+        if (notification_ != (call.number == IOCTL_NOTIFY_BOOT_DONE ? Due::done : Due::fail))
+            story.violation("a notification that contradicts how the boot ended");
+        notification_ = Due::nothing;
+    }
+
+    void status(Call& call) {
+        stage.end_hang_up();
+        call.result = state_;
+    }
+
+    void panic(Call& call) {
+        const std::string reason = text_of(call.record.reason);
+        if (reason.size() == kCrashReasonSize)
+            story.violation("a crash reason that is not terminated");
+        call.detail = " \"" + reason + "\"";
+        if (call.refused) return;
+        story.crash_sentence = reason;
+        if (scenario.driver.panic == "upload") stage.panic();
+    }
+
+    void load_image(Call& call) {
+        const cp_image& image = call.record.image;
+        call.shown = false;
+        call.detail =
+                fmt::format(" size={} m_offset=0x{:08x} b_offset=0x{:08x} mode={} len={}",
+                            image.size, image.m_offset, image.b_offset, image.mode, image.len);
+        if (call.refused) return;
+        if (!powered_) story.violation("an image is loaded while the modem is off");
+        if (!images_->load(image, call.memory)) call.result = -EFAULT;
+    }
+
+    void check_security(Call& call) {
+        const cp_security_req& req = call.record.security;
+        call.detail = fmt::format(" {} 0x{:x} 0x{:x}", req.mode, req.param1, req.param2);
+        if (req.param3 != 0) story.violation("a security request with a third parameter");
+        if (!call.refused) images_->check(req);
+    }
+
+    void get_srinfo(Call& call) {
+        srinfo_buf& buf = call.record.srinfo;
+        if (buf.len != sizeof(buf.data))
+            story.violation(fmt::format("room for a record of {} bytes", buf.len));
+        const std::string& text = scenario.driver.srinfo;
+        size_t size = 0;
+        if (!text.empty()) {
+            size = kSrinfoHeader + text.size();
+            memset(buf.data, ' ', sizeof(buf.data));
+            fill_seeded(static_cast<uint64_t>(scenario.seed), 0, buf.data, kSrinfoHeader);
+            text.copy(buf.data + kSrinfoHeader, sizeof(buf.data) - kSrinfoHeader);
+        }
+        buf.len = static_cast<uint32_t>(size);
+        call.detail = fmt::format(" len={}", buf.len);
+    }
+
+    void set_srinfo(Call& call) {
+        const srinfo_buf& buf = call.record.srinfo;
+        if (buf.len == 0 || buf.len > sizeof(buf.data))
+            story.violation(fmt::format("a record of {} bytes is handed back", buf.len));
+        const size_t shown = std::min<size_t>({buf.len, sizeof(buf.data), kShownRecord});
+        call.detail = fmt::format(" len={} {}", buf.len, std::string_view(buf.data, shown));
+    }
+
+    void log_dump(Call& call) {
+        cp_log_dump& record = call.record.dump;
+        const std::string name = text_of(record.name);
+        call.detail = fmt::format(" {} {}", name, record.idx);
+        if (record.idx >= std::size(kRegionNames) || name != kRegionNames[record.idx]) {
+            story.violation("a region's name that does not match its number");
+            call.result = -EINVAL;
+        }
+        if (call.refused || call.result != 0) return;
+        const Region& region = scenario.driver.regions.at(name);
+        record.size = static_cast<uint32_t>(region.size);
+        stage.flush(Node::dump);
+        region_ = name;
+        region_sent_ = 0;
+        region_end_ = static_cast<uint64_t>(region.delivers.value_or(region.size));
+        story.begin_transfer("region " + name, region_end_);
+        stage.pump(Node::dump);
+    }
+
+    void crash_reason(Call& call) {
+        call.record.crash.owner = static_cast<int32_t>(scenario.driver.owner);
+        scenario.driver.reason.copy(call.record.crash.text, sizeof(call.record.crash.text));
+    }
+
+    void version(Call& call) {
+        scenario.driver.version.copy(call.record.version.text, sizeof(call.record.version.text));
+    }
+
+    int state_;
+    bool powered_ = false;
+    enum class Due { nothing, done, fail } notification_ = Due::nothing;
+    std::unique_ptr<Loader> loader_;  // while it runs
+    std::optional<Images> images_{std::in_place, scene()};
+
+    // The region that the dump node delivers.
+    std::string region_;
+    uint64_t region_sent_ = 0, region_end_ = 0;
+};
+
+const Driver::Handler Driver::kHandlers[] = {
+        {IOCTL_POWER_ON, "POWER_ON", kBoot, false, &Driver::power_on},
+        {IOCTL_POWER_OFF, "POWER_OFF", kBoot, true, &Driver::power_off},
+        {IOCTL_POWER_RESET, "POWER_RESET", kBoot, false, &Driver::power_reset},
+        {IOCTL_START_CP_BOOTLOADER, "START_CP_BOOTLOADER", kBoot, false, &Driver::start_loader},
+        {IOCTL_COMPLETE_NORMAL_BOOTUP, "COMPLETE_NORMAL_BOOTUP", kBoot, false, &Driver::complete},
+        {IOCTL_NOTIFY_BOOT_FAIL, "NOTIFY_BOOT_FAIL", kBoot, false, &Driver::notify},
+        {IOCTL_NOTIFY_BOOT_DONE, "NOTIFY_BOOT_DONE", kBoot, false, &Driver::notify},
+        {IOCTL_GET_CP_STATUS, "GET_CP_STATUS", kBoot, false, &Driver::status},
+        {IOCTL_TRIGGER_KERNEL_PANIC, "TRIGGER_KERNEL_PANIC", kBoth, false, &Driver::panic,
+         kCrashReasonSize},
+        {IOCTL_LOAD_CP_IMAGE, "LOAD_CP_IMAGE", kBoot, true, &Driver::load_image},
+        {IOCTL_CHECK_SECURITY, "CHECK_SECURITY", kBoot, true, &Driver::check_security},
+        {IOCTL_GET_SRINFO, "GET_SRINFO", kBoot, false, &Driver::get_srinfo, sizeof(srinfo_buf),
+         sizeof(srinfo_buf)},
+        {IOCTL_SET_SRINFO, "SET_SRINFO", kBoot, false, &Driver::set_srinfo, sizeof(srinfo_buf)},
+        {IOCTL_GET_LOG_DUMP, "GET_LOG_DUMP", kDump, false, &Driver::log_dump},
+        {IOCTL_GET_CP_CRASH_REASON, "GET_CP_CRASH_REASON", kDump, false, &Driver::crash_reason},
+        {IOCTL_GET_LNKM_VERSION, "GET_LNKM_VERSION", kDump, false, &Driver::version},
+};
+
+int64_t Driver::request(Node node, unsigned long number, uint64_t argument, const Memory& memory) {
+    const auto* handler =
+            std::find_if(std::begin(kHandlers), std::end(kHandlers),
+                         [&](const Handler& known) { return known.number == number; });
+    if (handler == std::end(kHandlers) ||
+        (handler->nodes & (node == Node::boot ? kBoot : kDump)) == 0) {
+        story.violation(fmt::format("request 0x{:08X} on the {} node", number, node_name(node)));
+        return -ENOTTY;
+    }
+    if (notification_ != Due::nothing && handler->serve != &Driver::notify) {
+        story.violation(std::string(handler->name) +
+                        " before the boot is reported as done or failed");
+        notification_ = Due::nothing;
+    }
+    const Answer* answer = first_due(scenario.driver.answers, [&](const Answer& given) {
+        return given.request == handler->name;
+    });
+    Call call{number, memory};
+    call.refused =
+            answer != nullptr && (answer->result < 0 || (handler->strict && answer->result != 0));
+    const size_t size = _IOC_SIZE(number);
+    const size_t in = (_IOC_DIR(number) & _IOC_WRITE) != 0 ? size : handler->in;
+    const size_t out = (_IOC_DIR(number) & _IOC_READ) != 0 ? size : handler->out;
+    if (memory.read(argument, &call.record, in)) {
+        (this->*handler->serve)(call);
+    } else {
+        call.result = -EFAULT;
+    }
+    if (call.result >= 0 && !call.refused && !memory.write(argument, &call.record, out))
+        call.result = -EFAULT;
+    if (answer != nullptr) call.result = answer->result;
+    std::string text = handler->name + call.detail;
+    if (call.result != 0) text += fmt::format(" = {}", call.result);
+    story.request("driver", text, call.shown || call.result != 0);
+    return call.result;
 }
 
 }  // namespace
-
-const Driver::Handler Driver::kHandlers[] = {
-        {IOCTL_POWER_ON, "POWER_ON", true, false, false, &Driver::power_on},
-        {IOCTL_POWER_OFF, "POWER_OFF", true, false, true, &Driver::power_off},
-        {IOCTL_POWER_RESET, "POWER_RESET", true, false, false, &Driver::power_reset},
-        {IOCTL_START_CP_BOOTLOADER, "START_CP_BOOTLOADER", true, false, false,
-         &Driver::start_loader},
-        {IOCTL_COMPLETE_NORMAL_BOOTUP, "COMPLETE_NORMAL_BOOTUP", true, false, false,
-         &Driver::complete},
-        {IOCTL_GET_CP_STATUS, "GET_CP_STATUS", true, false, false, &Driver::status},
-        {IOCTL_TRIGGER_KERNEL_PANIC, "TRIGGER_KERNEL_PANIC", true, true, false, &Driver::panic},
-        {IOCTL_LOAD_CP_IMAGE, "LOAD_CP_IMAGE", true, false, true, &Driver::load_image},
-        {IOCTL_GET_SRINFO, "GET_SRINFO", true, false, false, &Driver::get_srinfo},
-        {IOCTL_SET_SRINFO, "SET_SRINFO", true, false, false, &Driver::set_srinfo},
-        {IOCTL_NOTIFY_BOOT_FAIL, "NOTIFY_BOOT_FAIL", true, false, false, &Driver::notify_fail},
-        {IOCTL_NOTIFY_BOOT_DONE, "NOTIFY_BOOT_DONE", true, false, false, &Driver::notify_done},
-        {IOCTL_GET_LOG_DUMP, "GET_LOG_DUMP", false, true, false, &Driver::log_dump},
-        {IOCTL_CHECK_SECURITY, "CHECK_SECURITY", true, false, true, &Driver::check_security},
-        {IOCTL_GET_CP_CRASH_REASON, "GET_CP_CRASH_REASON", false, true, false,
-         &Driver::crash_reason},
-        {IOCTL_GET_LNKM_VERSION, "GET_LNKM_VERSION", false, true, false, &Driver::version},
-};
 
 std::vector<std::string> request_names() {
     std::vector<std::string> names;
@@ -72,347 +336,8 @@ std::vector<std::string> request_names() {
     return names;
 }
 
-Driver::Driver(const Scenario& scenario, const Partition& partition, Stage& stage, Story& story)
-    : scenario_(scenario),
-      partition_(partition),
-      stage_(stage),
-      story_(story),
-      loader_(scenario, partition, stage, story),
-      state_(static_cast<int>(scenario.driver.state)) {
-    void* memory = mmap(nullptr, kModemMemory, PROT_READ | PROT_WRITE,
-                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (memory == MAP_FAILED) fail_errno("cannot reserve the modem's memory");
-    modem_memory_ = static_cast<uint8_t*>(memory);
-}
-
-Driver::~Driver() {
-    munmap(modem_memory_, kModemMemory);
-}
-
-int64_t Driver::request(Node node, unsigned long number, uint64_t argument, Memory& memory) {
-    const Handler* handler =
-            std::find_if(std::begin(kHandlers), std::end(kHandlers),
-                         [&](const Handler& known) { return known.number == number; });
-    if (handler == std::end(kHandlers) || !(node == Node::boot ? handler->boot : handler->dump)) {
-        story_.violation(fmt::format("request 0x{:08X} on the {} node", number, node_name(node)));
-        return -ENOTTY;
-    }
-    if (notification_ != Due::nothing && number != IOCTL_NOTIFY_BOOT_DONE &&
-        number != IOCTL_NOTIFY_BOOT_FAIL) {
-        story_.violation(std::string(handler->name) +
-                         " before the boot is reported as done or failed");
-        notification_ = Due::nothing;
-    }
-    Call call{node, argument, memory, false, true, ""};
-    const Answer* answer = answer_for(handler->name);
-    call.refused =
-            answer != nullptr && (answer->result < 0 || (handler->strict && answer->result != 0));
-    int64_t result = (this->*handler->serve)(call);
-    if (answer != nullptr) result = answer->result;
-    std::string text = handler->name + call.detail;
-    if (result != 0) text += fmt::format(" = {}", result);
-    story_.request("driver", text, call.shown || result != 0);
-    return result;
-}
-
-// The daemon goes by what it was told: the boot has failed, or its end has been notified.
-void Driver::lost(unsigned long number) {
-    if (number == IOCTL_COMPLETE_NORMAL_BOOTUP) notification_ = Due::fail;
-    if (number == IOCTL_NOTIFY_BOOT_DONE || number == IOCTL_NOTIFY_BOOT_FAIL)
-        notification_ = Due::nothing;
-}
-
-const Answer* Driver::answer_for(const std::string& name) {
-    times_[name]++;
-    const Answer* found = nullptr;
-    for (const Answer& answer : scenario_.driver.answers) {
-        if (answer.request == name && answer.turn.takes() && found == nullptr) found = &answer;
-    }
-    return found;
-}
-
-void Driver::recall(Times times) {
-    times_ = std::move(times);
-    for (const Answer& answer : scenario_.driver.answers)
-        answer.turn.seen = times_[answer.request];
-}
-
-void Driver::change_state(int state) {
-    state_ = state;
-    story_.tell("driver", "daemon",
-                fmt::format("the modem is in state {} ({})", state, state_name(state)));
-    stage_.hang_up(Node::boot);
-}
-
-void Driver::reboot() {
-    state_ = MODEM_STATE_OFF;
-    powered_ = verified_ = false;
-    notification_ = Due::nothing;
-    image_ = nullptr;
-    loaded_.clear();
-    loader_.stop();
-}
-
-int64_t Driver::power_on(Call& call) {
-    if (call.refused) return 0;
-    powered_ = true;
-    verified_ = false;
-    image_ = nullptr;
-    state_ = kStateBooting;
-    return 0;
-}
-
-int64_t Driver::power_off(Call& call) {
-    if (call.refused) return 0;
-    powered_ = false;
-    state_ = MODEM_STATE_OFF;
-    loader_.stop();
-    return 0;
-}
-
-int64_t Driver::power_reset(Call& call) {
-    uint32_t mode = 0;
-    if (!call.memory.read(call.argument, &mode, sizeof(mode))) return -EFAULT;
-    call.detail = fmt::format(" {}", mode_name(mode));
-    if (call.refused) return 0;
-    loader_.stop();
-    image_ = nullptr;
-    verified_ = false;
-    powered_ = powered_ || mode == CP_BOOT_MODE_DUMP;
-    stage_.flush(Node::dump);
-    return 0;
-}
-
-int64_t Driver::start_loader(Call& call) {
-    uint32_t mode = 0;
-    if (!call.memory.read(call.argument, &mode, sizeof(mode))) return -EFAULT;
-    call.detail = fmt::format(" {}", mode_name(mode));
-    if (call.refused) return 0;
-    if (mode > CP_BOOT_MODE_DUMP) story_.violation("the loader is started in an unknown mode");
-    if (!powered_) story_.violation("the loader is started while the modem is off");
-    if (image_ == nullptr || image_bytes_ != image_->size)
-        story_.violation("the loader is started before its images are complete");
-    if (!verified_ && !scenario_.external())
-        story_.violation("the loader is started before its images are verified");
-    loader_.start(static_cast<cp_boot_mode>(mode));
-    return 0;
-}
-
-int64_t Driver::complete(Call& call) {
-    notification_ = call.refused ? Due::fail : Due::done;
-    if (!loader_.finished())
-        story_.violation("boot-up is called complete before the handshake has ended");
-    if (!call.refused) state_ = kStateOnline;
-    return 0;
-}
-
-void Driver::notify(bool done) {
-    if (notification_ != (done ? Due::done : Due::fail))
-        story_.violation("a notification that contradicts how the boot ended");
-    notification_ = Due::nothing;
-}
-
-int64_t Driver::notify_done(Call&) {
-    notify(true);
-    return 0;
-}
-
-int64_t Driver::notify_fail(Call&) {
-    notify(false);
-    return 0;
-}
-
-int64_t Driver::status(Call&) {
-    stage_.end_hang_up();
-    return state_;
-}
-
-int64_t Driver::panic(Call& call) {
-    char reason[kCrashReasonSize];
-    if (!call.memory.read(call.argument, reason, sizeof(reason))) return -EFAULT;
-    const size_t length = strnlen(reason, sizeof(reason));
-    if (length == sizeof(reason)) story_.violation("a crash reason that is not terminated");
-    call.detail = " \"" + std::string(reason, length) + "\"";
-    if (call.refused) return 0;
-    story_.crash_sentence.assign(reason, length);
-    if (scenario_.driver.panic == "upload") stage_.panic();
-    return 0;
-}
-
-int64_t Driver::load_image(Call& call) {
-    cp_image image{};
-    if (!call.memory.read(call.argument, &image, sizeof(image))) return -EFAULT;
-    call.shown = false;
-    call.detail = fmt::format(" size={} m_offset=0x{:08x} b_offset=0x{:08x} mode={} len={}",
-                              image.size, image.m_offset, image.b_offset, image.mode, image.len);
-    if (call.refused) return 0;
-    if (!powered_) story_.violation("an image is loaded while the modem is off");
-    return take_chunk(image, call);
-}
-
-// The integrated modem's images come in chunks, the external modem's loader in one piece.
-int64_t Driver::take_chunk(const cp_image& image, Call& call) {
-    const bool whole = scenario_.external();
-    const uint64_t len = whole ? image.size : image.len;
-    const bool goes_on = image_ != nullptr && !whole && image.size == first_chunk_.size &&
-                         image.b_offset == first_chunk_.b_offset &&
-                         image.mode == first_chunk_.mode &&
-                         image.m_offset == first_chunk_.m_offset + image_bytes_ &&
-                         (image_bytes_ < image.size || len == 0);
-    if (!goes_on && !begin_image(image)) return 0;
-    if (image.m_offset + len > kModemMemory || image_bytes_ + len > image.size) {
-        story_.violation("a chunk that goes beyond its image or the modem's memory");
-        return 0;
-    }
-    if (!call.memory.read(image.image_addr, modem_memory_ + image.m_offset, len)) return -EFAULT;
-    chunks_++;
-    const bool complete_before = image_bytes_ == image.size && chunks_ > 1;
-    image_bytes_ += len;
-    story_.advance_transfer(len);
-    if (image_bytes_ == image.size && !complete_before) end_image();
-    return 0;
-}
-
-bool Driver::begin_image(const cp_image& image) {
-    if (image_ != nullptr && image_bytes_ != image_->size)
-        story_.violation(image_name(*image_) + " was left incomplete");
-    image_ = scenario_.external() ? partition_.find(kTocBoot)
-                                  : partition_.find(image.m_offset, image.b_offset, image.size);
-    if (image_ == nullptr || image_->size != image.size) {
-        story_.violation("a chunk that belongs to no image of the table");
-        image_ = nullptr;
-        return false;
-    }
-    first_chunk_ = image;
-    image_bytes_ = chunks_ = 0;
-    story_.begin_transfer(fmt::format("image {}", image_name(*image_)), image.size);
-    return true;
-}
-
-void Driver::end_image() {
-    story_.tell("daemon", "driver",
-                fmt::format("image {}, {} to 0x{:08x} of modem memory", image_name(*image_),
-                            human_size(image_bytes_), first_chunk_.m_offset));
-    if (!partition_.holds(*image_, 0, modem_memory_ + first_chunk_.m_offset, image_bytes_))
-        story_.violation(
-                fmt::format("{} in modem memory differs from its file", image_name(*image_)));
-    loaded_[first_chunk_.m_offset] = first_chunk_.size;
-}
-
-int64_t Driver::check_security(Call& call) {
-    cp_security_req req{};
-    if (!call.memory.read(call.argument, &req, sizeof(req))) return -EFAULT;
-    call.detail = fmt::format(" {} 0x{:x} 0x{:x}", req.mode, req.param1, req.param2);
-    if (req.param3 != 0) story_.violation("a security request with a third parameter");
-    if (call.refused) return 0;
-    const auto& table = partition_.table();
-    switch (req.mode) {
-        case SECURITY_NON_SECURE:
-            if (req.param1 != 0 || req.param2 != 0)
-                story_.violation("the non-secure request takes no parameters");
-            break;
-        case SECURITY_SECURE:
-        case SECURITY_DUMP:
-            if (table.size() < 2 || req.param1 != table[1].size)
-                story_.violation("a security request with another size of the boot image");
-            verified_ = true;
-            break;
-        case SECURITY_TOC:
-        case SECURITY_VSS: {
-            const auto found = loaded_.find(req.param1);
-            if (req.param2 != 0 && (found == loaded_.end() || found->second != req.param2))
-                story_.violation("a security request for an image that was never loaded");
-            break;
-        }
-        default:
-            story_.violation("a security request with an unknown mode");
-    }
-    return 0;
-}
-
-int64_t Driver::get_srinfo(Call& call) {
-    srinfo_buf buf{};
-    if (!call.memory.read(call.argument, &buf, sizeof(buf))) return -EFAULT;
-    if (buf.len != sizeof(buf.data))
-        story_.violation(fmt::format("room for a record of {} bytes", buf.len));
-    const std::string& text = scenario_.driver.srinfo;
-    if (!text.empty()) {
-        memset(buf.data, ' ', sizeof(buf.data));
-        fill_seeded(region_seed("srinfo"), 0, buf.data, kSrinfoHeader);
-        memcpy(buf.data + kSrinfoHeader, text.data(),
-               std::min(text.size(), sizeof(buf.data) - kSrinfoHeader));
-    }
-    const size_t size = text.empty() ? 0 : kSrinfoHeader + text.size();
-    buf.len = static_cast<uint32_t>(size);
-    call.detail = fmt::format(" len={}", buf.len);
-    if (!call.refused && !call.memory.write(call.argument, &buf, sizeof(buf))) return -EFAULT;
-    return 0;
-}
-
-int64_t Driver::set_srinfo(Call& call) {
-    srinfo_buf buf{};
-    if (!call.memory.read(call.argument, &buf, sizeof(buf))) return -EFAULT;
-    const size_t length = std::min<size_t>(buf.len, sizeof(buf.data));
-    if (buf.len == 0 || buf.len > sizeof(buf.data))
-        story_.violation(fmt::format("a record of {} bytes is handed back", buf.len));
-    call.detail =
-            fmt::format(" len={} ", buf.len) + std::string(buf.data, std::min<size_t>(length, 200));
-    return 0;
-}
-
-int64_t Driver::log_dump(Call& call) {
-    cp_log_dump record{};
-    if (!call.memory.read(call.argument, &record, sizeof(record))) return -EFAULT;
-    const std::string name(record.name, strnlen(record.name, sizeof(record.name)));
-    call.detail = fmt::format(" {} {}", name, record.idx);
-    if (record.idx >= std::size(kRegionNames) || name != kRegionNames[record.idx]) {
-        story_.violation("a region's name that does not match its number");
-        return -EINVAL;
-    }
-    if (call.refused) return 0;
-    const Region& region = scenario_.driver.regions.at(name);
-    record.size = static_cast<uint32_t>(region.size);
-    if (!call.memory.write(call.argument, &record, sizeof(record))) return -EFAULT;
-    stage_.flush(Node::dump);
-    region_ = name;
-    region_sent_ = 0;
-    region_end_ = static_cast<uint64_t>(region.delivers.value_or(region.size));
-    story_.begin_transfer("region " + name, region_end_);
-    stage_.pump(Node::dump);
-    return 0;
-}
-
-uint64_t Driver::region_seed(const std::string& name) const {
-    return static_cast<uint64_t>(scenario_.seed) + std::hash<std::string>()(name);
-}
-
-bool Driver::next(Node node, Packet& packet) {
-    if (node == Node::boot || region_sent_ == region_end_) return loader_.next(node, packet);
-    const Region& region = scenario_.driver.regions.at(region_);
-    const uint64_t size =
-            std::min(static_cast<uint64_t>(region.packet), region_end_ - region_sent_);
-    packet.resize(size);
-    fill_seeded(region_seed(region_), region_sent_, packet.data(), size);
-    region_sent_ += size;
-    story_.advance_transfer(size);
-    return true;
-}
-
-int64_t Driver::crash_reason(Call& call) {
-    cp_crash_reason record{};
-    record.owner = static_cast<int32_t>(scenario_.driver.owner);
-    const std::string& text = scenario_.driver.reason;
-    memcpy(record.text, text.data(), std::min(text.size(), sizeof(record.text)));
-    if (call.refused) return 0;
-    return call.memory.write(call.argument, &record, sizeof(record)) ? 0 : -EFAULT;
-}
-
-int64_t Driver::version(Call& call) {
-    lnkm_version record{};
-    const std::string& text = scenario_.driver.version;
-    memcpy(record.text, text.data(), std::min(text.size(), sizeof(record.text)));
-    if (call.refused) return 0;
-    return call.memory.write(call.argument, &record, sizeof(record)) ? 0 : -EFAULT;
+std::unique_ptr<Modem> make_modem(const Scene& scene) {
+    return std::make_unique<Driver>(scene);
 }
 
 }  // namespace rvd::lab

@@ -1,91 +1,101 @@
 #include "lab/modem/firmware.h"
 
-#include <fcntl.h>
-#include <string.h>
-#include <unistd.h>
-
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <numeric>
 
 namespace rvd::lab {
 
 namespace {
 
-constexpr char kPartitionPath[] = "/dev/block/by-name/modem";
-constexpr uint64_t kLargestImage = 1u << 30;  // beyond it an entry is nonsense and has no bytes
-constexpr uint32_t kFirstModemOffset = 0x1000;
-constexpr size_t kPiece = 64 << 10;
-constexpr uint64_t kNvSeed = 1000;
+constexpr uint32_t kLargestImage = 1u << 30;  // an entry beyond it is nonsense and has no bytes
+constexpr uint32_t kFirstModemOffset = 0x1000, kPage = 0x1000;
+constexpr uint32_t kFirstCrc = 0xC0DE0000;
+constexpr uint64_t kNvSeed = 1000, kDumpSeed = 2000;
 
 bool is_nv(const toc_entry& entry) {
     return has_name(entry, kTocNv) || has_name(entry, kTocNvNorm) || has_name(entry, kTocNvProt);
 }
 
-void write_seeded(int fd, uint64_t seed, uint64_t place, uint64_t size) {
-    std::vector<uint8_t> piece(kPiece);
-    for (uint64_t done = 0; done < size; done += kPiece) {
-        const size_t take = std::min<uint64_t>(kPiece, size - done);
-        fill_seeded(seed, done, piece.data(), take);
-        if (pwrite(fd, piece.data(), take, static_cast<off_t>(place + done)) < 0)
-            fail_errno("cannot fill an image");
-    }
+uint32_t word(const std::optional<int64_t>& given, int64_t otherwise) {
+    return static_cast<uint32_t>(given.value_or(otherwise));
 }
 
-int create(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) fail_errno("cannot create " + path);
-    return fd;
+void put_seeded(std::ofstream& file, uint64_t seed, uint32_t place, uint64_t size) {
+    Packet bytes(size);
+    fill_seeded(seed, 0, bytes.data(), size);
+    file.seekp(place).write(reinterpret_cast<char*>(bytes.data()), static_cast<ssize_t>(size));
+}
+
+void finish(std::ofstream& file, const std::string& path) {
+    if (!file.flush()) fail_errno("cannot write " + path);
 }
 
 }  // namespace
 
 std::string image_name(const toc_entry& entry) {
-    return {entry.name, strnlen(entry.name, sizeof(entry.name))};
+    return TocName(entry).text;
 }
 
+Content content_of(const Scenario& scenario, const std::string& name) {
+    const auto seed = static_cast<uint64_t>(scenario.seed);
+    const auto& steps = scenario.dump.steps;
+    if (name == "dump") {
+        const int64_t size = std::accumulate(steps.begin(), steps.end(), int64_t{0});
+        return {seed + kDumpSeed, static_cast<uint64_t>(size)};
+    }
+    const auto region = scenario.driver.regions.find(name);
+    if (region == scenario.driver.regions.end())
+        throw Unable("nothing is called \"" + name + "\" that a file could equal");
+    return {seed + std::hash<std::string>()(name), static_cast<uint64_t>(region->second.size)};
+}
+
+// An entry that says nothing of its place stands behind the one before it; NV has a file of its
+// own.
 Partition::Partition(const Scenario& scenario, std::string root)
-    : scenario_(scenario), root_(std::move(root)) {
-    uint32_t b_off = kTocEntries * sizeof(toc_entry);
-    uint32_t m_off = kFirstModemOffset;
+    : scenario_(scenario),
+      partition_path_(root + "/dev/block/by-name/modem"),
+      nv_path_(root + scenario.nv_path()) {
+    uint32_t b_off = kTocEntries * sizeof(toc_entry), m_off = kFirstModemOffset;
     for (const FirmwareEntry& given : scenario.firmware.entries) {
-        const bool first = table_.empty();
         toc_entry entry{};
-        memcpy(entry.name, given.name.data(), std::min(given.name.size(), sizeof(entry.name)));
-        entry.size = static_cast<uint32_t>(given.size.value_or(512));
-        entry.b_off =
-                static_cast<uint32_t>(given.b_off.value_or(first || is_nv(entry) ? 0 : b_off));
-        entry.m_off = static_cast<uint32_t>(given.m_off.value_or(m_off));
-        entry.crc = static_cast<uint32_t>(
-                given.crc.value_or(static_cast<int64_t>(0xC0DE0000u + table_.size())));
-        if (!first && !is_nv(entry) && entry.size < kLargestImage) b_off = entry.b_off + entry.size;
-        if (entry.size < kLargestImage) m_off += (entry.size + 0xFFF) & ~0xFFFu;
+        given.name.copy(entry.name, sizeof(entry.name));
+        const bool inside = !table_.empty() && !is_nv(entry);
+        entry.size = word(given.size, 512);
+        entry.b_off = word(given.b_off, inside ? b_off : 0);
+        entry.m_off = word(given.m_off, m_off);
+        entry.crc = word(given.crc, kFirstCrc + static_cast<uint32_t>(table_.size()));
         table_.push_back(entry);
+        if (entry.size >= kLargestImage) continue;
+        if (inside) b_off = entry.b_off + entry.size;
+        m_off += (entry.size + kPage - 1) / kPage * kPage;
     }
     table_[0].toc_count = static_cast<uint32_t>(table_.size());
 }
 
 void Partition::write() const {
-    const int fd = create(root_ + kPartitionPath);
-    const toc_entry* nv = nullptr;
-    for (size_t i = 0; i < table_.size(); i++) {
-        const toc_entry& entry = table_[i];
-        if (has_name(entry, kTocNv)) nv = &entry;
-        if (i > 0 && !is_nv(entry) && entry.size < kLargestImage)
-            write_seeded(fd, static_cast<uint64_t>(scenario_.seed) + i, entry.b_off, entry.size);
+    const auto seed = static_cast<uint64_t>(scenario_.seed);
+    std::ofstream file(partition_path_, std::ios::binary);
+    for (size_t i = 1; i < table_.size(); i++) {
+        if (!is_nv(table_[i]) && table_[i].size < kLargestImage)
+            put_seeded(file, seed + i, table_[i].b_off, table_[i].size);
     }
     const size_t table_size = std::min<size_t>(table_.size(), kTocEntries) * sizeof(toc_entry);
-    if (pwrite(fd, table_.data(), table_size, 0) < 0) fail_errno("cannot write the table");
-    if (scenario_.firmware.truncate &&
-        ftruncate(fd, static_cast<off_t>(*scenario_.firmware.truncate)) != 0)
-        fail_errno("cannot cut the partition");
-    close(fd);
+    file.seekp(0).write(reinterpret_cast<const char*>(table_.data()),
+                        static_cast<ssize_t>(table_size));
+    finish(file, partition_path_);
+    const Firmware& firmware = scenario_.firmware;
+    if (firmware.truncate)
+        std::filesystem::resize_file(partition_path_, static_cast<uint64_t>(*firmware.truncate));
 
-    const int64_t nv_size =
-            scenario_.firmware.nv_size.value_or(nv ? int64_t{nv->b_off} + nv->size : -1);
+    const toc_entry* nv = find(kTocNv);
+    const int64_t nv_size = firmware.nv_size.value_or(nv ? int64_t{nv->b_off} + nv->size : -1);
     if (nv_size < 0) return;
-    const int nv_fd = create(root_ + scenario_.nv_path());
-    write_seeded(nv_fd, static_cast<uint64_t>(scenario_.seed) + kNvSeed, 0,
-                 static_cast<uint64_t>(nv_size));
-    close(nv_fd);
+    std::ofstream nv_file(nv_path_, std::ios::binary);
+    put_seeded(nv_file, seed + kNvSeed, 0, static_cast<uint64_t>(nv_size));
+    finish(nv_file, nv_path_);
 }
 
 const toc_entry* Partition::find(uint32_t m_off, uint32_t b_off, uint32_t size) const {
@@ -103,25 +113,12 @@ const toc_entry* Partition::find(const char* name) const {
     return nullptr;
 }
 
-std::string Partition::source_of(const toc_entry& entry) const {
-    return root_ + (is_nv(entry) ? scenario_.nv_path() : kPartitionPath);
-}
-
-bool Partition::holds(const toc_entry& entry, uint64_t offset, const void* bytes,
-                      size_t size) const {
-    const int fd = open(source_of(entry).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const auto* wanted = static_cast<const uint8_t*>(bytes);
-    uint8_t piece[kPiece];
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = pread(fd, piece, std::min(kPiece, size - done),
-                                static_cast<off_t>(entry.b_off + offset + done));
-        if (n <= 0 || memcmp(piece, wanted + done, static_cast<size_t>(n)) != 0) break;
-        done += static_cast<size_t>(n);
-    }
-    close(fd);
-    return done == size;
+bool Partition::holds(const toc_entry& entry, const Packet& bytes) const {
+    std::ifstream file(is_nv(entry) ? nv_path_ : partition_path_, std::ios::binary);
+    Packet wanted(bytes.size());
+    file.seekg(entry.b_off)
+            .read(reinterpret_cast<char*>(wanted.data()), static_cast<ssize_t>(wanted.size()));
+    return file.good() && wanted == bytes;
 }
 
 }  // namespace rvd::lab

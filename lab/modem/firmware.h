@@ -1,5 +1,5 @@
-// The firmware partition of the virtual phone: its table of contents and its images, and where each
-// image's true bytes are to be found.
+// What the modem's bytes are: the images of the firmware partition, and the content of the memory
+// regions and of the crash dump.
 #pragma once
 
 #include <string>
@@ -12,6 +12,12 @@ namespace rvd::lab {
 
 std::string image_name(const toc_entry& entry);
 
+// Seed (for fill_seeded) and size of the "dump" or of a region. Throws Unable for another name.
+struct Content {
+    uint64_t seed, size;
+};
+Content content_of(const Scenario& scenario, const std::string& name);
+
 class Partition {
   public:
     // `root` is the directory that is the phone's "/".
@@ -22,18 +28,16 @@ class Partition {
 
     const std::vector<toc_entry>& table() const { return table_; }
 
-    // The entry with these values as a loader request carries them, or null.
+    // The first entry with these values or this name, or null.
     const toc_entry* find(uint32_t m_off, uint32_t b_off, uint32_t size) const;
     const toc_entry* find(const char* name) const;
 
-    // Whether `bytes` are what the image's own file holds from `offset` of the image on.
-    bool holds(const toc_entry& entry, uint64_t offset, const void* bytes, size_t size) const;
+    // Whether the image's file has these bytes where the image begins.
+    bool holds(const toc_entry& entry, const Packet& bytes) const;
 
   private:
-    std::string source_of(const toc_entry& entry) const;
-
     const Scenario& scenario_;
-    std::string root_;
+    const std::string partition_path_, nv_path_;
     std::vector<toc_entry> table_;
 };
 

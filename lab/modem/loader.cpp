@@ -4,292 +4,273 @@
 #include <string.h>
 
 #include <algorithm>
+#include <deque>
 #include <numeric>
+
+#include "protocol/link.h"
 
 namespace rvd::lab {
 
 namespace {
 
-Packet word_packet(uint32_t word) {
-    Packet packet(sizeof(word));
-    memcpy(packet.data(), &word, sizeof(word));
-    return packet;
+template <class Record>
+Packet packet_of(const Record& record) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&record);
+    return {bytes, bytes + sizeof(record)};
 }
 
-uint32_t first_word(const Packet& packet) {
-    uint32_t word = 0;
-    if (packet.size() >= sizeof(word)) memcpy(&word, packet.data(), sizeof(word));
-    return word;
-}
-
-uint32_t response_to(uint32_t request) {
-    return UDL_RESP | (request & 0x0FFF);
+// What is missing of a short packet is 0.
+template <class Record>
+Record record_of(const Packet& packet) {
+    Record record{};
+    const size_t size = std::min(packet.size(), sizeof(record));
+    std::copy_n(packet.begin(), size, reinterpret_cast<uint8_t*>(&record));
+    return record;
 }
 
 std::string name_of(uint32_t word) {
     return fmt::format("0x{:04X}", word);
 }
 
+class ModelLoader : public Loader, private Scene {
+  public:
+    ModelLoader(const Scene& scene, cp_boot_mode mode)
+        : Loader(mode == CP_BOOT_MODE_DUMP ? Node::dump : Node::boot), Scene(scene) {
+        if (node == Node::dump) {
+            plan_dump();
+        } else if (scenario.external()) {
+            plan_download();
+        } else {
+            plan_.push_back({Kind::word, 0, UDL_CMD_DONE});
+            plan_.push_back({Kind::word, UDL_STAGE_FINISH, UDL_CMD_START});
+        }
+    }
+
+    bool finished() const override { return step_ == plan_.size(); }
+
+    void receive(const Packet& packet) override {
+        if (!finished() && plan_[step_].kind == Kind::optional_word &&
+            record_of<uint32_t>(packet) != plan_[step_].word())
+            step_++;
+        if (finished()) return refuse(packet);
+        const Expected expected = plan_[step_];
+        if (expected.kind == Kind::frames) {
+            take_frame(packet, expected);
+        } else {
+            take_word(packet, expected);
+        }
+        stage.pump(node);
+    }
+
+    bool next(Packet& packet) override {
+        if (silent_) return false;
+        while (outgoing_.empty()) {
+            if (!next_frame(packet)) return false;
+            if (scenario.loader.empty()) return true;
+            send(fmt::format("{}.{}", dump_step_, frame_), packet);
+        }
+        if (outgoing_.front().due > stage.now()) return false;
+        if (const Quirk* end = outgoing_.front().end) {
+            story.tell("loader", "", end->silent ? "goes silent" : "hangs up");
+            silent_ = true;
+            if (end->hang_up) stage.hang_up(node);
+            return false;
+        }
+        packet.swap(outgoing_.front().packet);
+        outgoing_.pop_front();
+        return true;
+    }
+
+  private:
+    enum class Kind { word, optional_word, frames, crc, dump_start, dump_step };
+
+    // One thing that the loader waits for.
+    struct Expected {
+        Kind kind;
+        uint32_t number, command;  // stage and what of it
+        const toc_entry* entry = nullptr;
+
+        uint32_t word() const { return udl_request(number, command); }
+    };
+
+    struct Outgoing {
+        Packet packet;
+        Time due;
+        const Quirk* end = nullptr;  // instead of the packet: silence or a hang-up
+    };
+
+    // The table is stage 1, the loader itself was loaded as stage 0, and every other image has the
+    // stage of its place in the table, up to the row that ends it.
+    void plan_download() {
+        const auto& table = partition.table();
+        plan_.push_back({Kind::optional_word, 0, UDL_CMD_DONE});
+        for (uint32_t row = 0; row < std::min<size_t>(table.size(), UDL_STAGE_DUMP); row++) {
+            if (row == 1) continue;
+            const uint32_t number = std::max(row, 1u);
+            const toc_entry& entry = table[row];
+            if (row > 0 && has_name(entry, kTocOffset))
+                return plan_.push_back({Kind::word, UDL_STAGE_FINISH, UDL_CMD_START});
+            plan_.push_back({Kind::word, number, UDL_CMD_START});
+            plan_.push_back({Kind::frames, number, UDL_CMD_BIN, &entry});
+            if (has_name(entry, kTocMain))
+                plan_.push_back({Kind::crc, number, UDL_CMD_CRC, &entry});
+            plan_.push_back({Kind::word, number, UDL_CMD_DONE});
+        }
+    }
+
+    void plan_dump() {
+        const DumpSetup& dump = scenario.dump;
+        plan_.push_back({Kind::dump_start, UDL_STAGE_DUMP, UDL_CMD_START});
+        const uint32_t steps = static_cast<uint32_t>(dump.steps.size());
+        for (uint32_t step = 1; step <= std::min(steps, UDL_MAX_STEP); step++)
+            plan_.push_back({Kind::dump_step, UDL_STAGE_DUMP, step});
+        plan_.push_back({Kind::word, UDL_STAGE_DUMP, UDL_CMD_DONE});
+    }
+
+    void take_word(const Packet& packet, const Expected& expected) {
+        const auto sum = record_of<udl_crc>(packet);
+        const bool crc = expected.kind == Kind::crc;
+        if (sum.cmd != expected.word() || packet.size() != (crc ? sizeof(sum) : sizeof(sum.cmd)))
+            return refuse(packet);
+        if (crc && sum.crc != expected.entry->crc)
+            story.violation(fmt::format("checksum 0x{:08X} sent, 0x{:08X} in the table", sum.crc,
+                                        expected.entry->crc));
+        step_++;
+        story.request("loader", "link " + name_of(expected.word()));
+        if (expected.kind == Kind::dump_step) return begin_dump_step(expected.command);
+        respond(expected);
+        if (expected.kind == Kind::dump_start) announce_dump();
+        if (!finished() && plan_[step_].kind == Kind::frames && plan_[step_].entry->size == 0)
+            end_image(plan_[step_]);
+    }
+
+    void take_frame(const Packet& packet, const Expected& expected) {
+        const toc_entry& entry = *expected.entry;
+        const auto frame = record_of<udl_frame>(packet);
+        const uint64_t left = entry.size - image_.size();
+        if (frame.cmd != expected.word() || frame.num_frames != udl_frames(entry.size) ||
+            frame.curr_frame != image_frames_ + 1 ||
+            frame.len != std::min<uint64_t>(left, UDL_MSS) ||
+            packet.size() != UDL_HEADER + frame.len)
+            return refuse(packet);
+        if (frame.curr_frame == 1) story.begin_transfer("image " + image_name(entry), entry.size);
+        image_.insert(image_.end(), frame.data, frame.data + frame.len);
+        image_frames_ = frame.curr_frame;
+        story.advance_transfer(frame.len);
+        if (image_.size() == entry.size) end_image(expected);
+    }
+
+    void end_image(const Expected& expected) {
+        const std::string name = image_name(*expected.entry);
+        story.tell("daemon", "loader",
+                   fmt::format("image {}, {} in {} frames", name, human_size(image_.size()),
+                               image_frames_));
+        if (!partition.holds(*expected.entry, image_))
+            story.violation(name + " differs from its file");
+        image_.clear();
+        image_frames_ = 0;
+        step_++;
+        respond(expected);
+    }
+
+    void refuse(const Packet& packet) {
+        story.violation(fmt::format("the loader expects {} and gets {} bytes, first word {}",
+                                    finished() ? "nothing more" : name_of(plan_[step_].word()),
+                                    packet.size(), name_of(record_of<uint32_t>(packet))));
+    }
+
+    void announce_dump() {
+        const DumpSetup& dump = scenario.dump;
+        udl_dump_info info{};
+        info.dump_size = static_cast<uint32_t>(content_of(scenario, "dump").size);
+        info.num_steps = static_cast<uint32_t>(dump.steps.size());
+        info.reason_len = static_cast<uint32_t>(dump.reason.size());
+        send("info", packet_of(info));
+        if (!dump.reason.empty()) send("reason", Packet(dump.reason.begin(), dump.reason.end()));
+    }
+
+    void begin_dump_step(uint32_t step) {
+        const auto& steps = scenario.dump.steps;
+        const auto end =
+                steps.begin() + std::min<ptrdiff_t>(step - 1, static_cast<ptrdiff_t>(steps.size()));
+        dump_step_ = step;
+        frame_ = 0;
+        step_begin_ = static_cast<uint64_t>(std::accumulate(steps.begin(), end, int64_t{0}));
+        step_size_ = end == steps.end() ? 0 : static_cast<uint64_t>(*end);
+        story.begin_transfer(fmt::format("dump step {}", step), step_size_);
+    }
+
+    bool next_frame(Packet& packet) {
+        const uint64_t done = frame_ * uint64_t{UDL_MSS};
+        if (done >= step_size_) return false;
+        const uint64_t len = std::min<uint64_t>(UDL_MSS, step_size_ - done);
+        const uint32_t header[] = {udl_response(UDL_STAGE_DUMP, dump_step_),
+                                   udl_frames(static_cast<uint32_t>(step_size_)), ++frame_,
+                                   static_cast<uint32_t>(len)};
+        packet = packet_of(header);
+        packet.resize(UDL_HEADER + len);
+        fill_seeded(content_of(scenario, "dump").seed, step_begin_ + done, &packet[UDL_HEADER],
+                    len);
+        story.advance_transfer(len);
+        return true;
+    }
+
+    void respond(const Expected& request) {
+        const uint32_t word = udl_response(request.number, request.command);
+        send(name_of(word), packet_of(word));
+    }
+
+    void send(const std::string& name, Packet packet) {
+        Time due = outgoing_.empty() ? stage.now() : outgoing_.back().due;
+        const Quirk* quirk =
+                first_due(scenario.loader, [&](const Quirk& known) { return known.at == name; });
+        if (quirk == nullptr) {
+            if (name[0] == '0') story.tell("loader", "daemon", name);
+            outgoing_.push_back({std::move(packet), due});
+            return;
+        }
+        if (quirk->silent || quirk->hang_up) {
+            outgoing_.push_back({{}, due, quirk});
+            return;
+        }
+        const auto put = [&](size_t offset, const std::optional<int64_t>& value) {
+            const auto word = static_cast<uint32_t>(value.value_or(0));
+            if (value && packet.size() >= offset + sizeof(word))
+                memcpy(&packet[offset], &word, sizeof(word));
+        };
+        put(offsetof(udl_frame, cmd), quirk->say);
+        put(offsetof(udl_frame, curr_frame), quirk->curr_frame);
+        put(offsetof(udl_frame, len), quirk->len);
+        if (quirk->cut) packet.resize(static_cast<size_t>(*quirk->cut));
+        packet.resize(packet.size() + static_cast<size_t>(quirk->extra), 0x55);
+        due += quirk->late;
+        story.tell("loader", "daemon",
+                   fmt::format("{} as the scenario changes it: {} bytes, first word {}", name,
+                               packet.size(), name_of(record_of<uint32_t>(packet))));
+        outgoing_.push_back({packet, due});
+        if (quirk->twice) outgoing_.push_back({packet, due});
+        if (quirk->late > 0)
+            stage.later(due - stage.now(), [&where = stage, at = node] { where.pump(at); });
+    }
+
+    std::vector<Expected> plan_;
+    size_t step_ = 0;  // of the plan
+    std::deque<Outgoing> outgoing_;
+    bool silent_ = false;
+
+    // The image that comes in.
+    Packet image_;
+    uint32_t image_frames_ = 0;
+
+    // The dump step that goes out, and where it begins in the dump.
+    uint32_t dump_step_ = 0, frame_ = 0;
+    uint64_t step_begin_ = 0, step_size_ = 0;
+};
+
 }  // namespace
 
-void Loader::start(cp_boot_mode mode) {
-    stop();
-    running_ = true;
-    node_ = mode == CP_BOOT_MODE_DUMP ? Node::dump : Node::boot;
-    if (mode == CP_BOOT_MODE_DUMP) {
-        plan_dump();
-    } else if (scenario_.external()) {
-        plan_download();
-    } else {
-        plan_handshake();
-    }
-}
-
-void Loader::stop() {
-    running_ = silent_ = false;
-    generation_++;
-    plan_.clear();
-    outgoing_.clear();
-    step_ = 0;
-    step_size_ = frame_ = 0;
-    image_.clear();
-    image_frames_ = 0;
-}
-
-void Loader::plan_handshake() {
-    plan_.push_back({Kind::word, udl_request(0, UDL_CMD_DONE)});
-    plan_.push_back({Kind::word, udl_request(UDL_STAGE_FINISH, UDL_CMD_START)});
-}
-
-// The loader itself is stage 0 and closed where the daemon closes it; the table is stage 1, and
-// every other image has the stage of its place in the table.
-void Loader::plan_download() {
-    plan_.push_back({Kind::optional_word, udl_request(0, UDL_CMD_DONE)});
-    const auto& table = partition_.table();
-    plan_row(1, table[0]);
-    for (uint32_t i = 1; i < std::min<size_t>(table.size(), UDL_STAGE_DUMP); i++) {
-        if (has_name(table[i], kTocOffset)) {
-            plan_.push_back({Kind::word, udl_request(UDL_STAGE_FINISH, UDL_CMD_START)});
-            break;
-        }
-        if (i > 1) plan_row(i, table[i]);
-    }
-}
-
-void Loader::plan_row(uint32_t stage, const toc_entry& entry) {
-    plan_.push_back({Kind::word, udl_request(stage, UDL_CMD_START)});
-    plan_.push_back({Kind::frames, udl_request(stage, UDL_CMD_BIN), &entry});
-    if (has_name(entry, kTocMain))
-        plan_.push_back({Kind::crc, udl_request(stage, UDL_CMD_CRC), &entry});
-    plan_.push_back({Kind::word, udl_request(stage, UDL_CMD_DONE)});
-}
-
-void Loader::plan_dump() {
-    plan_.push_back({Kind::dump_start, udl_request(UDL_STAGE_DUMP, UDL_CMD_START)});
-    const auto steps = static_cast<uint32_t>(scenario_.dump.steps.size());
-    for (uint32_t step = 1; step <= std::min(steps, UDL_MAX_STEP); step++)
-        plan_.push_back({Kind::dump_step, udl_request(UDL_STAGE_DUMP, step)});
-    plan_.push_back({Kind::word, udl_request(UDL_STAGE_DUMP, UDL_CMD_DONE)});
-}
-
-void Loader::receive(Node node, const Packet& packet) {
-    if (!running_ || node != node_) {
-        story_.violation(fmt::format("{} bytes written to the {} node while no boot loader runs",
-                                     packet.size(), node_name(node)));
-        return;
-    }
-    if (step_ < plan_.size() && plan_[step_].kind == Kind::optional_word &&
-        first_word(packet) != plan_[step_].word)
-        step_++;
-    if (step_ == plan_.size()) {
-        wrong(packet);
-        return;
-    }
-    const Expected expected = plan_[step_];
-    if (expected.kind == Kind::frames) {
-        accept_frame(packet, expected);
-    } else if (accept_word(packet, expected)) {
-        step_++;
-        story_.request("loader", "link " + name_of(expected.word));
-        if (expected.kind == Kind::dump_step) {
-            begin_step(expected.word & 0xFF);
-        } else {
-            send_word(response_to(expected.word));
-        }
-        if (expected.kind == Kind::dump_start) announce_dump();
-        if (step_ < plan_.size() && plan_[step_].kind == Kind::frames &&
-            plan_[step_].entry->size == 0)
-            image_done(plan_[step_]);
-    }
-    stage_.pump(node_);
-}
-
-bool Loader::accept_word(const Packet& packet, const Expected& expected) {
-    const bool crc = expected.kind == Kind::crc;
-    if (first_word(packet) != expected.word ||
-        packet.size() != (crc ? sizeof(udl_crc) : sizeof(uint32_t))) {
-        wrong(packet);
-        return false;
-    }
-    if (crc) {
-        udl_crc sum;
-        memcpy(&sum, packet.data(), sizeof(sum));
-        if (sum.crc != expected.entry->crc)
-            story_.violation(fmt::format("checksum 0x{:08X} sent, 0x{:08X} in the table", sum.crc,
-                                         expected.entry->crc));
-    }
-    return true;
-}
-
-void Loader::accept_frame(const Packet& packet, const Expected& expected) {
-    const toc_entry& entry = *expected.entry;
-    udl_frame frame{};
-    memcpy(&frame, packet.data(), std::min(packet.size(), sizeof(frame)));
-    const uint64_t left = entry.size - image_.size();
-    const bool right = frame.cmd == expected.word && frame.num_frames == udl_frames(entry.size) &&
-                       frame.curr_frame == image_frames_ + 1 &&
-                       frame.len == std::min<uint64_t>(left, UDL_MSS) &&
-                       packet.size() == UDL_HEADER + frame.len;
-    if (!right) {
-        wrong(packet);
-        return;
-    }
-    if (frame.curr_frame == 1)
-        story_.begin_transfer(fmt::format("image {}", image_name(entry)), entry.size);
-    image_.insert(image_.end(), frame.data, frame.data + frame.len);
-    image_frames_ = frame.curr_frame;
-    story_.advance_transfer(frame.len);
-    if (image_.size() == entry.size) image_done(expected);
-}
-
-void Loader::image_done(const Expected& expected) {
-    story_.tell("daemon", "loader",
-                fmt::format("image {}, {} in {} frames", image_name(*expected.entry),
-                            human_size(expected.entry->size), image_frames_));
-    if (!partition_.holds(*expected.entry, 0, image_.data(), image_.size()))
-        story_.violation(fmt::format("{} differs from its file", image_name(*expected.entry)));
-    image_.clear();
-    image_frames_ = 0;
-    step_++;
-    send_word(response_to(expected.word));
-}
-
-void Loader::wrong(const Packet& packet) {
-    const std::string wanted =
-            step_ < plan_.size() ? name_of(plan_[step_].word) : std::string("nothing more");
-    story_.violation(fmt::format("the loader expects {} and gets {} bytes, first word {}", wanted,
-                                 packet.size(), name_of(first_word(packet))));
-}
-
-uint64_t Loader::dump_size() const {
-    const auto& steps = scenario_.dump.steps;
-    return static_cast<uint64_t>(std::accumulate(steps.begin(), steps.end(), int64_t{0}));
-}
-
-void Loader::announce_dump() {
-    const DumpSetup& dump = scenario_.dump;
-    udl_dump_info info{};
-    info.dump_size = static_cast<uint32_t>(dump_size());
-    info.num_steps = static_cast<uint32_t>(dump.steps.size());
-    info.reason_len = static_cast<uint32_t>(dump.reason.size());
-    Packet packet(sizeof(info));
-    memcpy(packet.data(), &info, sizeof(info));
-    send("info", packet);
-    if (!dump.reason.empty()) send("reason", Packet(dump.reason.begin(), dump.reason.end()));
-}
-
-void Loader::begin_step(uint32_t step) {
-    const auto& steps = scenario_.dump.steps;
-    dump_step_ = step;
-    frame_ = 0;
-    step_begin_ = 0;
-    for (size_t i = 0; i + 1 < step && i < steps.size(); i++)
-        step_begin_ += static_cast<uint64_t>(steps[i]);
-    step_size_ = step <= steps.size() ? static_cast<uint64_t>(steps[step - 1]) : 0;
-    story_.begin_transfer(fmt::format("dump step {}", step), step_size_);
-}
-
-bool Loader::next_frame(Packet& packet) {
-    const uint64_t done = frame_ * uint64_t{UDL_MSS};
-    if (done >= step_size_) return false;
-    const uint64_t len = std::min<uint64_t>(UDL_MSS, step_size_ - done);
-    udl_frame header{};
-    header.cmd = udl_response(UDL_STAGE_DUMP, dump_step_);
-    header.num_frames = udl_frames(static_cast<uint32_t>(step_size_));
-    header.curr_frame = ++frame_;
-    header.len = static_cast<uint32_t>(len);
-    packet.resize(UDL_HEADER + len);
-    memcpy(packet.data(), &header, UDL_HEADER);
-    fill_seeded(dump_seed(), step_begin_ + done, packet.data() + UDL_HEADER, len);
-    story_.advance_transfer(len);
-    return true;
-}
-
-bool Loader::next(Node node, Packet& packet) {
-    if (!running_ || node != node_ || silent_) return false;
-    while (outgoing_.empty()) {
-        if (!next_frame(packet)) return false;
-        if (scenario_.loader.empty()) return true;
-        send(fmt::format("{}.{}", dump_step_, frame_), packet);
-    }
-    if (outgoing_.front().due > stage_.now()) return false;
-    if (const Quirk* end = outgoing_.front().end) {
-        story_.tell("loader", "", end->silent ? "goes silent" : "hangs up");
-        silent_ = true;
-        if (end->hang_up) stage_.hang_up(node_);
-        return false;
-    }
-    packet.swap(outgoing_.front().packet);
-    outgoing_.pop_front();
-    return true;
-}
-
-const Quirk* Loader::quirk_for(const std::string& name) {
-    const Quirk* found = nullptr;
-    for (const Quirk& quirk : scenario_.loader) {
-        if (quirk.at == name && quirk.turn.takes() && found == nullptr) found = &quirk;
-    }
-    return found;
-}
-
-void Loader::send_word(uint32_t word) {
-    send(name_of(word), word_packet(word));
-}
-
-void Loader::send(const std::string& name, Packet packet) {
-    Time due = outgoing_.empty() ? stage_.now() : outgoing_.back().due;
-    const Quirk* quirk = quirk_for(name);
-    if (quirk == nullptr) {
-        if (name[0] == '0') story_.tell("loader", "daemon", name);
-        outgoing_.push_back({std::move(packet), due});
-        return;
-    }
-    if (quirk->silent || quirk->hang_up) {
-        outgoing_.push_back({{}, due, quirk});
-        return;
-    }
-    const auto put = [&](size_t offset, const std::optional<int64_t>& value) {
-        const auto word = static_cast<uint32_t>(value.value_or(0));
-        if (value && packet.size() >= offset + sizeof(word))
-            memcpy(packet.data() + offset, &word, sizeof(word));
-    };
-    put(offsetof(udl_frame, cmd), quirk->say);
-    put(offsetof(udl_frame, curr_frame), quirk->curr_frame);
-    put(offsetof(udl_frame, len), quirk->len);
-    if (quirk->cut) packet.resize(static_cast<size_t>(*quirk->cut));
-    packet.resize(packet.size() + static_cast<size_t>(quirk->extra), 0x55);
-    due += quirk->late;
-    story_.tell("loader", "daemon",
-                fmt::format("{} as the scenario changes it: {} bytes, first word {}", name,
-                            packet.size(), name_of(first_word(packet))));
-    outgoing_.push_back({packet, due});
-    if (quirk->twice) outgoing_.push_back({packet, due});
-    if (quirk->late > 0) {
-        const int generation = generation_;
-        stage_.later(due - stage_.now(), [this, generation] {
-            if (generation == generation_) stage_.pump(node_);
-        });
-    }
+std::unique_ptr<Loader> start_loader(const Scene& scene, cp_boot_mode mode) {
+    return std::make_unique<ModelLoader>(scene, mode);
 }
 
 }  // namespace rvd::lab

@@ -1,11 +1,16 @@
 // Where the models end and the stage begins. The models are the modem's driver and its boot loader;
-// the stage is whatever carries the daemon's system calls to them and their answers back. The
-// models know nothing of how that is done, the stage nothing of what is said.
+// the stage carries the daemon's system calls to them and their answers back.
 #pragma once
 
+#include <string.h>
+#include <sys/uio.h>
+
 #include <functional>
+#include <memory>
 
 #include "lab/base.h"
+#include "lab/modem/firmware.h"
+#include "lab/run/story.h"
 
 namespace rvd::lab {
 
@@ -15,35 +20,59 @@ inline const char* node_name(Node node) {
     return node == Node::boot ? "boot" : "dump";
 }
 
-// The caller's memory, as a driver reaches it. Both return false where the address is bad.
+// The memory of a process. Reading and writing return false where the address is bad.
 class Memory {
   public:
-    virtual ~Memory() = default;
-    virtual bool read(uint64_t address, void* out, size_t size) = 0;
-    virtual bool write(uint64_t address, const void* data, size_t size) = 0;
+    explicit Memory(pid_t pid) : pid_(pid) {}
+
+    bool read(uint64_t address, void* out, size_t size) const {
+        return copy(process_vm_readv, address, out, size);
+    }
+    bool write(uint64_t address, const void* data, size_t size) const {
+        return copy(process_vm_writev, address, const_cast<void*>(data), size);
+    }
+
+    // A text up to its NUL, at most a path's length. The page behind its first one may be missing.
+    std::string text(uint64_t address) const {
+        constexpr size_t kPage = 4096;
+        const size_t first = kPage - address % kPage;
+        char bytes[2 * kPage];
+        const iovec here = {bytes, sizeof(bytes)};
+        const iovec there[] = {{reinterpret_cast<void*>(address), first},
+                               {reinterpret_cast<void*>(address + first), kPage}};
+        const ssize_t n = process_vm_readv(pid_, &here, 1, there, 2, 0);
+        return {bytes, n > 0 ? strnlen(bytes, static_cast<size_t>(n)) : 0};
+    }
+
+  private:
+    template <class Copy>
+    bool copy(Copy call, uint64_t address, void* bytes, size_t size) const {
+        const iovec here = {bytes, size}, there = {reinterpret_cast<void*>(address), size};
+        return size == 0 || call(pid_, &here, 1, &there, 1, 0) == static_cast<ssize_t>(size);
+    }
+
+    pid_t pid_;
 };
 
-// What the models may ask of the stage.
+// What the models ask of the stage.
 class Stage {
   public:
     virtual ~Stage() = default;
     virtual Time now() const = 0;
     virtual void later(Time delay, std::function<void()> what) = 0;
+    virtual void hang_up(Node node) = 0;  // of every open descriptor of the node
+    virtual void end_hang_up() = 0;       // of the descriptor whose request is served
+    virtual void flush(Node node) = 0;    // forgets what was sent to the node and not read
+    virtual void pump(Node node) = 0;     // asks the driver for the node's next packets
+    virtual void panic() = 0;             // of the kernel: the device is gone
+};
 
-    // Raises a hang-up on every open descriptor of the node.
-    virtual void hang_up(Node node) = 0;
-
-    // The descriptor that is being served works again.
-    virtual void end_hang_up() = 0;
-
-    // Forgets what was sent to the node and not read.
-    virtual void flush(Node node) = 0;
-
-    // The model has something to send after all: ask it again.
-    virtual void pump(Node node) = 0;
-
-    // The kernel panics and the device is gone.
-    virtual void panic() = 0;
+// What a model has around it.
+struct Scene {
+    const Scenario& scenario;
+    const Partition& partition;
+    Stage& stage;
+    Story& story;
 };
 
 // What the stage asks of the models.
@@ -51,17 +80,23 @@ class Modem {
   public:
     virtual ~Modem() = default;
 
-    // One driver request; the result as the driver returns it, a negated errno on failure.
-    virtual int64_t request(Node node, unsigned long number, uint64_t argument, Memory& memory) = 0;
-
-    // A request that failed before it came to the driver.
+    // One request: its result or a negated errno. A lost one failed before it came here.
+    virtual int64_t request(Node node, unsigned long number, uint64_t argument,
+                            const Memory& memory) = 0;
     virtual void lost(unsigned long number) = 0;
 
-    // One packet that was written to the node.
+    // One packet written to a node; the next one for its reader, or false if there is none now.
     virtual void received(Node node, const Packet& packet) = 0;
-
-    // The next packet for the node's reader, or false if there is none now.
     virtual bool next(Node node, Packet& packet) = 0;
+
+    // The modem changes its state: the boot node hangs up until the state is read.
+    virtual void change_state(int state) = 0;
+
+    virtual void reboot() = 0;  // of the device
 };
+
+std::unique_ptr<Modem> make_modem(const Scene& scene);
+
+std::vector<std::string> request_names();
 
 }  // namespace rvd::lab

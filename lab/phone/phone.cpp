@@ -20,16 +20,9 @@ namespace rvd::lab {
 
 namespace {
 
-constexpr uid_t kRadio = 1001;
 constexpr char kMarker[] = "/.rvd-lab";  // in a kept root: what is here may be replaced
 
 bool is_real_root = false;
-
-void write_once(const char* path, const std::string& text) {
-    const int fd = open(path, O_WRONLY | O_CLOEXEC);
-    if (fd < 0 || write(fd, text.data(), text.size()) < 0) fail_errno(path);
-    close(fd);
-}
 
 uid_t owner() {
     return is_real_root ? kRadio : 0;

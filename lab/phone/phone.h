@@ -16,6 +16,7 @@ constexpr char kPropertyDir[] = "/run/rvd/properties";
 constexpr char kAndroidLog[] = "/run/rvd/android.log";
 constexpr char kOutput[] = "/run/rvd/output";  // standard output and error
 constexpr char kDaemonPath[] = "/vendor/bin/rvd";
+constexpr uid_t kRadio = 1001;
 constexpr gid_t kLogGroup = 1007;
 
 // Gives this process mounts and process numbers of its own, as root or as an ordinary user in a

@@ -60,9 +60,9 @@ std::vector<std::string> find_files(const Phone& phone, const std::string& patte
 }
 
 // The content a file must have, wherever it is asked about.
-using Content = std::function<void(uint64_t offset, void* out, size_t size)>;
+using Bytes = std::function<void(uint64_t offset, void* out, size_t size)>;
 
-bool file_equals(const std::string& path, uint64_t size, const Content& content) {
+bool file_equals(const std::string& path, uint64_t size, const Bytes& content) {
     constexpr size_t kPiece = 256 << 10;
     std::ifstream file(path, std::ios::binary);
     std::vector<char> seen(kPiece), wanted(kPiece);
@@ -77,28 +77,24 @@ bool file_equals(const std::string& path, uint64_t size, const Content& content)
     }
 }
 
-bool equals_named(const std::string& path, const FileExpectation& wanted, const Scenario& scenario,
-                  const Driver& driver) {
+bool equals_named(const std::string& path, const FileExpectation& wanted,
+                  const Scenario& scenario) {
     const std::string& name = wanted.equals;
     if (name == "erased") {
         return file_equals(path, fs::file_size(path),
                            [](uint64_t, void* out, size_t size) { memset(out, 0xFF, size); });
     }
-    const auto region = scenario.driver.regions.find(name);
-    if (name != "dump" && region == scenario.driver.regions.end())
-        throw Unable("nothing is called \"" + name + "\" that a file could equal");
-    const bool dump = name == "dump";
-    const uint64_t seed = dump ? driver.loader().dump_seed() : driver.region_seed(name);
-    const uint64_t whole =
-            dump ? driver.loader().dump_size() : static_cast<uint64_t>(region->second.size);
-    const auto size = static_cast<uint64_t>(wanted.size.value_or(static_cast<int64_t>(whole)));
+    const Content content = content_of(scenario, name);
+    const auto size =
+            static_cast<uint64_t>(wanted.size.value_or(static_cast<int64_t>(content.size)));
+    const uint64_t seed = content.seed;
     return file_equals(path, size, [seed](uint64_t offset, void* out, size_t count) {
         fill_seeded(seed, offset, out, count);
     });
 }
 
 void check_file(const FileExpectation& wanted, const std::string& inside, const Scenario& scenario,
-                const Phone& phone, const Driver& driver, Story& story) {
+                const Phone& phone, Story& story) {
     const std::string path = phone.path(inside);
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) return story.violation(inside + " cannot be examined");
@@ -110,7 +106,7 @@ void check_file(const FileExpectation& wanted, const std::string& inside, const 
         story.violation(inside + " has mode " + mode + ", not " + wanted.mode);
     if (!wanted.text.empty() && !matches(wanted.text, read_file(path)))
         story.violation(inside + " doesn't read \"" + wanted.text + "\"");
-    if (!wanted.equals.empty() && !equals_named(path, wanted, scenario, driver))
+    if (!wanted.equals.empty() && !equals_named(path, wanted, scenario))
         story.violation(inside + " differs from what the modem sent (" + wanted.equals + ")");
 }
 
@@ -147,8 +143,8 @@ void check_errors(const Scenario& scenario, Story& story) {
 
 }  // namespace
 
-void check_expectations(const Scenario& scenario, const Phone& phone, const Driver& driver,
-                        const Conduct& conduct, Story& story) {
+void check_expectations(const Scenario& scenario, const Phone& phone, const Conduct& conduct,
+                        Story& story) {
     const Expectations& expect = scenario.expect;
     if (is_undisturbed(scenario)) check_errors(scenario, story);
     check_order(expect.log, story.log(), "line", story);
@@ -170,7 +166,7 @@ void check_expectations(const Scenario& scenario, const Phone& phone, const Driv
             story.violation(fmt::format("expected {} files, found {}: {}", wanted.number,
                                         files.size(), wanted.path));
         for (const std::string& file : files)
-            check_file(wanted, file, scenario, phone, driver, story);
+            check_file(wanted, file, scenario, phone, story);
     }
     for (const std::string& pattern : expect.absent) {
         for (const std::string& file : find_files(phone, pattern))
@@ -189,8 +185,7 @@ void check_expectations(const Scenario& scenario, const Phone& phone, const Driv
                                     static_cast<double>(conduct.lasted) / kSecond));
 }
 
-void check_collected(const Scenario& scenario, const Phone& phone, const Driver& driver,
-                     Story& story) {
+void check_collected(const Scenario& scenario, const Phone& phone, Story& story) {
     // A packet that was cut as it was read is gone for good, and a file with it.
     for (const Fault& fault : scenario.faults) {
         if (fault.call == "read" && fault.cut) return;
@@ -199,7 +194,7 @@ void check_collected(const Scenario& scenario, const Phone& phone, const Driver&
         if (wanted.equals.empty()) continue;
         for (const std::string& file : find_files(phone, wanted.path)) {
             wanted.size = static_cast<int64_t>(fs::file_size(phone.path(file)));
-            if (!equals_named(phone.path(file), wanted, scenario, driver))
+            if (!equals_named(phone.path(file), wanted, scenario))
                 story.violation(file + " differs from what the modem sent (" + wanted.equals + ")");
         }
     }

@@ -2,20 +2,18 @@
 #pragma once
 
 #include "lab/campaign/conduct.h"
-#include "lab/modem/driver.h"
 #include "lab/phone/phone.h"
 #include "lab/run/story.h"
 #include "lab/scenario/scenario.h"
 
 namespace rvd::lab {
 
-void check_expectations(const Scenario& scenario, const Phone& phone, const Driver& driver,
-                        const Conduct& conduct, Story& story);
+void check_expectations(const Scenario& scenario, const Phone& phone, const Conduct& conduct,
+                        Story& story);
 
 // Whatever a fault left of a file that is to equal what the modem has: it equals that as far as it
 // goes.
-void check_collected(const Scenario& scenario, const Phone& phone, const Driver& driver,
-                     Story& story);
+void check_collected(const Scenario& scenario, const Phone& phone, Story& story);
 
 // What must be so in every run: no sanitizer has complained.
 void check_always(const Phone& phone, Story& story);

@@ -11,7 +11,6 @@
 #include "lab/device/device_stage.h"
 #include "lab/device/notebook.h"
 #include "lab/gate/gate.h"
-#include "lab/modem/driver.h"
 #include "lab/phone/phone.h"
 #include "lab/run/checks.h"
 #include "lab/run/timeline.h"
@@ -115,10 +114,9 @@ std::unique_ptr<RunStage> make_stage(const Scenario& scenario, const RunOptions&
                                      const Phone& phone, Story& story, Time start, Time now) {
     const std::chrono::seconds patience(options.timeout);
     if (options.device)
-        return std::make_unique<DeviceStage>(
+        return make_device_stage(
                 scenario, phone, story,
-                DeviceStage::Setup{start, now, patience, !options.notebook.empty(),
-                                   options.prepare});
+                {start, now, patience, !options.notebook.empty(), options.prepare});
     return std::make_unique<Gate>(
             scenario, phone, story,
             Gate::Setup{start, options.real_time, patience, options.learn, options.jitter});
@@ -137,9 +135,9 @@ class Run {
           story_(options.story ? stdout : nullptr, options.look, start_),
           stage_(make_stage(scenario_, options, phone_, story_, start_,
                             resumed_ ? notes_.now : start_)),
-          driver_(scenario_, phone_.partition(), *stage_, story_),
-          timeline_(scenario_, phone_, *stage_, driver_, story_, start_) {
-        stage_->connect(driver_);
+          modem_(make_modem({scenario_, phone_.partition(), *stage_, story_})),
+          timeline_(scenario_, phone_, *stage_, *modem_, story_, start_) {
+        stage_->connect(*modem_);
     }
 
     Result play() {
@@ -202,7 +200,8 @@ class Run {
         story_.recall(notes_.log, notes_.requests, notes_.violations);
         story_.crash_sentence = notes_.crash_sentence;
         story_.tell("phone", "", "is up again");
-        driver_.recall(notes_.times);
+        for (size_t i = 0; i < notes_.answers.size(); i++)
+            scenario_.driver.answers[i].turn.seen = notes_.answers[i];
         timeline_.resume(notes_.position, notes_.panicked);
         const bool last = notes_.panicked && timeline_.position() == notes_.position;
         if (last) {
@@ -215,7 +214,7 @@ class Run {
     void daemon_waits() {
         conduct_.open = open_paths(*stage_);
         if (options_.on_wait) {
-            Play play{scenario_, phone_, *stage_, driver_, story_, timeline_.position()};
+            Play play{scenario_, phone_, *stage_, story_, timeline_.position()};
             options_.on_wait(play);
         }
         timeline_.waits();
@@ -241,7 +240,8 @@ class Run {
         notes.log = story_.log();
         notes.requests = story_.requests();
         notes.violations = story_.violations();
-        notes.times = driver_.times();
+        for (const Answer& answer : scenario_.driver.answers)
+            notes.answers.push_back(answer.turn.seen);
         notes.store(options_.notebook);
     }
 
@@ -251,12 +251,12 @@ class Run {
         if (!resumed_ && !options_.on_wait)
             check_obstacles(scenario_, options_.clean != nullptr, story_);
         if (options_.clean != nullptr) {
-            check_collected(scenario_, phone_, driver_, story_);
+            check_collected(scenario_, phone_, story_);
             for (const std::string& difference :
                  differences(*options_.clean, conduct_, before_, story_.log()))
                 story_.violation(difference);
         } else {
-            check_expectations(scenario_, phone_, driver_, conduct_, story_);
+            check_expectations(scenario_, phone_, conduct_, story_);
         }
         check_always(phone_, story_);
     }
@@ -285,7 +285,7 @@ class Run {
     const Time start_;
     Story story_;
     const std::unique_ptr<RunStage> stage_;
-    Driver driver_;
+    const std::unique_ptr<Modem> modem_;
     Timeline timeline_;
     Conduct conduct_;
     Files before_;  // when the fault came

@@ -7,7 +7,6 @@
 
 #include "lab/campaign/conduct.h"
 #include "lab/campaign/workplace.h"
-#include "lab/modem/driver.h"
 #include "lab/run/story.h"
 #include "lab/scenario/scenario.h"
 
@@ -18,7 +17,6 @@ struct Play {
     Scenario& scenario;
     const Phone& phone;
     RunStage& stage;
-    const Driver& driver;
     Story& story;
     size_t position;  // of the timeline
 };

@@ -9,7 +9,7 @@ void Timeline::resume(size_t position, bool panicked) {
     // An upload that was waited for has been, and the reboot that it asked for as well.
     if (panicked && !finished() && next().upload) apply(scenario_.timeline[at_++]);
     phone_.clear_properties();
-    driver_.reboot();
+    modem_.reboot();
     arm();
 }
 
@@ -48,7 +48,7 @@ void Timeline::happen() {
     if (event.reboot) {
         story_.tell("phone", "", "reboots");
         phone_.clear_properties();
-        driver_.reboot();
+        modem_.reboot();
         if (!stage_.reboot()) return;
     } else if (event.restart) {
         stage_.start_daemon();
@@ -62,7 +62,7 @@ void Timeline::apply(const Event& event) {
         story_.tell("phone", "daemon", "property " + name + " = " + value);
         phone_.set_property(name, value);
     }
-    if (event.state) driver_.change_state(static_cast<int>(*event.state));
+    if (event.state) modem_.change_state(static_cast<int>(*event.state));
 }
 
 }  // namespace rvd::lab

@@ -1,7 +1,7 @@
 // What happens to the phone in a run, one event after the other.
 #pragma once
 
-#include "lab/modem/driver.h"
+#include "lab/modem/modem.h"
 #include "lab/phone/phone.h"
 #include "lab/run/stage.h"
 
@@ -9,12 +9,12 @@ namespace rvd::lab {
 
 class Timeline {
   public:
-    Timeline(const Scenario& scenario, const Phone& phone, RunStage& stage, Driver& driver,
+    Timeline(const Scenario& scenario, const Phone& phone, RunStage& stage, Modem& modem,
              Story& story, Time start)
         : scenario_(scenario),
           phone_(phone),
           stage_(stage),
-          driver_(driver),
+          modem_(modem),
           story_(story),
           start_(start) {}
 
@@ -45,7 +45,7 @@ class Timeline {
     const Scenario& scenario_;
     const Phone& phone_;
     RunStage& stage_;
-    Driver& driver_;
+    Modem& modem_;
     Story& story_;
     const Time start_;
     size_t at_ = 0;

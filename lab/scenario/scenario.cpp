@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "lab/gate/table.h"
-#include "lab/modem/driver.h"
+#include "lab/modem/modem.h"
 #include "lab/scenario/reader.h"
 
 namespace rvd::lab {

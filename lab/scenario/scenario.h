@@ -32,6 +32,16 @@ struct Turn {
     mutable bool heard = false, came = false;
 };
 
+// Counts one more for each of `things` that `applies`: the first whose turn has come, or null.
+template <class Thing, class Applies>
+const Thing* first_due(const std::vector<Thing>& things, const Applies& applies) {
+    const Thing* due = nullptr;
+    for (const Thing& thing : things) {
+        if (applies(thing) && thing.turn.takes() && due == nullptr) due = &thing;
+    }
+    return due;
+}
+
 // An entry of the firmware's table of contents; what isn't given is made up from its place.
 struct FirmwareEntry {
     std::string name;
