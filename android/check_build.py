@@ -3,7 +3,7 @@
 
 Module types and property names are ones that it knows, files and modules that are named exist. With
 the build system's own source in TREE they are read from there, otherwise from the list below.
-check_build.py --sources lists what the device's binary is built from, and --flags with which flags.
+check_build.py --sources lists what the device's binaries are built from, and --flags with which flags.
 """
 import pathlib
 import re
@@ -83,14 +83,15 @@ def check_module(module, modules, system):
 
 def main():
     modules = blueprint.modules(check.ROOT / "Android.bp")
-    binary = next(module for module in modules if module.kind == "cc_binary")
+    binaries = [module for module in modules if module.kind == "cc_binary"]
     argument = sys.argv[1] if len(sys.argv) > 1 else ""
     if argument == "--sources":
-        for path in blueprint.sources(binary, modules, check.ROOT):
+        for path in sorted({path for binary in binaries
+                            for path in blueprint.sources(binary, modules, check.ROOT)}):
             print(path.relative_to(check.ROOT))
         return 0
     if argument == "--flags":
-        properties = blueprint.with_defaults(binary, modules)
+        properties = blueprint.with_defaults(binaries[0], modules)
         print(f"-std={properties['cpp_std']}", *properties["cflags"],
               *(f"-I{check.ROOT / path}" for path in properties["local_include_dirs"]), sep="\n")
         return 0

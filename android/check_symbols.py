@@ -58,7 +58,8 @@ def main():
 
     lines = [line.split() for line in sys.stdin if line.strip() and not line.endswith(":\n")]
     defined = {words[-1] for words in lines if words[-2] not in "Uw"}
-    imports = {words[-1] for words in lines if words[-2] in "Uw"} - defined
+    # A function that the linker wraps is imported under a name of the linker's.
+    imports = {words[-1].removeprefix("__real_") for words in lines if words[-2] in "Uw"} - defined
     failures = []
     for name in sorted(imports):
         if name in levels:

@@ -69,6 +69,8 @@ void add_files(CLI::App& app, CommandLine& line) {
 void add_demo(CLI::App& app, CommandLine& line) {
     app.add_option("--modem", line.modem, "tq720 (integrated) or vk880 (external)")
             ->check(CLI::IsMember({"tq720", "vk880"}));
+    app.add_option("--firmware", line.firmware, "boot this image, instead of one that is made up")
+            ->check(CLI::ExistingFile);
     app.add_flag("--brief", line.brief, "only the chapters, and what matters most in them");
     add_seed(app, line);
     add_run_options(app, line);
@@ -98,6 +100,13 @@ void add_run(CLI::App& app, CommandLine& line) {
     add_jobs(app, line);
     add_seed(app, line);
     add_run_options(app, line);
+}
+
+void add_toc(CLI::App& app, CommandLine& line) {
+    app.add_option("image", line.firmware, "the modem's firmware partition, or a copy of it")
+            ->required()
+            ->check(CLI::ExistingFile);
+    app.add_flag("--json", line.json, "as JSON, instead of text");
 }
 
 void add_faults(CLI::App& app, CommandLine& line) {
@@ -137,6 +146,9 @@ std::optional<int> parse_command_line(int argc, char** argv, CommandLine& line) 
     add_run(*add(Command::run, "run", "run scenarios and check what they expect"), line);
     add_files(*add(Command::check, "check", "read scenarios and say what is wrong with them"),
               line);
+    add_toc(*add(Command::toc, "toc",
+                 "read a firmware image's table of contents, and what each modem makes of it"),
+            line);
     add_faults(*add(Command::faults, "faults",
                     "fail every system call of the daemon, each in every way it can fail"),
                line);

@@ -10,6 +10,7 @@
 #include "lab/builtin.h"
 #include "lab/campaign/faults.h"
 #include "lab/campaign/soak.h"
+#include "lab/cli/toc.h"
 #include "lab/scenario/reader.h"
 #include "lab/scenario/scenario.h"
 
@@ -59,6 +60,10 @@ int demo(const CommandLine& line) {
     for (Scenario& scenario : parse_scenarios(kDemoScenario, "demo.toml")) {
         if (scenario.modem != line.modem) continue;
         if (line.seed) scenario.seed = *line.seed;
+        if (!line.firmware.empty()) {
+            scenario.firmware = {};
+            scenario.firmware.image = line.firmware;
+        }
         return tell_one({"demo", scenario, open_results(line, false)});
     }
     throw Unable("there is no demo of " + line.modem);
@@ -158,6 +163,8 @@ int execute(CommandLine& line) {
             return run(line, reporting);
         case Command::check:
             return check(line);
+        case Command::toc:
+            return print_toc(line.firmware, line.json);
         case Command::faults: {
             const bool many = line.only.find(':') == std::string::npos;
             return run_faults({open_results(line, many),

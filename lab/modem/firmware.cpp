@@ -1,10 +1,15 @@
 #include "lab/modem/firmware.h"
 
+#include <fcntl.h>
+#include <string.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <numeric>
+
+#include "check/plan.h"
 
 namespace rvd::lab {
 
@@ -52,14 +57,30 @@ Content content_of(const Scenario& scenario, const std::string& name) {
     return {seed + std::hash<std::string>()(name), static_cast<uint64_t>(region->second.size)};
 }
 
-// An entry that says nothing of its place stands behind the one before it; NV has a file of its
-// own.
 Partition::Partition(const Scenario& scenario, std::string root)
     : scenario_(scenario),
-      partition_path_(root + "/dev/block/by-name/modem"),
+      partition_path_(root + kPartitionPath),
       nv_path_(root + scenario.nv_path()) {
+    if (image().empty()) {
+        make_up_table();
+    } else {
+        read_table();
+    }
+}
+
+void Partition::read_table() {
+    const ScopedFd fd(open(image().c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) fail_errno(image());
+    for (const check::Entry& entry : check::read_table(fd.get()))
+        table_.push_back(entry);
+    if (table_.empty()) throw Unable(image() + ": there is no table in it");
+}
+
+// An entry that says nothing of its place stands behind the one before it; NV has a file of its
+// own.
+void Partition::make_up_table() {
     uint32_t b_off = kTocEntries * sizeof(toc_entry), m_off = kFirstModemOffset;
-    for (const FirmwareEntry& given : scenario.firmware.entries) {
+    for (const FirmwareEntry& given : scenario_.firmware.entries) {
         toc_entry entry{};
         given.name.copy(entry.name, sizeof(entry.name));
         const bool inside = !table_.empty() && !is_nv(entry);
@@ -75,7 +96,7 @@ Partition::Partition(const Scenario& scenario, std::string root)
     table_[0].toc_count = static_cast<uint32_t>(table_.size());
 }
 
-void Partition::write() const {
+void Partition::write_images() const {
     const auto seed = static_cast<uint64_t>(scenario_.seed);
     std::ofstream file(partition_path_, std::ios::binary);
     for (size_t i = 1; i < table_.size(); i++) {
@@ -86,15 +107,24 @@ void Partition::write() const {
     file.seekp(0).write(reinterpret_cast<const char*>(table_.data()),
                         static_cast<ssize_t>(table_size));
     finish(file, partition_path_);
-    const Firmware& firmware = scenario_.firmware;
-    if (firmware.truncate)
-        std::filesystem::resize_file(partition_path_, static_cast<uint64_t>(*firmware.truncate));
+    if (const auto end = scenario_.firmware.truncate)
+        std::filesystem::resize_file(partition_path_, static_cast<uint64_t>(*end));
+}
 
+void Partition::write() const {
+    if (image().empty()) {
+        write_images();
+    } else {
+        write_file(partition_path_, "");
+    }
     const toc_entry* nv = find(kTocNv);
-    const int64_t nv_size = firmware.nv_size.value_or(nv ? int64_t{nv->b_off} + nv->size : -1);
+    const bool has_bytes = nv != nullptr && nv->size < kLargestImage;
+    const int64_t nv_size =
+            scenario_.firmware.nv_size.value_or(has_bytes ? int64_t{nv->b_off} + nv->size : -1);
     if (nv_size < 0) return;
     std::ofstream nv_file(nv_path_, std::ios::binary);
-    put_seeded(nv_file, seed + kNvSeed, 0, static_cast<uint64_t>(nv_size));
+    put_seeded(nv_file, static_cast<uint64_t>(scenario_.seed) + kNvSeed, 0,
+               static_cast<uint64_t>(nv_size));
     finish(nv_file, nv_path_);
 }
 
@@ -115,10 +145,15 @@ const toc_entry* Partition::find(const char* name) const {
 
 bool Partition::holds(const toc_entry& entry, const Packet& bytes) const {
     std::ifstream file(is_nv(entry) ? nv_path_ : partition_path_, std::ios::binary);
-    Packet wanted(bytes.size());
-    file.seekg(entry.b_off)
-            .read(reinterpret_cast<char*>(wanted.data()), static_cast<ssize_t>(wanted.size()));
-    return file.good() && wanted == bytes;
+    char piece[1 << 16];
+    file.seekg(entry.b_off);
+    for (size_t done = 0, take; done < bytes.size(); done += take) {
+        take = std::min(sizeof(piece), bytes.size() - done);
+        if (!file.read(piece, static_cast<ssize_t>(take)) ||
+            memcmp(piece, bytes.data() + done, take) != 0)
+            return false;
+    }
+    return file.good();
 }
 
 }  // namespace rvd::lab

@@ -10,6 +10,8 @@
 
 namespace rvd::lab {
 
+constexpr char kPartitionPath[] = "/dev/block/by-name/modem";
+
 std::string image_name(const toc_entry& entry);
 
 // Seed (for fill_seeded) and size of the "dump" or of a region. Throws Unable for another name.
@@ -23,8 +25,12 @@ class Partition {
     // `root` is the directory that is the phone's "/".
     Partition(const Scenario& scenario, std::string root);
 
-    // Makes the partition and, where the scenario has one, the NV file.
+    // Makes the partition, empty where an image takes its place, and the NV file, where the
+    // scenario has one.
     void write() const;
+
+    // The file that takes the partition's place, or "".
+    const std::string& image() const { return scenario_.firmware.image; }
 
     const std::vector<toc_entry>& table() const { return table_; }
 
@@ -36,6 +42,10 @@ class Partition {
     bool holds(const toc_entry& entry, const Packet& bytes) const;
 
   private:
+    void read_table();
+    void make_up_table();
+    void write_images() const;
+
     const Scenario& scenario_;
     const std::string partition_path_, nv_path_;
     std::vector<toc_entry> table_;

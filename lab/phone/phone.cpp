@@ -123,6 +123,7 @@ void Phone::put_cmdline() const {
 void Phone::put_daemon(const std::string& binary) const {
     tree_.write(kDaemonPath, "");
     bind(binary, kDaemonPath, true);
+    if (!partition_.image().empty()) bind(partition_.image(), kPartitionPath, true);
     for (const std::string& directory : scenario_.read_only) {
         tree_.make_directory(directory);
         bind(path(directory), directory, true);

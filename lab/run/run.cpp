@@ -5,6 +5,7 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <memory>
 
@@ -14,6 +15,8 @@
 #include "lab/phone/phone.h"
 #include "lab/run/checks.h"
 #include "lab/run/timeline.h"
+
+namespace fs = std::filesystem;
 
 namespace rvd::lab {
 
@@ -162,10 +165,12 @@ class Run {
     bool prepare_phone() {
         enter_namespaces();
         const bool resumed = !options_.notebook.empty() && notes_.take(options_.notebook);
+        fs::path binary = options_.daemon;
+        if (!scenario_.program.empty()) binary.replace_filename(scenario_.program);
         if (resumed) {
-            phone_.resume(options_.daemon);
+            phone_.resume(binary);
         } else {
-            phone_.build(options_.daemon);
+            phone_.build(binary);
         }
         return resumed;
     }

@@ -63,7 +63,7 @@ const Form kDate = {"a time as \"2020-10-01 12:30:00\"",
                     "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"};
 // As Android has them; such a name is no path.
 const Form kProperty = {"a property's name", "[a-zA-Z0-9_:@-]+(\\.[a-zA-Z0-9_:@-]+)*"};
-const Form kModem = {"modem", "", {"tq720", "vk880"}},
+const Form kModem = {"modem", "", {"tq720", "vk880"}}, kProgram = {"program", "", {"rvd-check"}},
            kPanic = {"panic", "", {"upload", "returns"}};
 
 void read_turn(Reader& reader, Turn& turn) {
@@ -132,8 +132,12 @@ void read_firmware(Reader& reader, Firmware& firmware) {
     const std::string why = read_table(table, firmware.entries);
     reader.must(why.empty(), why);
     reader.key("truncate", firmware.truncate, "the partition ends after so many bytes", kWord)
-            .key("nv_size", firmware.nv_size, "bytes in the NV file; -1: no file (its entry's)",
-                 between(-1, kLargestFile));
+            .key("image", firmware.image,
+                 "a file that is the partition, its path beginning at the current directory")
+            .must(firmware.entries.empty() && !firmware.truncate,
+                  "an image leaves nothing to \"table\" and \"truncate\"");
+    reader.key("nv_size", firmware.nv_size, "bytes in the NV file; -1: no file (its entry's)",
+               between(-1, kLargestFile));
 }
 
 void read_answer(Reader& reader, Answer& answer) {
@@ -262,6 +266,8 @@ void read_all(Reader& reader, Scenario& s) {
     reader.key("name", s.name, "name of the case")
             .key("about", s.about, "what it shows, one sentence")
             .key("modem", s.modem, "\"tq720\" (integrated) or \"vk880\" (external)", kModem)
+            .key("program", s.program, "another program in the daemon's place: \"rvd-check\"",
+                 kProgram)
             .key("args", s.args, "the daemon's arguments (-d -t and the modem)")
             .key("cmdline", s.cmdline, "the kernel command line (debug level mid)")
             .key("properties", s.properties, "properties at the start", kProperty)
@@ -284,7 +290,7 @@ void read_all(Reader& reader, Scenario& s) {
 void add_defaults(Scenario& s) {
     if (s.args.empty()) s.args = {"-d", "-t", s.modem};
     s.properties.emplace("vendor.rvd.rfs_check_done", "1");
-    if (s.firmware.entries.empty())
+    if (s.firmware.entries.empty() && s.firmware.image.empty())
         read_table(s.external() ? "TOC BOOT:100000 MAIN:1M NV:64K OFFSET:0"
                                 : "TOC BOOT:100000 MAIN:1M VSS:200000 NV:64K",
                    s.firmware.entries);

@@ -49,6 +49,7 @@ struct FirmwareEntry {
 };
 
 struct Firmware {
+    std::string image;  // a file that is the partition, instead of `entries`
     std::vector<FirmwareEntry> entries;
     std::optional<int64_t> truncate;  // the partition ends here
     std::optional<int64_t> nv_size;   // of the NV file; negative: there is none
@@ -131,6 +132,7 @@ struct Expectations {
 
 struct Scenario {
     std::string name, about, modem = "tq720";
+    std::string program;  // beside the daemon's binary, in its place; "": the daemon
     std::vector<std::string> args;
     std::string cmdline = "console=ram androidboot.debug_level=0x4945";
     std::map<std::string, std::string> properties;

@@ -1,0 +1,18 @@
+// What the daemon finds on this phone: read-only, as the user that the daemon becomes.
+#pragma once
+
+#include "check/capture.h"
+#include "check/report.h"
+
+namespace rvd::check {
+
+// The arguments are in the registry. False where the driver, the firmware or the NV data keep the
+// modem from being booted.
+bool check_phone(Report& report, Capture& lines);
+
+void check_labels(Report& report);
+
+// "" where it cannot be read.
+std::string first_line(const char* path);
+
+}  // namespace rvd::check

@@ -1,0 +1,118 @@
+// rvd-check: says what keeps the daemon from working on this phone.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <new>
+
+#include "check/capture.h"
+#include "check/driver.h"
+#include "check/phone.h"
+#include "log/Log.h"
+#include "main/Container.h"
+#include "protocol/ProtocolVelo.h"
+#include "util/Property.h"
+#include "util/Util.h"
+
+using namespace rvd;
+using namespace rvd::check;
+
+namespace {
+
+constexpr int kHeld = 0, kNotHeld = 1, kRefused = 2;
+
+constexpr char kUsage[] =
+        "Usage: rvd-check [--json] [--driver [--yes]] OPTION...\n"
+        "Looks at everything that the daemon needs, as the user that it becomes, and changes "
+        "nothing:\n"
+        "a line each, OK, or NO with what to do. OPTION... are the daemon's, as in its .rc file.\n"
+        " --json    all of it as JSON\n"
+        " --driver  then boot and dump the modem, to test its driver; asks before it does\n"
+        " --yes     do not ask\n";
+
+struct Choice {
+    bool json = false, driver = false, yes = false, help = false;
+    int words = 1;  // of the command line, that are not the daemon's
+};
+
+Choice read_choice(int argc, char** argv) {
+    Choice choice;
+    for (; choice.words < argc; ++choice.words) {
+        const char* word = argv[choice.words];
+        if (strcmp(word, "--json") == 0) {
+            choice.json = true;
+        } else if (strcmp(word, "--driver") == 0) {
+            choice.driver = true;
+        } else if (strcmp(word, "--yes") == 0) {
+            choice.yes = true;
+        } else {
+            choice.help = strcmp(word, "--help") == 0;
+            break;
+        }
+    }
+    return choice;
+}
+
+// Root alone opens the kernel log for writing.
+void check_kernel_log_node(Report& report) {
+    const ScopedFd node(open("/dev/kmsg", O_RDWR | O_CLOEXEC));
+    report.add("/dev/kmsg", node.valid(),
+               node.valid() ? "opens" : text("%s; start as root", strerror(errno)));
+}
+
+void check_debug_level(Report& report, Capture& lines) {
+    Log::check_debug_cp_opt();
+    Log::check_debug_level();
+    std::string from = joined(lines.take());
+    report.add("debug level", debug_level > 0,
+               debug_level > 0 ? from
+                               : from + ": nothing of a crash is saved; boot with "
+                                        "androidboot.debug_level=0x4945");
+    if (cp_debug != CP_DEBUG_NONE)
+        report.no("debug option",
+                  text("%d: persist.vendor.rvd.debug_cp_opt or kro_debug.cp= holds the modem's "
+                       "boots or resets back",
+                       cp_debug));
+}
+
+bool agrees() {
+    printf("%sGo on? [y/N] ", kDriverTest);
+    fflush(stdout);
+    return getchar() == 'y';
+}
+
+void check_driver(Report& report, Capture& lines, bool asked) {
+    const Property service("init.svc.rvd", "");
+    if (strcmp(service.text(), "running") == 0)
+        return report.no("driver test", "the daemon runs; first: stop rvd");
+    if (asked || agrees()) check_driver_contract(report, lines);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Choice choice = read_choice(argc, argv);
+    if (choice.help) return fputs(kUsage, stdout) < 0 ? kRefused : kHeld;
+    Report report(choice.json);
+    umask(002);
+    check_kernel_log_node(report);
+    Capture lines;
+    Container::setProtocol(new (std::nothrow) ProtocolVelo);
+    argv[choice.words - 1] = argv[0];
+    const int parsed = Container::parseArgs(argc - choice.words + 1, argv + choice.words - 1);
+    const RvdArgs* args = Container::getRvdArgs();
+    const std::string said = joined(lines.take());
+    if (parsed != PARSE_OK || args->modem_type == MODEM_TYPE_NONE) {
+        fprintf(stderr, "rvd-check: the daemon's options: %s\n%s", said.c_str(), kUsage);
+        return kRefused;
+    }
+    check_debug_level(report, lines);
+    if ((args->options & OPT_ROOT) == 0) Util::switch_user();
+    const bool bootable = check_phone(report, lines);
+    if (choice.driver && bootable) check_driver(report, lines, choice.yes);
+    if (choice.driver && !bootable) report.no("driver test", "not run: first mend what is above");
+    report.finish();
+    return report.all_ok() ? kHeld : kNotHeld;
+}

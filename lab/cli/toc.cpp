@@ -1,0 +1,119 @@
+#include "lab/cli/toc.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <stdlib.h>
+
+#include <nlohmann/json.hpp>
+
+#include "check/plan.h"
+#include "lab/base.h"
+#include "lab/campaign/campaign.h"
+#include "main/Container.h"
+
+namespace rvd::lab {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json plan_for(const char* modem, int image, check::Capture& lines) {
+    char program[] = "rvd", option[] = "-t", type[] = "tq720";
+    snprintf(type, sizeof(type), "%s", modem);
+    char* words[] = {program, option, type, nullptr};
+    Container::parseArgs(3, words);
+    const check::Plan plan = check::make_plan(image, CP_BOOT_MODE_NORMAL, lines);
+    Json stages = Json::array();
+    for (const check::Row& row : plan.rows)
+        stages.push_back({{"stage", row.stage},
+                          {"name", row.name},
+                          {"from", row.fd < 0         ? ""
+                                   : row.in_partition ? "image"
+                                                      : "NV"},
+                          {"b_off", row.b_off},
+                          {"m_off", row.m_off},
+                          {"size", row.size}});
+    return {{"modem", modem},
+            {"stages", stages},
+            {"overlaps", plan.overlaps},
+            {"refusals", plan.refusals}};
+}
+
+Json describe(int image, check::Capture& lines) {
+    const auto table = check::read_table(image);
+    const check::Layout layout = check::lay_out(image, table);
+    Json about = {{"size", check::size_of(image)},
+                  {"toc_count", table.empty() ? 0 : table[0].toc_count}};
+    for (const check::Entry& entry : table)
+        about["entries"].push_back({{"index", entry.index},
+                                    {"name", TocName(entry).text},
+                                    {"from", entry.in_partition ? "image" : "NV"},
+                                    {"b_off", entry.b_off},
+                                    {"m_off", entry.m_off},
+                                    {"size", entry.size},
+                                    {"crc", entry.crc}});
+    about["gaps"] = layout.gaps;
+    about["overlaps"] = layout.overlaps;
+    about["beyond"] = layout.beyond;
+    for (const char* modem : {"tq720", "vk880"})
+        about["plans"].push_back(plan_for(modem, image, lines));
+    return about;
+}
+
+void print_list(const char* head, const Json& list) {
+    for (const Json& item : list)
+        fmt::print("{}{}\n", head, item.get<std::string>());
+}
+
+void print_rows(const Json& rows, const char* number) {
+    for (const Json& row : rows)
+        fmt::print("  {:>5}  {:<12}  {:<5}  0x{:08x}  0x{:08x}  {:>10}  {}\n",
+                   row[number].get<unsigned>(), row["name"].get<std::string>(),
+                   row["from"].get<std::string>(), row["b_off"].get<uint32_t>(),
+                   row["m_off"].get<uint32_t>(), row["size"].get<uint32_t>(),
+                   row.contains("crc") ? fmt::format("0x{:08x}", row["crc"].get<uint32_t>()) : "");
+}
+
+void print(const Json& about) {
+    constexpr char kHead[] = "  {:>5}  {:<12}  {:<5}  {:<10}  {:<10}  {:>10}  {}\n";
+    fmt::print("{} bytes, the table counts {} entries\n", about["size"].get<uint64_t>(),
+               about["toc_count"].get<uint32_t>());
+    if (about.contains("entries")) {
+        fmt::print(kHead, "entry", "name", "from", "there at", "in modem", "bytes", "checksum");
+        print_rows(about["entries"], "index");
+    }
+    print_list("  gap: ", about["gaps"]);
+    print_list("  overlap: ", about["overlaps"]);
+    print_list("  ", about["beyond"]);
+    for (const Json& plan : about["plans"]) {
+        const bool refused = !plan["refusals"].empty();
+        fmt::print("\n{} {}\n", plan["modem"].get<std::string>(),
+                   refused ? "does not boot from it" : "boots from it");
+        print_list("  ", plan["refusals"]);
+        print_list("  overlap: ", plan["overlaps"]);
+        if (plan["stages"].empty()) continue;
+        fmt::print(kHead, "stage", "name", "from", "there at", "in modem", "bytes", "");
+        print_rows(plan["stages"], "stage");
+    }
+}
+
+}  // namespace
+
+int print_toc(const std::string& path, bool json) {
+    const ScopedFd image(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!image.valid()) fail_errno(path);
+    setenv("RVD_ANDROID_LOG", "/dev/null", 1);
+    check::Capture lines;
+    const Json about = describe(image.get(), lines);
+    if (json) {
+        fmt::print("{}\n", about.dump(1));
+    } else {
+        print(about);
+    }
+    for (const Json& plan : about["plans"]) {
+        if (plan["refusals"].empty()) return kHeld;
+    }
+    return kNotHeld;
+}
+
+}  // namespace rvd::lab
