@@ -41,7 +41,7 @@ struct Layout {
 uint64_t size_of(int image);
 Layout lay_out(int image, const std::vector<Entry>& table);
 
-// The lines that speak of a failure, the cause first; where there are none, the last line.
+// The lines of errors, the cause first; where there are none, the last line.
 std::vector<std::string> failures(const std::vector<std::string>& lines);
 
 }  // namespace rvd::check

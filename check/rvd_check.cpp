@@ -65,7 +65,10 @@ void check_kernel_log_node(Report& report) {
 void check_debug_level(Report& report, Capture& lines) {
     Log::check_debug_cp_opt();
     Log::check_debug_level();
-    std::string from = joined(lines.take());
+    std::string from;
+    for (const std::string& line : lines.take()) {
+        if (line.find(": find str ") == line.npos) from += (from.empty() ? "" : "; ") + line;
+    }
     report.add("debug level", debug_level > 0,
                debug_level > 0 ? from
                                : from + ": nothing of a crash is saved; boot with "
@@ -95,9 +98,7 @@ void check_driver(Report& report, Capture& lines, bool asked) {
 int main(int argc, char** argv) {
     const Choice choice = read_choice(argc, argv);
     if (choice.help) return fputs(kUsage, stdout) < 0 ? kRefused : kHeld;
-    Report report(choice.json);
     umask(002);
-    check_kernel_log_node(report);
     Capture lines;
     Container::setProtocol(new (std::nothrow) ProtocolVelo);
     argv[choice.words - 1] = argv[0];
@@ -105,9 +106,12 @@ int main(int argc, char** argv) {
     const RvdArgs* args = Container::getRvdArgs();
     const std::string said = joined(lines.take());
     if (parsed != PARSE_OK || args->modem_type == MODEM_TYPE_NONE) {
-        fprintf(stderr, "rvd-check: the daemon's options: %s\n%s", said.c_str(), kUsage);
+        const char* why = parsed == PARSE_TEST ? "test actions are not run here" : said.c_str();
+        fprintf(stderr, "rvd-check: the daemon's options: %s\n%s", why, kUsage);
         return kRefused;
     }
+    Report report(choice.json);
+    check_kernel_log_node(report);
     check_debug_level(report, lines);
     if ((args->options & OPT_ROOT) == 0) Util::switch_user();
     const bool bootable = check_phone(report, lines);

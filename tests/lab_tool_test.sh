@@ -31,8 +31,8 @@ entry() {
 {
     entry TOC 0 0x1000 512 0 4
     entry BOOT 512 0x2000 70000 0x11 0
-    entry MAIN 131072 0x20000 30000000 0x22 0
-    entry NV 0 0xb000000 4096 0x33 0
+    entry MAIN 131072 0x20000 3000000 0x22 0
+    entry NV 0 0x400000 4096 0x33 0
 } >image
 truncate -s 512 image
 head -c 200000 /dev/urandom >>image
@@ -76,12 +76,12 @@ done <<'TABLE'
 2|misspelt.toml:2:.*did you mean "modem"|run misspelt.toml
 2|misspelt.toml:2:|check misspelt.toml
 2|did you mean "demo tq720"|run --case "demo tq" demo.toml
-0|out:^ +2 +MAIN +image +0x00020000 +0x00020000 +30000000 +0x00000022$|toc image
+0|out:^ +2 +MAIN +image +0x00020000 +0x00020000 +3000000 +0x00000022$|toc image
 0|out:gap: 0x00011370 to 0x00020000, before MAIN|toc image
 0|out:^vk880 boots from it|toc image
 0|out:"name": "MAIN"|toc --json image
 1|out:tq720 does not boot|toc cut
-1|out:^  stage 2 MAIN is cut off: it ends at byte 30131072 of 200512$|toc cut
+1|out:^  stage 2 MAIN is cut off: it ends at byte 3131072 of 200512$|toc cut
 1|out:ERR! invalid TOC: No TOC|toc nothing
 2|is required|toc
 0|out:PASS|demo --brief --log booted --firmware image
@@ -114,7 +114,7 @@ done <<'TABLE'
 TABLE
 
 [[ -s target && -L link && ! -e victim && ! -e log ]] || fail "results went elsewhere"
-grep -q 'toc\[2\].name = MAIN, b_off=0x00020000, m_off=0x00020000, size=0x01c9c380' booted || fail "another image"
+grep -q 'toc\[2\].name = MAIN, b_off=0x00020000, m_off=0x00020000, size=0x002dc6c0' booted || fail "another image"
 grep -q '"traceEvents"' trace || fail "no trace"
 grep -q '<testcase classname="demo.toml" name="demo tq720"' junit.xml || fail "no JUnit"
 [[ -e kept/data/vendor/log/rvd ]] || fail "the phone's files were not kept"

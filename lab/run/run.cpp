@@ -228,7 +228,8 @@ class Run {
     void hear(const std::string& kind, const std::string& text) {
         if (kind == "line") hear_line(scenario_, text);
         timeline_.fact(kind, text);
-        if (text == "POWER_ON") check_at_boot(*stage_, scenario_, story_);
+        if (text == "POWER_ON" && scenario_.program.empty())
+            check_at_boot(*stage_, scenario_, story_);
         // With the gate's real clock the wait itself isn't seen, only what is said before it.
         const bool waits = matches("*: Wait event from modem *", text) ||
                            matches("*: unknown Modem status", text);
