@@ -90,6 +90,7 @@ TEST_F(Plan, AStageIsPlannedForEachImageInTheOrderOfTheTable) {
             {kIntegrated, "TOC BOOT MAIN NV", 1, 0, "", "1=1p 2=2p 3=3n "},
             {kIntegrated, five, 1, 0, "", "ERR! invalid TOC : There is no NV"},
             {kIntegrated, "TOC BOOT MAIN NV", 1, 0, "d", "1=1p "},
+            {kIntegrated, "TOC VSSX nv NV", 4, 1, "", "0=0p 1=1p 2=2p 3=3n "},
             {kIntegrated, "TOC NV", 2, 1, "", "0=0p 1=1n "},
             {kIntegrated, "TOC NV NV", 3, 1, "", "0=0p 1=1n 2=2n "},
             {kIntegrated, "TOC NV NV_NORM NV_PROT", 4, 1, "", "0=0p 1=1n 2=2- 3=3- "},

@@ -143,6 +143,7 @@ int learn(std::vector<Row>& rows, const FaultOptions& options) {
         Job job{"", rows[at++].flow, options.run};
         job.options.story = false;
         job.options.learn = true;
+        job.options.trace = job.options.picture = job.options.log = {};
         return job;
     };
     const auto keep = [&](Outcome& outcome) {

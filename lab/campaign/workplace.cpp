@@ -103,7 +103,12 @@ Output::Output(const std::string& path) : path_(path) {
 void Output::write(const std::string& text) const {
     struct stat status {};
     fstat(fd_, &status);
-    if (S_ISREG(status.st_mode) && ftruncate(fd_, 0) != 0) fail_errno("cannot write " + path_);
+    if (S_ISREG(status.st_mode) && (lseek(fd_, 0, SEEK_SET) != 0 || ftruncate(fd_, 0) != 0))
+        fail_errno("cannot write " + path_);
+    append(text);
+}
+
+void Output::append(const std::string& text) const {
     for (size_t at = 0; at < text.size();) {
         const ssize_t n = ::write(fd_, text.data() + at, text.size() - at);
         if (n < 0 && errno != EINTR) fail_errno("cannot write " + path_);

@@ -36,7 +36,8 @@ class Output {
     explicit Output(const std::string& path);
 
     explicit operator bool() const { return fd_ >= 0; }
-    void write(const std::string& text) const;
+    void write(const std::string& text) const;  // instead of what is there
+    void append(const std::string& text) const;
 
   private:
     std::string path_;

@@ -145,6 +145,7 @@ class Run {
 
     Result play() {
         listen();
+        if (options_.log) options_.log.write("");
         if (resumed_) {
             resume();
         } else {
@@ -203,6 +204,8 @@ class Run {
 
     void resume() {
         story_.recall(notes_.log, notes_.requests, notes_.violations);
+        for (const std::string& line : notes_.log)
+            if (options_.log) options_.log.append(line + "\n");
         story_.crash_sentence = notes_.crash_sentence;
         story_.tell("phone", "", "is up again");
         for (size_t i = 0; i < notes_.answers.size(); i++)
@@ -227,6 +230,7 @@ class Run {
 
     void hear(const std::string& kind, const std::string& text) {
         if (kind == "line") hear_line(scenario_, text);
+        if (kind == "line" && options_.log) options_.log.append(text + "\n");
         timeline_.fact(kind, text);
         if (text == "POWER_ON" && scenario_.program.empty())
             check_at_boot(*stage_, scenario_, story_);
@@ -280,7 +284,6 @@ class Run {
             print_summary(phone_, story_, conduct_, options_.look.brief);
         if (options_.trace) options_.trace.write(story_.trace());
         if (options_.picture) options_.picture.write(story_.picture(scenario_.name));
-        if (options_.log) options_.log.write(fmt::format("{}\n", fmt::join(story_.log(), "\n")));
     }
 
     const RunOptions& options_;
