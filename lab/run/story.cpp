@@ -81,52 +81,41 @@ void Story::keep_in_ring(int level, const std::string& text) {
 }
 
 void Story::begin_transfer(const std::string& name, uint64_t total) {
-    const auto real = Clock::now();
-    transfers_.push_back({name, total, 0, now_, now_, real, real, false});
+    const auto known = std::find_if(transfers_.begin(), transfers_.end(),
+                                    [&](const Transfers& each) { return each.name == name; });
+    current_ = static_cast<size_t>(known - transfers_.begin());
+    if (known == transfers_.end()) transfers_.push_back({name});
+    transfers_[current_].times++;
+    total_ = total;
+    moved_ = 0;
+    begun_ = now_;
+    really_begun_ = Clock::now();
 }
 
 void Story::advance_transfer(uint64_t bytes) {
-    Transfer& transfer = transfers_.back();
-    const uint64_t before = transfer.bytes;
-    transfer.bytes += bytes;
-    if (transfer.total < kLongTransfer) return;
-    const uint64_t quarter = transfer.total / 4;
-    if (before / quarter == transfer.bytes / quarter) return;
+    transfers_[current_].bytes += bytes;
+    const uint64_t before = std::exchange(moved_, moved_ + bytes);
+    if (total_ < kLongTransfer || before / (total_ / 4) == moved_ / (total_ / 4)) return;
     tell("loader", "",
-         format("%s: %s of %s", transfer.name.c_str(), human_size(transfer.bytes).c_str(),
-                human_size(transfer.total).c_str()));
+         fmt::format("{}: {} of {}", transfers_[current_].name, human_size(moved_),
+                     human_size(total_)));
 }
 
 void Story::end_transfer() {
-    if (transfers_.empty() || transfers_.back().over) return;
-    Transfer& last = transfers_.back();
-    if (last.bytes < last.total) return;
-    last.end = now_;
-    last.real_end = Clock::now();
-    last.over = true;
+    if (really_begun_ == Clock::time_point() || moved_ < total_) return;
+    transfers_[current_].time += now_ - begun_;
+    transfers_[current_].real += Clock::now() - really_begun_;
+    really_begun_ = {};
 }
 
-// One line for all transfers of a name, in the order of the first.
 std::vector<std::string> Story::transfer_summary() const {
-    std::vector<std::string> lines, names;
-    for (const Transfer& first : transfers_) {
-        if (std::find(names.begin(), names.end(), first.name) != names.end()) continue;
-        names.push_back(first.name);
-        uint64_t bytes = 0;
-        Time time = 0;
-        int times = 0;
-        std::chrono::duration<double> real{0};
-        for (const Transfer& transfer : transfers_) {
-            if (transfer.name != first.name) continue;
-            times++;
-            bytes += transfer.bytes;
-            time += transfer.end - transfer.begin;
-            real += transfer.real_end - transfer.real_begin;
-        }
-        lines.push_back(format("%-18s %3d x  %11s  %9.3f s virtual %8.3f s real %8.1f MB/s",
-                               first.name.c_str(), times, human_size(bytes).c_str(), seconds(time),
-                               real.count(),
-                               static_cast<double>(bytes) / 1e6 / std::max(real.count(), 1e-6)));
+    std::vector<std::string> lines;
+    for (const Transfers& all : transfers_) {
+        const double speed =
+                static_cast<double>(all.bytes) / 1e6 / std::max(all.real.count(), 1e-6);
+        lines.push_back(fmt::format(
+                "{:<18} {:3} x  {:>11}  {:9.3f} s virtual {:8.3f} s real {:8.1f} MB/s", all.name,
+                all.times, human_size(all.bytes), seconds(all.time), all.real.count(), speed));
     }
     return lines;
 }
@@ -135,26 +124,26 @@ std::string Story::trace() const {
     const std::vector<std::string> actors = {"daemon", "driver", "loader",
                                              "phone",  "kernel", "lab"};
     auto events = nlohmann::json::array();
-    for (size_t i = 0; i < actors.size(); i++) {
-        events.push_back({{"name", "thread_name"},
-                          {"ph", "M"},
-                          {"pid", 1},
-                          {"tid", i},
-                          {"args", {{"name", actors[i]}}}});
-    }
-    const auto add = [&](Time at, ptrdiff_t actor, const char* scope, const std::string& name) {
-        events.push_back({{"name", name},
-                          {"ph", "i"},
-                          {"s", scope},
-                          {"pid", 1},
-                          {"tid", actor},
-                          {"ts", static_cast<double>(at) / 1000}});
+    const auto add = [&](nlohmann::json event) {
+        event["pid"] = 1;
+        events.push_back(std::move(event));
     };
+    for (size_t i = 0; i < actors.size(); i++)
+        add({{"name", "thread_name"}, {"ph", "M"}, {"tid", i}, {"args", {{"name", actors[i]}}}});
+    const auto microseconds = [](Time time) { return static_cast<double>(time) / 1000; };
     for (const Told& told : told_) {
-        const auto actor = std::find(actors.begin(), actors.end(), told.from);
-        add(told.at, actor - actors.begin(), "t", told.text);
+        const auto actor = std::find(actors.begin(), actors.end(), told.from) - actors.begin();
+        add({{"name", told.text},
+             {"ph", "i"},
+             {"s", "t"},
+             {"tid", actor},
+             {"ts", microseconds(told.at)}});
     }
-    add(now_ - start_, 0, "g", "end");
+    add({{"name", "end"},
+         {"ph", "i"},
+         {"s", "g"},
+         {"tid", 0},
+         {"ts", microseconds(now_ - start_)}});
     const nlohmann::json all = {{"traceEvents", events}};
     return all.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }

@@ -78,12 +78,12 @@ class Story {
         const char *from, *to;
         std::string text;
     };
-    struct Transfer {
+    struct Transfers {  // all of one name
         std::string name;
-        uint64_t total, bytes;
-        Time begin, end;
-        Clock::time_point real_begin, real_end;
-        bool over;
+        int times = 0;
+        uint64_t bytes = 0;
+        Time time = 0;
+        std::chrono::duration<double> real{0};
     };
 
     void end_transfer();
@@ -95,7 +95,12 @@ class Story {
     Time start_, now_;
     std::vector<std::string> log_, requests_, facts_, violations_;
     std::vector<Told> told_;
-    std::vector<Transfer> transfers_;
+    std::vector<Transfers> transfers_;
+    // The one that goes on, or did last; over where it did not really begin.
+    size_t current_ = 0;
+    uint64_t total_ = 0, moved_ = 0;
+    Time begun_ = 0;
+    Clock::time_point really_begun_;
     std::string ring_;
 };
 
