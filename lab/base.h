@@ -51,7 +51,8 @@ std::string read_file(const std::string& path);  // empty where it cannot be rea
 
 void write_once(const char* path, const std::string& text);  // to a file of the kernel's
 
-// Replaces a file at once and follows no link. Throws Unable.
+// Replaces a file at once and follows no link. The first sets errno, the second throws Unable.
+bool replace_file(const std::string& path, const std::string& content);
 void write_file(const std::string& path, const std::string& content);
 
 }  // namespace rvd::lab

@@ -21,7 +21,7 @@
 #include "bootdump/lnkm.h"
 #include "lab/device/device_node.h"
 #include "lab/device/kernel_log.h"
-#include "lab/phone/launch.h"
+#include "lab/phone/private_root.h"
 
 namespace fs = std::filesystem;
 
@@ -84,7 +84,7 @@ class DeviceStage : public RunStage {
         end_daemon();
         pid_ = fork();
         if (pid_ < 0) fail_errno("cannot fork");
-        if (pid_ == 0) become_daemon(phone_.root(), scenario_.args, become_service);
+        if (pid_ == 0) phone_.become_daemon(become_service);
         pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
         checked_ = false;
         tell_start();

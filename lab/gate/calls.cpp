@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <optional>
 
 #include "bootdump/lnkm.h"
@@ -159,7 +160,8 @@ int Calls::fd_of(const Call& call) const {
 std::string Calls::path_of_fd(int fd) const {
     const std::string name = links_.name_of(fd);
     if (!name.empty()) return name;
-    const std::string path = daemon_.file_of(fd);
+    std::error_code none;
+    const std::string path = std::filesystem::read_symlink(daemon_.link_of(fd), none);
     return under(path, phone_.root()) ? path.substr(phone_.root().size()) : path;
 }
 
@@ -255,7 +257,7 @@ void Calls::serve_identity(const Call& call) {
     }
     const bool about_file = call.shape->path >= 0;
     if (!about_file) story_.request("kernel", words);
-    if (Phone::real_root() ||
+    if (phone_.real_root() ||
         (about_file && access(phone_.path(path_of(call)).c_str(), F_OK) != 0)) {
         daemon_.proceed(call);
     } else {

@@ -1,5 +1,6 @@
 #include "lab/gate/daemon.h"
 
+#include <elf.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -7,7 +8,8 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,104 +23,160 @@
 
 namespace rvd::lab {
 
-void Daemon::start(const std::string& root, const std::vector<std::string>& arguments,
-                   const std::vector<Rule>& rules, bool virtual_time) {
-    process_ = launch(root, arguments, rules, virtual_time);
-    ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_SET_FLAGS, SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP);
+namespace {
+
+// What the child exits with where it does not become the daemon: these, or the errno of its exec.
+constexpr int kNoFilter = 200;
+constexpr int kNoTrace = 201;
+
+// Where the filter's notifications are in the child: the first descriptor behind the standard ones.
+constexpr int kListener = 3;
+
+// The last thing before the daemon: from here on its calls are the lab's, which takes the
+// notifications while the child has stopped. Nothing may allocate behind the filter: nobody would
+// answer the call that asks for memory.
+void hand_over_calls(const Filter& filter) {
+    signal(SIGPIPE, SIG_IGN);  // a device node never raises it
+    const pid_t self = getpid();
+    if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(kNoTrace);
+    const sock_fprog program = {static_cast<unsigned short>(filter.size()),
+                                const_cast<sock_filter*>(filter.data())};
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    if (syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program) !=
+        kListener)
+        _exit(errno == EMFILE ? EMFILE : kNoFilter);
+    kill(self, SIGSTOP);
+}
+
+// Waits for the child to stop, as it does before and behind its exec.
+void await_stop(pid_t child) {
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WIFSTOPPED(status)) return;
+    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 0;
+    if (code == kNoTrace) throw Forbidden("this machine does not let a process trace its child");
+    if (code == kNoFilter)
+        throw Forbidden("this kernel offers no seccomp user notification (Linux 5.5 or later)");
+    throw Unable(std::string("the daemon cannot be executed: ") +
+                 (code != 0 ? strerror(code) : "it was killed"));
+}
+
+// The C library asks the kernel's shared page for the time unless it isn't told of one. On the new
+// stack are the number of arguments, the arguments, the environment and the auxiliary vector.
+void hide_shared_clock(pid_t pid) {
+    __ptrace_syscall_info info{};
+    ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof(info), &info);
+    const Memory memory(pid);
+    uint64_t at = info.stack_pointer;
+    const auto next = [&] {
+        uint64_t word = 0;
+        if (!memory.read(at, &word, sizeof(word))) fail_errno("cannot read the daemon's stack");
+        at += sizeof(word);
+        return word;
+    };
+    const uint64_t arguments = next();
+    at += (arguments + 1) * sizeof(uint64_t);
+    while (next() != 0) {
+    }
+    for (uint64_t type = next(); type != AT_NULL; next(), type = next()) {
+        const uint64_t ignore = AT_IGNORE;
+        if (type == AT_SYSINFO_EHDR && !memory.write(at - sizeof(type), &ignore, sizeof(ignore)))
+            fail_errno("cannot write the daemon's stack");
+    }
+}
+
+}  // namespace
+
+void Daemon::start(const Phone& phone, const Filter& filter, bool virtual_time) {
+    pid_ = fork();
+    if (pid_ < 0) fail_errno("cannot fork");
+    if (pid_ == 0) phone.become_daemon([&] { hand_over_calls(filter); });
+    await_stop(pid_);
+    pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+    listener_ = duplicate(kListener);
+    if (listener_ < 0) fail_errno("cannot take the daemon's system calls");
+    ptrace(PTRACE_CONT, pid_, nullptr, nullptr);
+    await_stop(pid_);
+    if (virtual_time) hide_shared_clock(pid_);
+    ptrace(PTRACE_DETACH, pid_, nullptr, nullptr);
+    ioctl(listener_, SECCOMP_IOCTL_NOTIF_SET_FLAGS, SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP);
 }
 
 void Daemon::end() {
-    if (process_.listener < 0) return;
-    if (process_.pid >= 0) {
-        kill(process_.pid, SIGKILL);
-        waitpid(process_.pid, nullptr, 0);
+    if (listener_ < 0) return;
+    if (pid_ >= 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
     }
-    close(process_.pidfd);
-    close(process_.listener);
-    process_ = Process();
+    close(pidfd_);
+    close(listener_);
+    pid_ = pidfd_ = listener_ = -1;
 }
 
 bool Daemon::ended(int& status) {
-    if (waitpid(process_.pid, &status, WNOHANG) != process_.pid) return false;
-    process_.pid = -1;
+    if (waitpid(pid_, &status, WNOHANG) != pid_) return false;
+    pid_ = -1;
     return true;
 }
 
 bool Daemon::receive(seccomp_notif& notification) const {
-    memset(&notification, 0, sizeof(notification));
-    return seccomp_notify_receive(process_.listener, &notification) == 0;
+    notification = {};
+    return seccomp_notify_receive(listener_, &notification) == 0;
 }
 
 void Daemon::answer(const Call& call, int64_t result) const {
     constexpr int64_t kLastErrno = 4095;
-    seccomp_notif_resp response{};
-    response.id = call.raw.id;
-    if (result < 0 && result >= -kLastErrno) {
-        response.error = static_cast<int32_t>(result);
-    } else {
-        response.val = result;
-    }
-    seccomp_notify_respond(process_.listener, &response);
+    const bool error = result < 0 && result >= -kLastErrno;
+    seccomp_notif_resp response = {call.raw.id, error ? 0 : result,
+                                   error ? static_cast<int32_t>(result) : 0, 0};
+    seccomp_notify_respond(listener_, &response);
 }
 
 void Daemon::proceed(const Call& call) const {
-    seccomp_notif_resp response{};
-    response.id = call.raw.id;
-    response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
-    seccomp_notify_respond(process_.listener, &response);
+    seccomp_notif_resp response = {call.raw.id, 0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE};
+    seccomp_notify_respond(listener_, &response);
+}
+
+int Daemon::add(seccomp_notif_addfd add, const Call& call, int fd) const {
+    add.id = call.raw.id;
+    add.srcfd = static_cast<uint32_t>(fd);
+    const int number = ioctl(listener_, SECCOMP_IOCTL_NOTIF_ADDFD, &add);
+    if (number < 0) fail_errno("cannot give the daemon a descriptor");
+    return number;
 }
 
 int Daemon::give(const Call& call, int fd) const {
     const uint64_t flags = call.argument(call.shape->path + 1);
     fcntl(fd, F_SETFL, flags & O_NONBLOCK);
-    seccomp_notif_addfd add{};
-    add.id = call.raw.id;
-    add.flags = SECCOMP_ADDFD_FLAG_SEND;
-    add.srcfd = static_cast<uint32_t>(fd);
-    add.newfd_flags = flags & O_CLOEXEC;
-    const int number = ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_ADDFD, &add);
-    if (number < 0) fail_errno("cannot give the daemon a descriptor");
-    return number;
+    seccomp_notif_addfd added{};
+    added.flags = SECCOMP_ADDFD_FLAG_SEND;
+    added.newfd_flags = flags & O_CLOEXEC;
+    return add(added, call, fd);
 }
 
 void Daemon::replace(const Call& served, int daemon_fd, int fd) const {
-    seccomp_notif_addfd add{};
-    add.id = served.raw.id;
-    add.flags = SECCOMP_ADDFD_FLAG_SETFD;
-    add.srcfd = static_cast<uint32_t>(fd);
-    add.newfd = static_cast<uint32_t>(daemon_fd);
-    add.newfd_flags = O_CLOEXEC;
-    if (ioctl(process_.listener, SECCOMP_IOCTL_NOTIF_ADDFD, &add) < 0)
-        fail_errno("cannot replace a descriptor of the daemon");
+    seccomp_notif_addfd added{};
+    added.flags = SECCOMP_ADDFD_FLAG_SETFD;
+    added.newfd = static_cast<uint32_t>(daemon_fd);
+    added.newfd_flags = O_CLOEXEC;
+    add(added, served, fd);
 }
 
 int Daemon::duplicate(int daemon_fd) const {
-    return static_cast<int>(syscall(SYS_pidfd_getfd, process_.pidfd, daemon_fd, 0));
+    return static_cast<int>(syscall(SYS_pidfd_getfd, pidfd_, daemon_fd, 0));
 }
 
-std::string Daemon::file_of(int daemon_fd) const {
-    char target[4096];
-    const std::string link = fmt::format("/proc/{}/fd/{}", process_.pid, daemon_fd);
-    const ssize_t n = readlink(link.c_str(), target, sizeof(target));
-    return {target, n > 0 ? static_cast<size_t>(n) : 0};
-}
-
-ino_t Daemon::inode_of(int daemon_fd) const {
-    return inode_of_path(fmt::format("/proc/{}/fd/{}", process_.pid, daemon_fd));
+std::string Daemon::link_of(int daemon_fd) const {
+    return fmt::format("/proc/{}/fd/{}", pid_, daemon_fd);
 }
 
 bool Daemon::has_thread(pid_t tid) const {
-    return access(fmt::format("/proc/{}/task/{}", process_.pid, tid).c_str(), F_OK) == 0;
+    return access(fmt::format("/proc/{}/task/{}", pid_, tid).c_str(), F_OK) == 0;
 }
 
 bool Daemon::waits_for_thread(pid_t tid) const {
-    const std::string path = fmt::format("/proc/{}/task/{}/syscall", process_.pid, tid);
+    const std::string path = fmt::format("/proc/{}/task/{}/syscall", pid_, tid);
     return read_file(path).find(fmt::format("{} ", SYS_futex)) == 0;
-}
-
-ino_t inode_of_path(const std::string& path) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
 }  // namespace rvd::lab

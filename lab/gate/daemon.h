@@ -1,4 +1,4 @@
-// The daemon's process, seen from outside: it is started under a filter, stops at each system call
+// The daemon's process, seen from outside: started under a filter, it stops at each system call
 // that the filter names, and goes on once that is answered.
 #pragma once
 
@@ -6,11 +6,10 @@
 #include <sys/types.h>
 
 #include <string>
-#include <vector>
 
 #include "lab/gate/table.h"
 #include "lab/modem/modem.h"
-#include "lab/phone/launch.h"
+#include "lab/phone/phone.h"
 
 namespace rvd::lab {
 
@@ -32,38 +31,37 @@ class Daemon {
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 
-    void start(const std::string& root, const std::vector<std::string>& arguments,
-               const std::vector<Rule>& rules, bool virtual_time);
+    // With `virtual_time` no clock of the daemon's bypasses the filter. Throws Unable.
+    void start(const Phone& phone, const Filter& filter, bool virtual_time);
     void end();  // nothing of it is left
     bool ended(int& status);
 
-    pid_t pid() const { return process_.pid; }
-    int listener() const { return process_.listener; }
-    int pidfd() const { return process_.pidfd; }
+    pid_t pid() const { return pid_; }
+    int pidfd() const { return pidfd_; }
+    int listener() const { return listener_; }  // where its calls come in
 
-    // The next call that it stops at.
     bool receive(seccomp_notif& notification) const;
     void answer(const Call& call, int64_t result) const;
     void proceed(const Call& call) const;
 
-    // Adds a descriptor of this process to it: as the result of its open, or in place of another
+    // Gives it a descriptor of this process: as the result of its open, or in place of another
     // while one of its calls is served.
     int give(const Call& call, int fd) const;
     void replace(const Call& served, int daemon_fd, int fd) const;
 
-    // One of its descriptors, as one of this process; the file behind it; that file's number.
+    // One of its descriptors, as one of this process; and the path by which /proc shows it.
     int duplicate(int daemon_fd) const;
-    std::string file_of(int daemon_fd) const;
-    ino_t inode_of(int daemon_fd) const;
+    std::string link_of(int daemon_fd) const;
 
     // Whether a thread is one of its own; whether it waits for another one.
     bool has_thread(pid_t tid) const;
     bool waits_for_thread(pid_t tid) const;
 
   private:
-    Process process_;
-};
+    int add(seccomp_notif_addfd add, const Call& call, int fd) const;
 
-ino_t inode_of_path(const std::string& path);
+    pid_t pid_ = -1;
+    int pidfd_ = -1, listener_ = -1;
+};
 
 }  // namespace rvd::lab

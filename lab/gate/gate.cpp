@@ -38,7 +38,7 @@ Gate::Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup set
       links_(daemon_, clock_, story, [this] { widen(); }),
       calls_(scenario, phone, story, *this, daemon_, clock_, links_) {
     const auto shapes = calls_to_watch(scenario, !setup.real_time, setup.learn);
-    rules_ = rules_for(shapes);
+    filter_ = filter_for(shapes);
     for (const CallShape& shape : shapes)
         shapes_.emplace(shape.number, shape);
 }
@@ -56,7 +56,7 @@ void Gate::start_daemon() {
     close_daemon();
     calls_.restart();
     clock_.restart();
-    daemon_.start(phone_.root(), scenario_.args, rules_, !setup_.real_time);
+    daemon_.start(phone_, filter_, !setup_.real_time);
     tell_start();
 }
 

@@ -65,7 +65,7 @@ class Gate : public RunStage {
     const Setup setup_;
     const std::chrono::steady_clock::time_point began_;
     std::map<int, CallShape> shapes_;
-    std::vector<Rule> rules_;
+    Filter filter_;
 
     Daemon daemon_;
     Clock clock_;

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,8 +33,14 @@ std::pair<int, int> open_pair() {
     return {ends[0], ends[1]};
 }
 
+// The number of a socket, by a path that leads to it; 0 where there is none.
+ino_t inode_of(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
 ino_t inode_of_own(int fd) {
-    return inode_of_path(fmt::format("/proc/self/fd/{}", fd));
+    return inode_of(fmt::format("/proc/self/fd/{}", fd));
 }
 
 }  // namespace
@@ -136,7 +143,7 @@ void Links::take_packets(size_t index, Says says) {
         links_[index].held.assign(packet, packet + n);
     }
     const Link& link = links_[index];
-    if (daemon_.inode_of(link.daemon_fd) != link.inode) erase();
+    if (inode_of(daemon_.link_of(link.daemon_fd)) != link.inode) erase();
 }
 
 void Links::deliver(size_t index, const Packet& packet) {

@@ -1,8 +1,14 @@
 #include "lab/gate/table.h"
 
+#include <errno.h>
+#include <fmt/format.h>
 #include <sched.h>
+#include <seccomp.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <list>
@@ -53,7 +59,6 @@ constexpr CallShape kShapes[] = {
         {"write", "write", Watch::faults, Service::write, -1, 0},
         {"lseek", "lseek", Watch::faults, Service::look, -1, 0},
         {"fsync", "fsync", Watch::faults, Service::look, -1, 0},
-        {"ftruncate", "ftruncate", Watch::faults, Service::look, -1, 0},
         {"ftruncate", "ftruncate", Watch::faults, Service::look, -1, 0},
         {"fstat", "stat", Watch::faults, Service::look, -1, 0},
         {"stat", "stat", Watch::faults, Service::look, 0, -1},
@@ -115,19 +120,32 @@ std::vector<std::string> fault_calls() {
     return names;
 }
 
-std::vector<Rule> rules_for(const std::vector<CallShape>& shapes) {
-    std::vector<Rule> rules;
+Filter filter_for(const std::vector<CallShape>& shapes) {
+    scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
+    if (filter == nullptr) throw Unable("cannot make a system-call filter");
     for (const CallShape& shape : shapes) {
-        Rule rule{shape.number, {}};
+        std::vector<scmp_arg_cmp> only;
         if (shape.service == Service::ioctl)
-            rule.arguments = {SCMP_A1(SCMP_CMP_MASKED_EQ, 0xFF00, kLnkmType << 8)};
-        if (std::string(shape.name) == "prctl")
-            rule.arguments = {SCMP_A0(SCMP_CMP_EQ, PR_SET_KEEPCAPS, 0)};
+            only = {SCMP_A1(SCMP_CMP_MASKED_EQ, 0xFF00, kLnkmType << 8)};
+        if (std::string(shape.name) == "prctl") only = {SCMP_A0(SCMP_CMP_EQ, PR_SET_KEEPCAPS, 0)};
         if (std::string(shape.name) == "clone")
-            rule.arguments = {SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD)};
-        rules.push_back(rule);
+            only = {SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD)};
+        const int result = seccomp_rule_add_array(filter, SCMP_ACT_NOTIFY, shape.number,
+                                                  static_cast<unsigned>(only.size()), only.data());
+        if (result != 0)
+            throw Forbidden(fmt::format("this kernel cannot hand over system call {}: {}",
+                                        shape.name, strerror(-result)));
     }
-    return rules;
+    const int fd = memfd_create("filter", MFD_CLOEXEC);
+    if (fd < 0 || seccomp_export_bpf(filter, fd) != 0)
+        fail_errno("cannot make a system-call filter");
+    seccomp_release(filter);
+    const auto size = static_cast<size_t>(lseek(fd, 0, SEEK_END));
+    Filter program(size / sizeof(sock_filter));
+    if (pread(fd, program.data(), size, 0) != static_cast<ssize_t>(size))
+        fail_errno("cannot read the system-call filter");
+    close(fd);
+    return program;
 }
 
 }  // namespace rvd::lab

@@ -2,10 +2,11 @@
 // scenario calls it, which argument is a path or a descriptor, and when it is taken.
 #pragma once
 
+#include <linux/filter.h>
+
 #include <string>
 #include <vector>
 
-#include "lab/phone/launch.h"
 #include "lab/scenario/scenario.h"
 
 namespace rvd::lab {
@@ -50,6 +51,8 @@ std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_tim
 // What a fault can be made for, by the scenario's names.
 std::vector<std::string> fault_calls();
 
-std::vector<Rule> rules_for(const std::vector<CallShape>& shapes);
+// The program that hands these calls over and leaves all others to the kernel. Throws Unable.
+using Filter = std::vector<sock_filter>;
+Filter filter_for(const std::vector<CallShape>& shapes);
 
 }  // namespace rvd::lab

@@ -3,16 +3,17 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <grp.h>
 #include <sched.h>
-#include <string.h>
+#include <signal.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "bootdump/lnkm.h"
+#include "lab/phone/private_root.h"
 
 namespace fs = std::filesystem;
 
@@ -20,29 +21,22 @@ namespace rvd::lab {
 
 namespace {
 
+constexpr char kDaemon[] = "/vendor/bin/rvd";
+constexpr char kCmdline[] = "/run/rvd/cmdline";
 constexpr char kMarker[] = "/.rvd-lab";  // in a kept root: what is here may be replaced
 
-bool is_real_root = false;
-
-uid_t owner() {
-    return is_real_root ? kRadio : 0;
+std::string place_of(const std::string& property) {
+    return std::string(kPropertyDir) + "/" + property;
 }
 
-void put_property(const Tree& tree, const std::string& name, const std::string& value,
-                  uid_t owner) {
-    const std::string inside = std::string(kPropertyDir) + "/" + name;
-    tree.write(inside, value);
+bool persists(const std::string& property) {
+    return property.compare(0, 8, "persist.") == 0;
+}
+
+void put_file(const Tree& tree, const std::string& inside, const std::string& content,
+              uid_t owner) {
+    tree.write(inside, content);
     tree.own(inside, owner);
-}
-
-// Whether this user exists here: a container's root may be the only one.
-bool is_mapped(uid_t user) {
-    std::ifstream map("/proc/self/uid_map");
-    uint64_t first = 0, outside = 0, count = 0;
-    while (map >> first >> outside >> count) {
-        if (user >= first && user - first < count) return true;
-    }
-    return false;
 }
 
 // The first process of a process-number namespace takes all others with it when it dies. It does so
@@ -52,48 +46,44 @@ void start_guardian() {
     if (pipe2(life, O_CLOEXEC) != 0) fail_errno("cannot make a pipe");
     const pid_t pid = fork();
     if (pid < 0) fail_errno("cannot fork");
-    if (pid > 0) {
-        close(life[0]);
-        return;
-    }
-    close(life[1]);
+    close(life[pid > 0 ? 0 : 1]);
+    if (pid > 0) return;
     char none = 0;
     while (read(life[0], &none, sizeof(none)) < 0 && errno == EINTR) {
     }
     _exit(0);
 }
 
+// The environment is the daemon's contract and nothing else; sanitizers and coverage take theirs.
+std::vector<std::string> environment() {
+    std::vector<std::string> variables = {std::string("RVD_PROPERTY_DIR=") + kPropertyDir,
+                                          std::string("RVD_ANDROID_LOG=") + kAndroidLog};
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS",
+                             "GCOV_PREFIX", "GCOV_PREFIX_STRIP"}) {
+        if (const char* value = getenv(name)) variables.push_back(std::string(name) + "=" + value);
+    }
+    return variables;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+    std::vector<char*> list;
+    for (std::string& text : texts)
+        list.push_back(text.data());
+    list.push_back(nullptr);
+    return list;
+}
+
 }  // namespace
 
-void enter_namespaces() {
-    const uid_t uid = geteuid();
-    const gid_t gid = getegid();
-    is_real_root = uid == 0 && is_mapped(kRadio) && unshare(CLONE_NEWNS | CLONE_NEWPID) == 0;
-    if (!is_real_root) {
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) != 0) {
-            throw Forbidden(
-                    std::string("this kernel gives an ordinary user no user namespace (") +
-                    strerror(errno) +
-                    "). Run rvd-lab as root, or allow it: sysctl user.max_user_namespaces above 0, "
-                    "kernel.unprivileged_userns_clone=1, or where AppArmor restricts it, "
-                    "kernel.apparmor_restrict_unprivileged_userns=0; in a container, start it "
-                    "with the right to unshare and mount.");
-        }
-        write_once("/proc/self/setgroups", "deny");
-        write_once("/proc/self/uid_map", fmt::format("0 {} 1", uid));
-        write_once("/proc/self/gid_map", fmt::format("0 {} 1", gid));
-    }
-    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        forbid_errno("cannot keep mounts private (in a chroot, the root must be a mount point)");
+Phone::Phone(const Scenario& scenario, const std::string& directory, bool keep)
+    : scenario_(scenario),
+      tree_(directory),
+      keep_(keep),
+      real_root_(enter_namespaces(CLONE_NEWNS | CLONE_NEWPID)),
+      owner_(real_root_ ? kRadio : 0),
+      partition_(scenario, directory) {
     start_guardian();
 }
-
-bool Phone::real_root() {
-    return is_real_root;
-}
-
-Phone::Phone(const Scenario& scenario, const std::string& directory, bool keep)
-    : scenario_(scenario), tree_(directory), keep_(keep), partition_(scenario, directory) {}
 
 void Phone::build(const std::string& daemon_binary) {
     if (keep_) {
@@ -105,90 +95,58 @@ void Phone::build(const std::string& daemon_binary) {
     } else if (mount("tmpfs", root().c_str(), "tmpfs", MS_NOSUID, "mode=0755") != 0) {
         forbid_errno("cannot mount the phone's root");
     }
-    mount_system();
     make_tree();
-    put_daemon(daemon_binary);
+    show_machine();
+    show_daemon(daemon_binary);
 }
 
 void Phone::resume(const std::string& daemon_binary) {
-    mount_system();
-    put_cmdline();
-    put_daemon(daemon_binary);
+    show_machine();
+    show_daemon(daemon_binary);
 }
 
-void Phone::put_cmdline() const {
-    bind(path("/run/rvd/cmdline"), "/proc/cmdline", true);
-}
-
-void Phone::put_daemon(const std::string& binary) const {
-    tree_.write(kDaemonPath, "");
-    bind(binary, kDaemonPath, true);
-    if (!partition_.image().empty()) bind(partition_.image(), kPartitionPath, true);
-    for (const std::string& directory : scenario_.read_only) {
-        tree_.make_directory(directory);
-        bind(path(directory), directory, true);
-    }
-}
-
-void Phone::bind(const std::string& from, const std::string& to, bool read_only) const {
-    const std::string target = path(to);
-    if (mount(from.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
-        forbid_errno("cannot bind " + from + " to " + target);
-    if (!read_only) return;
-    mount_attr attributes{};
-    attributes.attr_set = MOUNT_ATTR_RDONLY;
-    if (mount_setattr(-1, target.c_str(), AT_RECURSIVE, &attributes, sizeof(attributes)) != 0)
-        forbid_errno("cannot make " + target + " read-only");
-}
-
-// What a dynamic linker and a sanitizer's run-time library need, from the machine, read-only.
-void Phone::mount_system() const {
-    for (const char* directory : {"/usr", "/lib", "/lib64", "/bin"}) {
-        std::error_code none;
-        if (fs::is_symlink(directory, none)) {
-            fs::copy_symlink(directory, path(directory), none);
-        } else if (fs::is_directory(directory, none)) {
-            tree_.make_directory(directory);
-            bind(directory, directory, true);
-        }
-    }
-    for (const char* directory : {"/proc", "/etc", "/dev", "/vendor/bin", "/tmp"})
-        tree_.make_directory(directory);
-    bind("/proc", "/proc", false);
-    for (const char* node : {"/dev/null", "/dev/zero", "/dev/urandom"}) {
-        tree_.write(node, "");
-        bind(node, node, false);
-    }
-    if (fs::exists("/etc/ld.so.cache")) fs::copy("/etc/ld.so.cache", path("/etc/ld.so.cache"));
-    if (const char* prefix = getenv("GCOV_PREFIX")) {
-        tree_.make_directory(prefix);
-        bind(prefix, prefix, false);
-    }
+// What a dynamic linker and a sanitizer's run-time library need of the machine.
+void Phone::show_machine() const {
+    for (const char* path : {"/usr", "/lib", "/lib64", "/bin", "/etc/ld.so.cache"})
+        share(path, root(), true);
+    for (const char* path : {"/proc", "/dev/null", "/dev/zero", "/dev/urandom"})
+        share(path, root());
+    if (const char* prefix = getenv("GCOV_PREFIX")) share(prefix, root());
+    bind(path(kCmdline), path("/proc/cmdline"), true);
 }
 
 void Phone::make_tree() const {
+    for (const char* directory : {"/etc", "/tmp", "/vendor/bin"})
+        tree_.make_directory(directory);
     for (const char* directory :
          {"/data/vendor/log", "/efs", "/mnt/vendor/efs", "/sys/power", "/dev/block/by-name",
           "/sys/devices/platform/lnkm/sim", kPropertyDir}) {
         tree_.make_directory(directory);
-        tree_.own(directory, owner());
+        tree_.own(directory, owner_);
     }
-    for (const char* file : {kWakeLockPath, kWakeUnlockPath, kSimCountPath, kAndroidLog, kOutput}) {
-        tree_.write(file, "");
-        tree_.own(file, owner());
-    }
-    tree_.write("/run/rvd/cmdline", scenario_.cmdline + "\n");
-    put_cmdline();
+    for (const char* file : {kWakeLockPath, kWakeUnlockPath, kSimCountPath, kAndroidLog, kOutput})
+        put_file(tree_, file, "", owner_);
+    tree_.write(kCmdline, scenario_.cmdline + "\n");
     tree_.write("/etc/group",
                 scenario_.log_group ? fmt::format("log:x:{}:\n", kLogGroup) : "root:x:0:\n");
     partition_.write();
-    if (fs::exists(path(scenario_.nv_path()))) tree_.own(scenario_.nv_path(), owner());
-    put_scenario_files(scenario_, tree_, owner());
+    if (fs::exists(path(scenario_.nv_path()))) tree_.own(scenario_.nv_path(), owner_);
+    put_scenario_files(scenario_, tree_, owner_);
+}
+
+void Phone::show_daemon(const std::string& binary) const {
+    tree_.write(kDaemon, "");
+    bind(binary, path(kDaemon), true);
+    if (!partition_.image().empty()) bind(partition_.image(), path(kPartitionPath), true);
+    for (const std::string& directory : scenario_.read_only) {
+        tree_.make_directory(directory);
+        bind(path(directory), path(directory), true);
+    }
 }
 
 void put_scenario_files(const Scenario& scenario, const Tree& tree, uid_t owner) {
     for (const auto& [name, value] : scenario.properties)
-        put_property(tree, name, value, owner);
+        put_file(tree, place_of(name), value, owner);
     for (const auto& [file, content] : scenario.files) {
         const bool directory = file.back() == '/';
         const std::string bare = directory ? file.substr(0, file.size() - 1) : file;
@@ -203,21 +161,38 @@ void put_scenario_files(const Scenario& scenario, const Tree& tree, uid_t owner)
 }
 
 std::string Phone::property(const std::string& name) const {
-    return read_file(path(kPropertyDir) + "/" + name);
+    return read_file(path(place_of(name)));
 }
 
 void Phone::set_property(const std::string& name, const std::string& value) const {
-    put_property(tree_, name, value, owner());
+    put_file(tree_, place_of(name), value, owner_);
 }
 
 void Phone::clear_properties() const {
     for (const auto& entry : fs::directory_iterator(path(kPropertyDir))) {
-        if (entry.path().filename().string().compare(0, 8, "persist.") != 0)
-            fs::remove(entry.path());
+        if (!persists(entry.path().filename())) fs::remove(entry.path());
     }
     for (const auto& [name, value] : scenario_.properties) {
-        if (name.compare(0, 8, "persist.") != 0) set_property(name, value);
+        if (!persists(name)) set_property(name, value);
     }
+}
+
+void Phone::become_daemon(const std::function<void()>& last) const {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::vector<std::string> words = scenario_.args, variables = environment();
+    words.insert(words.begin(), kDaemon);
+    const std::vector<char*> argv = pointers(words), envp = pointers(variables);
+    dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+    dup2(open(path(kOutput).c_str(), O_WRONLY | O_APPEND), STDOUT_FILENO);
+    dup2(STDOUT_FILENO, STDERR_FILENO);
+    close_range(STDERR_FILENO + 1, ~0u, 0);
+    // As a phone's first process starts it; in a user namespace the kernel refuses.
+    setgroups(1, &kLogGroup);
+    if (chroot(root().c_str()) == 0 && chdir("/") == 0) {
+        last();
+        execve(kDaemon, argv.data(), envp.data());
+    }
+    _exit(errno);
 }
 
 }  // namespace rvd::lab

@@ -15,17 +15,13 @@ class Tree {
     const std::string& root() const { return root_; }
     std::string path(const std::string& inside) const { return root_ + inside; }
 
-    // With all directories above it. These throw Unable where they fail.
-    void make_directory(const std::string& inside) const;
-    void write(const std::string& inside, const std::string& content) const;  // replaced at once
-    void remove(const std::string& inside) const;                             // with what is in it
+    // These throw Unable.
+    void make_directory(const std::string& inside) const;  // with all above it
+    void write(const std::string& inside, const std::string& content) const;
+    void remove(const std::string& inside) const;  // with what is in it
     void own(const std::string& inside, uid_t owner) const;
 
   private:
-    int open_directory(const std::string& inside) const;
-    template <class Action>
-    void at(const std::string& inside, const Action& action) const;
-
     std::string root_;
 };
 

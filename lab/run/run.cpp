@@ -164,7 +164,6 @@ class Run {
   private:
     // Whether the run goes on where it was when the machine went down.
     bool prepare_phone() {
-        enter_namespaces();
         const bool resumed = !options_.notebook.empty() && notes_.take(options_.notebook);
         fs::path binary = options_.daemon;
         if (!scenario_.program.empty()) binary.replace_filename(scenario_.program);
