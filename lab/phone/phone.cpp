@@ -112,7 +112,7 @@ void Phone::show_machine() const {
     for (const char* path : {"/proc", "/dev/null", "/dev/zero", "/dev/urandom"})
         share(path, root());
     if (const char* prefix = getenv("GCOV_PREFIX")) share(prefix, root());
-    bind(path(kCmdline), path("/proc/cmdline"), true);
+    bind_mount(path(kCmdline), path("/proc/cmdline"), true);
 }
 
 void Phone::make_tree() const {
@@ -136,11 +136,11 @@ void Phone::make_tree() const {
 
 void Phone::show_daemon(const std::string& binary) const {
     tree_.write(kDaemon, "");
-    bind(binary, path(kDaemon), true);
-    if (!partition_.image().empty()) bind(partition_.image(), path(kPartitionPath), true);
+    bind_mount(binary, path(kDaemon), true);
+    if (!partition_.image().empty()) bind_mount(partition_.image(), path(kPartitionPath), true);
     for (const std::string& directory : scenario_.read_only) {
         tree_.make_directory(directory);
-        bind(path(directory), path(directory), true);
+        bind_mount(path(directory), path(directory), true);
     }
 }
 

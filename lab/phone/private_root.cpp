@@ -60,7 +60,7 @@ bool enter_namespaces(int kinds) {
     return real_root;
 }
 
-void bind(const std::string& from, const std::string& to, bool read_only) {
+void bind_mount(const std::string& from, const std::string& to, bool read_only) {
     mount_attr attributes{};
     attributes.attr_set = MOUNT_ATTR_RDONLY;
     must(mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
@@ -81,7 +81,7 @@ void share(const std::string& path, const std::string& root, bool read_only) {
     } else {
         std::ofstream(here.c_str());
     }
-    bind(path, here, read_only);
+    bind_mount(path, here, read_only);
 }
 
 }  // namespace rvd::lab

@@ -16,7 +16,7 @@ constexpr uid_t kRadio = 1001;  // that the daemon becomes
 bool enter_namespaces(int kinds);
 
 // Mounts a file or directory at another place.
-void bind(const std::string& from, const std::string& to, bool read_only = false);
+void bind_mount(const std::string& from, const std::string& to, bool read_only = false);
 
 // Shows a file, directory or link of the machine beneath a root, at the same path; none is no
 // error.

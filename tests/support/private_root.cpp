@@ -75,7 +75,7 @@ void enter_private_root() try {
     for (const auto& [file, over] :
          {std::pair(kCmdline, "/proc/cmdline"), {kGroups, "/etc/group"}}) {
         write_file(kRoot + file, "");
-        lab::bind(kRoot + file, kRoot + over);
+        lab::bind_mount(kRoot + file, kRoot + over);
     }
     must(chroot(kRoot.c_str()) == 0, "change the root");
     must(chdir(cwd.c_str()) == 0 || chdir("/") == 0, "go to the working directory");
