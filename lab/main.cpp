@@ -5,7 +5,7 @@
 #include <stdio.h>
 
 #include "lab/campaign/campaign.h"
-#include "lab/cli/commands.h"
+#include "lab/cli/command_line.h"
 
 using namespace rvd::lab;
 

@@ -66,6 +66,7 @@ while IFS='|' read -r status pattern words; do
 done <<'TABLE'
 0|out:Usage|
 0|out:^rvd-lab [0-9]+\.|--version
+0|out:^rvd RVD-V|--version
 0|out:--modem|demo --help
 2|dmeo.*did you mean "demo"|dmeo
 2|modme.*did you mean "--modem"|demo --modme x

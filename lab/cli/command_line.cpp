@@ -1,5 +1,6 @@
 #include "lab/cli/command_line.h"
 
+#include <fmt/core.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -17,7 +18,7 @@ namespace {
 
 using Command = CommandLine::Command;
 
-// A whole number within these bounds and nothing else in the word.
+// The word is a whole number within these bounds.
 CLI::Validator whole(int64_t least, int64_t most) {
     const auto check = [=](const std::string& word) -> std::string {
         int64_t value = 0;
@@ -33,6 +34,14 @@ CLI::Validator whole(int64_t least, int64_t most) {
 std::string default_daemon() {
     std::error_code none;
     return std::filesystem::read_symlink("/proc/self/exe", none).parent_path() / "rvd";
+}
+
+// The daemon's version stands in its binary.
+std::string versions(const std::string& daemon) {
+    const std::string bytes = read_file(daemon);
+    const size_t at = bytes.find("RVD-V");
+    return fmt::format("rvd-lab {}\nrvd {}", kVersion,
+                       at == bytes.npos ? "not found at " + daemon : bytes.c_str() + at);
 }
 
 void add_run_options(CLI::App& app, CommandLine& line) {
@@ -136,7 +145,7 @@ std::optional<int> parse_command_line(int argc, char** argv, CommandLine& line) 
             "A virtual phone: runs the unmodified rvd on this machine, against a model of the "
             "modem's driver and boot loader.");
     app.require_subcommand(0, 1);
-    app.set_version_flag("--version", std::string("rvd-lab ") + kVersion);
+    app.set_version_flag("--version", [&] { return versions(line.run.daemon); });
     const auto add = [&](Command command, const char* name, const char* help) {
         CLI::App* sub = app.add_subcommand(name, help);
         sub->callback([&line, command] { line.command = command; });

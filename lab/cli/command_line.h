@@ -1,4 +1,4 @@
-// The command line of rvd-lab: what it takes, and what it says of what it does not take.
+// The command line of rvd-lab, and the commands.
 #pragma once
 
 #include <optional>
@@ -20,8 +20,11 @@ struct CommandLine {
     bool quiet = false, story = false, list = false, json = false, brief = false;
 };
 
-// An exit status instead, where there is nothing left to do: help and version have been printed, or
-// on standard error what is wrong.
+// Returns an exit status where nothing is left to do: help or version is printed, or the error, on
+// standard error.
 std::optional<int> parse_command_line(int argc, char** argv, CommandLine& line);
+
+// Executes the command and returns the exit status. Throws Unable.
+int execute(CommandLine& line);
 
 }  // namespace rvd::lab

@@ -1,5 +1,3 @@
-#include "lab/cli/commands.h"
-
 #include <fmt/core.h>
 #include <sys/resource.h>
 #include <time.h>
@@ -10,6 +8,7 @@
 #include "lab/builtin.h"
 #include "lab/campaign/faults.h"
 #include "lab/campaign/soak.h"
+#include "lab/cli/command_line.h"
 #include "lab/cli/toc.h"
 #include "lab/scenario/reader.h"
 #include "lab/scenario/scenario.h"
@@ -18,7 +17,7 @@ namespace rvd::lab {
 
 namespace {
 
-constexpr rlim_t kOpenFiles = 64;  // more than a run ever holds
+constexpr rlim_t kOpenFiles = 64;  // more than a run needs
 
 void check_open_files() {
     rlimit limit{};
@@ -27,7 +26,7 @@ void check_open_files() {
                                  kOpenFiles));
 }
 
-// The options of a run, with the files of results open. There is one of each for one run.
+// The options of a run with its result files open. Each holds the result of one run.
 RunOptions open_results(const CommandLine& line, bool many) {
     if (many && !(line.trace + line.picture + line.log).empty())
         throw Unable("--trace, --picture and --log take one run: choose it with --case or --only");
@@ -94,7 +93,7 @@ int check(const CommandLine& line) {
 
 using Schema = nlohmann::ordered_json;
 
-// What a schema says of a value, by its type: "text", "list of number".
+// The schema of a value, by its type: "text", "list of number".
 Schema shape_of(const std::string& type, const Form& form) {
     const size_t of = type.find(" of ");
     const std::string inner = of == type.npos ? type : type.substr(of + 4);
@@ -116,7 +115,7 @@ Schema shape_of(const std::string& type, const Form& form) {
     return {{"type", "object"}, {"additionalProperties", shape}};
 }
 
-// The place of a key in a schema: "driver.answer[].request" stands behind the pointer
+// The key "driver.answer[].request" has the JSON pointer
 // "/properties/driver/properties/answer/items/properties/request".
 Schema schema_of(const std::vector<Key>& keys) {
     Schema schema = {{"$schema", "http://json-schema.org/draft-07/schema#"},

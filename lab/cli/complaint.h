@@ -1,13 +1,34 @@
-// What is said of a command line that does not parse.
+// The error message for a command line that does not parse. All of it is in the header, so that
+// each program compiles the library once.
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <string>
+
+#include "lab/base.h"
 
 namespace rvd::lab {
 
-// The first word that nothing is known of, an option before others, and the nearest that is known;
-// or what the library has to say.
-std::string complaint(const CLI::App& app, const CLI::ParseError& error);
+// Names the first unknown word, options first, with the nearest known one; otherwise the library's
+// own message.
+inline std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
+    std::vector<std::string> known;
+    const auto chosen = app.get_subcommands();
+    const std::vector<std::string> unknown = app.remaining(true);
+    if (unknown.empty()) return error.what();
+    const auto is_option = [](const std::string& word) { return word[0] == '-'; };
+    auto word = std::find_if(unknown.begin(), unknown.end(), is_option);
+    if (chosen.empty() && word == unknown.end()) {
+        for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+            known.push_back(command->get_name());
+    } else {
+        for (const CLI::Option* option : (chosen.empty() ? &app : chosen[0])->get_options())
+            known.push_back(option->get_name());
+    }
+    if (word == unknown.end()) word = unknown.begin();
+    const std::string bare = word->substr(0, word->find('='));
+    return "\"" + bare + "\" is not known here" + did_you_mean(bare, known);
+}
 
 }  // namespace rvd::lab

@@ -1,6 +1,6 @@
-// The story of a run: who said what to whom, at which time. What is told is also kept: the lines
-// the daemon logged and the requests it made are what expectations are held against, and a
-// violation fails the run.
+// The story of a run: who said what to whom, and when. It is printed as it happens and kept: the
+// expectations of a scenario are checked against the kept lines and requests, and a violation fails
+// the run.
 #pragma once
 
 #include <chrono>
@@ -18,7 +18,7 @@ class Story {
     // With `out` null the story is only kept.
     Story(FILE* out, const Look& look, Time start);
 
-    // What one will see.
+    // The first lines: what the story is about.
     void begin(const std::string& about);
 
     void set_time(Time now) { now_ = now; }
@@ -28,46 +28,46 @@ class Story {
     // One record that the daemon wrote to the kernel log.
     void log_line(int level, const std::string& text);
 
-    // One request of the daemon; `shown` is false where a summary is told instead.
+    // One request of the daemon; not printed unless `shown`.
     void request(const char* to, const std::string& text, bool shown = true);
 
     void violation(const std::string& text);
 
-    // A transfer that is worth figures at the end. It is over when the daemon goes on to something
-    // else. Progress is told where it takes long.
+    // A transfer for the summary. It ends with the daemon's next line or request. The progress of a
+    // long one is printed.
     void begin_transfer(const std::string& name, uint64_t total);
     void advance_transfer(uint64_t bytes);
 
     // Called with each line ("line") and request ("request").
     std::function<void(const char* kind, const std::string& text)> on_fact;
 
-    // What was said, asked and wrong before, where a run goes on after the machine went down.
+    // The lines, requests and violations from before the machine went down.
     void recall(std::vector<std::string> log, std::vector<std::string> requests,
                 std::vector<std::string> violations);
 
-    // What was told so far is needed no more.
+    // Drops everything kept but the violations.
     void forget();
 
     const std::vector<std::string>& log() const { return log_; }
     const std::vector<std::string>& requests() const { return requests_; }
 
-    // Both together, each behind its time: "4.5 s POWER_OFF".
+    // Lines and requests in their order, each after its time: "4.5 s POWER_OFF".
     const std::vector<std::string>& facts() const { return facts_; }
 
     const std::vector<std::string>& violations() const { return violations_; }
 
-    // What the kernel's log ring would hold by now.
+    // The kernel's log ring.
     const std::string& ring() const { return ring_; }
 
     std::vector<std::string> transfer_summary() const;
 
-    // Trace events as trace viewers read them.
+    // Trace events, as JSON for a trace viewer.
     std::string trace() const;
 
-    // A sequence of messages, as SVG: what passed between two, and what the daemon says went wrong.
+    // A sequence diagram in SVG: messages between two actors, and failures.
     std::string picture(const std::string& title) const;
 
-    // The last words of the crashed modem, as the driver was given them.
+    // The reason of the last panic request.
     std::string crash_sentence;
 
   private:
@@ -96,7 +96,7 @@ class Story {
     std::vector<std::string> log_, requests_, facts_, violations_;
     std::vector<Told> told_;
     std::vector<Transfers> transfers_;
-    // The one that goes on, or did last; over where it did not really begin.
+    // The current transfer; none where really_begun_ is zero.
     size_t current_ = 0;
     uint64_t total_ = 0, moved_ = 0;
     Time begun_ = 0;

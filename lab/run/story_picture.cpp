@@ -1,4 +1,4 @@
-// The story drawn, as rvd-report draws what it finds.
+// The sequence diagram of a story, drawn by rvd-report's code.
 #include "lab/run/story.h"
 #include "report/print/people.h"
 #include "report/print/picture.h"

@@ -22,7 +22,7 @@ constexpr char kPlain[] = "\033[0m";
 struct Pattern {
     const char* from;
     const char* text;
-    const char* title;  // of the chapter that begins here; null: what a brief story keeps
+    const char* title;  // of the chapter that begins here; null: a line of a brief story
 };
 
 const Pattern kPatterns[] = {
@@ -51,7 +51,7 @@ const char* colour_of(const std::string& actor) {
     return actor == "phone" || actor == "kernel" ? "\033[33m" : "";
 }
 
-// On one line, and nothing in it that a terminal would obey.
+// One line without control characters.
 std::string on_one_line(std::string text) {
     text.erase(text.find_last_not_of('\n') + 1);
     for (char& c : text)
@@ -99,7 +99,7 @@ void StoryPrinter::line(Time now, const char* from, const char* to, const std::s
                 return strcmp(pattern.from, from) == 0 && matches(pattern.text, text);
             });
     const bool known = found != std::end(kPatterns);
-    // A daemon that is started again is part of a chapter.
+    // A daemon that is started again begins no chapter.
     const bool again = begun_ && found == std::begin(kPatterns);
     const bool chapter = known && found->title != nullptr && !again;
     if (chapter) heading(now, found->title);

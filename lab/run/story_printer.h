@@ -1,4 +1,4 @@
-// How a story looks while it is told: columns, chapters, colours, the width of a terminal.
+// Prints a story: columns, chapters, colours, and lines wrapped at the width of a terminal.
 #pragma once
 
 #include <stdio.h>
@@ -11,25 +11,25 @@ namespace rvd::lab {
 
 struct Look {
     bool colours = false;
-    bool brief = false;  // chapters and what matters most in each
-    int width = 0;       // lines are wrapped to it; 0: as long as they are
+    bool brief = false;  // only the chapters and their most important lines
+    int width = 0;       // columns at which lines are wrapped; 0: never
 };
 
-// What suits the file: width is a terminal's, and so are colours unless "always" or "never" wanted.
+// The width and, with "auto", the colours that suit the file; "always" and "never" as they say.
 Look look_for(FILE* out, const std::string& colours);
 
-// Whether a line on this terminal can be rewritten and coloured.
+// Whether this is a terminal that understands escape sequences.
 bool is_capable_terminal(int fd);
 
 class StoryPrinter {
   public:
-    // `start` is the moment from which the story counts.
+    // Times are printed relative to `start`.
     StoryPrinter(FILE* out, const Look& look, Time start) : out_(out), look_(look), start_(start) {}
 
-    // What one will see, and what the columns are.
+    // Prints what the story is about, and a legend of the columns.
     void begin(const std::string& about);
 
-    // One line, behind the heading of its chapter where it begins one.
+    // Prints one line, and before it the heading of a chapter that it begins.
     void line(Time now, const char* from, const char* to, const std::string& text);
 
   private:

@@ -6,7 +6,7 @@ namespace rvd::lab {
 
 void Timeline::resume(size_t position, bool panicked) {
     at_ = position;
-    // An upload that was waited for has been, and the reboot that it asked for as well.
+    // The panic was the event that was waited for, and its reboot has happened.
     if (panicked && !finished() && next().upload) apply(scenario_.timeline[at_++]);
     phone_.clear_properties();
     modem_.reboot();

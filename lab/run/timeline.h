@@ -20,17 +20,16 @@ class Timeline {
 
     void begin() { arm(); }
 
-    // The events before `position` have happened, and the phone has just come up again, after a
-    // panic or a mere reboot.
+    // Continues at `position` after a reboot, or after a panic.
     void resume(size_t position, bool panicked);
 
-    // What triggers events: the daemon begins to wait, the device goes to upload mode (true where
-    // that was wanted), something is logged or requested.
+    // These trigger events: the daemon begins to wait, the device goes to upload mode (returns
+    // whether an event waited for that), a line ("line") or a request ("request").
     void waits();
     bool upload();
     void fact(const std::string& kind, const std::string& text);
 
-    // The first event that has not happened yet.
+    // The index of the next event.
     size_t position() const { return at_; }
     bool finished() const { return at_ == scenario_.timeline.size(); }
 

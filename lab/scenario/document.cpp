@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-// A file that is no TOML is refused with its line; the library's own assertions come before its
-// message, and would end the process instead.
+// The library's assertions would abort before it reports where a file is no TOML.
 #define TOML_ASSERT(expr) static_cast<void>(0)
 #include <toml++/toml.h>
 
@@ -35,7 +34,7 @@ Value converted(const toml::node& from, const std::string& name) {
     return node;
 }
 
-// The library calls the end of a line within a text a control character.
+// The library reports the end of a line within a text as a control character.
 bool is_unterminated(const std::string& text, const toml::parse_error& error) {
     const std::string_view why = error.description();
     if (why.find("parsing string") == why.npos) return false;
@@ -46,7 +45,7 @@ bool is_unterminated(const std::string& text, const toml::parse_error& error) {
     return error.source().begin.column > length || why.find("end-of-file") != why.npos;
 }
 
-// The library stumbles over some letters where it looks for a blank; \u spells them in a text.
+// The library mistakes some letters beyond ASCII for blanks; in a text, \u writes them.
 void refuse_beyond_ascii(const std::string& text, const std::string& name) {
     const auto beyond = std::find_if(text.begin(), text.end(), [](char c) { return c & 0x80; });
     if (beyond == text.end()) return;

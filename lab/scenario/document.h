@@ -1,4 +1,4 @@
-// A TOML file as a tree of values that know where they stand. The TOML library stays behind it.
+// A TOML file as a tree of values with their places. Only document.cpp includes the TOML library.
 #pragma once
 
 #include <map>
@@ -14,7 +14,7 @@ struct Value {
     using List = std::vector<Value>;
     using Table = std::map<std::string, Value>;
 
-    // None of them for a kind that no scenario takes, a date or a fraction.
+    // Without a value for what no scenario takes: dates and fractions.
     std::variant<std::monostate, bool, int64_t, std::string, List, Table> value;
     std::string place;  // "FILE:LINE"
 

@@ -9,8 +9,8 @@ namespace rvd::lab {
 
 namespace {
 
-constexpr size_t kFewWords = 6;       // that a refusal names
-constexpr size_t kLongestText = 512;  // that has a form
+constexpr size_t kFewWords = 6;       // listed in a message
+constexpr size_t kLongestText = 512;  // that is matched with a pattern
 constexpr double kBeyondNumbers = 9223372036854775808.0;
 
 struct Unit {
@@ -23,7 +23,7 @@ constexpr Unit kUnits[] = {{"ms", kMillisecond, true},  {"s", kSecond, true},
                            {"KiB", 1 << 10, false},     {"MiB", 1 << 20, false},
                            {"GiB", 1 << 30, false}};
 
-// "1.5 s"; below 0 for anything else.
+// The value of "1.5 s" or "64 KiB"; negative for anything else.
 int64_t measured(const std::string& text, bool span) {
     char* end = nullptr;
     const double value = strtod(text.c_str(), &end);

@@ -1,5 +1,5 @@
-// Reads a scenario's tables key by key. Each call names a key, what it takes and what it is for, so
-// that what is read, what is refused, `rvd-lab keys` and the schema are one list.
+// Reads the tables of a scenario key by key. Each call names a key, its form and its meaning: the
+// same calls read a file, refuse what does not fit, and list the keys for `rvd-lab keys`.
 #pragma once
 
 #include <functional>
@@ -9,13 +9,13 @@
 
 namespace rvd::lab {
 
-// What a value has to be, beyond its type.
+// What a value must be, beyond its type.
 struct Form {
-    std::string what;                     // for a refusal: "a property's name", "modem"
-    std::string pattern = {};             // an extended regular expression for all of it
+    std::string what;                     // for the message: "a property's name", "modem"
+    std::string pattern = {};             // POSIX extended regular expression for the whole text
     std::vector<std::string> words = {};  // one of these
-    bool patterned = false;               // or a pattern whose first word matches one of them
-    bool span = false;                    // a number is a time
+    bool patterned = false;               // the first word is a pattern that matches one of them
+    bool span = false;                    // a time, with its unit
     int64_t least = 0, most = INT64_MAX;
 };
 extern const Form kAny, kSpan;
@@ -30,19 +30,19 @@ struct Key {
 
 class Reader {
   public:
-    // Reads a table; or lists the keys that it can have, below `place`.
+    // Reads `table`, or lists the keys that a table at `place` can have.
     explicit Reader(const Value& table, std::string place = "");
     Reader(std::vector<Key>& keys, std::string place) : place_(std::move(place)), keys_(&keys) {}
 
-    // Texts, numbers with or without a unit, times, true and false, and optionals and lists of
-    // them. What is not given stays as it is.
+    // A text, number, truth or time, or an optional or list of them. `out` keeps its value where
+    // the key is missing.
     template <class T>
     Reader& key(const char* name, T& out, const char* help, const Form& form = kAny) {
         if (const Value* node = find(name, help, type_of(out), form)) take(*node, out, form);
         return *this;
     }
 
-    // A table whose keys are free, but for the form of their names.
+    // A table with free keys, whose names have a form of their own.
     template <class T>
     Reader& key(const char* name, std::map<std::string, T>& out, const char* help,
                 const Form& names = kAny, const Form& form = kAny) {
@@ -55,10 +55,10 @@ class Reader {
         return *this;
     }
 
-    // A table of its own.
+    // A table with keys of its own.
     Reader& table(const char* name, const char* help, const std::function<void(Reader&)>& body);
 
-    // One for each name.
+    // A table of such tables, by name.
     template <class T>
     Reader& tables(const char* name, std::map<std::string, T>& out, const char* help,
                    const Form& names, void (*body)(Reader&, T&)) {
@@ -75,7 +75,7 @@ class Reader {
         });
     }
 
-    // A list of tables, which replaces what there was.
+    // A list of such tables. It replaces `out`.
     template <class T>
     Reader& list(const char* name, std::vector<T>& out, const char* help,
                  void (*body)(Reader&, T&)) {
@@ -88,16 +88,16 @@ class Reader {
         return *this;
     }
 
-    // Some of these keys must be given, or exactly one.
+    // Refuses the table unless at least, or exactly, one of these keys is given.
     void needs_some(std::initializer_list<const char*> names) const { needs(names, SIZE_MAX); }
     void needs_one(std::initializer_list<const char*> names) const { needs(names, 1); }
 
-    // What else must be so where the key that was read last is given.
+    // Refuses the last key, where it is given, unless this holds.
     void must(bool holds, const std::string& why) const {
         if (last_ != nullptr && !holds) last_->refuse(why);
     }
 
-    // Refuses every key that nobody asked for.
+    // Refuses unknown keys.
     void finish() const;
 
   private:

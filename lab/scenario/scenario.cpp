@@ -27,7 +27,7 @@ std::vector<std::string> errno_names() {
     return names;
 }
 
-// Requests to the driver, and what else the story calls a request.
+// The requests of a story: those to the driver, and some others.
 std::vector<std::string> request_words() {
     std::vector<std::string> words = request_names();
     words.insert(words.end(), {"link", "prctl", "setuid", "capset", "sync"});
@@ -44,8 +44,7 @@ const Form kFileSize = between(0, kLargestFile), kWord = between(0, UINT32_MAX),
            kSmall = between(0, INT32_MAX), kCount = between(1, INT32_MAX),
            kPacket = between(0, 8192), kSigned = between(INT64_MIN, INT64_MAX);
 
-// A path has parts with names, none of them "." or "..". A run makes and removes the phone's own
-// files alone, never the machine's.
+// No part of a path is empty, "." or "..", so that a run cannot leave the phone's directories.
 const std::string kPart = "(\\.?[^./][^/]*|\\.\\.[^/]+)";
 const std::string kPlainPart = "(\\.?[^[*?./][^[*?/]*|\\.\\.[^[*?/]+)";
 const Form kPhonePath = {
@@ -61,7 +60,7 @@ const Form kEnd = {"an end: \"waits\", \"parked\", \"limit\", \"upload\", \"stop
                    "waits|parked|limit|upload|stop|exit (1?[0-9]?[0-9]|2[0-4][0-9]|25[0-5])"};
 const Form kDate = {"a time as \"2020-10-01 12:30:00\"",
                     "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"};
-// As Android has them; such a name is no path.
+// Android's rule. Such a name is no path.
 const Form kProperty = {"a property's name", "[a-zA-Z0-9_:@-]+(\\.[a-zA-Z0-9_:@-]+)*"};
 const Form kModem = {"modem", "", {"tq720", "vk880"}}, kProgram = {"program", "", {"rvd-check"}},
            kPanic = {"panic", "", {"upload", "returns"}};
@@ -88,7 +87,7 @@ void read_phone(Reader& reader, Scenario& s) {
         s.files[path].assign(static_cast<size_t>(size), 'x');
 }
 
-// An entry of a table: "NAME:SIZE@PLACE>PLACE#CHECKSUM". False where it is none.
+// Reads "NAME:SIZE@PLACE>PLACE#CHECKSUM"; false if it is something else.
 bool read_entry(const std::string& word, FirmwareEntry& entry) {
     constexpr char kMarks[] = ":@>#";
     std::optional<int64_t>* const values[] = {&entry.size, &entry.b_off, &entry.m_off, &entry.crc};
@@ -108,7 +107,7 @@ bool read_entry(const std::string& word, FirmwareEntry& entry) {
     return !entry.name.empty();
 }
 
-// What is wrong with it; empty where nothing is.
+// Returns what is wrong with the table, or an empty text.
 std::string read_table(const std::string& text, std::vector<FirmwareEntry>& entries) {
     constexpr size_t kLongestName = 12;
     std::istringstream in(text);
@@ -304,7 +303,7 @@ void add_defaults(Scenario& s) {
         path.insert(0, path[0] == '/' ? "" : kLogDirectory);
 }
 
-// What no run can come to.
+// Refuses an end that the run cannot reach, and a case without expectations.
 void check_end(const Value& table, const Scenario& s) {
     if (table.as<Value::Table>()->count("expect") == 0)
         table.refuse("the case expects nothing; say so with expect.end = \"waits\"");

@@ -11,13 +11,13 @@
 
 namespace rvd::lab {
 
-// Which of several alike things something applies to: the nth, and how many from there on (0: all
-// that follow); where `after` names a line of the daemon's log, only what comes behind it counts.
+// Selects some of a series of equal things: `count` of them from the nth on (0: all). With `after`
+// the series begins after the first line of the daemon's log that matches.
 struct Turn {
     int64_t nth = 1, count = 1;
     std::string after;
 
-    // Counts one more, and says whether this is one of those.
+    // Counts one more, and returns whether it is selected.
     bool takes() const {
         if (!after.empty() && !heard) return false;
         seen++;
@@ -27,7 +27,7 @@ struct Turn {
     }
     void hear(const std::string& line) const { heard = heard || matches(after, line); }
 
-    // How far the run has come.
+    // The state of the run.
     mutable int64_t seen = 0;
     mutable bool heard = false, came = false;
 };
@@ -42,7 +42,7 @@ const Thing* first_due(const std::vector<Thing>& things, const Applies& applies)
     return due;
 }
 
-// An entry of the firmware's table of contents; what isn't given is made up from its place.
+// An entry of the firmware's table of contents, with defaults for what is not given.
 struct FirmwareEntry {
     std::string name;
     std::optional<int64_t> b_off, m_off, crc, size;
@@ -161,8 +161,8 @@ struct Scenario {
     }
 };
 
-// All cases of a file, or of a text as if it were a file called `name`. Throws Unable with the
-// file, the line and what is allowed there where something doesn't belong.
+// The cases of a file, or of a text as if it were the file `name`. Throws Unable with the file, the
+// line and what is allowed there.
 std::vector<Scenario> read_scenarios(const std::string& path);
 std::vector<Scenario> parse_scenarios(const std::string& text, const std::string& name);
 
