@@ -101,6 +101,7 @@ void BootDump::std_dump_init_args() {
 void BootDump::std_dump_close_args() {
     const std_dump_args* dump = getStdDump();
     // After a failed dump the device may restart before the kernel writes them back.
+    if (dump->fd[DUMP_FD_LOG] >= 0) flush_names(Log::get_log_dir());
     for (const unsigned slot : {DUMP_FD_LOG, DUMP_FD_INFO, DUMP_FD_DUMP}) {
         if (dump->fd[slot] >= 0) fsync(dump->fd[slot]);
     }
@@ -219,6 +220,7 @@ int BootDump::get_log_dump(const char* name, cp_log_dump_index idx) {
         Log::dump_error(kTag, "ERR! ftruncate(log_dump) fail\n");
     }
     if (fsync(file.get()) < 0) Log::dump_error(kTag, "ERR! fsync(log_dump) fail\n");
+    flush_names(Log::get_log_dir());
     if (written < 0) return written;
     Log::dump_info(kTag, "%s Complete! (%lu bytes)\n", path, saved);
     return saved > 0 ? written : result;

@@ -152,6 +152,7 @@ int Log::dmesg_to_file(const char* path) {
         return 0;
     }
     if (fsync(file.get()) < 0) error("dmesg_to_file", "ERR! fsync(fd) fail\n");
+    flush_names(get_log_dir());
     return 0;
 }
 

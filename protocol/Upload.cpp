@@ -39,6 +39,7 @@ int save_crash_reason(int info_fd) {
     if (truncate_here(info_fd) < 0) Log::dump_error(kTag, "ERR! ftruncate(info_fd) fail\n");
     const int result = fsync(info_fd);
     if (result != 0) Log::dump_error(kTag, "ERR! fsync(info_fd) fail (%d)\n", result);
+    flush_names(Log::get_log_dir());
     return result;
 }
 
@@ -100,6 +101,7 @@ int ProtocolVelo::std_dump_receive_cp_dump() {
         Log::dump_error(kTag, "ERR! fsync(dump_fd) fail\n");
         return result;
     }
+    flush_names(Log::get_log_dir());
     Log::dump_info(kTag, "DUMP DATA saved\n");
 
     const unsigned boot_stage = static_cast<unsigned>(Container::getRvdArgs()->boot_stage);

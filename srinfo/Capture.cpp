@@ -1,5 +1,6 @@
 // A record from the driver to its files, and its text back to the driver after the next boot.
 #include <errno.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include "main/Container.h"
 #include "srinfo/SrinfoVelo.h"
 #include "util/Heap.h"
+#include "util/Io.h"
 #include "util/ScopedFd.h"
 
 namespace rvd {
@@ -73,8 +75,21 @@ bool SrinfoVelo::save_last(const char* tag, char* data, unsigned int size) {
         if (ftruncate(file.get(), 0) < 0 || fsync(file.get()) < 0) {
             Log::error("store_srinfo", "ERR! srinfo_last is not emptied\n");
         }
+    }
+    return name_last(tag) && written >= 0;
+}
+
+// Until a record has its name, nothing waits: one that was cut off is fetched again.
+bool SrinfoVelo::name_last(const char* tag) {
+    char made[kPathSize];
+    char path[kPathSize];
+    made_path(made, tag);
+    last_path(path, tag);
+    if (rename(made, path) < 0) {
+        Log::error("store_srinfo", "ERR! srinfo_last rename fail\n");
         return false;
     }
+    flush_names(Log::kErrorDir);
     return true;
 }
 

@@ -56,6 +56,10 @@ void Srinfo::last_path(char (&path)[kPathSize], const char* tag) {
     format_text(path, "%s/%s_%s", Log::kErrorDir, "last_sr_info", tag);
 }
 
+void Srinfo::made_path(char (&path)[kPathSize], const char* tag) {
+    format_text(path, "%s/%s_%s.new", Log::kErrorDir, "last_sr_info", tag);
+}
+
 char Srinfo::tochar(char c) {
     const unsigned char byte = static_cast<unsigned char>(c);
     return byte >= 0x22 && byte <= 0x7D ? c : '.';
@@ -132,9 +136,11 @@ int Srinfo::open_srinfo_last(const char* tag) {
 
 int SrinfoVelo::create_srinfo_last(const char* tag) {
     char path[kPathSize];
+    char made[kPathSize];
     last_path(path, tag);
+    made_path(made, tag);
     Log::info("create_srinfo_last", "create last_sr_info file - %s\n", path);
-    return open_last_at_start(path, O_CREAT, "last_sr_info create fail\n");
+    return open_last_at_start(made, O_CREAT | O_TRUNC, "last_sr_info create fail\n");
 }
 
 int SrinfoVelo::write_srinfo_last(int fd, char* data, unsigned int size) {
@@ -169,6 +175,7 @@ int SrinfoVelo::write_srinfo_file(int fd, char* data, unsigned int size) {
     }
     write_all(fd, "\n", 1);
     if (fsync(fd) < 0) Log::error(kTag, "ERR! fsync(srinfo_hex) fail\n");
+    flush_names(Log::get_log_dir());
     Log::info(kTag, "store done\n");
     return static_cast<int>(record.size);
 }

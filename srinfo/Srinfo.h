@@ -39,6 +39,7 @@ class Srinfo {
     static constexpr size_t kPathSize = 64;
 
     static void last_path(char (&path)[kPathSize], const char* tag);
+    static void made_path(char (&path)[kPathSize], const char* tag);  // while it is written
     // A last-srinfo file with these open flags, at its start.
     static int open_last_at_start(const char* path, int flags, const char* failure);
 };

@@ -13,7 +13,7 @@ class SrinfoVelo : public Srinfo {
     char* alloc_srinfo(unsigned int* size, int fd) override;
     int write_srinfo_file(int fd, char* data, unsigned int size) override;
 
-    // A new last-srinfo file, open for writing at its start.
+    // A new last-srinfo file, open for writing at its start; it has yet to get its name.
     int create_srinfo_last(const char* tag);
     // Writes the record's text: data bytes 16 to `size` + 16 of a data area, up to the first
     // closing brace. Returns the bytes written, or -1.
@@ -21,6 +21,7 @@ class SrinfoVelo : public Srinfo {
 
   private:
     bool last_exists(const char* tag);
+    bool name_last(const char* tag);
     bool save_last(const char* tag, char* data, unsigned int size);
     void save_log(const char* tag, char* data, unsigned int size);
 };

@@ -1,7 +1,10 @@
 #include "util/Io.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <unistd.h>
+
+#include "util/ScopedFd.h"
 
 namespace rvd {
 
@@ -25,6 +28,11 @@ ssize_t write_all(int fd, const void* data, size_t size) {
 int truncate_here(int fd) {
     const off_t end = lseek(fd, 0, SEEK_CUR);
     return end < 0 ? -1 : ftruncate(fd, end);
+}
+
+void flush_names(const char* directory) {
+    const ScopedFd names(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (names.valid()) fsync(names.get());
 }
 
 }  // namespace rvd

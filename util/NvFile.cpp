@@ -57,6 +57,14 @@ int fill_erased(int fd, const char* path, uint64_t size) {
     return 0;
 }
 
+// Cuts the path for it.
+void flush_directory_of(char* path) {
+    char* const slash = strrchr(path, '/');
+    if (slash == nullptr) return;
+    slash[slash == path] = '\0';
+    flush_names(path);
+}
+
 }  // namespace
 
 bool Util::getNvFd(cp_boot_mode mode, const char* path, int size, int* fd) {
@@ -104,6 +112,7 @@ int Util::create_empty_nv(const char* path, uint64_t size) {
         Log::error("create_empty_nv", "ERR! NV(%s) rename fail\n", path);
         return -EFAULT;
     }
+    flush_directory_of(made);
     if (flushed) {
         Log::info("create_empty_nv", "NV(%s) saved %d bytes\n", path, static_cast<int>(size));
     }
