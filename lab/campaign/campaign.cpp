@@ -18,7 +18,7 @@
 namespace rvd::lab {
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(MadeCall, call, time, path, place)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Conduct, end, lasted, open, files, calls)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Conduct, end, lasted, open, requests, modem, files, calls)
 
 namespace {
 
@@ -110,7 +110,7 @@ pid_t start(const Job& job, const Signals& signals, Worker& worker) {
     if (pid > 0) return pid;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGPIPE, SIG_DFL);
-    if (!options.on_wait) signals.give_back();
+    signals.give_back();
     if (worker.output != nullptr) dup2(fileno(worker.output), STDOUT_FILENO);
     const int status = work(job, options, worker.answer);
     fflush(stdout);

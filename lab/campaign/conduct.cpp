@@ -9,10 +9,6 @@ namespace rvd::lab {
 
 namespace {
 
-// One fault costs at most the longest wait for an answer and what is repeated after it: tries at
-// the log directory, the boot or the dump.
-constexpr Time kGrace = 45 * kSecond;
-
 bool begins_with(const std::string& text, const std::string& beginning) {
     return text.compare(0, beginning.size(), beginning) == 0;
 }
@@ -60,13 +56,14 @@ Files closed_files(const Phone& phone, const std::vector<std::string>& open) {
 }
 
 std::vector<std::string> differences(const Conduct& clean, const Conduct& faulty,
-                                     const Files& before, const std::vector<std::string>& log) {
+                                     const Files& before, const std::vector<std::string>& log,
+                                     Time longer) {
     std::vector<std::string> found;
     // A shutdown that was not heard of leaves the daemon waiting.
     const bool deaf = clean.end == "parked" && faulty.end == "waits";
     if (faulty.end != clean.end && !deaf)
         found.push_back("the run ended with \"" + faulty.end + "\", not \"" + clean.end + "\"");
-    if (faulty.lasted > clean.lasted + kGrace)
+    if (faulty.lasted > clean.lasted + longer)
         found.push_back(format("the run lasted %lld s, not about %lld s",
                                static_cast<long long>(faulty.lasted / kSecond),
                                static_cast<long long>(clean.lasted / kSecond)));

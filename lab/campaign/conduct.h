@@ -25,7 +25,9 @@ struct Conduct {
     std::string end;
     Time lasted = 0;
     std::vector<std::string> open;  // at the last wait for the modem
-    Files files;                    // at the end
+    std::vector<std::string> requests;
+    int modem = 0;  // its state at the end
+    Files files;    // at the end
     std::vector<MadeCall> calls;
 };
 
@@ -36,8 +38,10 @@ std::vector<std::string> open_paths(const RunStage& stage);
 Files closed_files(const Phone& phone, const std::vector<std::string>& open);
 
 // What is not as it may be in a run with a fault, when it is held against the `clean` one; `before`
-// are the files that were complete when the fault came, `log` is what the daemon said.
+// are the files that were complete when the fault came, `log` is what the daemon said; the run may
+// last so much `longer`.
 std::vector<std::string> differences(const Conduct& clean, const Conduct& faulty,
-                                     const Files& before, const std::vector<std::string>& log);
+                                     const Files& before, const std::vector<std::string>& log,
+                                     Time longer);
 
 }  // namespace rvd::lab

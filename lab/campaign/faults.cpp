@@ -9,6 +9,8 @@
 
 #include "lab/builtin.h"
 #include "lab/campaign/progress.h"
+#include "lab/campaign/stopping.h"
+#include "lab/run/checks.h"
 
 namespace rvd::lab {
 
@@ -53,10 +55,15 @@ const std::map<std::string, std::vector<const char*>> kWays = {
 
 constexpr char kHangUp[] = "hang-up";
 
+// One fault costs at most the longest wait for an answer and what is repeated after it: tries at
+// the log directory, the boot or the dump.
+constexpr Time kGrace = 45 * kSecond;
+
 struct Planned {
     size_t flow;
     std::string name;  // FLOW:CALL:N:FAULT
     Fault fault;
+    std::string way;
     bool stuck;
 };
 
@@ -105,19 +112,34 @@ std::vector<MadeCall> collapsed(const std::vector<MadeCall>& calls) {
     return chosen;
 }
 
-std::vector<Planned> plan(std::vector<Row>& rows, bool spread) {
+// The ways of a kind at this call; the disk changes at few calls, and the modem's part with it.
+std::vector<const char*> ways(const std::string& kind, const MadeCall& made) {
+    if (kind == "kill") return {"before", "after"};
+    if (kind == "cut") {
+        static const std::set<std::string> others = {"ioctl", "sync"};
+        const bool changes = Disk::holds(made.path) && made.call != "read" && made.call != "stat";
+        if (!changes && others.count(made.call) == 0) return {};
+        return {"nothing", "all", "part"};
+    }
+    const auto* all = ways_to_fail(made.call);
+    if (all == nullptr) throw Unable("how \"" + made.call + "\" can fail isn't known");
+    std::vector<const char*> possible_ones;
+    std::copy_if(all->begin(), all->end(), std::back_inserter(possible_ones),
+                 [&](const char* way) { return possible(made, way); });
+    return possible_ones;
+}
+
+std::vector<Planned> plan(std::vector<Row>& rows, const FaultOptions& options) {
     std::vector<Planned> planned;
     for (size_t i = 0; i < rows.size(); i++) {
         const std::vector<MadeCall>& calls = rows[i].clean.calls;
-        for (const MadeCall& made : spread ? collapsed(calls) : calls) {
-            const auto* ways = ways_to_fail(made.call);
-            if (ways == nullptr) throw Unable("how \"" + made.call + "\" can fail isn't known");
-            rows[i].calls += !ways->empty();
-            for (const char* way : *ways) {
-                if (!possible(made, way)) continue;
+        for (const MadeCall& made : options.spread > 0 ? collapsed(calls) : calls) {
+            const auto all = ways(options.kind, made);
+            rows[i].calls += !all.empty();
+            for (const char* way : all) {
                 planned.push_back(
                         {i, rows[i].flow.name + ":" + made.call + format(":%d:", made.time) + way,
-                         make_fault(made.call, made.time, way),
+                         make_fault(made.call, made.time, way), way,
                          leaves_stuck(rows[i].flow.name, made, way)});
             }
         }
@@ -125,12 +147,47 @@ std::vector<Planned> plan(std::vector<Row>& rows, bool spread) {
     return planned;
 }
 
+// Holds a run with a fault against the clean one.
+class Failing : public Conductor {
+  public:
+    explicit Failing(const Conduct& clean) : clean_(clean) {}
+
+    void begin(Play& play) override { play_ = &play; }
+    void fault(const Fault&) override {
+        before_ = closed_files(play_->phone, open_paths(play_->stage));
+    }
+    void judge(Conduct& conduct) override {
+        Story& story = play_->story;
+        check_obstacles(play_->scenario, true, story);
+        check_collected(play_->scenario, play_->phone, story);
+        for (const std::string& text : differences(clean_, conduct, before_, story.log(), kGrace))
+            story.violation(text);
+    }
+
+  private:
+    const Conduct& clean_;
+    Play* play_ = nullptr;
+    Files before_;  // when the fault came
+};
+
+std::optional<Disk::Unflushed> unflushed(const std::string& way) {
+    if (way == "nothing") return Disk::Unflushed::nothing;
+    if (way == "all") return Disk::Unflushed::all;
+    if (way == "part") return Disk::Unflushed::part;
+    return {};
+}
+
 // The run of one fault. Only what is collected from the modem is still held against the scenario.
 Job job_for(const Row& row, const Planned& planned, RunOptions options) {
     Job job{row.flow.name, row.flow, std::move(options)};
     job.scenario.name = planned.name;
     job.scenario.faults.push_back(planned.fault);
-    job.options.clean = planned.stuck ? &row.stuck : &row.clean;
+    if (planned.fault.stop != Fault::Stop::no) {
+        job.options.learn = true;  // so that the very next call is seen
+        job.options.conductor = std::make_shared<Stopping>(row.clean, unflushed(planned.way));
+        return job;
+    }
+    job.options.conductor = std::make_shared<Failing>(planned.stuck ? row.stuck : row.clean);
     if (planned.stuck) job.scenario.timeline.clear();
     return job;
 }
@@ -216,9 +273,12 @@ Fault make_fault(const std::string& call, int nth, const std::string& way) {
     fault.call = call;
     fault.turn.nth = nth;
     fault.hang_up = way == kHangUp;
+    if (way == "after") fault.stop = Fault::Stop::after;
+    if (way == "before" || way == "nothing" || way == "all" || way == "part")
+        fault.stop = Fault::Stop::before;
     if (way == "short") fault.cut = 1;
     if (way == "end") fault.cut = 0;
-    if (!fault.hang_up && !fault.cut) fault.error = way;
+    if (!fault.hang_up && !fault.cut && fault.stop == Fault::Stop::no) fault.error = way;
     return fault;
 }
 
@@ -234,7 +294,7 @@ int run_faults(const FaultOptions& options) {
         throw Unable("no flow is called \"" + flow + "\"" + did_you_mean(flow, names));
     Report report("faults", options.reporting);
     if (const int signal = learn(rows, options)) return report.finish(signal, table_of(rows));
-    const std::vector<Planned> planned = plan(rows, options.spread > 0);
+    const std::vector<Planned> planned = plan(rows, options);
     if (options.list) {
         for (const Planned& one : planned)
             fmt::print("{}\n", one.name);

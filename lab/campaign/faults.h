@@ -11,7 +11,8 @@ struct FaultOptions {
     std::string only;  // one fault, "FLOW:CALL:N:FAULT", with its story; or the flows to fail
     int spread = 0;    // so many faults, evenly chosen; 0: all
     int jobs = 1;
-    bool list = false;  // the names of the faults, instead of running them
+    std::string kind = "fail";  // or "kill" or "cut"
+    bool list = false;          // the names of the faults, instead of running them
     Reporting reporting;
 };
 

@@ -39,17 +39,26 @@ struct Figures {
     std::atomic<int> passes{0}, whole{0};
 };
 
-class Soak {
+class Soak : public Conductor {
   public:
     Soak(int64_t seed, int passes, Figures& figures)
         : random_(static_cast<uint64_t>(seed)), passes_(passes), figures_(figures) {}
 
+    void begin(Play& play) override {
+        play_ = &play;
+        sigset_t held = interruptions();
+        sigprocmask(SIG_BLOCK, &held, nullptr);
+    }
+
+    void fault(const Fault&) override { disturbed_ = true; }
+
     // The daemon waits for the modem: a pass has come to its rest.
-    void waits(Play& play) {
-        play.stage.on_fault = [this] { disturbed_ = true; };
+    void waits() override {
+        Play& play = *play_;
         auto& timeline = play.scenario.timeline;
-        if (timeline.size() > play.position && timeline[play.position].waits) return;
-        timeline.resize(play.position);
+        const size_t position = play.timeline.position();
+        if (timeline.size() > position && timeline[position].waits) return;
+        timeline.resize(position);
         check(play);
         play.story.forget();
         const bool last = ++figures_.passes == passes_;
@@ -59,12 +68,23 @@ class Soak {
         choose_quirk(play);
     }
 
+    void judge(Conduct& conduct) override {
+        check_expectations(play_->scenario, play_->phone, conduct, play_->story);
+    }
+
   private:
     // The signals of an interruption wait for the end of the pass.
+    static sigset_t interruptions() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+            sigaddset(&signals, signal);
+        return signals;
+    }
     static bool interrupted() {
-        sigset_t waiting;
-        sigpending(&waiting);
-        return sigismember(&waiting, SIGINT) != 0 || sigismember(&waiting, SIGTERM) != 0;
+        const sigset_t signals = interruptions();
+        const timespec now = {};
+        return sigtimedwait(&signals, nullptr, &now) > 0;
     }
 
     static void stop(Play& play) {
@@ -173,6 +193,7 @@ class Soak {
         play.stage.later(kQuirkLasts, [&quirk] { quirk.at.clear(); });
     }
 
+    Play* play_ = nullptr;
     std::mt19937_64 random_;
     int passes_;
     Figures& figures_;
@@ -209,8 +230,7 @@ int run_soak(int64_t seed, int passes, RunOptions options, const Reporting& repo
                             MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) fail_errno("no memory for the figures");
     auto& figures = *new (page) Figures;
-    Soak soak(seed, passes, figures);
-    options.on_wait = [&soak](Play& play) { soak.waits(play); };
+    options.conductor = std::make_shared<Soak>(seed, passes, figures);
 
     Outcome outcome;
     Progress progress("passes", static_cast<size_t>(passes));

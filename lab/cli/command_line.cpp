@@ -120,6 +120,9 @@ void add_toc(CLI::App& app, CommandLine& line) {
 
 void add_faults(CLI::App& app, CommandLine& line) {
     app.add_option("--only", line.only, "one flow; or FLOW:CALL:N:FAULT, one fault with its story");
+    app.add_option("--kind", line.kind,
+                   "fail each call; kill the daemon before and after it; cut the phone's power")
+            ->check(CLI::IsMember({"fail", "kill", "cut"}));
     app.add_option("--spread", line.spread, "so many of all faults, evenly chosen")
             ->check(whole(1, 1'000'000));
     app.add_flag("--list", line.list, "name the faults, instead of running them");

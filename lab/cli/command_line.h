@@ -13,7 +13,8 @@ struct CommandLine {
     enum class Command { none, demo, run, check, toc, faults, soak, keys };
     Command command = Command::none;
     RunOptions run;
-    std::string modem = "tq720", firmware, only, trace, picture, log, junit, color = "auto";
+    std::string modem = "tq720", firmware, only, trace, picture, log, junit, color = "auto",
+                kind = "fail";
     std::vector<std::string> files;
     std::optional<int64_t> seed;
     int jobs = 1, spread = 0, passes = 10000;

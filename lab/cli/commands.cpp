@@ -170,6 +170,7 @@ int execute(CommandLine& line) {
                                line.only,
                                line.spread,
                                line.jobs,
+                               line.kind,
                                line.list,
                                {line.json, true, false, reporting.junit}});
         }

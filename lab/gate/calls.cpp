@@ -85,7 +85,7 @@ const Fault* Calls::due_fault(const Call& call) {
     const std::string family = call.shape->family;
     in_main_ = in_main_ || path_of(call) == "/dev/kmsg";
     const int time = ++times_[family];
-    if (in_main_ && stage_.on_call) stage_.on_call(family, time, path_of(call));
+    if (in_main_ && stage_.on_call) stage_.on_call(family, time, path_of(call), fd_of(call));
     const Fault* due = nullptr;
     for (const Fault& fault : scenario_.faults) {
         if (fault.call != family) continue;
@@ -102,7 +102,9 @@ const Fault* Calls::due_fault(const Call& call) {
 bool Calls::apply_fault(const Call& call) {
     const Fault* fault = due_fault(call);
     if (fault == nullptr) return false;
-    if (stage_.on_fault) stage_.on_fault();
+    if (stage_.on_fault) stage_.on_fault(*fault);
+    if (fault->stop == Fault::Stop::before) clock_.hold(call, kNever);
+    if (fault->stop != Fault::Stop::no) return fault->stop == Fault::Stop::before;
     const std::string what = fault->hang_up ? "hang-up" : fault->cut ? "cut short" : fault->error;
     story_.tell("kernel", "daemon", fmt::format("{} {}: {}", fault->call, path_of(call), what));
     const Links::Link* link = links_.at(fd_of(call));

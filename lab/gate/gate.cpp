@@ -44,10 +44,11 @@ Gate::Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup set
 }
 
 Gate::~Gate() {
-    close_daemon();
+    daemon_.end();
 }
 
 void Gate::connect(Modem& modem) {
+    RunStage::connect(modem);
     links_.connect(modem);
     calls_.connect(modem);
 }
@@ -70,6 +71,7 @@ void Gate::close_daemon() {
     daemon_.end();
     links_.take(Links::Says::all);
     links_.close_all();
+    if (modem_ != nullptr) modem_->abandoned();
 }
 
 void Gate::recount_faults() {

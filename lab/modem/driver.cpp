@@ -83,6 +83,14 @@ class Driver : public Modem, private Scene {
         stage.hang_up(Node::boot);
     }
 
+    int state() const override { return state_; }
+
+    void abandoned() override {
+        notification_ = Due::nothing;
+        images_->expect_others();
+        region_sent_ = region_end_;
+    }
+
     void reboot() override {
         state_ = MODEM_STATE_OFF;
         powered_ = false;

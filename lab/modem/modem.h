@@ -91,8 +91,10 @@ class Modem {
 
     // The modem changes its state: the boot node hangs up until the state is read.
     virtual void change_state(int state) = 0;
+    virtual int state() const = 0;
 
-    virtual void reboot() = 0;  // of the device
+    virtual void abandoned() = 0;  // by a daemon that is gone: what it had begun stays undone
+    virtual void reboot() = 0;     // of the device
 };
 
 std::unique_ptr<Modem> make_modem(const Scene& scene);

@@ -143,6 +143,22 @@ void check_errors(const Scenario& scenario, Story& story) {
 
 }  // namespace
 
+void check_obstacles(const Scenario& scenario, bool faults_alone, Story& story) {
+    for (const Fault& fault : scenario.faults) {
+        if (!fault.turn.came)
+            story.violation("the fault in " + fault.call + " " + fault.path + " never triggered");
+    }
+    if (faults_alone) return;
+    for (const Answer& answer : scenario.driver.answers) {
+        if (!answer.turn.came)
+            story.violation("the answer to " + answer.request + " was never given");
+    }
+    for (const Quirk& quirk : scenario.loader) {
+        if (!quirk.turn.came)
+            story.violation("the loader's deviation at " + quirk.at + " never triggered");
+    }
+}
+
 void check_expectations(const Scenario& scenario, const Phone& phone, const Conduct& conduct,
                         Story& story) {
     const Expectations& expect = scenario.expect;
@@ -197,6 +213,17 @@ void check_collected(const Scenario& scenario, const Phone& phone, Story& story)
             if (!equals_named(phone.path(file), wanted, scenario))
                 story.violation(file + " differs from what the modem sent (" + wanted.equals + ")");
         }
+    }
+}
+
+void check_whole(const Scenario& scenario, const Phone& phone, Story& story) {
+    for (const FileExpectation& wanted : scenario.expect.files) {
+        const auto files = find_files(phone, wanted.path);
+        const auto whole = [&](const std::string& file) {
+            return equals_named(phone.path(file), wanted, scenario);
+        };
+        if (!wanted.equals.empty() && std::none_of(files.begin(), files.end(), whole))
+            story.violation("none is whole: " + wanted.path);
     }
 }
 

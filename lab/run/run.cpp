@@ -78,24 +78,6 @@ void hear_line(const Scenario& scenario, const std::string& line) {
         quirk.turn.hear(line);
 }
 
-// Every fault and deviation of a scenario must have occurred, or the run has shown nothing. In the
-// fault campaign the injected fault may keep the modem's deviations from occurring.
-void check_obstacles(const Scenario& scenario, bool faults_alone, Story& story) {
-    for (const Fault& fault : scenario.faults) {
-        if (!fault.turn.came)
-            story.violation("the fault in " + fault.call + " " + fault.path + " never triggered");
-    }
-    if (faults_alone) return;
-    for (const Answer& answer : scenario.driver.answers) {
-        if (!answer.turn.came)
-            story.violation("the answer to " + answer.request + " was never given");
-    }
-    for (const Quirk& quirk : scenario.loader) {
-        if (!quirk.turn.came)
-            story.violation("the loader's deviation at " + quirk.at + " never triggered");
-    }
-}
-
 // What a scenario can expect of a real kernel: no times to the letter, and none of the requests
 // that go to the kernel itself. What those are to achieve is checked where it shows.
 Scenario on_real_kernel(Scenario scenario, bool is_phone) {
@@ -154,6 +136,8 @@ class Run {
         if (conduct_.end.empty()) conduct_.end = stage_->serve();
         if (conduct_.end == "reboot") throw Reboots();
         conduct_.lasted = stage_->now() - start_;
+        conduct_.modem = modem_->state();
+        conduct_.requests = story_.requests();
         conduct_.files = closed_files(phone_, {});
         judge();
         if (!story_.violations().empty()) check_room();
@@ -186,13 +170,16 @@ class Run {
             hear(kind, text);
         };
         if (options_.learn) {
-            stage_->on_call = [this](const std::string& call, int time, const std::string& path) {
+            stage_->on_call = [this](const std::string& call, int time, const std::string& path,
+                                     int fd) {
                 const std::string place = story_.log().empty() ? "" : story_.log().back();
+                if (options_.conductor) options_.conductor->call(call, path, fd);
                 conduct_.calls.push_back({call, time, path, place});
             };
         }
-        if (options_.clean != nullptr)
-            stage_->on_fault = [this] { before_ = closed_files(phone_, open_paths(*stage_)); };
+        if (!options_.conductor) return;
+        stage_->on_fault = [this](const Fault& fault) { options_.conductor->fault(fault); };
+        options_.conductor->begin(play_);
     }
 
     void begin() {
@@ -220,16 +207,14 @@ class Run {
 
     void daemon_waits() {
         conduct_.open = open_paths(*stage_);
-        if (options_.on_wait) {
-            Play play{scenario_, phone_, *stage_, story_, timeline_.position()};
-            options_.on_wait(play);
-        }
+        if (options_.conductor) options_.conductor->waits();
         timeline_.waits();
     }
 
     void hear(const std::string& kind, const std::string& text) {
         if (kind == "line") hear_line(scenario_, text);
         if (kind == "line" && options_.log) options_.log.append(text + "\n");
+        if (kind == "line" && options_.conductor) options_.conductor->line(text);
         timeline_.fact(kind, text);
         if (text == "POWER_ON" && scenario_.program.empty())
             check_at_boot(*stage_, scenario_, story_);
@@ -256,15 +241,10 @@ class Run {
 
     void judge() {
         if (!timeline_.finished()) story_.violation("the run ended before the timeline did");
-        // Where the run is conducted from outside, chance decides what comes.
-        if (!resumed_ && !options_.on_wait)
-            check_obstacles(scenario_, options_.clean != nullptr, story_);
-        if (options_.clean != nullptr) {
-            check_collected(scenario_, phone_, story_);
-            for (const std::string& difference :
-                 differences(*options_.clean, conduct_, before_, story_.log()))
-                story_.violation(difference);
+        if (options_.conductor) {
+            options_.conductor->judge(conduct_);
         } else {
+            if (!resumed_) check_obstacles(scenario_, false, story_);
             check_expectations(scenario_, phone_, conduct_, story_);
         }
         check_always(phone_, story_);
@@ -296,7 +276,7 @@ class Run {
     const std::unique_ptr<Modem> modem_;
     Timeline timeline_;
     Conduct conduct_;
-    Files before_;  // when the fault came
+    Play play_{scenario_, phone_, *stage_, *modem_, story_, timeline_};
 };
 
 }  // namespace

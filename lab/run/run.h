@@ -1,24 +1,38 @@
 // One run of one scenario: a phone, a daemon, what happens to it, and what came of it.
 #pragma once
 
-#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "lab/campaign/conduct.h"
 #include "lab/campaign/workplace.h"
 #include "lab/run/story.h"
+#include "lab/run/timeline.h"
 #include "lab/scenario/scenario.h"
 
 namespace rvd::lab {
 
-// A run that goes on, for one who has a hand in it.
+// A run that goes on.
 struct Play {
     Scenario& scenario;
     const Phone& phone;
     RunStage& stage;
+    Modem& modem;
     Story& story;
-    size_t position;  // of the timeline
+    const Timeline& timeline;
+};
+
+// Who has a hand in a run, and judges it in place of what the scenario expects.
+class Conductor {
+  public:
+    virtual ~Conductor() = default;
+    virtual void begin(Play&) {}
+    virtual void call(const std::string& /*name*/, const std::string& /*path*/, int /*fd*/) {}
+    virtual void line(const std::string& /*text*/) {}
+    virtual void waits() {}  // before what the timeline has for the wait for the modem
+    virtual void fault(const Fault&) {}
+    virtual void judge(Conduct& conduct) = 0;
 };
 
 struct RunOptions {
@@ -38,9 +52,8 @@ struct RunOptions {
     bool summary = false;  // files, transfers and verdict at the end
     int timeout = 60;      // seconds of real time
     int jitter = 0;        // microseconds that the gate waits between two reads
-    bool learn = false;    // the daemon's calls become part of the conduct
-    const Conduct* clean = nullptr;      // held against this, instead of what the scenario expects
-    std::function<void(Play&)> on_wait;  // before what the timeline has for the wait for the modem
+    bool learn = false;    // every call of the daemon is seen, and becomes part of the conduct
+    std::shared_ptr<Conductor> conductor;
 };
 
 // Thrown when the run goes on after this machine's reboot, which is now due: call again then, with

@@ -46,11 +46,13 @@ class RunStage : public Stage {
     std::function<void(Time)> on_sleep;
 
     // Where the stage takes every call: the name by which scenarios know it, which time since the
-    // start of the run it is made, and its path. Of the daemon's own calls alone.
-    std::function<void(const std::string& call, int time, const std::string& path)> on_call;
+    // start of the run it is made, its path and descriptor (or -1). Of the daemon's own calls
+    // alone.
+    std::function<void(const std::string& call, int time, const std::string& path, int fd)> on_call;
 
-    // Called when a call is about to fail as the scenario wants it.
-    std::function<void()> on_fault;
+    // Called when a call is about to fail as the scenario wants it. One that stops the daemon is
+    // held for good, or returns and is followed by no other: an event that is due then ends it.
+    std::function<void(const Fault&)> on_fault;
 
     // Called when the device goes to upload mode; true if the run goes on, with a reboot.
     std::function<bool()> on_upload;

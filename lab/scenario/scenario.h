@@ -100,6 +100,7 @@ struct Fault {
     Turn turn;
     std::optional<int64_t> cut;
     bool hang_up = false;
+    enum class Stop { no, before, after } stop = Stop::no;  // the daemon, by whoever hears of it
 };
 
 struct Event {

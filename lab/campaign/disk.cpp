@@ -1,0 +1,130 @@
+#include "lab/campaign/disk.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+#include <utility>
+
+namespace fs = std::filesystem;
+
+namespace rvd::lab {
+
+namespace {
+
+constexpr size_t kSector = 512;
+constexpr const char* kPlaces[] = {"/data", "/efs", "/mnt"};
+
+bool is_synchronous(const std::string& fdinfo) {
+    const std::string text = read_file(fdinfo);
+    const size_t at = text.find("flags:");
+    return at != text.npos && (strtoul(text.c_str() + at + 6, nullptr, 8) & O_SYNC) == O_SYNC;
+}
+
+}  // namespace
+
+Disk::Disk(const Phone& phone) : phone_(phone) {
+    flush_all();
+}
+
+bool Disk::holds(const std::string& path) {
+    return std::any_of(std::begin(kPlaces), std::end(kPlaces), [&](const std::string& place) {
+        return path.compare(0, place.size() + 1, place + "/") == 0;
+    });
+}
+
+// The names there are now. Contents are read where they are new, and kept for when they are gone.
+Disk::Names Disk::look() {
+    Names names;
+    for (const char* place : kPlaces) {
+        for (const auto& entry : fs::recursive_directory_iterator(phone_.path(place))) {
+            struct stat status {};
+            if (lstat(entry.path().c_str(), &status) != 0) continue;
+            names[entry.path().string().substr(phone_.root().size())] = status.st_ino;
+            File& file = files_[status.st_ino];
+            file.status = status;
+            if (S_ISREG(status.st_mode)) file.now = read_file(entry.path());
+        }
+    }
+    return names;
+}
+
+void Disk::flush_all() {
+    names_ = {look()};
+    for (auto& [inode, file] : files_)
+        file.durable = file.now;
+}
+
+// A directory's flush makes all changes of names before it durable, as they are in one journal.
+void Disk::flush(const std::string& path) {
+    const Names names = look();
+    const auto found = names.find(path);
+    if (found == names.end()) return;
+    File& file = files_[found->second];
+    file.durable = file.now;
+    if (S_ISDIR(file.status.st_mode)) names_ = {names};
+}
+
+void Disk::call(const std::string& name, const std::string& path, const std::string& fdinfo) {
+    static const std::set<std::string> naming = {"open",   "mkdir", "rename",
+                                                 "unlink", "rmdir", "link"};
+    if (effect_) std::exchange(effect_, nullptr)();
+    if (name == "sync") effect_ = [this] { flush_all(); };
+    if (!holds(path)) return;
+    if (name == "fsync" || (name == "write" && is_synchronous(fdinfo)))
+        effect_ = [this, path] { flush(path); };
+    if (naming.count(name) != 0) {
+        effect_ = [this] {
+            Names names = look();
+            if (names != names_.back()) names_.push_back(std::move(names));
+        };
+    }
+}
+
+void Disk::cut(Unflushed survives, uint64_t seed) {
+    effect_ = nullptr;  // of the call that is never made
+    random_.seed(seed);
+    look();
+    size_t names = 0;
+    if (survives == Unflushed::all) names = names_.size() - 1;
+    if (survives == Unflushed::part) names = random_() % names_.size();
+    rewrite(names_[names], survives);
+}
+
+std::string Disk::surviving(const File& file, Unflushed survives) {
+    if (survives == Unflushed::all) return file.now;
+    if (survives == Unflushed::nothing || file.now == file.durable) return file.durable;
+    std::string content = file.durable;
+    if (file.now.size() < content.size() && random_() % 2 == 0) content.resize(file.now.size());
+    for (size_t at = 0; at < file.now.size(); at += kSector) {
+        if (random_() % 2 == 0) continue;
+        const std::string sector = file.now.substr(at, kSector);
+        content.resize(std::max(content.size(), at + sector.size()));
+        content.replace(at, sector.size(), sector);
+    }
+    return content;
+}
+
+void Disk::rewrite(const Names& names, Unflushed survives) {
+    for (const char* place : kPlaces) {
+        for (const auto& entry : fs::directory_iterator(phone_.path(place)))
+            fs::remove_all(entry.path());
+    }
+    for (const auto& [inside, inode] : names) {  // a directory before what is in it
+        const File& file = files_.at(inode);
+        const std::string path = phone_.path(inside);
+        if (S_ISDIR(file.status.st_mode)) {
+            fs::create_directory(path);
+        } else {
+            write_file(path, surviving(file, survives));
+        }
+        if (chown(path.c_str(), file.status.st_uid, file.status.st_gid) != 0 ||
+            chmod(path.c_str(), file.status.st_mode) != 0)
+            fail_errno("the phone's " + inside);
+    }
+}
+
+}  // namespace rvd::lab

@@ -1,0 +1,55 @@
+// What of the phone's files a power cut leaves. Content is durable once its file is flushed or was
+// written synchronously; names change in their order, and are durable once a directory is flushed.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <functional>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "lab/phone/phone.h"
+
+namespace rvd::lab {
+
+class Disk {
+  public:
+    // What survives of what was not flushed.
+    enum class Unflushed { nothing, all, part };
+
+    // All that is there now is durable.
+    explicit Disk(const Phone& phone);
+
+    // A call is about to be made; whatever was before it has returned. `fdinfo` is the kernel's
+    // file about its descriptor.
+    void call(const std::string& name, const std::string& path, const std::string& fdinfo);
+
+    // The power goes before the call that is about to be made.
+    void cut(Unflushed survives, uint64_t seed);
+
+    // Whether a path is on the disk.
+    static bool holds(const std::string& path);
+
+  private:
+    struct File {
+        struct stat status;
+        std::string durable, now;
+    };
+    using Names = std::map<std::string, ino_t>;
+
+    Names look();
+    void flush(const std::string& path);
+    void flush_all();
+    std::string surviving(const File& file, Unflushed survives);
+    void rewrite(const Names& names, Unflushed survives);
+
+    const Phone& phone_;
+    std::map<ino_t, File> files_;
+    std::vector<Names> names_;  // the durable ones, then as they changed
+    std::function<void()> effect_;
+    std::mt19937_64 random_;
+};
+
+}  // namespace rvd::lab
