@@ -26,7 +26,7 @@ bool Timeline::upload() {
 void Timeline::fact(const std::string& kind, const std::string& text) {
     if (!pending()) return;
     const std::string& wanted = kind == "line" ? next().line : next().request;
-    if (!wanted.empty() && matches(wanted, text)) trigger();
+    if (!wanted.empty() && matches(wanted, text) && ++said_ == next().said) trigger();
 }
 
 void Timeline::arm() {
@@ -44,6 +44,7 @@ void Timeline::happen() {
     const Event& event = next();
     at_++;
     triggered_ = false;
+    said_ = 0;
     apply(event);
     if (event.reboot) {
         story_.tell("phone", "", "reboots");

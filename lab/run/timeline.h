@@ -48,6 +48,7 @@ class Timeline {
     Story& story_;
     const Time start_;
     size_t at_ = 0;
+    int64_t said_ = 0;  // how often what the next event waits for has come
     bool triggered_ = false;
 };
 

@@ -68,7 +68,8 @@ const Form kModem = {"modem", "", {"tq720", "vk880"}}, kProgram = {"program", ""
 void read_turn(Reader& reader, Turn& turn) {
     reader.key("nth", turn.nth, "from which time on it applies (1)", kCount)
             .key("count", turn.count, "to how many of them; 0: to all that follow (1)", kSmall)
-            .key("after", turn.after, "counted from this line of the daemon's log on (the start)");
+            .key("after", turn.after, "counted from this line of the daemon's log on (the start)")
+            .key("said", turn.said, "how often that line has been logged by then (1)", kCount);
 }
 
 void read_phone(Reader& reader, Scenario& s) {
@@ -206,6 +207,8 @@ void read_event(Reader& reader, Event& event) {
             .key("waits", event.waits, "when: the daemon waits for an event")
             .key("line", event.line, "when: the daemon logs this")
             .key("request", event.request, "when: the driver or the link sees this", request)
+            .key("said", event.said, "when: how often it has come since the event before (1)",
+                 kCount)
             .key("upload", event.upload, "when: the device went to upload mode")
             .key("after", event.after, "and then so much later", kSpan)
             .key("state", event.state, "the modem changes to this state", kSmall)

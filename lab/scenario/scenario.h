@@ -12,24 +12,24 @@
 namespace rvd::lab {
 
 // Selects some of a series of equal things: `count` of them from the nth on (0: all). With `after`
-// the series begins after the first line of the daemon's log that matches.
+// the series begins after the `said`th line of the daemon's log that matches.
 struct Turn {
-    int64_t nth = 1, count = 1;
+    int64_t nth = 1, count = 1, said = 1;
     std::string after;
 
     // Counts one more, and returns whether it is selected.
     bool takes() const {
-        if (!after.empty() && !heard) return false;
+        if (!after.empty() && heard < said) return false;
         seen++;
         const bool now = seen >= nth && (count == 0 || seen < nth + count);
         came = came || now;
         return now;
     }
-    void hear(const std::string& line) const { heard = heard || matches(after, line); }
+    void hear(const std::string& line) const { heard += matches(after, line) ? 1 : 0; }
 
     // The state of the run.
-    mutable int64_t seen = 0;
-    mutable bool heard = false, came = false;
+    mutable int64_t seen = 0, heard = 0;
+    mutable bool came = false;
 };
 
 // Counts one more for each of `things` that `applies`: the first whose turn has come, or null.
@@ -108,6 +108,7 @@ struct Event {
     std::optional<Time> at;
     bool waits = false, upload = false;
     std::string line, request;
+    int64_t said = 1;  // how often, of a line or request
     Time after = 0;
     // What.
     std::optional<int64_t> state;
