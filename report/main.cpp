@@ -14,6 +14,7 @@
 #include "report/print/picture.h"
 #include "report/print/screen.h"
 #include "report/print/tables.h"
+#include "report/scenario/scenario.h"
 
 using namespace rvd::report;
 
@@ -105,6 +106,13 @@ int records(const CommandLine& line) {
     return damaged ? kLost : kComplete;
 }
 
+int reproduce(const CommandLine& line) {
+    Evidence evidence(line.path);
+    Report report = examine(evidence);
+    print(scenario(report, merge_lines(report, evidence)));
+    return kComplete;
+}
+
 CLI::Option* add_evidence(CLI::App& app, std::string& path, const char* name = "evidence") {
     return app.add_option(name, path, "directory, .zip, .tar or .tar.gz of the saved files");
 }
@@ -142,6 +150,10 @@ int execute(int argc, char** argv) {
     CLI::App* records_command = app.add_subcommand("records", "silent-reset records, taken apart");
     add_evidence(*records_command, line.path)->required();
 
+    CLI::App* scenario_command =
+            app.add_subcommand("scenario", "a scenario for rvd-lab that leads to the same lines");
+    add_evidence(*scenario_command, line.path)->required();
+
     try {
         app.parse(argc, argv);
         if (app.get_subcommands().empty() && line.path.empty())
@@ -153,6 +165,7 @@ int execute(int argc, char** argv) {
     if (list_command->parsed()) return list(line);
     if (diff_command->parsed()) return diff(line);
     if (records_command->parsed()) return records(line);
+    if (scenario_command->parsed()) return reproduce(line);
     return report(line);
 }
 

@@ -110,6 +110,16 @@ void each_line(Sink sink, std::string_view text, const std::function<void(const 
     }
 }
 
+std::string without_chance(const std::string& line) {
+    const size_t descriptor = std::min(line.rfind("(fd "), line.size());
+    size_t digits = 0;
+    for (size_t at = 0; at < descriptor; at++) {
+        digits = line[at] >= '0' && line[at] <= '9' ? digits + 1 : 0;
+        if (digits == 8 && at >= 8 && line[at - 8] == '_') return line.substr(0, at - 8);
+    }
+    return line.substr(0, descriptor);
+}
+
 std::optional<int64_t> number_after(std::string_view message, std::string_view before) {
     const size_t at = message.find(before);
     if (at == std::string_view::npos) return std::nullopt;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace rvd::report {
@@ -37,6 +38,9 @@ KernelTime kernel_time(std::string_view line);
 
 // A number behind `before` in a message: "size:%u" is number_after(message, "size:").
 std::optional<int64_t> number_after(std::string_view message, std::string_view before);
+
+// A line up to what is another each time: a descriptor's number, the time in a file's name.
+std::string without_chance(const std::string& line);
 
 bool starts_with(std::string_view text, std::string_view start);
 bool ends_with(std::string_view text, std::string_view end);

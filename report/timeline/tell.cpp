@@ -15,17 +15,6 @@ constexpr KernelTime kSilence = 10'000'000;
 constexpr size_t kLongestBlock = 120;  // lines
 constexpr size_t kShortestRepetition = 3;
 
-// A descriptor's number and the time in a file's name are others each time.
-std::string without_chance(const std::string& text) {
-    const size_t descriptor = std::min(text.rfind("(fd "), text.size());
-    size_t digits = 0;
-    for (size_t at = 0; at < descriptor; at++) {
-        digits = text[at] >= '0' && text[at] <= '9' ? digits + 1 : 0;
-        if (digits == 8 && at >= 8 && text[at - 8] == '_') return text.substr(0, at - 8);
-    }
-    return text.substr(0, descriptor);
-}
-
 // Each text as a number, so that two lines are compared at once.
 std::vector<size_t> numbered(const std::vector<Event>& events) {
     std::map<std::string, size_t> numbers;
