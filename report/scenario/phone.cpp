@@ -68,6 +68,7 @@ class Phone {
             if (event.step == "parseArgs" && starts_ <= 1) option(event.message);
             if (event.step == "get_cmdline_str") word(event.message);
             table(event);
+            partition(event);
             modem(event);
             dump(event);
             property(event);
@@ -104,6 +105,13 @@ class Phone {
                 message.substr(kFound.size(), message.rfind(" form ") - kFound.size()));
         if (std::find(draft_.cmdline.begin(), draft_.cmdline.end(), word) == draft_.cmdline.end())
             draft_.cmdline.push_back(word);
+    }
+
+    void partition(const Event& event) {
+        if (event.step != "load_cp_image_by_stage") return;
+        if (const auto place = number_after(event.message, "b_off=")) image_ = *place;
+        if (const auto count = number_after(event.message, "ERR! read "))
+            partition_end_ = std::max(partition_end_, static_cast<uint64_t>(image_ + *count));
     }
 
     // "toc[1].name = BOOT, b_off=0x00000200, m_off=0x00002000, size=0x00000064"
@@ -370,6 +378,7 @@ class Phone {
     std::map<std::string, uint64_t> regions_, short_, announced_;
     std::map<int64_t, uint64_t> steps_;
     uint64_t partition_end_ = 0;
+    int64_t image_ = 0;
     std::map<std::string, int64_t> free_;
     bool uploading_ = false, crashed_ = false, nonsense_ = false, differs_ = false, loaded_ = false,
          no_reset_set_ = false, stored_ = false, waiting_ = false, log_seen_ = false, made_ = false,

@@ -42,6 +42,8 @@ def differences(lab, report, scenario, work):
         sys.exit(f"{scenario}: {played.stdout}{played.stderr}")
     (work / "made").mkdir()
     roots = [root for root in sorted((work / "first").iterdir()) if lines(root)]
+    if not roots:
+        return
     made = []
     for number, root in enumerate(roots):
         made.append(work / f"made/{number}.toml")
