@@ -60,11 +60,11 @@ constexpr Refusal kRefusals[] = {
         {"fault = [{ call = 'open', error = 'EOI' }]",
          "2: unknown errno \"EOI\"; did you mean \"EIO\"?"},
         {"fault = [{ call = 'read', error = 'EIO', cut = 1 }]",
-         "2: fault[] needs one of \"error\", \"cut\", \"hang_up\""},
+         "2: fault[] takes only one of \"error\", \"cut\", \"hang_up\""},
         {"fault = [{ call = 'read', error = 'EIO', nth = 0 }]", "2: expected a number from 1"},
         // The timeline.
         {"timeline = [{ waits = true, at = '1 s', state = 1 }]",
-         "2: timeline[] needs one of \"at\""},
+         "2: timeline[] takes only one of \"at\""},
         {"timeline = [{ state = 1 }]", "2: timeline[] needs one of \"at\""},
         {"timeline = [{ waits = true }]", "2: timeline[] needs one of \"state\""},
         {"timeline = [{ request = 'POWER', state = 1 }]", "2: unknown request \"POWER\""},

@@ -33,7 +33,7 @@ bool open_nv(const char* path, int* fd) {
     return true;
 }
 
-// In one write where the memory for it can be had: each write waits for the storage.
+// In one write where memory for it is available: each write waits for the storage.
 int fill_erased(int fd, const char* path, uint64_t size) {
     uint64_t block_size = size;
     HeapPtr<char> block = size <= kMaxNvSize ? heap_bytes(size) : nullptr;

@@ -101,8 +101,8 @@ void Reader::needs(std::initializer_list<const char*> names, size_t most) const 
     const auto given = static_cast<size_t>(std::count_if(
             names.begin(), names.end(), [&](const char* name) { return all().count(name) > 0; }));
     if (keys_ == nullptr && (given == 0 || given > most))
-        table_->refuse(fmt::format("{} needs {}\"{}\"", place_, names.size() > 1 ? "one of " : "",
-                                   fmt::join(names, "\", \"")));
+        table_->refuse(fmt::format("{} {}{}\"{}\"", place_, given == 0 ? "needs " : "takes only ",
+                                   names.size() > 1 ? "one of " : "", fmt::join(names, "\", \"")));
 }
 
 const Value::Table& Reader::all() const {
