@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <stdio.h>
 
+#include <system_error>
+
 #include "lab/campaign/campaign.h"
 #include "lab/cli/command_line.h"
 
@@ -18,6 +20,8 @@ int main(int argc, char** argv) try {
     if (errno == EPIPE) return kSignal + SIGPIPE;
     fail_errno("cannot write to standard output");
 } catch (const std::exception& error) {
+    const auto* failed = dynamic_cast<const std::system_error*>(&error);
+    if (failed != nullptr && failed->code().value() == EPIPE) return kSignal + SIGPIPE;
     fprintf(stderr, "rvd-lab: %s\n", error.what());
     return dynamic_cast<const Forbidden*>(&error) != nullptr ? kForbidden : kRefused;
 }

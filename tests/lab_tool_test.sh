@@ -128,6 +128,8 @@ failures=$((failures + $?))
 expect 2 'TMPDIR' env TMPDIR=/none "$lab" demo
 "$lab" demo 2>err | head -n 1 >out
 [[ ${PIPESTATUS[0]} == 141 && ! -s err ]] || fail "a closed pipe is an error: $(cat err)"
+"$lab" faults --only crash --list 2>err | head -n 1 >out
+[[ ${PIPESTATUS[0]} == 141 && ! -s err ]] || fail "a closed pipe is an error: $(cat err)"
 
 # A root that is its namespace's only user plays the ordinary one; without namespaces, the setting is
 # named.

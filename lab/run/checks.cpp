@@ -241,11 +241,12 @@ std::vector<std::string> file_summary(const Phone& phone) {
     std::error_code none;
     for (const auto& entry : fs::recursive_directory_iterator(phone.path(kLogDirectory), none)) {
         if (!entry.is_regular_file()) continue;
-        lines.push_back(fmt::format("{:<66} {:>12}",
-                                    entry.path().string().substr(phone.root().size()),
-                                    human_size(entry.file_size())));
+        const fs::path inside = fs::relative(entry.path(), phone.path(kLogDirectory));
+        lines.push_back(
+                fmt::format("  {:<50} {:>12}", inside.string(), human_size(entry.file_size())));
     }
     std::sort(lines.begin(), lines.end());
+    lines.insert(lines.begin(), fmt::format("Files in {}", kLogDirectory));
     return lines;
 }
 

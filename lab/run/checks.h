@@ -25,7 +25,7 @@ void check_whole(const Scenario& scenario, const Phone& phone, Story& story);
 // What must be so in every run: no sanitizer has complained.
 void check_always(const Phone& phone, Story& story);
 
-// The files below the log directory with their sizes, for people.
+// A heading, and a line for each file in the log directory with its size.
 std::vector<std::string> file_summary(const Phone& phone);
 
 }  // namespace rvd::lab

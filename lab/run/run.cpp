@@ -50,23 +50,20 @@ void check_at_boot(const RunStage& stage, const Scenario& scenario, Story& story
 }
 
 void print_summary(const Phone& phone, const Story& story, const Conduct& conduct, bool brief) {
-    printf("\nThe run ended with \"%s\" after %.3f s of the phone's time.\n", conduct.end.c_str(),
-           static_cast<double>(conduct.lasted) / kSecond);
-    const std::vector<std::string> transfers = story.transfer_summary(),
-                                   files = file_summary(phone);
+    fmt::print("\nThe run ended with \"{}\" after {:.3f} s of the phone's time.\n", conduct.end,
+               static_cast<double>(conduct.lasted) / kSecond);
+    const std::vector<std::string> files = file_summary(phone);
     if (brief) {
-        printf("It saved %zu files; without --brief they are listed.\n", files.size());
+        fmt::print("It saved {} files; without --brief they are listed.\n", files.size() - 1);
     } else {
-        printf("\nTransfers\n");
-        for (const std::string& line : transfers)
-            printf("  %s\n", line.c_str());
-        printf("\nFiles\n");
-        for (const std::string& line : files)
-            printf("  %s\n", line.c_str());
+        fmt::print("\n{}\n\n{}\n", fmt::join(story.transfer_summary(), "\n"),
+                   fmt::join(files, "\n"));
     }
-    if (!story.crash_sentence.empty())
-        printf("\nThe crash, as the kernel was told%s\n", story.crash_sentence.c_str());
-    printf("\n");
+    const std::string& reason = story.crash_sentence;
+    if (!reason.empty())
+        fmt::print("\nThe reason of the kernel panic\n  {}\n",
+                   reason.substr(std::min(reason.find_first_not_of(": "), reason.size())));
+    fmt::print("\n");
 }
 
 void hear_line(const Scenario& scenario, const std::string& line) {

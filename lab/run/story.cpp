@@ -109,13 +109,15 @@ void Story::end_transfer() {
 }
 
 std::vector<std::string> Story::transfer_summary() const {
-    std::vector<std::string> lines;
+    std::vector<std::string> lines = {fmt::format("{:<16} {:>5} {:>11} {:>10} {:>10} {:>10}",
+                                                  "Transfers", "times", "size", "virtual s",
+                                                  "real s", "MB/s")};
     for (const Transfers& all : transfers_) {
         const double speed =
                 static_cast<double>(all.bytes) / 1e6 / std::max(all.real.count(), 1e-6);
-        lines.push_back(fmt::format(
-                "{:<18} {:3} x  {:>11}  {:9.3f} s virtual {:8.3f} s real {:8.1f} MB/s", all.name,
-                all.times, human_size(all.bytes), seconds(all.time), all.real.count(), speed));
+        lines.push_back(fmt::format("  {:<14} {:>5} {:>11} {:>10.3f} {:>10.3f} {:>10.1f}", all.name,
+                                    all.times, human_size(all.bytes), seconds(all.time),
+                                    all.real.count(), speed));
     }
     return lines;
 }

@@ -59,6 +59,7 @@ class Story {
     // The kernel's log ring.
     const std::string& ring() const { return ring_; }
 
+    // A heading, and a line for all transfers of a name.
     std::vector<std::string> transfer_summary() const;
 
     // Trace events, as JSON for a trace viewer.
