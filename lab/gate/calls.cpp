@@ -38,45 +38,33 @@ std::optional<Node> node_at(const std::string& path) {
 }  // namespace
 
 void Calls::handle(const Call& call) {
-    const Service service = call.shape->service;
-    if (service != Service::poll && service != Service::sleep && service != Service::clock &&
-        service != Service::thread_start)
+    const auto serve = call.shape->serve;
+    if (serve != &Calls::serve_poll && serve != &Calls::serve_sleep &&
+        serve != &Calls::serve_clock && serve != &Calls::start_thread)
         clock_.note_activity(call.tid());
-    if (apply_fault(call)) return;
-    switch (service) {
-        case Service::look:
-            if (call.shape->watch == Watch::always) check_path(call, path_of(call));
-            return daemon_.proceed(call);
-        case Service::open:
-            return serve_open(call);
-        case Service::ioctl:
-            return serve_ioctl(call);
-        case Service::syslog:
-            return serve_syslog(call);
-        case Service::statfs:
-            return serve_statfs(call);
-        case Service::identity:
-            return serve_identity(call);
-        case Service::sync:
-            story_.request("kernel", "sync");
-            return daemon_.answer(call, 0);
-        case Service::poll:
-            return serve_poll(call);
-        case Service::sleep:
-            return serve_sleep(call);
-        case Service::clock:
-            return serve_clock(call);
-        case Service::clone:
-            return serve_clone(call);
-        case Service::thread_start:
-        case Service::other:
-            return daemon_.proceed(call);
-        case Service::thread_end:
-            clock_.gone(call.tid());
-            return daemon_.proceed(call);
-        case Service::write:
-            return serve_write(call);
-    }
+    if (!apply_fault(call)) (this->*serve)(call);
+}
+
+void Calls::look(const Call& call) {
+    if (call.shape->watch == Watch::always) check_path(call, path_of(call));
+    daemon_.proceed(call);
+}
+
+void Calls::end_thread(const Call& call) {
+    clock_.gone(call.tid());
+    daemon_.proceed(call);
+}
+
+void Calls::serve_sync(const Call& call) {
+    story_.request("kernel", "sync");
+    daemon_.answer(call, 0);
+}
+
+// Answers with a record where an argument points.
+void Calls::answer_with(const Call& call, int argument, const void* record, size_t size,
+                        int64_t result) {
+    const bool written = call.memory().write(call.argument(argument), record, size);
+    daemon_.answer(call, written ? result : -EFAULT);
 }
 
 // Before the daemon's own code runs, which opens the kernel log before anything else, calls are
@@ -109,10 +97,10 @@ bool Calls::apply_fault(const Call& call) {
     story_.tell("kernel", "daemon", fmt::format("{} {}: {}", fault->call, path_of(call), what));
     const Links::Link* link = links_.at(fd_of(call));
     if (fault->hang_up) {
-        if (link != nullptr) links_.hang_up(link->node);
+        if (link != nullptr) links_.hang_up(*link->node);
         return false;
     }
-    if (call.shape->service == Service::ioctl && link != nullptr) modem_->lost(call.argument(1));
+    if (call.shape->serve == &Calls::serve_ioctl && link != nullptr) modem_->lost(call.argument(1));
     if (fault->cut) {
         transfer_part(call, static_cast<size_t>(*fault->cut));
     } else if (call.name() == "brk") {
@@ -152,7 +140,7 @@ std::string Calls::path_of(const Call& call) const {
 
 // The descriptor that a call is about, or -1; of several that are polled, the first.
 int Calls::fd_of(const Call& call) const {
-    if (call.shape->service == Service::poll) {
+    if (call.shape->serve == &Calls::serve_poll) {
         const std::vector<pollfd> fds = polled(call);
         return fds.empty() ? -1 : fds[0].fd;
     }
@@ -184,9 +172,9 @@ void Calls::serve_open(const Call& call) {
     const auto& missing = scenario_.missing;
     if (std::find(missing.begin(), missing.end(), path) != missing.end())
         return daemon_.proceed(call);
-    if (path == "/dev/kmsg") return links_.open_kernel_log(call);
-    if (const auto node = node_at(path))
-        return stage_.check_opens(*node, links_.open_node(call, *node));
+    const auto node = node_at(path);
+    if (node) return stage_.check_opens(*node, links_.open(call, node));
+    if (path == "/dev/kmsg") return void(links_.open(call, {}));
     const uint64_t flags = call.argument(call.shape->path + 1);
     if ((flags & (O_WRONLY | O_RDWR | O_CREAT)) != 0) check_path(call, path);
     daemon_.proceed(call);
@@ -195,9 +183,9 @@ void Calls::serve_open(const Call& call) {
 void Calls::serve_ioctl(const Call& call) {
     const Links::Link* link = links_.at(static_cast<int>(call.argument(0)));
     if (link == nullptr) return daemon_.proceed(call);
-    const Memory memory = call.memory();
     served_ = &call;
-    const int64_t result = modem_->request(link->node, call.argument(1), call.argument(2), memory);
+    const int64_t result =
+            modem_->request(*link->node, call.argument(1), call.argument(2), call.memory());
     served_ = nullptr;
     if (device_gone_) return clock_.hold(call, kNever);
     daemon_.answer(call, result);
@@ -220,14 +208,13 @@ void Calls::serve_syslog(const Call& call) {
     const size_t room = std::min<size_t>(ring.size(), call.argument(2));
     const char* latest = ring.data() + ring.size() - room;
     story_.tell("kernel", "daemon", "log ring, " + human_size(room));
-    const bool written = call.memory().write(call.argument(1), latest, room);
-    daemon_.answer(call, written ? static_cast<int64_t>(room) : -EFAULT);
+    answer_with(call, 1, latest, room, static_cast<int64_t>(room));
 }
 
 void Calls::serve_statfs(const Call& call) {
     const std::string path = path_of(call);
-    struct statfs answer_record {};
-    if (statfs(phone_.path(path).c_str(), &answer_record) != 0) return daemon_.answer(call, -errno);
+    struct statfs record {};
+    if (statfs(phone_.path(path).c_str(), &record) != 0) return daemon_.answer(call, -errno);
     int64_t megabytes = kPlentyMb;
     size_t longest = 0;
     for (const auto& [prefix, free] : scenario_.free_mb) {
@@ -235,13 +222,11 @@ void Calls::serve_statfs(const Call& call) {
         longest = prefix.size();
         megabytes = free;
     }
-    answer_record.f_bsize = kBlock;
-    answer_record.f_bfree = static_cast<fsblkcnt_t>(megabytes * (1 << 20) / kBlock);
-    answer_record.f_bavail = answer_record.f_bfree - answer_record.f_bfree / 20;
-    answer_record.f_blocks = answer_record.f_bfree * 4;
-    const bool written =
-            call.memory().write(call.argument(1), &answer_record, sizeof(answer_record));
-    daemon_.answer(call, written ? 0 : -EFAULT);
+    record.f_bsize = kBlock;
+    record.f_bfree = static_cast<fsblkcnt_t>(megabytes * (1 << 20) / kBlock);
+    record.f_bavail = record.f_bfree - record.f_bfree / 20;
+    record.f_blocks = record.f_bfree * 4;
+    answer_with(call, 1, &record, sizeof(record));
 }
 
 void Calls::serve_identity(const Call& call) {
@@ -259,12 +244,9 @@ void Calls::serve_identity(const Call& call) {
     }
     const bool about_file = call.shape->path >= 0;
     if (!about_file) story_.request("kernel", words);
-    if (phone_.real_root() ||
-        (about_file && access(phone_.path(path_of(call)).c_str(), F_OK) != 0)) {
-        daemon_.proceed(call);
-    } else {
-        daemon_.answer(call, 0);
-    }
+    const bool missing = about_file && access(phone_.path(path_of(call)).c_str(), F_OK) != 0;
+    if (phone_.real_root() || missing) return daemon_.proceed(call);
+    daemon_.answer(call, 0);
 }
 
 void Calls::serve_clone(const Call& call) {

@@ -39,35 +39,40 @@ class Calls {
     // The device is in upload mode: the request that led there is never answered.
     void lose_device() { device_gone_ = true; }
 
-    // Ends a poll where one of its descriptors is ready, and a wait whose time is up.
+    // Ends a wait: a poll where one of its descriptors is ready, and any whose time is up.
     bool finish_poll(const Call& call);
     void expire(const Call& call);
 
     std::string path_of_fd(int fd) const;
 
-  private:
-    bool apply_fault(const Call& call);
-    const Fault* due_fault(const Call& call);
-    void transfer_part(const Call& call, size_t size);
-
+    // By the table, how a call is served that no fault meets.
     void serve_open(const Call& call);
     void serve_ioctl(const Call& call);
     void serve_syslog(const Call& call);
     void serve_statfs(const Call& call);
     void serve_identity(const Call& call);
-    void serve_clone(const Call& call);
+    void serve_sync(const Call& call);
     void serve_write(const Call& call);
-
     void serve_poll(const Call& call);
     void serve_sleep(const Call& call);
     void serve_clock(const Call& call);
-    std::vector<pollfd> polled(const Call& call) const;
-    void write_polled(const Call& call, const std::vector<pollfd>& fds) const;
-    short ready(const pollfd& entry) const;
+    void serve_clone(const Call& call);
+    void start_thread(const Call& call) { daemon_.proceed(call); }
+    void end_thread(const Call& call);
+    void look(const Call& call);  // nothing but faults and the check of paths
+    void pass(const Call& call) { daemon_.proceed(call); }
 
+  private:
+    bool apply_fault(const Call& call);
+    const Fault* due_fault(const Call& call);
+    void transfer_part(const Call& call, size_t size);
+    void answer_with(const Call& call, int argument, const void* record, size_t size,
+                     int64_t result = 0);
     void check_path(const Call& call, const std::string& path);
     std::string path_of(const Call& call) const;
     int fd_of(const Call& call) const;
+    std::vector<pollfd> polled(const Call& call) const;
+    short ready(const pollfd& entry) const;
 
     const Scenario& scenario_;
     const Phone& phone_;

@@ -3,7 +3,6 @@
 // system call, so that between two calls nothing of the daemon moves but that thread.
 #pragma once
 
-#include <set>
 #include <vector>
 
 #include "lab/gate/daemon.h"
@@ -12,7 +11,6 @@ namespace rvd::lab {
 
 class Clock {
   public:
-    // In the order of their birth.
     struct Thread {
         enum class State { runs, blocked, stopped, waits };
 
@@ -27,6 +25,7 @@ class Clock {
 
     Time start() const { return start_; }
     Time now() const { return now_; }
+    Time last_activity() const { return last_activity_; }
     void set(Time now) { now_ = now; }
 
     // The daemon was started, or a thread made: it is on its way to its first call.
@@ -34,37 +33,31 @@ class Clock {
     void born() { births_++; }
     void gone(pid_t tid);
 
-    bool knows(pid_t tid) const;
-
-    // A thread has stopped at a call, waits in it, or goes on.
+    // A thread has stopped at a call, waits in it, goes on; or it waits for a thread that is not to
+    // run yet, so that one may.
     void arrive(const Call& call);
     void hold(const Call& call, Time deadline);
     void resume(pid_t tid);
-
-    // It waits for a thread that is not to run yet: so that one may.
     void block(pid_t tid);
 
-    // No thread runs, and none is on its way.
-    bool at_rest() const;
+    // As hold(); true where all but hollow threads sleep then.
+    bool sleep(const Call& call, Time deadline, bool is_helper);
 
-    // Whose call comes next: the thread that ran last, or else the oldest that has stopped.
-    const Thread* next() const;
-    const std::vector<Thread>& threads() const { return threads_; }
-    pid_t running() const;
-
-    // Something other than waiting was done by a thread, or by the one that runs.
-    void note_activity();
+    // Something other than waiting was done by a thread, or by the one that ran last.
     void note_activity(pid_t tid);
-    Time last_activity() const { return last_activity_; }
+    void note_activity() { note_activity(last_run_); }
 
-    // A thread goes to sleep for a time; false if it has done nothing since it slept last.
-    bool fall_asleep(pid_t tid);
-    void mark_hollow(pid_t tid);
-    bool alone(pid_t tid) const;  // but for hollow ones
+    bool at_rest() const;   // no thread runs, and none is on its way
+    pid_t running() const;  // or 0
+    bool knows(pid_t tid) { return find(tid) != nullptr; }
+    const std::vector<Thread>& threads() const { return threads_; }  // in the order of their birth
 
-    // When the first wait is over; of those that something can come of, and of all.
-    Time first_deadline() const;
+    // Whose call comes next: of the thread that ran last, or else the oldest that has stopped.
+    const Thread* next() const;
+
+    // The thread whose wait is over first; of those that something can come of, when it is.
     const Thread* first_waiting() const;
+    Time first_deadline() const;
 
   private:
     Thread* find(pid_t tid);

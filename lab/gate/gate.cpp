@@ -7,6 +7,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
+
+#include "lab/gate/calls.h"
 
 namespace rvd::lab {
 
@@ -27,210 +30,235 @@ constexpr int kRunnerPatienceMs = 2;
 constexpr int kRealPatienceMs = 1000;
 constexpr int kFarewellMs = 5000;
 
+class Gate : public RunStage {
+  public:
+    Gate(const Scenario& scenario, const Phone& phone, Story& story, GateSetup setup)
+        : RunStage(scenario, story),
+          phone_(phone),
+          setup_(setup),
+          clock_(setup.start),
+          links_(daemon_, clock_, story, [this] { widen(); }),
+          calls_(scenario, phone, story, *this, daemon_, clock_, links_) {
+        const auto shapes = calls_to_watch(scenario, !setup.real_time, setup.learn);
+        filter_ = filter_for(shapes);
+        for (const CallShape& shape : shapes)
+            shapes_.emplace(shape.number, shape);
+    }
+
+    ~Gate() override { daemon_.end(); }
+
+    void connect(Modem& modem) override {
+        RunStage::connect(modem);
+        links_.connect(modem);
+        calls_.connect(modem);
+    }
+
+    void start_daemon() override {
+        close_daemon();
+        calls_.restart();
+        clock_.restart();
+        daemon_.start(phone_, filter_, !setup_.real_time);
+        tell_start();
+    }
+
+    bool reboot() override {
+        start_daemon();
+        return true;
+    }
+
+    void recount_faults() override {
+        for (const Fault& fault : scenario_.faults)
+            fault.turn.seen = 0;
+    }
+
+    void panic() override {
+        story_.tell("kernel", "", "panics: the device goes to upload mode");
+        calls_.lose_device();
+        if (!on_upload || !on_upload()) stop("upload");
+    }
+
+    std::string serve() override {
+        while (end_.empty()) {
+            if (setup_.real_time) {
+                serve_real_time();
+            } else {
+                serve_virtual_time();
+            }
+            check_patience();
+        }
+        let_daemon_exit();
+        close_daemon();
+        return end_;
+    }
+
+    std::map<int, std::string> descriptors() const override {
+        std::map<int, std::string> open;
+        for (int fd = 3; fd < 1024; fd++) {
+            const std::string path = calls_.path_of_fd(fd);
+            if (!path.empty() && path != "/dev/kmsg") open[fd] = path;
+        }
+        return open;
+    }
+
+    pid_t daemon() const override { return daemon_.pid(); }
+    Time now() const override { return clock_.now(); }
+    void hang_up(Node node) override { links_.hang_up(node); }
+    void end_hang_up() override { links_.end_hang_up(calls_.served()); }
+    void flush(Node node) override { links_.flush(node, calls_.served()); }
+    void pump(Node node) override { links_.pump(node); }
+
+  private:
+    // Nothing of the process outlives this: not its threads, nor what it had open.
+    void close_daemon() {
+        daemon_.end();
+        links_.take(Links::Says::all);
+        links_.close_all();
+        if (modem_ != nullptr) modem_->abandoned();
+    }
+
+    // What the daemon said is read, and events happen, only while all of its threads are stopped:
+    // so the story depends on the scenario alone.
+    void serve_virtual_time() {
+        if (!clock_.at_rest()) return await_call(kRunnerPatienceMs);
+        links_.take(Links::Says::all);
+        run_due_events();
+        if (end_.empty() && clock_.at_rest()) step();
+    }
+
+    // Lets one thread go on, or else the time.
+    void step() {
+        if (const Clock::Thread* thread = clock_.next()) {
+            const Call call = thread->call;
+            clock_.resume(call.tid());
+            return calls_.handle(call);
+        }
+        for (const Clock::Thread& thread : clock_.threads()) {
+            const Call call = thread.call;
+            const bool polls = thread.state == Clock::Thread::State::waits &&
+                               call.shape->serve == &Calls::serve_poll;
+            if (!polls || !calls_.finish_poll(call)) continue;
+            return clock_.resume(call.tid());
+        }
+        advance();
+    }
+
+    void advance() {
+        const Time event = events_.empty() ? kNever : events_.begin()->first;
+        const Time first = std::min(event, clock_.first_deadline());
+        const Clock::Thread* waiting = clock_.first_waiting();
+        const Time next = std::min(event, waiting->deadline);
+        const Time limit = clock_.start() + scenario_.limit;
+        if (first == kNever) return stop("waits");
+        if (event == kNever && first - clock_.last_activity() > kQuiet) return stop("parked");
+        if (next > limit) {
+            set_time(limit);
+            return stop("limit");
+        }
+        set_time(std::max(clock_.now(), next));
+        if (event <= clock_.now()) return run_due_events();
+        const Call call = waiting->call;
+        clock_.resume(call.tid());
+        calls_.expire(call);
+    }
+
+    // With the real clock the daemon runs on while it is listened to.
+    void serve_real_time() {
+        run_due_events();
+        if (!end_.empty()) return;
+        int timeout = kRealPatienceMs;
+        if (!events_.empty())
+            timeout = static_cast<int>(std::clamp<Time>(
+                    (events_.begin()->first - now()) / kMillisecond, 0, kRealPatienceMs));
+        await_call(timeout);
+        if (events_.empty() && now() - clock_.last_activity() > kRealQuiet) stop("quiet");
+    }
+
+    void await_call(int timeout) {
+        std::vector<pollfd> set = {{daemon_.listener(), POLLIN, 0}, {daemon_.pidfd(), POLLIN, 0}};
+        if (setup_.real_time) links_.add_to(set);
+        const int ready = poll(set.data(), set.size(), timeout);
+        widen();
+        if (setup_.real_time)
+            set_time(clock_.start() + (steady_clock::now() - began_) / std::chrono::nanoseconds(1));
+        if ((set[0].revents & POLLIN) != 0) {
+            take_call();
+        } else if (setup_.real_time) {
+            links_.take(Links::Says::all);
+            links_.pump_all();
+        } else if (ready == 0) {
+            links_.take(Links::Says::more);
+            if (daemon_.waits_for_thread(clock_.running())) clock_.block(clock_.running());
+        }
+        int status = 0;
+        if ((set[1].revents & POLLIN) != 0 && daemon_.ended(status)) {
+            links_.take(Links::Says::all);
+            take_end(status);
+        }
+    }
+
+    void take_call() {
+        Call call{};
+        if (!daemon_.receive(call.raw)) return;
+        call.shape = &shapes_.at(call.raw.data.nr);
+        // A sanitizer's process looks for leaks while the thread that ends the daemon spins.
+        if (!clock_.knows(call.tid()) && !daemon_.has_thread(call.tid()))
+            return daemon_.proceed(call);
+        clock_.arrive(call);
+        if (!setup_.real_time) return;
+        links_.take(Links::Says::all);
+        clock_.resume(call.tid());
+        calls_.handle(call);
+    }
+
+    void set_time(Time now) {
+        clock_.set(now);
+        story_.set_time(now);
+    }
+
+    void check_patience() {
+        if (steady_clock::now() - began_ <= setup_.patience) return;
+        story_.violation(
+                fmt::format("the run took longer than {} s of real time", setup_.patience.count()));
+        stop("timeout");
+    }
+
+    // A daemon that writes something down on its way out (coverage does) is given the time for it.
+    void let_daemon_exit() {
+        if (daemon_.pid() < 0 || getenv("GCOV_PREFIX") == nullptr) return;
+        links_.take(Links::Says::all);
+        kill(daemon_.pid(), SIGTERM);
+        for (const Clock::Thread& thread : clock_.threads()) {
+            if (thread.state == Clock::Thread::State::stopped) daemon_.proceed(thread.call);
+        }
+        pollfd ready[] = {{daemon_.listener(), POLLIN, 0}, {daemon_.pidfd(), POLLIN, 0}};
+        while (poll(ready, 2, kFarewellMs) > 0 && (ready[1].revents & POLLIN) == 0) {
+            Call call{};
+            if (daemon_.receive(call.raw)) daemon_.proceed(call);
+        }
+    }
+
+    // Makes windows between reads wide, so that what depends on their order shows.
+    void widen() const {
+        if (setup_.jitter > 0) usleep(static_cast<useconds_t>(setup_.jitter));
+    }
+
+    const Phone& phone_;
+    const GateSetup setup_;
+    const steady_clock::time_point began_ = steady_clock::now();
+    std::map<int, CallShape> shapes_;
+    Filter filter_;
+
+    Daemon daemon_;
+    Clock clock_;
+    Links links_;
+    Calls calls_;
+};
+
 }  // namespace
 
-Gate::Gate(const Scenario& scenario, const Phone& phone, Story& story, Setup setup)
-    : RunStage(scenario, story),
-      phone_(phone),
-      setup_(setup),
-      began_(steady_clock::now()),
-      clock_(setup.start),
-      links_(daemon_, clock_, story, [this] { widen(); }),
-      calls_(scenario, phone, story, *this, daemon_, clock_, links_) {
-    const auto shapes = calls_to_watch(scenario, !setup.real_time, setup.learn);
-    filter_ = filter_for(shapes);
-    for (const CallShape& shape : shapes)
-        shapes_.emplace(shape.number, shape);
-}
-
-Gate::~Gate() {
-    daemon_.end();
-}
-
-void Gate::connect(Modem& modem) {
-    RunStage::connect(modem);
-    links_.connect(modem);
-    calls_.connect(modem);
-}
-
-void Gate::start_daemon() {
-    close_daemon();
-    calls_.restart();
-    clock_.restart();
-    daemon_.start(phone_, filter_, !setup_.real_time);
-    tell_start();
-}
-
-bool Gate::reboot() {
-    start_daemon();
-    return true;
-}
-
-// Nothing of the process outlives this: not its threads, nor what it had open.
-void Gate::close_daemon() {
-    daemon_.end();
-    links_.take(Links::Says::all);
-    links_.close_all();
-    if (modem_ != nullptr) modem_->abandoned();
-}
-
-void Gate::recount_faults() {
-    for (const Fault& fault : scenario_.faults)
-        fault.turn.seen = 0;
-}
-
-void Gate::panic() {
-    story_.tell("kernel", "", "panics: the device goes to upload mode");
-    calls_.lose_device();
-    if (!on_upload || !on_upload()) stop("upload");
-}
-
-std::string Gate::serve() {
-    while (end_.empty()) {
-        if (setup_.real_time) {
-            serve_real_time();
-        } else {
-            serve_virtual_time();
-        }
-        check_patience();
-    }
-    let_daemon_exit();
-    close_daemon();
-    return end_;
-}
-
-// What the daemon said is read, and events happen, only while all of its threads are stopped:
-// so the story depends on the scenario alone.
-void Gate::serve_virtual_time() {
-    if (!clock_.at_rest()) return await_call(kRunnerPatienceMs);
-    links_.take(Links::Says::all);
-    run_due_events();
-    if (end_.empty() && clock_.at_rest()) step();
-}
-
-// Lets one thread go on, or else the time.
-void Gate::step() {
-    if (const Clock::Thread* thread = clock_.next()) {
-        const Call call = thread->call;
-        clock_.resume(call.tid());
-        return calls_.handle(call);
-    }
-    for (const Clock::Thread& thread : clock_.threads()) {
-        const Call call = thread.call;
-        const bool polls =
-                thread.state == Clock::Thread::State::waits && call.shape->service == Service::poll;
-        if (!polls || !calls_.finish_poll(call)) continue;
-        return clock_.resume(call.tid());
-    }
-    advance();
-}
-
-void Gate::advance() {
-    const Time event = events_.empty() ? kNever : events_.begin()->first;
-    const Time first = std::min(event, clock_.first_deadline());
-    const Clock::Thread* waiting = clock_.first_waiting();
-    const Time next = std::min(event, waiting->deadline);
-    const Time limit = clock_.start() + scenario_.limit;
-    if (first == kNever) return stop("waits");
-    if (event == kNever && first - clock_.last_activity() > kQuiet) return stop("parked");
-    if (next > limit) {
-        set_time(limit);
-        return stop("limit");
-    }
-    set_time(std::max(clock_.now(), next));
-    if (event <= clock_.now()) return run_due_events();
-    const Call call = waiting->call;
-    clock_.resume(call.tid());
-    calls_.expire(call);
-}
-
-// With the real clock the daemon runs on while it is listened to.
-void Gate::serve_real_time() {
-    run_due_events();
-    if (!end_.empty()) return;
-    int timeout = kRealPatienceMs;
-    if (!events_.empty())
-        timeout = static_cast<int>(std::clamp<Time>((events_.begin()->first - now()) / kMillisecond,
-                                                    0, kRealPatienceMs));
-    await_call(timeout);
-    if (events_.empty() && now() - clock_.last_activity() > kRealQuiet) stop("quiet");
-}
-
-void Gate::await_call(int timeout) {
-    std::vector<pollfd> set = {{daemon_.listener(), POLLIN, 0}, {daemon_.pidfd(), POLLIN, 0}};
-    if (setup_.real_time) links_.add_to(set);
-    const int ready = poll(set.data(), set.size(), timeout);
-    widen();
-    if (setup_.real_time)
-        set_time(clock_.start() + (steady_clock::now() - began_) / std::chrono::nanoseconds(1));
-    if ((set[0].revents & POLLIN) != 0) {
-        take_call();
-    } else if (setup_.real_time) {
-        links_.take(Links::Says::all);
-        links_.pump_all();
-    } else if (ready == 0) {
-        links_.take(Links::Says::more);
-        if (daemon_.waits_for_thread(clock_.running())) clock_.block(clock_.running());
-    }
-    int status = 0;
-    if ((set[1].revents & POLLIN) != 0 && daemon_.ended(status)) {
-        links_.take(Links::Says::all);
-        take_end(status);
-    }
-}
-
-void Gate::take_call() {
-    Call call{};
-    if (!daemon_.receive(call.raw)) return;
-    call.shape = &shapes_.at(call.raw.data.nr);
-    // A sanitizer's process looks for leaks while the thread that ends the daemon spins.
-    if (!clock_.knows(call.tid()) && !daemon_.has_thread(call.tid())) return daemon_.proceed(call);
-    clock_.arrive(call);
-    if (!setup_.real_time) return;
-    links_.take(Links::Says::all);
-    clock_.resume(call.tid());
-    calls_.handle(call);
-}
-
-void Gate::set_time(Time now) {
-    clock_.set(now);
-    story_.set_time(now);
-}
-
-void Gate::check_patience() {
-    if (steady_clock::now() - began_ <= setup_.patience) return;
-    story_.violation(
-            fmt::format("the run took longer than {} s of real time", setup_.patience.count()));
-    stop("timeout");
-}
-
-// A daemon that writes something down on its way out (coverage does) is given the time for it.
-void Gate::let_daemon_exit() {
-    if (daemon_.pid() < 0 || getenv("GCOV_PREFIX") == nullptr) return;
-    links_.take(Links::Says::all);
-    kill(daemon_.pid(), SIGTERM);
-    for (const Clock::Thread& thread : clock_.threads()) {
-        if (thread.state == Clock::Thread::State::stopped) daemon_.proceed(thread.call);
-    }
-    pollfd ready[] = {{daemon_.listener(), POLLIN, 0}, {daemon_.pidfd(), POLLIN, 0}};
-    while (poll(ready, 2, kFarewellMs) > 0 && (ready[1].revents & POLLIN) == 0) {
-        Call call{};
-        if (daemon_.receive(call.raw)) daemon_.proceed(call);
-    }
-}
-
-// Makes windows between reads wide, so that what depends on their order shows.
-void Gate::widen() const {
-    if (setup_.jitter > 0) usleep(static_cast<useconds_t>(setup_.jitter));
-}
-
-std::map<int, std::string> Gate::descriptors() const {
-    std::map<int, std::string> open;
-    for (int fd = 3; fd < 1024; fd++) {
-        const std::string path = calls_.path_of_fd(fd);
-        if (!path.empty() && path != "/dev/kmsg") open[fd] = path;
-    }
-    return open;
+std::unique_ptr<RunStage> make_gate(const Scenario& scenario, const Phone& phone, Story& story,
+                                    GateSetup setup) {
+    return std::make_unique<Gate>(scenario, phone, story, setup);
 }
 
 }  // namespace rvd::lab

@@ -5,7 +5,8 @@
 #include <poll.h>
 
 #include <functional>
-#include <map>
+#include <list>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,13 +18,12 @@ namespace rvd::lab {
 
 class Links {
   public:
-    // One open node.
     struct Link {
-        Node node;
-        int fd;  // this end; the other is the daemon's
+        std::optional<Node> node;  // or the kernel log
         int daemon_fd;
-        ino_t inode;  // of the daemon's end
-        bool hung = false, pending = false;
+        int fd = -1;      // this end; the other is the daemon's
+        ino_t inode = 0;  // of the daemon's end
+        bool hung = false, pending = false, closed = false;
         Packet out = {};   // that did not fit, while `pending`
         Packet held = {};  // the newest from the daemon, while it runs
     };
@@ -31,22 +31,19 @@ class Links {
     // `widen` is called between reads of the log and of a node.
     Links(Daemon& daemon, Clock& clock, Story& story, std::function<void()> widen)
         : daemon_(daemon), clock_(clock), story_(story), widen_(std::move(widen)) {}
-    ~Links() { close_all(); }
-    Links(const Links&) = delete;
-    Links& operator=(const Links&) = delete;
 
     void connect(Modem& modem) { modem_ = &modem; }
     void close_all();
 
-    // Each answers the call. The number of open descriptors of the node.
-    size_t open_node(const Call& call, Node node);
-    void open_kernel_log(const Call& call);
+    // Answers the open of a node, or of the kernel log. The number of its open descriptors.
+    size_t open(const Call& call, std::optional<Node> node);
 
+    // The open node there, or null; and what is open there: "/dev/boot", "/dev/dump", "/dev/kmsg"
+    // or nothing.
     const Link* at(int daemon_fd) const;
-    int unread(const Link& link) const;
-
-    // What the daemon has open there: "/dev/boot", "/dev/dump", "/dev/kmsg" or nothing.
     std::string name_of(int daemon_fd) const;
+
+    int unread(const Link& link) const;
 
     // Takes what the daemon has said: its log before its packets. While it runs, more may be logged
     // before the newest packet is followed by another call, so that one is kept for later.
@@ -63,23 +60,17 @@ class Links {
     void add_to(std::vector<pollfd>& set) const;
 
   private:
-    void take_log();
-    void take_packets(size_t index, Says says);
-    void deliver(size_t index, const Packet& packet);
-    void pump(Link& link);
+    void connect_pair(Link& link, const std::function<int(int)>& hand_over);
     void renew(Link& link, const Call& served);
-
-    struct KernelLog {
-        int fd, daemon_fd;
-    };
+    void take_log();
+    void take_packets(Link& link, Says says);
 
     Daemon& daemon_;
     Clock& clock_;
     Story& story_;
     Modem* modem_ = nullptr;
     std::function<void()> widen_;
-    std::vector<Link> links_;
-    std::vector<KernelLog> logs_;
+    std::list<Link> links_;
 };
 
 }  // namespace rvd::lab

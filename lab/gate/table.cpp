@@ -14,63 +14,64 @@
 #include <list>
 
 #include "bootdump/lnkm.h"
+#include "lab/gate/calls.h"
 
 namespace rvd::lab {
 
 namespace {
 
 constexpr CallShape kShapes[] = {
-        {"open", "open", Watch::always, Service::open, 0, -1},
-        {"openat", "open", Watch::always, Service::open, 1, -1},
-        {"ioctl", "ioctl", Watch::always, Service::ioctl, -1, 0},
-        {"syslog", "syslog", Watch::always, Service::syslog, -1, -1},
-        {"statfs", "statfs", Watch::always, Service::statfs, 0, -1},
-        {"fstatfs", "statfs", Watch::always, Service::statfs, -1, 0},
-        {"sync", "sync", Watch::always, Service::sync, -1, -1},
-        {"prctl", "prctl", Watch::always, Service::identity, -1, -1},
-        {"setuid", "setuid", Watch::always, Service::identity, -1, -1},
-        {"capset", "capset", Watch::always, Service::identity, -1, -1},
-        {"chown", "chown", Watch::always, Service::identity, 0, -1},
-        {"fchownat", "chown", Watch::always, Service::identity, 1, -1},
-        {"mkdir", "mkdir", Watch::always, Service::look, 0, -1},
-        {"mkdirat", "mkdir", Watch::always, Service::look, 1, -1},
-        {"unlink", "unlink", Watch::always, Service::look, 0, -1},
-        {"unlinkat", "unlink", Watch::always, Service::look, 1, -1},
-        {"rmdir", "rmdir", Watch::always, Service::look, 0, -1},
-        {"rename", "rename", Watch::always, Service::look, 0, -1},
-        {"renameat", "rename", Watch::always, Service::look, 1, -1},
-        {"renameat2", "rename", Watch::always, Service::look, 1, -1},
+        {"open", "open", Watch::always, &Calls::serve_open, 0},
+        {"openat", "open", Watch::always, &Calls::serve_open, 1},
+        {"ioctl", "ioctl", Watch::always, &Calls::serve_ioctl, -1, 0},
+        {"syslog", "syslog", Watch::always, &Calls::serve_syslog},
+        {"statfs", "statfs", Watch::always, &Calls::serve_statfs, 0},
+        {"fstatfs", "statfs", Watch::always, &Calls::serve_statfs, -1, 0},
+        {"sync", "sync", Watch::always, &Calls::serve_sync},
+        {"prctl", "prctl", Watch::always, &Calls::serve_identity},
+        {"setuid", "setuid", Watch::always, &Calls::serve_identity},
+        {"capset", "capset", Watch::always, &Calls::serve_identity},
+        {"chown", "chown", Watch::always, &Calls::serve_identity, 0},
+        {"fchownat", "chown", Watch::always, &Calls::serve_identity, 1},
+        {"mkdir", "mkdir", Watch::always, &Calls::look, 0},
+        {"mkdirat", "mkdir", Watch::always, &Calls::look, 1},
+        {"unlink", "unlink", Watch::always, &Calls::look, 0},
+        {"unlinkat", "unlink", Watch::always, &Calls::look, 1},
+        {"rmdir", "rmdir", Watch::always, &Calls::look, 0},
+        {"rename", "rename", Watch::always, &Calls::look, 0},
+        {"renameat", "rename", Watch::always, &Calls::look, 1},
+        {"renameat2", "rename", Watch::always, &Calls::look, 1},
 
-        {"poll", "poll", Watch::virtual_time, Service::poll, -1, -1},
-        {"ppoll", "poll", Watch::virtual_time, Service::poll, -1, -1},
-        {"pause", "pause", Watch::virtual_time, Service::sleep, -1, -1},
-        {"nanosleep", "sleep", Watch::virtual_time, Service::sleep, -1, -1},
-        {"clock_nanosleep", "sleep", Watch::virtual_time, Service::sleep, -1, -1},
-        {"clock_gettime", "clock", Watch::virtual_time, Service::clock, -1, -1},
-        {"gettimeofday", "clock", Watch::virtual_time, Service::clock, -1, -1},
-        {"time", "clock", Watch::virtual_time, Service::clock, -1, -1},
-        {"clone", "clone", Watch::virtual_time, Service::clone, -1, -1},
-        {"clone3", "clone", Watch::virtual_time, Service::clone, -1, -1},
-        {"set_robust_list", "thread", Watch::virtual_time, Service::thread_start, -1, -1},
-        {"rseq", "thread", Watch::virtual_time, Service::thread_start, -1, -1},
-        {"exit", "exit", Watch::virtual_time, Service::thread_end, -1, -1},
+        {"poll", "poll", Watch::virtual_time, &Calls::serve_poll},
+        {"ppoll", "poll", Watch::virtual_time, &Calls::serve_poll},
+        {"pause", "pause", Watch::virtual_time, &Calls::serve_sleep},
+        {"nanosleep", "sleep", Watch::virtual_time, &Calls::serve_sleep},
+        {"clock_nanosleep", "sleep", Watch::virtual_time, &Calls::serve_sleep},
+        {"clock_gettime", "clock", Watch::virtual_time, &Calls::serve_clock},
+        {"gettimeofday", "clock", Watch::virtual_time, &Calls::serve_clock},
+        {"time", "clock", Watch::virtual_time, &Calls::serve_clock},
+        {"clone", "clone", Watch::virtual_time, &Calls::serve_clone},
+        {"clone3", "clone", Watch::virtual_time, &Calls::serve_clone},
+        {"set_robust_list", "thread", Watch::virtual_time, &Calls::start_thread},
+        {"rseq", "thread", Watch::virtual_time, &Calls::start_thread},
+        {"exit", "exit", Watch::virtual_time, &Calls::end_thread},
 
-        {"read", "read", Watch::faults, Service::look, -1, 0},
-        {"write", "write", Watch::faults, Service::write, -1, 0},
-        {"lseek", "lseek", Watch::faults, Service::look, -1, 0},
-        {"fsync", "fsync", Watch::faults, Service::look, -1, 0},
-        {"ftruncate", "ftruncate", Watch::faults, Service::look, -1, 0},
-        {"fstat", "stat", Watch::faults, Service::look, -1, 0},
-        {"stat", "stat", Watch::faults, Service::look, 0, -1},
-        {"lstat", "stat", Watch::faults, Service::look, 0, -1},
-        {"newfstatat", "stat", Watch::faults, Service::look, 1, 0},
-        {"statx", "stat", Watch::faults, Service::look, 1, 0},
-        {"chmod", "chmod", Watch::faults, Service::look, 0, -1},
-        {"fchmod", "chmod", Watch::faults, Service::look, -1, 0},
-        {"fchmodat", "chmod", Watch::faults, Service::look, 1, -1},
-        {"getdents64", "readdir", Watch::faults, Service::look, -1, 0},
-        {"mmap", "mmap", Watch::faults, Service::look, -1, 4},
-        {"brk", "mmap", Watch::faults, Service::look, -1, -1},
+        {"read", "read", Watch::faults, &Calls::look, -1, 0},
+        {"write", "write", Watch::faults, &Calls::serve_write, -1, 0},
+        {"lseek", "lseek", Watch::faults, &Calls::look, -1, 0},
+        {"fsync", "fsync", Watch::faults, &Calls::look, -1, 0},
+        {"ftruncate", "ftruncate", Watch::faults, &Calls::look, -1, 0},
+        {"fstat", "stat", Watch::faults, &Calls::look, -1, 0},
+        {"stat", "stat", Watch::faults, &Calls::look, 0},
+        {"lstat", "stat", Watch::faults, &Calls::look, 0},
+        {"newfstatat", "stat", Watch::faults, &Calls::look, 1, 0},
+        {"statx", "stat", Watch::faults, &Calls::look, 1, 0},
+        {"chmod", "chmod", Watch::faults, &Calls::look, 0},
+        {"fchmod", "chmod", Watch::faults, &Calls::look, -1, 0},
+        {"fchmodat", "chmod", Watch::faults, &Calls::look, 1},
+        {"getdents64", "readdir", Watch::faults, &Calls::look, -1, 0},
+        {"mmap", "mmap", Watch::faults, &Calls::look, -1, 4},
+        {"brk", "mmap", Watch::faults, &Calls::look},
 };
 
 bool has_fault(const Scenario& scenario, const CallShape& shape) {
@@ -93,7 +94,7 @@ void add_others(std::vector<CallShape>& shapes) {
         if (own) continue;
         names.push_back(name);
         const char* text = names.back().c_str();
-        shapes.push_back({text, text, Watch::always, Service::other, -1, -1, number});
+        shapes.push_back({text, text, Watch::always, &Calls::pass, -1, -1, number});
     }
 }
 
@@ -102,7 +103,7 @@ void add_others(std::vector<CallShape>& shapes) {
 std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_time, bool all) {
     std::vector<CallShape> shapes;
     for (CallShape shape : kShapes) {
-        const bool disk = shape.service == Service::write && scenario.full_after;
+        const bool disk = shape.serve == &Calls::serve_write && scenario.full_after;
         const bool wanted = shape.watch == Watch::always ||
                             (shape.watch == Watch::virtual_time && virtual_time) || disk ||
                             has_fault(scenario, shape) || all;
@@ -125,7 +126,7 @@ Filter filter_for(const std::vector<CallShape>& shapes) {
     if (filter == nullptr) throw Unable("cannot make a system-call filter");
     for (const CallShape& shape : shapes) {
         std::vector<scmp_arg_cmp> only;
-        if (shape.service == Service::ioctl)
+        if (shape.serve == &Calls::serve_ioctl)
             only = {SCMP_A1(SCMP_CMP_MASKED_EQ, 0xFF00, kLnkmType << 8)};
         if (std::string(shape.name) == "prctl") only = {SCMP_A0(SCMP_CMP_EQ, PR_SET_KEEPCAPS, 0)};
         if (std::string(shape.name) == "clone")

@@ -1,5 +1,4 @@
-// The system calls that the lab can be asked to take over, and what is known of each: what a
-// scenario calls it, which argument is a path or a descriptor, and when it is taken.
+// The system calls that the lab can take over, and what is known of each.
 #pragma once
 
 #include <linux/filter.h>
@@ -11,37 +10,21 @@
 
 namespace rvd::lab {
 
+class Calls;
+struct Call;
+
 enum class Watch {
     always,        // the phone answers it, or looks at it
     virtual_time,  // only while the clock is the lab's
     faults,        // only where the scenario has a fault for it
 };
 
-enum class Service {
-    look,  // nothing but faults and the check of paths
-    open,
-    ioctl,
-    syslog,
-    statfs,
-    identity,
-    sync,
-    poll,
-    sleep,
-    clock,
-    clone,
-    thread_start,
-    thread_end,
-    write,
-    other,  // nothing at all
-};
-
 struct CallShape {
     const char* name;    // the kernel's
     const char* family;  // the scenario's
     Watch watch;
-    Service service;
-    int path;  // argument that is a path, or -1
-    int fd;    // argument that is a descriptor, or -1
+    void (Calls::*serve)(const Call&);
+    int path = -1, fd = -1;  // the arguments that are one
     int number = -1;
 };
 

@@ -21,8 +21,7 @@ Time from_timespec(const timespec& time) {
 
 }  // namespace
 
-// A helper is a thread beside the first; where it has done nothing since it last slept, it is one
-// that only ever sleeps.
+// A helper is a thread beside the first.
 void Calls::serve_sleep(const Call& call) {
     if (call.name() == "pause") return clock_.hold(call, kNever);
     const bool chosen = call.name() == "clock_nanosleep";
@@ -34,21 +33,15 @@ void Calls::serve_sleep(const Call& call) {
         deadline = from_timespec(span);
         if (call.argument(0) != CLOCK_REALTIME) deadline += clock_.start() - kUptime;
     }
-    clock_.hold(call, deadline);
-    const bool helper = call.tid() != daemon_.pid();
-    if (helper && !clock_.fall_asleep(call.tid())) clock_.mark_hollow(call.tid());
-    if (!helper && clock_.alone(call.tid()) && stage_.on_sleep)
-        stage_.on_sleep(deadline - clock_.now());
+    const bool is_helper = call.tid() != daemon_.pid();
+    const bool alone = clock_.sleep(call, deadline, is_helper);
+    if (!is_helper && alone && stage_.on_sleep) stage_.on_sleep(deadline - clock_.now());
 }
 
 std::vector<pollfd> Calls::polled(const Call& call) const {
     std::vector<pollfd> fds(call.argument(1));
     call.memory().read(call.argument(0), fds.data(), fds.size() * sizeof(pollfd));
     return fds;
-}
-
-void Calls::write_polled(const Call& call, const std::vector<pollfd>& fds) const {
-    call.memory().write(call.argument(0), fds.data(), fds.size() * sizeof(pollfd));
 }
 
 // A node that hung up shows that, and input only while there is some: not the end of file that a
@@ -77,8 +70,7 @@ bool Calls::finish_poll(const Call& call) {
         count += entry.revents != 0;
     }
     if (count == 0) return false;
-    write_polled(call, fds);
-    daemon_.answer(call, count);
+    answer_with(call, 0, fds.data(), fds.size() * sizeof(pollfd), count);
     return true;
 }
 
@@ -102,31 +94,23 @@ void Calls::serve_poll(const Call& call) {
     if (for_hang_up && stage_.on_wait) stage_.on_wait();
 }
 
-// The time of a sleep or of a poll is up.
 void Calls::expire(const Call& call) {
-    if (call.shape->service == Service::poll) {
-        std::vector<pollfd> fds = polled(call);
-        for (pollfd& entry : fds)
-            entry.revents = 0;
-        write_polled(call, fds);
-    }
-    daemon_.answer(call, 0);
+    if (call.shape->serve != &Calls::serve_poll) return daemon_.answer(call, 0);
+    std::vector<pollfd> fds = polled(call);
+    for (pollfd& entry : fds)
+        entry.revents = 0;
+    answer_with(call, 0, fds.data(), fds.size() * sizeof(pollfd));
 }
 
 void Calls::serve_clock(const Call& call) {
-    const Memory memory = call.memory();
     const Time now = clock_.now();
-    bool written = true;
     if (call.name() == "time") {
         const time_t seconds = now / kSecond;
-        if (call.argument(0) != 0)
-            written = memory.write(call.argument(0), &seconds, sizeof(seconds));
-        return daemon_.answer(call, written ? seconds : -EFAULT);
+        return answer_with(call, 0, &seconds, call.argument(0) != 0 ? sizeof(seconds) : 0, seconds);
     }
     if (call.name() == "gettimeofday") {
         const timeval time = {now / kSecond, now % kSecond / 1000};
-        written = memory.write(call.argument(0), &time, sizeof(time));
-        return daemon_.answer(call, written ? 0 : -EFAULT);
+        return answer_with(call, 0, &time, sizeof(time));
     }
     const auto clock = static_cast<clockid_t>(call.argument(0));
     if (clock == CLOCK_PROCESS_CPUTIME_ID || clock == CLOCK_THREAD_CPUTIME_ID)
@@ -134,8 +118,7 @@ void Calls::serve_clock(const Call& call) {
     const bool wall = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
     const Time shown = wall ? now : now - clock_.start() + kUptime;
     const timespec time = {shown / kSecond, shown % kSecond};
-    written = memory.write(call.argument(1), &time, sizeof(time));
-    daemon_.answer(call, written ? 0 : -EFAULT);
+    answer_with(call, 1, &time, sizeof(time));
 }
 
 }  // namespace rvd::lab

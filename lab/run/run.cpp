@@ -99,9 +99,8 @@ std::unique_ptr<RunStage> make_stage(const Scenario& scenario, const RunOptions&
         return make_device_stage(
                 scenario, phone, story,
                 {start, now, patience, !options.notebook.empty(), options.prepare});
-    return std::make_unique<Gate>(
-            scenario, phone, story,
-            Gate::Setup{start, options.real_time, patience, options.learn, options.jitter});
+    return make_gate(scenario, phone, story,
+                     {start, options.real_time, patience, options.learn, options.jitter});
 }
 
 // One run, step by step: play() is the order.
