@@ -92,6 +92,8 @@ done <<'TABLE'
 2|"-3" is not a whole number|run --jobs -3 demo.toml
 2|"-5" is not a whole number|faults --spread -5
 2|"0" is not a whole number|soak --passes 0
+2|cat not in \{fail,kill,cut\}|faults --kind cat
+2|storn not in|soak --shape storn
 2|not a whole number|soak --seed 99999999999999999999
 2|not a whole number|run --seed 1x demo.toml
 2|maybe not in|demo --color=maybe
@@ -111,7 +113,10 @@ done <<'TABLE'
 0|out:PASS: all expected events|demo --brief --root kept
 0|out:^PASS +demo tq720|run --case "demo tq*" --junit junit.xml demo.toml
 0|out:"result": "PASS"|run --case "demo tq*" --json demo.toml
+0|out:^boot:write:[0-9]+:after$|faults --kind kill --only boot --list
+0|out:^first-boot:rename:1:part$|faults --kind cut --only first-boot --list
 0|out:1 passed, 0 failed|soak --passes 3 --seed 1
+0|out:^2 of 2 stories|soak --passes 2 --seed 1 --verify-replay=2
 TABLE
 
 [[ -s target && -L link && ! -e victim && ! -e log ]] || fail "results went elsewhere"

@@ -3,7 +3,11 @@
 #include <fmt/core.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +19,7 @@
 #include "lab/builtin.h"
 #include "lab/campaign/faults.h"
 #include "lab/campaign/progress.h"
+#include "lab/modem/modem.h"
 #include "lab/run/checks.h"
 
 namespace fs = std::filesystem;
@@ -27,6 +32,10 @@ constexpr char kLogs[] = "/data/vendor/log/rvd";
 constexpr int kSettled = 50;       // passes after which a daemon needs no more memory
 constexpr long kMoreMemory = 512;  // KiB
 constexpr Time kQuirkLasts = 40 * kSecond;
+constexpr int kSaving = 3;  // threads that may save logs beside the daemon's own
+
+// The storm's disk, in MB, and below what the daemon takes no dump.
+constexpr int kDisk = 1024, kLeastFree = 500;
 constexpr int kPassesPerSecond = 2;  // at the least, of real time
 
 // One of a kind may fail in a pass, by its place here.
@@ -36,13 +45,18 @@ const char* const kQuirky[] = {"0xA00D", "0xAF00", "0xAD00", "info", "reason", "
 
 // How far a soak is: for the lab's process, in the memory that its run shares with it.
 struct Figures {
-    std::atomic<int> passes{0}, whole{0};
+    std::atomic<int> passes{0}, dumps{0}, whole{0}, refused{0}, disturbances{0};
+    std::atomic<int64_t> bytes{0};  // saved
+    std::atomic<Time> lived{0};     // of the phone's time
 };
 
 class Soak : public Conductor {
   public:
-    Soak(int64_t seed, int passes, Figures& figures)
-        : random_(static_cast<uint64_t>(seed)), passes_(passes), figures_(figures) {}
+    Soak(const SoakOptions& options, Figures& figures)
+        : random_(static_cast<uint64_t>(options.seed)),
+          shape_(options.shape),
+          passes_(options.passes),
+          figures_(figures) {}
 
     void begin(Play& play) override {
         play_ = &play;
@@ -50,7 +64,14 @@ class Soak : public Conductor {
         sigprocmask(SIG_BLOCK, &held, nullptr);
     }
 
-    void fault(const Fault&) override { disturbed_ = true; }
+    void fault(const Fault&) override {
+        disturbed_ = true;
+        figures_.disturbances++;
+    }
+
+    void line(const std::string& text) override {
+        figures_.dumps += matches("*: DUMP DATA saved", text);
+    }
 
     // The daemon waits for the modem: a pass has come to its rest.
     void waits() override {
@@ -61,11 +82,20 @@ class Soak : public Conductor {
         timeline.resize(position);
         check(play);
         play.story.forget();
-        const bool last = ++figures_.passes == passes_;
+        figures_.passes++;
+        const bool last = ++played_ == passes_;
         if (last || interrupted() || !play.story.violations().empty()) return stop(play);
+        figures_.lived = play.stage.now() - play.scenario.start;
+        crashed_ = short_of_space_ = false;
+        const auto& quirks = play.scenario.loader;
+        disturbed_ = std::any_of(quirks.begin(), quirks.end(),
+                                 [](const Quirk& quirk) { return !quirk.at.empty(); });
+        if (shape_ == "storm") return storm(play);
+        if (shape_ == "flap") return flap(play);
+        if (shape_ == "liar") return lie(play);
         choose_events(timeline);
         choose_fault(play);
-        choose_quirk(play);
+        if (once_in(4)) choose_quirk(play);
     }
 
     void judge(Conduct& conduct) override {
@@ -108,13 +138,18 @@ class Soak : public Conductor {
         if (nv_.empty()) nv_ = nv;
         if (nv != nv_) play.story.violation("the NV file has changed");
         check_files(play);
-        check_memory(play);
+        check_process(play);
     }
 
     // What was collected is right as far as it goes, and whole where nothing was in the way.
     void check_files(Play& play) {
         check_collected(play.scenario, play.phone, play.story);
-        if (crashed_ && !disturbed_) {
+        for (const auto& [path, content] : closed_files(play.phone, {}))
+            figures_.bytes += path.compare(0, sizeof(kLogs) - 1, kLogs) == 0
+                                      ? static_cast<int64_t>(content.size())
+                                      : 0;
+        if (crashed_ && short_of_space_) check_refused(play);
+        if (crashed_ && !disturbed_ && !short_of_space_) {
             Scenario whole = play.scenario;
             whole.expect.end.clear();
             check_expectations(whole, play.phone, Conduct(), play.story);
@@ -123,10 +158,29 @@ class Soak : public Conductor {
         fs::remove_all(play.phone.path(kLogs));
     }
 
-    void check_memory(Play& play) {
+    // Without the space for a dump the device goes to its upload mode, and nothing of it is saved.
+    void check_refused(Play& play) {
+        figures_.refused++;
+        const auto& requests = play.story.requests();
+        if (std::none_of(requests.begin(), requests.end(), [](const std::string& request) {
+                return matches("TRIGGER_KERNEL_PANIC \"Not enough freespace\"*", request);
+            }))
+            play.story.violation("no upload is forced while the disk is full");
+        for (const auto& [path, content] : closed_files(play.phone, {})) {
+            if (matches("*/cpcrash_*", path))
+                play.story.violation(path + " is saved while the disk is full");
+        }
+    }
+
+    void check_process(Play& play) {
         const pid_t daemon = play.stage.daemon();
         const std::string status = read_file(format("/proc/%d/status", daemon));
-        const long used = strtol(status.c_str() + status.find("VmHWM:") + 6, nullptr, 10);
+        const auto number = [&](const char* name) {
+            return strtol(status.c_str() + status.find(name) + strlen(name), nullptr, 10);
+        };
+        const long used = number("VmHWM:"), threads = number("Threads:");
+        if (threads > 1 + kSaving)
+            play.story.violation(format("the daemon has %ld threads", threads));
         if (daemon != daemon_) age_ = 0;
         daemon_ = daemon;
         if (age_++ <= kSettled) settled_ = used;
@@ -147,7 +201,6 @@ class Soak : public Conductor {
         }
         if (once_in(10)) event.set["vendor.rvd.first_xmit_done"] = format("%d", below(2));
         crashed_ = event.state == 2;
-        disturbed_ = false;
         if (once_in(200)) {
             event.state.reset();
             (once_in(2) ? event.restart : event.reboot) = true;
@@ -178,27 +231,82 @@ class Soak : public Conductor {
 
     // The boot loader misbehaves for a while.
     void choose_quirk(Play& play) {
-        Quirk& quirk = play.scenario.loader[0];
-        disturbed_ = disturbed_ || !quirk.at.empty();
-        if (!once_in(4)) return;
         disturbed_ = true;
-        quirk = Quirk();
-        quirk.at = kQuirky[below(std::size(kQuirky))];
+        figures_.disturbances++;
+        Quirk quirk;
         quirk.turn.count = 0;
         if (once_in(3)) quirk.say = below(1 << 16);
         quirk.silent = once_in(6);
         quirk.hang_up = once_in(6);
         quirk.twice = once_in(4);
         quirk.late = once_in(4) ? below(35'000) * kMillisecond : 0;
-        play.stage.later(kQuirkLasts, [&quirk] { quirk.at.clear(); });
+        misbehave(play, static_cast<size_t>(below(std::size(kQuirky))), quirk);
+    }
+
+    // The boot loader may hold on to a quirk: it stays where it is, and ends without a place.
+    static void misbehave(Play& play, size_t place, const Quirk& quirk) {
+        Quirk& here = play.scenario.loader[place];
+        here = quirk;
+        here.at = kQuirky[place];
+        play.stage.later(kQuirkLasts, [&here] { here.at.clear(); });
+    }
+
+    // A crash every few seconds, on a disk that others fill as well, until somebody empties it.
+    void storm(Play& play) {
+        used_ = used_ > kDisk ? 0 : used_ + below(30);
+        play.scenario.free_mb["/data"] = std::max(kDisk - used_, 0);
+        short_of_space_ = kDisk - used_ < kLeastFree;
+        Event crash;
+        crash.waits = crashed_ = true;
+        crash.after = below(5'000) * kMillisecond;
+        crash.state = once_in(2) ? 2 : 9;
+        play.scenario.timeline.push_back(crash);
+    }
+
+    // States follow each other faster than they can be read; the last one ends the pass.
+    void flap(Play& play) {
+        disturbed_ = true;
+        Time after = 0;
+        const int changes = 2 + below(20);
+        for (int i = 0; i < changes; i++) {
+            static const int states[] = {1, 2, 9, 3, 0, 4, 42};
+            const int state = i + 1 < changes ? states[below(7)] : states[below(3)];
+            after += below(once_in(4) ? 3'000 : 3) * kMillisecond;
+            play.stage.later(after, [&play, state] { play.modem.change_state(state); });
+            figures_.disturbances++;
+        }
+    }
+
+    // The boot loader says whatever comes to its mind, in every place at once.
+    void lie(Play& play) {
+        choose_events(play.scenario.timeline);
+        disturbed_ = true;
+        for (size_t place = 0; place < std::size(kQuirky); place++) {
+            if (once_in(2)) continue;
+            Quirk quirk;
+            quirk.turn.nth = 1 + below(3);
+            quirk.turn.count = 0;
+            if (once_in(2)) quirk.say = below(1 << 16);
+            if (once_in(2)) quirk.curr_frame = below(1 << (1 + below(30)));
+            if (once_in(2)) quirk.len = below(1 << (1 + below(30)));
+            if (once_in(4)) quirk.cut = below(64);
+            if (once_in(4)) quirk.extra = below(4096);
+            quirk.twice = once_in(8);
+            figures_.disturbances++;
+            misbehave(play, place, quirk);
+        }
     }
 
     Play* play_ = nullptr;
     std::mt19937_64 random_;
-    int passes_;
+    const std::string shape_;
+    const int passes_;
+    int played_ = 0;
     Figures& figures_;
     bool crashed_ = false;    // the pass has a crash in it
     bool disturbed_ = false;  // and something that may keep it from being saved
+    bool short_of_space_ = false;
+    int used_ = 0;  // MB of the storm's disk
     std::string nv_;
     pid_t daemon_ = -1;
     int age_ = 0;       // of the daemon, in passes
@@ -206,43 +314,117 @@ class Soak : public Conductor {
 };
 
 // The first flow with a crash, with room for what is to come.
-Scenario soak_scenario() {
+Scenario soak_scenario(const std::string& shape) {
     const auto flows = parse_scenarios(kFlows, "flows.toml");
     Scenario scenario = *std::find_if(flows.begin(), flows.end(),
                                       [](const Scenario& flow) { return flow.name == "crash"; });
     scenario.name = "soak";
     scenario.timeline.clear();
     scenario.limit = kNever / 2;
-    scenario.loader.resize(1);
     scenario.expect.requests.clear();
     scenario.expect.end = "stop";
+    scenario.loader.resize(std::size(kQuirky));
+    if (shape != "mixed") return scenario;
     for (const char* call : kFaulty)
         scenario.faults.push_back(make_fault(call, INT32_MAX, "EIO"));
     return scenario;
 }
 
+// Keeps a core busy until it is destroyed.
+class BusyLoop {
+  public:
+    BusyLoop() : pid_(fork()) {
+        if (pid_ != 0) return;
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (volatile unsigned count = 0;; count = count + 1) {
+        }
+    }
+    ~BusyLoop() {
+        if (pid_ < 0) return;
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    BusyLoop(const BusyLoop&) = delete;
+    BusyLoop& operator=(const BusyLoop&) = delete;
+
+  private:
+    const pid_t pid_;
+};
+
+// The first line in which two stories differ.
+std::string first_difference(const std::string& wanted, const std::string& seen) {
+    const auto [a, b] = std::mismatch(wanted.begin(), wanted.end(), seen.begin(), seen.end());
+    const auto line = [](const std::string& text, std::string::const_iterator at) {
+        const size_t here = static_cast<size_t>(at - text.begin());
+        const size_t begin = here == 0 ? 0 : text.rfind('\n', here - 1) + 1;
+        return text.substr(begin, text.find('\n', here) - begin);
+    };
+    return fmt::format("\"{}\" instead of \"{}\"", line(seen, b), line(wanted, a));
+}
+
+// The same seed tells the same story, however busy the machine is.
+int verify_replay(Job job, int replays) {
+    job.direct = false;
+    job.options.story = true;
+    const BusyLoop first, second;
+    std::string wanted;
+    int started = 0, same = 0;
+    std::vector<std::string> different;
+    Progress progress("replays", static_cast<size_t>(replays));
+    const auto next = [&]() -> std::optional<Job> {
+        if (started++ == replays) return {};
+        return job;
+    };
+    const auto done = [&](Outcome& outcome) {
+        rethrow(outcome);
+        if (outcome.status != kHeld) different.push_back("a replay fails");
+        if (wanted.empty()) wanted = outcome.output;
+        outcome.output == wanted ? void(same++)
+                                 : different.push_back(first_difference(wanted, outcome.output));
+    };
+    const int signal = run_each(
+            next, 2, done, [&] { progress.show(static_cast<size_t>(same), different.size()); });
+    fmt::print("{} of {} stories of {} bytes are the same\n", same, replays, wanted.size());
+    for (const std::string& text : different)
+        fmt::print("  FAIL: {}\n", text);
+    return signal != 0 ? kSignal + signal : different.empty() ? kHeld : kNotHeld;
+}
+
 }  // namespace
 
-int run_soak(int64_t seed, int passes, RunOptions options, const Reporting& reporting) {
-    if (!reporting.json) fmt::print("{} passes of seed {}\n", passes, seed);
-    options.timeout = std::max(options.timeout, passes / kPassesPerSecond);
+int run_soak(const SoakOptions& options, const Reporting& reporting) {
+    RunOptions run = options.run;
+    run.timeout = std::max(run.timeout, options.passes / kPassesPerSecond);
     void* const page = mmap(nullptr, sizeof(Figures), PROT_READ | PROT_WRITE,
                             MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) fail_errno("no memory for the figures");
     auto& figures = *new (page) Figures;
-    options.conductor = std::make_shared<Soak>(seed, passes, figures);
+    run.conductor = std::make_shared<Soak>(options, figures);
+    Job job{"soak", soak_scenario(options.shape), run, run.story};
+    if (options.replays > 0) return verify_replay(job, options.replays);
 
-    Outcome outcome;
-    Progress progress("passes", static_cast<size_t>(passes));
-    const int signal = run_one({"soak", soak_scenario(), options, options.story}, outcome,
-                               [&] { progress.show(static_cast<size_t>(figures.passes), 0); });
-    const int done = figures.passes, whole = figures.whole;
     if (!reporting.json)
-        fmt::print("{} passes, {} of them with a crash that was saved whole\n", done, whole);
+        fmt::print("{} passes of seed {}, {}\n", options.passes, options.seed, options.shape);
+    Outcome outcome;
+    Progress progress("passes", static_cast<size_t>(options.passes));
+    const int signal =
+            run_one(job, outcome, [&] { progress.show(static_cast<size_t>(figures.passes), 0); });
+    const nlohmann::json table = {{"seed", options.seed},
+                                  {"shape", options.shape},
+                                  {"passes", figures.passes.load()},
+                                  {"dumps", figures.dumps.load()},
+                                  {"saved_whole", figures.whole.load()},
+                                  {"refused", figures.refused.load()},
+                                  {"disturbances", figures.disturbances.load()},
+                                  {"bytes", figures.bytes.load()},
+                                  {"lived_seconds", figures.lived / kSecond},
+                                  {"wall_seconds", outcome.spent.count()}};
+    for (const auto& [name, value] : table.items())
+        if (!reporting.json) fmt::print("{:<14} {}\n", name, value.dump());
     Report report("soak", reporting);
-    outcome.name = fmt::format("seed {}", seed);
+    outcome.name = fmt::format("seed {}", options.seed);
     report.add(outcome);
-    return report.finish(signal, {{"seed", seed}, {"passes", done}, {"saved_whole", whole}});
+    return report.finish(signal, table);
 }
 
 }  // namespace rvd::lab

@@ -5,7 +5,15 @@
 
 namespace rvd::lab {
 
+struct SoakOptions {
+    int64_t seed;
+    int passes;
+    std::string shape;  // what the seed makes: "mixed", "storm", "flap" or "liar"
+    int replays;        // so often the same story is told, and compared; 0: it is lived once
+    RunOptions run;
+};
+
 // Returns the exit status.
-int run_soak(int64_t seed, int passes, RunOptions options, const Reporting& reporting);
+int run_soak(const SoakOptions& options, const Reporting& reporting);
 
 }  // namespace rvd::lab

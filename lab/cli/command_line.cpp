@@ -133,6 +133,13 @@ void add_faults(CLI::App& app, CommandLine& line) {
 
 void add_soak(CLI::App& app, CommandLine& line) {
     app.add_option("--passes", line.passes, "how many (10000)")->check(whole(1, 100'000'000));
+    app.add_option(
+               "--shape", line.shape,
+               "what the passes are made of: mixed, of everything; storm, of crashes on a disk "
+               "that fills; flap, of states that follow too fast; liar, of a boot loader's lies")
+            ->check(CLI::IsMember({"mixed", "storm", "flap", "liar"}));
+    app.add_flag("--verify-replay{1000}", line.replays,
+                 "tell the same story so often, beside two busy loops, and compare");
     app.add_flag("--story", line.story, "tell the story");
     add_reporting(app, line);
     add_seed(app, line);

@@ -14,10 +14,10 @@ struct CommandLine {
     Command command = Command::none;
     RunOptions run;
     std::string modem = "tq720", firmware, only, trace, picture, log, junit, color = "auto",
-                kind = "fail";
+                kind = "fail", shape = "mixed";
     std::vector<std::string> files;
     std::optional<int64_t> seed;
-    int jobs = 1, spread = 0, passes = 10000;
+    int jobs = 1, spread = 0, passes = 10000, replays = 0;
     bool quiet = false, story = false, list = false, json = false, brief = false;
 };
 

@@ -176,8 +176,9 @@ int execute(CommandLine& line) {
         }
         case Command::soak:
             line.run.story = line.story;
-            return run_soak(line.seed.value_or(time(nullptr)), line.passes,
-                            open_results(line, false), reporting);
+            return run_soak({line.seed.value_or(time(nullptr)), line.passes, line.shape,
+                             line.replays, open_results(line, false)},
+                            reporting);
         case Command::keys:
             return keys(line.json);
         case Command::none:
