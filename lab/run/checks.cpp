@@ -17,7 +17,7 @@ namespace {
 
 constexpr char kLogDirectory[] = "/data/vendor/log/rvd";
 
-// Every pattern, in this order, others between them.
+// Each pattern matches in this order; other texts may stand between.
 void check_order(const std::vector<std::string>& patterns, const std::vector<std::string>& seen,
                  const char* what, Story& story) {
     auto from = seen.begin();
@@ -59,7 +59,7 @@ std::vector<std::string> find_files(const Phone& phone, const std::string& patte
     return found;
 }
 
-// The content a file must have, wherever it is asked about.
+// The expected content of a file, piece by piece.
 using Bytes = std::function<void(uint64_t offset, void* out, size_t size)>;
 
 bool file_equals(const std::string& path, uint64_t size, const Bytes& content) {
@@ -110,8 +110,7 @@ void check_file(const FileExpectation& wanted, const std::string& inside, const 
         story.violation(inside + " differs from what the modem sent (" + wanted.equals + ")");
 }
 
-// Whether everything around the daemon works as it should, and the modem delivers what it
-// announces.
+// Whether nothing around the daemon fails, and the modem delivers what it announces.
 bool is_undisturbed(const Scenario& scenario) {
     if (scenario.firmware.truncate) return false;
     for (const auto& [name, region] : scenario.driver.regions) {
@@ -122,7 +121,7 @@ bool is_undisturbed(const Scenario& scenario) {
            !scenario.full_after;
 }
 
-// An error is no part of a run in which nothing goes wrong, unless the scenario expects its line.
+// Where nothing fails, the daemon logs no error but those that the scenario expects.
 void check_errors(const Scenario& scenario, Story& story) {
     const Expectations& expect = scenario.expect;
     std::vector<std::string> expected = {
@@ -202,7 +201,7 @@ void check_expectations(const Scenario& scenario, const Phone& phone, const Cond
 }
 
 void check_collected(const Scenario& scenario, const Phone& phone, Story& story) {
-    // A packet that was cut as it was read is gone for good, and a file with it.
+    // The rest of a packet that is read in part is lost, and the file is damaged.
     for (const Fault& fault : scenario.faults) {
         if (fault.call == "read" && fault.cut) return;
     }

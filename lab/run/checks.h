@@ -1,4 +1,4 @@
-// What a run is held against once it has ended. Everything that isn't so becomes a violation.
+// The checks after a run. Each failure becomes a violation of the story.
 #pragma once
 
 #include "lab/campaign/conduct.h"
@@ -8,21 +8,20 @@
 
 namespace rvd::lab {
 
-// Every fault and deviation of a scenario must have occurred, or the run has shown nothing. Where
-// `faults_alone`, the fault may keep the modem's deviations from occurring.
+// Every fault and deviation of the scenario has occurred; with `faults_alone` only the faults are
+// checked, since they may prevent the deviations.
 void check_obstacles(const Scenario& scenario, bool faults_alone, Story& story);
 
 void check_expectations(const Scenario& scenario, const Phone& phone, const Conduct& conduct,
                         Story& story);
 
-// Whatever a fault left of a file that is to equal what the modem has: it equals that as far as it
-// goes.
+// Each file that should equal the modem's data equals its beginning.
 void check_collected(const Scenario& scenario, const Phone& phone, Story& story);
 
-// Of all files that are to equal something that the modem has, one at least does.
+// Of the files of each expectation at least one equals the modem's data.
 void check_whole(const Scenario& scenario, const Phone& phone, Story& story);
 
-// What must be so in every run: no sanitizer has complained.
+// In every run: no sanitizer has reported anything.
 void check_always(const Phone& phone, Story& story);
 
 // A heading, and a line for each file in the log directory with its size.

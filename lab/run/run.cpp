@@ -24,8 +24,7 @@ namespace {
 
 constexpr uint64_t kLeastRoom = 1 << 20;  // bytes left on a kept root's disk
 
-// A pass begins and ends with nothing open but the logs. The wait between passes shows it,
-// unless a node is open: then the wait is one within a pass.
+// Between two passes only the logs are open. A sleep with a node open is one within a pass.
 void check_between_passes(const RunStage& stage, Story& story) {
     const auto open = stage.descriptors();
     for (const auto& [fd, path] : open) {
@@ -37,7 +36,7 @@ void check_between_passes(const RunStage& stage, Story& story) {
     }
 }
 
-// When the modem is powered on, this boot's own descriptors are open and no others.
+// At power-on only the descriptors of this boot are open, each once.
 void check_at_boot(const RunStage& stage, const Scenario& scenario, Story& story) {
     std::map<std::string, int> count;
     for (const auto& [fd, path] : stage.descriptors()) {
@@ -75,8 +74,7 @@ void hear_line(const Scenario& scenario, const std::string& line) {
         quirk.turn.hear(line);
 }
 
-// What a scenario can expect of a real kernel: no times to the letter, and none of the requests
-// that go to the kernel itself. What those are to achieve is checked where it shows.
+// On a real kernel times are not exact, and requests to the kernel itself are not seen.
 Scenario on_real_kernel(Scenario scenario, bool is_phone) {
     if (!is_phone) scenario.start = time(nullptr) * kSecond;
     Expectations& expect = scenario.expect;
@@ -103,7 +101,7 @@ std::unique_ptr<RunStage> make_stage(const Scenario& scenario, const RunOptions&
                      {start, options.real_time, patience, options.learn, options.jitter});
 }
 
-// One run, step by step: play() is the order.
+// One run; play() is its order.
 class Run {
   public:
     Run(const Scenario& scenario, const RunOptions& options)
@@ -142,7 +140,7 @@ class Run {
     }
 
   private:
-    // Whether the run goes on where it was when the machine went down.
+    // Returns whether the run continues after the machine went down.
     bool prepare_phone() {
         const bool resumed = !options_.notebook.empty() && notes_.take(options_.notebook);
         fs::path binary = options_.daemon;
@@ -214,7 +212,7 @@ class Run {
         timeline_.fact(kind, text);
         if (text == "POWER_ON" && scenario_.program.empty())
             check_at_boot(*stage_, scenario_, story_);
-        // With the gate's real clock the wait itself isn't seen, only what is said before it.
+        // With the real clock the gate does not see the wait, only the lines before it.
         const bool waits = matches("*: Wait event from modem *", text) ||
                            matches("*: unknown Modem status", text);
         if (options_.real_time && waits) timeline_.waits();
@@ -246,7 +244,7 @@ class Run {
         check_always(phone_, story_);
     }
 
-    // A disk that is full outside the phone says nothing about the daemon.
+    // A full disk outside the phone is no failure of the daemon.
     void check_room() const {
         struct statvfs disk {};
         if (!options_.keep || statvfs(options_.root.c_str(), &disk) != 0) return;

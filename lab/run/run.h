@@ -1,4 +1,4 @@
-// One run of one scenario: a phone, a daemon, what happens to it, and what came of it.
+// One run of one scenario, from an empty phone to the verdict.
 #pragma once
 
 #include <memory>
@@ -13,7 +13,7 @@
 
 namespace rvd::lab {
 
-// A run that goes on.
+// A run in progress.
 struct Play {
     Scenario& scenario;
     const Phone& phone;
@@ -23,7 +23,7 @@ struct Play {
     const Timeline& timeline;
 };
 
-// Who has a hand in a run, and judges it in place of what the scenario expects.
+// Follows a run, may change it, and judges it instead of the scenario's expectations.
 class Conductor {
   public:
     virtual ~Conductor() = default;
@@ -36,36 +36,33 @@ class Conductor {
 };
 
 struct RunOptions {
-    std::string daemon;  // the binary, as it is
+    std::string daemon;  // the binary
     std::string root;    // an existing directory to build the phone's root in
-    bool keep = false;   // its files stay
-    Output trace;        // where the trace goes
-    Output picture;      // where the picture goes
-    Output log;          // where the daemon's lines go, all of them
+    bool keep = false;   // keep its files
+    Output trace, picture, log;
     bool real_time = false;
     bool device = false;   // on this machine's own kernel, with character devices
-    std::string prepare;   // a command that such a run gives the phone's root before the daemon
-    std::string notebook;  // where it keeps what it goes on with after a reboot of the machine;
-                           // empty: the machine stays up
-    bool story = true;     // told as it happens
-    Look look;             // of the story
-    bool summary = false;  // files, transfers and verdict at the end
+    std::string prepare;   // command that gets the phone's root before the daemon starts
+    std::string notebook;  // file with the state that survives a reboot of the machine; empty:
+                           // the machine stays up
+    bool story = true;     // print the story
+    Look look;
+    bool summary = false;  // print transfers and files at the end
     int timeout = 60;      // seconds of real time
     int jitter = 0;        // microseconds that the gate waits between two reads
-    bool learn = false;    // every call of the daemon is seen, and becomes part of the conduct
+    bool learn = false;    // record every call of the daemon in the conduct
     std::shared_ptr<Conductor> conductor;
 };
 
-// Thrown when the run goes on after this machine's reboot, which is now due: call again then, with
-// the same notebook.
+// Thrown when this machine is about to reboot: run_scenario() with the same notebook continues.
 struct Reboots {};
 
 struct Result {
-    std::vector<std::string> violations;  // empty if everything held
+    std::vector<std::string> violations;  // empty: passed
     Conduct conduct;
 };
 
-// Runs the scenario in this process, which it changes for good: run it in a child. Throws Unable.
+// Changes this process for good (namespaces): call it in a child. Throws Unable.
 Result run_scenario(const Scenario& scenario, const RunOptions& options);
 
 }  // namespace rvd::lab

@@ -27,7 +27,7 @@ void RunStage::take_end(int status) {
 }
 
 void RunStage::check_opens(Node node, size_t open) {
-    // The loop's descriptor and the one of the boot or request in hand.
+    // One descriptor for the event wait, and one for a boot or request.
     if (open > (node == Node::boot ? 2 : 1))
         story_.violation(fmt::format("the {} node is open {} times", node_name(node), open));
 }

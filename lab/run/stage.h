@@ -1,4 +1,4 @@
-// A stage that a whole run can be played on: what the run asks of it, beyond what the models do.
+// A stage for a whole run: what the run needs beyond what the models need.
 #pragma once
 
 #include <functional>
@@ -17,15 +17,15 @@ class RunStage : public Stage {
 
     virtual void connect(Modem& modem) { modem_ = &modem; }
 
-    // Starts the daemon, instead of the one that runs.
+    // Starts the daemon, and ends the one that runs.
     virtual void start_daemon() = 0;
 
-    // The device reboots: the daemon starts afresh. A stage that goes down itself returns false,
-    // and serve() returns "reboot"; then the run goes on in another process.
+    // Reboots the device. Returns false where the machine itself goes down: serve() returns
+    // "reboot", and the run continues in another process.
     virtual bool reboot() = 0;
 
-    // Serves until the daemon exits ("exit N", "signal N"), waits for what can't come ("waits",
-    // "parked"), the limit is reached ("limit") or stop() is called. Ends the daemon.
+    // Serves until the daemon exits ("exit N", "signal N"), waits without an end ("waits",
+    // "parked"), reaches the limit ("limit"), or stop() is called. Ends the daemon.
     virtual std::string serve() = 0;
     void stop(const std::string& end) { end_ = end; }
 
@@ -33,15 +33,15 @@ class RunStage : public Stage {
         events_.emplace(now() + delay, std::move(what));
     }
 
-    // What the daemon has open: path by descriptor, "/dev/boot" and "/dev/dump" for the nodes.
+    // The daemon's descriptors with their paths; the nodes are "/dev/boot" and "/dev/dump".
     virtual std::map<int, std::string> descriptors() const = 0;
 
-    // The daemon's process; and the scenario's faults count from now on. The gate alone.
+    // The daemon's process; and count calls for the scenario's faults anew. Only on the gate.
     virtual pid_t daemon() const { return -1; }
     virtual void recount_faults() {}
 
-    // Called when the daemon begins to wait for a hang-up, and with each sleep of its only thread
-    // where the stage sees it.
+    // Called when the daemon begins to wait for a hang-up, and, on the gate, when its only thread
+    // sleeps.
     std::function<void()> on_wait;
     std::function<void(Time)> on_sleep;
 
@@ -54,20 +54,20 @@ class RunStage : public Stage {
     // held for good, or returns and is followed by no other: an event that is due then ends it.
     std::function<void(const Fault&)> on_fault;
 
-    // Called when the device goes to upload mode; true if the run goes on, with a reboot.
+    // Called when the device goes to upload mode. Returns whether a reboot follows.
     std::function<bool()> on_upload;
 
-    // Called when the machine itself is about to go down and nothing can be said afterwards.
+    // Called before the machine itself goes down.
     std::function<void(bool panics)> on_down;
 
-    // Fails the run where a node is open more often than the daemon needs.
+    // A node that is open more often than the daemon needs is a violation.
     void check_opens(Node node, size_t open);
 
   protected:
     void run_due_events();
     void tell_start();
 
-    // The daemon has ended, with the status that wait() gave.
+    // Takes the status that wait() gave for the daemon.
     void take_end(int status);
 
     const Scenario& scenario_;
