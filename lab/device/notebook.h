@@ -1,10 +1,6 @@
-// What a run on a real kernel writes down before the machine goes down, to go on in another process
-// afterwards.
+// The state of a run that continues in another process after the machine went down.
 #pragma once
 
-#include <unistd.h>
-
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -20,22 +16,11 @@ struct Notebook {
     std::vector<std::string> log, requests, violations;
     std::vector<int64_t> answers;  // how often each of the scenario's answers was asked for
 
-    NLOHMANN_DEFINE_TYPE_INTRUSIVE(Notebook, start, now, position, panicked, crash_sentence, log,
-                                   requests, violations, answers)
-
-    // False if there is none. Taking it removes it.
-    bool take(const std::string& path) {
-        const auto notes = nlohmann::json::parse(read_file(path), nullptr, false);
-        unlink(path.c_str());
-        if (!notes.is_discarded()) notes.get_to(*this);
-        return !notes.is_discarded();
-    }
+    // Reads and removes the file. False if there is none.
+    bool take(const std::string& path);
 
     // On the disk when this returns. Throws Unable.
-    void store(const std::string& path) const {
-        write_file(path, nlohmann::json(*this).dump());
-        sync();
-    }
+    void store(const std::string& path) const;
 };
 
 }  // namespace rvd::lab
