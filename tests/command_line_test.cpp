@@ -1,18 +1,8 @@
 // The command line: presets, links, options, paths.
-#include <filesystem>
-#include <iterator>
-#include <sstream>
-
-#include "bootdump/BootDump.h"
-#include "main/Container.h"
 #include "tests/support/phone.h"
 
 namespace rvd::test {
 namespace {
-
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 class CommandLine : public Phone {
   protected:
@@ -138,7 +128,7 @@ TEST_F(CommandLine, APathIsLoggedAsGivenAndAsUsed) {
 TEST_F(CommandLine, ATestActionRunsAndEndsParsing) {
     const std::string test_dir = std::string(kLogDir) + "/test";
     const Lines kept = {"dmesg_nr.log", "dmesg_umts_1.log", "dumpstate_nr_1"};
-    std::filesystem::create_directories(test_dir);
+    fs::create_directories(test_dir);
     for (const char* name : {"dmesg_nr_", "x_dmesg_nr_1.log"})
         write_file(test_dir + "/" + name, "x");
     for (const std::string& name : kept)

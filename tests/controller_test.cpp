@@ -1,25 +1,14 @@
 // The controllers' own requests to the driver, and the copies they make of modem memory.
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <time.h>
-
-#include <filesystem>
-#include <functional>
 
 #include "bootdump/BootDumpExt.h"
 #include "bootdump/BootDumpModap.h"
-#include "log/Log.h"
 #include "srinfo/Srinfo.h"
 #include "tests/support/phone.h"
 #include "util/Util.h"
 
 namespace rvd::test {
 namespace {
-
-using testing::Contains;
-using testing::Each;
-using testing::EndsWith;
-using testing::IsEmpty;
 
 static_assert(kImageChunk == 63488);
 
@@ -203,9 +192,9 @@ TEST_F(Controller, ARegionIsCopiedAsItComesAndEndsAtItsSize) {
         EXPECT_THAT(last_said(), EndsWith(c.line));
         const Lines files = list(kLogDir);
         ASSERT_EQ(files.size(), 1u);
-        EXPECT_THAT(files[0], testing::MatchesRegex("cpcrash_n+_dump_umts_[0-9]{8}-[0-9]{4}.log"));
+        EXPECT_THAT(files[0], MatchesRegex("cpcrash_n+_dump_umts_[0-9]{8}-[0-9]{4}.log"));
         EXPECT_EQ(read_file(std::string(kLogDir) + "/" + files[0]).size(), c.saved);
-        std::filesystem::remove(std::string(kLogDir) + "/" + files[0]);
+        fs::remove(std::string(kLogDir) + "/" + files[0]);
     }
     driver().expect(IOCTL_GET_LOG_DUMP, -1);
     EXPECT_EQ(modem().get_log_dump("shmem", CP_LOG_DUMP_SHMEM), -22);
@@ -229,7 +218,7 @@ TEST_F(Controller, ACompleteRegionKeepsNothingOfALongerFileBefore) {
         EXPECT_TRUE(saved[0] == 'o' || saved.size() == size) << saved;
     }
     for (const std::string& file : files) {
-        std::filesystem::remove(file);
+        fs::remove(file);
         mkfifo(file.c_str(), 0600);
     }
     EXPECT_EQ(copy_region("l2b", 9, ""), -22);

@@ -2,7 +2,6 @@
 #include <atomic>
 #include <thread>
 
-#include "log/Log.h"
 #include "tests/support/phone.h"
 
 namespace rvd::test {

@@ -1,19 +1,9 @@
 // What the daemon asks of the device around the modem: NV files, factory file, carrier, reboot.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-
-#include "protocol/ProtocolVelo.h"
 #include "tests/support/phone.h"
 #include "util/Util.h"
 
 namespace rvd::test {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 class Device : public Phone {
   protected:
@@ -24,7 +14,7 @@ TEST_F(Device, AMissingNvFileIsMadeErasedInOneWriteOrInBlocks) {
     constexpr int kSize = 3 * 64 * 1024 + 1;
     const std::string nv = path("nv");
     for (const size_t limit : {SIZE_MAX, size_t{64} * 1024}) {
-        std::filesystem::remove(nv);
+        fs::remove(nv);
         int fd = -2;
         largest_block = limit;
         const bool made = Util::getNvFd(CP_BOOT_MODE_NORMAL, nv.c_str(), kSize, &fd);
@@ -43,7 +33,7 @@ TEST_F(Device, AMissingNvFileIsMadeErasedInOneWriteOrInBlocks) {
         EXPECT_EQ(list(kScratch), Lines{"nv"});
         close(fd);
     }
-    std::filesystem::remove(nv);
+    fs::remove(nv);
     EXPECT_EQ(Util::create_empty_nv(nv.c_str(), 0), -14);
     EXPECT_EQ(last_said(), "create_empty_nv: ERR! wrong size(0)");
     {
@@ -56,7 +46,7 @@ TEST_F(Device, AMissingNvFileIsMadeErasedInOneWriteOrInBlocks) {
 
 TEST_F(Device, AnNvFileIsOpenedAsItIsOrRefused) {
     write_file(path("there"), "short");
-    std::filesystem::create_symlink(path("loop"), path("loop"));
+    fs::create_symlink(path("loop"), path("loop"));
     const auto kNormal = CP_BOOT_MODE_NORMAL;
     const struct {
         std::string path;
@@ -129,7 +119,7 @@ TEST_F(Device, TheSimCountIsBehindTheFirstEqualsSign) {
     unlink("/efs/factory.prop");
     EXPECT_EQ(protocol_.get_factory_prop(), -22);
     EXPECT_EQ(last_said(), "get_factory_prop: /efs/factory.prop open fail(not support)");
-    std::filesystem::create_directory("/efs/factory.prop");
+    fs::create_directory("/efs/factory.prop");
     EXPECT_EQ(protocol_.get_factory_prop(), -1);
     EXPECT_EQ(last_said(), "! get_factory_prop: /efs/factory.prop read fail");
 }

@@ -1,21 +1,12 @@
 // Words and frames between the daemon and the modem's boot loader.
 #include "protocol/link.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <functional>
-
-#include "protocol/ProtocolVelo.h"
 #include "tests/support/phone.h"
 
 namespace rvd::test {
 namespace {
-
-using testing::ElementsAre;
-using testing::StartsWith;
 
 class Link : public Phone {
   protected:
@@ -161,7 +152,7 @@ TEST_F(Link, AFailedExchangeNamesItsStage) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.modem);
         EXPECT_EQ(with_modem(boot().fd[BOOT_FD_NODE], c.modem, c.exchange), c.result);
-        EXPECT_THAT(said(), testing::Contains(c.line));
+        EXPECT_THAT(said(), Contains(c.line));
     }
 }
 

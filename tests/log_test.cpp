@@ -1,11 +1,5 @@
 // The message operations and their sinks.
-#include "log/Log.h"
-
-#include <errno.h>
-#include <fcntl.h>
-#include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <thread>
 
@@ -13,10 +7,6 @@
 
 namespace rvd::test {
 namespace {
-
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::IsEmpty;
 
 static_assert(Log::kMaxRecord == 976);
 

@@ -1,17 +1,9 @@
 // From the partition's table of contents to the plan of a boot.
-#include <algorithm>
-#include <sstream>
-#include <utility>
-
 #include "bootdump/BootDumpExt.h"
 #include "tests/support/phone.h"
 
 namespace rvd::test {
 namespace {
-
-using testing::Contains;
-using testing::ElementsAre;
-using testing::EndsWith;
 
 // A table with these entries, one after the other; entry i holds i-th values, and "-" no image.
 std::string table(const std::string& names, uint32_t count, uint32_t m_off) {

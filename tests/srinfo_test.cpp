@@ -1,20 +1,11 @@
 // Silent-reset records: from the driver into their two files, and back.
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <filesystem>
 
 #include "srinfo/SrinfoVelo.h"
 #include "tests/support/phone.h"
 
 namespace rvd::test {
 namespace {
-
-using testing::Contains;
-using testing::EndsWith;
-using testing::MatchesRegex;
 
 constexpr char kLast[] = "/data/vendor/log/rvd/err/last_sr_info_umts";
 constexpr char kHexLog[] = "/data/vendor/log/rvd/sr_info_umts";
@@ -78,7 +69,7 @@ TEST_F(SrinfoTest, ARecordTravelsToItsFilesAndBack) {
         const std::string data = record_with_brace(c.brace);
         // The bytes after the data area read as zeros.
         const std::string text = (data.substr(16) + std::string(32, '\0')).substr(0, c.last);
-        std::filesystem::remove(kHexLog);
+        fs::remove(kHexLog);
         said();
         store(data, c.size);
         EXPECT_TRUE(read_file(kLast) == text);
@@ -96,16 +87,16 @@ TEST_F(SrinfoTest, ARecordTravelsToItsFilesAndBack) {
         EXPECT_EQ(last_said(), "! restore_srinfo: ioctl fail - Set srinfo(-1)");
         restore(text.substr(0, kDataSize), 0);
         EXPECT_EQ(last_said(), std::string("restore_srinfo: done = ") + kLast);
-        EXPECT_FALSE(std::filesystem::exists(kLast));
+        EXPECT_FALSE(fs::exists(kLast));
     }
 }
 
 TEST_F(SrinfoTest, ALastFileIsAbsentOnlyWhereItCannotBe) {
     const std::string directory = std::string(kLogDir) + "/err";
-    std::filesystem::create_symlink(directory, directory);  // ELOOP
+    fs::create_symlink(directory, directory);  // ELOOP
     srinfo_.store_srinfo(kNode);
     EXPECT_EQ(last_said(), "store_srinfo: srinfo_last file exist, skip!");
-    std::filesystem::remove(directory);
+    fs::remove(directory);
     write_file(directory, "a file");  // ENOTDIR
     store(record_with_brace(40), 100);
     EXPECT_EQ(last_said(), "create_srinfo_directory: (" + directory + ") is not a directory");
@@ -141,7 +132,7 @@ TEST_F(SrinfoTest, TheLogIsRotatedWhenItHasGrownBeyond64KiB) {
         const std::string old(size, 'o');
         write_file(kHexLog, old);
         write_file(kPrevious, "older");
-        std::filesystem::remove(kLast);
+        fs::remove(kLast);
         store(record_with_brace(40), 16);
         const bool rotated = size > size_t{kSrinfoLogLimit};
         EXPECT_EQ(read_file(kPrevious), rotated ? old : "older");
@@ -151,8 +142,8 @@ TEST_F(SrinfoTest, TheLogIsRotatedWhenItHasGrownBeyond64KiB) {
     // Without a previous log; and with one that cannot be replaced, the log stays where it is.
     for (const bool blocked : {false, true}) {
         write_file(kHexLog, std::string(65537, 'o'));
-        std::filesystem::remove_all(kPrevious);
-        if (blocked) std::filesystem::create_directories(std::string(kPrevious) + "/full");
+        fs::remove_all(kPrevious);
+        if (blocked) fs::create_directories(std::string(kPrevious) + "/full");
         const int fd = srinfo_.open_srinfo_file("umts");
         EXPECT_EQ(fd < 0, blocked);
         EXPECT_EQ(read_file(kHexLog).size(), blocked ? 65537u : 0u);

@@ -1,19 +1,8 @@
 // The log directory, its free space, and the copies of the kernel log in it.
-#include <errno.h>
-#include <sys/stat.h>
-
-#include <filesystem>
-
-#include "log/Log.h"
 #include "tests/support/phone.h"
 
 namespace rvd::test {
 namespace {
-
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::MatchesRegex;
 
 static_assert(Log::kRingSize == 524288);
 
@@ -37,22 +26,22 @@ class Storage : public Phone {
 
 TEST_F(Storage, TheDirectoryIsMadeOrGivenUpAfterSixTries) {
     const std::string directory = kLogDir;
-    std::filesystem::remove(directory);
+    fs::remove(directory);
     EXPECT_EQ(create(), 0);
     EXPECT_EQ(mode(directory), S_IFDIR | 0775u);
 
-    std::filesystem::remove(directory);
+    fs::remove(directory);
     write_file(directory, "a file");
     EXPECT_EQ(create(), -14);
     const Lines lines = said();
     EXPECT_THAT(lines, Contains("create_directory: (" + directory + ") is not a directory"));
     EXPECT_EQ(lines.back(), "create_log_directory: default path create fail " + directory);
 
-    std::filesystem::rename("/data/vendor/log", "/data/vendor/away");
+    fs::rename("/data/vendor/log", "/data/vendor/away");
     EXPECT_EQ(create(), -1);
     debug_level = 0;  // nothing is made or checked
     EXPECT_EQ(create(), 0);
-    std::filesystem::rename("/data/vendor/away", "/data/vendor/log");
+    fs::rename("/data/vendor/away", "/data/vendor/log");
 }
 
 TEST_F(Storage, TooLittleFreeSpaceIsRefusedAtItsLimit) {
@@ -86,16 +75,16 @@ TEST_F(Storage, OnlyTheLogDirectoryIsEverRemoved) {
         EXPECT_NE(Log::remove_directory(other), 0);
     EXPECT_EQ(last_said(),
               "! remove_directory: Tried to remove false path: /data/vendor/log/rv, 20");
-    std::filesystem::create_directories("/efs/kept");
-    std::filesystem::create_directories(std::string(kLogDir) + "/a/b");
-    std::filesystem::create_symlink("/efs", std::string(kLogDir) + "/a/link");
+    fs::create_directories("/efs/kept");
+    fs::create_directories(std::string(kLogDir) + "/a/b");
+    fs::create_symlink("/efs", std::string(kLogDir) + "/a/link");
     testing::internal::CaptureStderr();
     EXPECT_EQ(Log::remove_directory(kLogDir), 0);
-    EXPECT_FALSE(std::filesystem::exists(kLogDir));
-    std::filesystem::create_directory_symlink("/efs", kLogDir);
+    EXPECT_FALSE(fs::exists(kLogDir));
+    fs::create_directory_symlink("/efs", kLogDir);
     EXPECT_EQ(Log::remove_directory(kLogDir), 0);
-    EXPECT_FALSE(std::filesystem::is_symlink(kLogDir));
-    EXPECT_TRUE(std::filesystem::exists("/efs/kept"));
+    EXPECT_FALSE(fs::is_symlink(kLogDir));
+    EXPECT_TRUE(fs::exists("/efs/kept"));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
@@ -124,7 +113,7 @@ TEST_F(Storage, ASaveHoldsTheEndOfTheRingAndAZeroByte) {
         const size_t kept = std::min(c.ring, size_t{Log::kRingSize});
         EXPECT_TRUE(read_file(file) == pattern(c.ring).substr(c.ring - kept) + '\0');
         EXPECT_EQ(last_said(), "_save_logs: " + file);
-        std::filesystem::remove(file);
+        fs::remove(file);
     }
     const std::string last = std::string(kLogDir) + "/x_last.log";
     for (const char text : {'1', '2'}) {
@@ -167,7 +156,7 @@ TEST_F(ThreadsStorage, BackgroundSavesRunBesideTheirCallerUnderNamesOfTheirOwn) 
         for (const std::string& file : list(kLogDir)) {
             EXPECT_THAT(file, MatchesRegex("[abc]_[0-9]{12}_[0-9]{2}.log"));
             letters += file[0];
-            std::filesystem::remove(std::string(kLogDir) + "/" + file);
+            fs::remove(std::string(kLogDir) + "/" + file);
         }
         EXPECT_EQ(letters, saves ? "abc" : "");
     }

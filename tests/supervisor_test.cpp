@@ -3,14 +3,10 @@
 
 #include <poll.h>
 
-#include "bootdump/BootDump.h"
-#include "log/Log.h"
 #include "tests/support/phone.h"
 
 namespace rvd::test {
 namespace {
-
-using testing::Contains;
 
 class Supervisor : public Phone {
   protected:

@@ -1,18 +1,10 @@
 // The upload of a crash dump: announcement, reason, steps, and what reaches the crash files.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <climits>
 
-#include "protocol/ProtocolVelo.h"
 #include "tests/support/phone.h"
 
 namespace rvd::test {
 namespace {
-
-using testing::Contains;
-using testing::ElementsAre;
-using testing::EndsWith;
 
 // A dump record as its preparation leaves it, and a driver that names the owner of the crash.
 class Upload : public Phone {

@@ -1,24 +1,10 @@
 #include "tests/support/phone.h"
 
-#include <errno.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
-#include <filesystem>
-#include <sstream>
-
-#include "bootdump/BootDump.h"
-#include "log/Log.h"
-#include "protocol/ProtocolVelo.h"
 
 namespace rvd::test {
-
-namespace fs = std::filesystem;
 
 namespace {
 

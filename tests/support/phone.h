@@ -2,20 +2,43 @@
 // whose driver and boot loader follow a script.
 #pragma once
 
+#include <errno.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
 #include <deque>
+#include <filesystem>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "bootdump/BootDump.h"
 #include "bootdump/StdArgs.h"
+#include "log/Log.h"
 #include "main/Container.h"
+#include "protocol/ProtocolVelo.h"
 #include "tests/support/kernel.h"
 #include "tests/support/private_root.h"
 
 namespace rvd::test {
+
+namespace fs = std::filesystem;
+
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::StartsWith;
 
 constexpr char kLogDir[] = "/data/vendor/log/rvd";
 
