@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <vector>
 
 #include "log/Log.h"
 #include "main/Container.h"
@@ -33,42 +34,44 @@ ScopedFd scratch_file() {
     return ScopedFd(open(directory != nullptr ? directory : "/tmp", O_TMPFILE | O_RDWR, 0600));
 }
 
-bool Duel::measure(const Work& work, std::vector<double>* seconds) {
-    if (!prepare_()) return false;
-    const auto begin = std::chrono::steady_clock::now();
-    if (!work()) return false;
-    seconds->push_back(
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
-    return true;
-}
-
-void Duel::run(const Work& daemon, const Work& bare) {
-    std::vector<double> warm_up;
-    bool held = measure(daemon, &warm_up) && measure(bare, &warm_up);
+void duel(benchmark::State& state, uint64_t bytes, const Work& prepare, const Work& daemon,
+          const Work& bare) {
+    using clock = std::chrono::steady_clock;
+    std::vector<double> seconds[2];  // of the daemon, of the bare work
+    const auto measure = [&](bool is_bare) {
+        if (!prepare()) return false;
+        const auto begin = clock::now();
+        if (!(is_bare ? bare : daemon)()) return false;
+        seconds[is_bare].push_back(std::chrono::duration<double>(clock::now() - begin).count());
+        return true;
+    };
+    bool held = measure(false) && measure(true);  // warm-up
+    for (std::vector<double>& side : seconds)
+        side.clear();
     uint64_t allocated = 0;
-    for ([[maybe_unused]] auto turn : state_) {
-        const bool bare_first = daemon_.size() % 2 != 0;
-        held = held && (!bare_first || measure(bare, &bare_));
+    for ([[maybe_unused]] auto turn : state) {
+        const bool bare_first = seconds[0].size() % 2 != 0;
+        held = held && (!bare_first || measure(true));
         const uint64_t before = test::allocations;
-        held = held && measure(daemon, &daemon_);
+        held = held && measure(false);
         allocated = test::allocations - before;
-        held = held && (bare_first || measure(bare, &bare_));
-        if (!held) return state_.SkipWithError("the work failed");
-        state_.SetIterationTime(daemon_.back());
+        held = held && (bare_first || measure(true));
+        if (!held) return state.SkipWithError("the work failed");
+        state.SetIterationTime(seconds[0].back());
     }
     std::vector<double> ratio;
-    for (size_t i = 0; i < daemon_.size(); ++i)
-        ratio.push_back(bare_[i] / daemon_[i]);
+    for (size_t i = 0; i < seconds[0].size(); ++i)
+        ratio.push_back(seconds[1][i] / seconds[0][i]);
     std::sort(ratio.begin(), ratio.end());
-    std::sort(bare_.begin(), bare_.end());
-    // Between these two stands the median of all turns there could be, nineteen times in twenty.
+    std::sort(seconds[1].begin(), seconds[1].end());
+    // The 95 % confidence interval of the median.
     const size_t middle = ratio.size() / 2;
     const size_t reach = static_cast<size_t>(std::ceil(0.98 * std::sqrt(ratio.size())));
-    state_.counters["bare MB/s"] = static_cast<double>(bytes_) * 1e-6 / bare_[middle];
-    state_.counters["ratio"] = ratio[middle];
-    state_.counters["low"] = ratio[middle - std::min(middle, reach)];
-    state_.counters["high"] = ratio[std::min(middle + reach, ratio.size() - 1)];
-    state_.counters["allocations"] = static_cast<double>(allocated);
+    state.counters["bare MB/s"] = static_cast<double>(bytes) * 1e-6 / seconds[1][middle];
+    state.counters["ratio"] = ratio[middle];
+    state.counters["low"] = ratio[middle - std::min(middle, reach)];
+    state.counters["high"] = ratio[std::min(middle + reach, ratio.size() - 1)];
+    state.counters["allocations"] = static_cast<double>(allocated);
 }
 
 }  // namespace rvd::bench

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 
 #include "lab/phone/phone.h"
@@ -20,64 +19,47 @@ void require(bool holds) {
     if (!holds) abort();
 }
 
-// A phone's root three directories deep, with a file beside it in each.
-class Surroundings {
-  public:
-    Surroundings() {
-        std::string name = fs::temp_directory_path() / "rvd-fuzz-XXXXXX";
-        require(mkdtemp(name.data()) != nullptr);
-        base_ = name;
-        root_ = base_ / "a" / "b" / "root";
-        fs::create_directories(root_);
-        for (const char* place : {"", "a", "a/b"})
-            write_file(base_ / place / "outside", "untouched");
+// A directory of this process alone.
+fs::path make_base() {
+    std::string name = fs::temp_directory_path() / "rvd-fuzz-XXXXXX";
+    require(mkdtemp(name.data()) != nullptr);
+    return name;
+}
+
+// Puts the files into a root three directories deep, with a file beside it in each.
+void put_files(const Scenario& scenario) {
+    static const fs::path base = make_base(), root = base / "a" / "b" / "root";
+    for (const char* place : {"data", "dev", "efs", "mnt", "sys", "run/rvd/properties"})
+        fs::create_directories(root / place);
+    for (const char* place : {"", "a", "a/b"})
+        write_file(base / place / "outside", "untouched");
+    try {
+        put_scenario_files(scenario, Tree(root), geteuid());
+    } catch (const Unable&) {  // one file in another's place
     }
-    ~Surroundings() { fs::remove_all(base_); }
-
-    void put(const Scenario& scenario) {
-        for (const char* place : {"data", "dev", "efs", "mnt", "sys"})
-            fs::create_directory(root_ / place);
-        fs::create_directories(root_ / "run/rvd/properties");
-        try {
-            put_scenario_files(scenario, Tree(root_), geteuid());
-        } catch (const Unable&) {  // one file in another's place
-        }
-        fs::remove_all(root_);
-        check();
-        fs::create_directory(root_);
+    fs::remove_all(root);
+    size_t entries = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(base)) {
+        ++entries;
+        require(!entry.is_regular_file() || read_file(entry.path()) == "untouched");
     }
-
-  private:
-    void check() const {
-        size_t entries = 0;
-        for (const auto& entry : fs::recursive_directory_iterator(base_)) {
-            entries++;
-            if (entry.is_regular_file()) require(read_file(entry.path()) == "untouched");
-        }
-        require(entries == 5);
-    }
-
-    fs::path base_, root_;
-};
-
-void check(const Scenario& scenario) {
-    require(scenario.modem == "tq720" || scenario.modem == "vk880");
-    require(!scenario.args.empty() && !scenario.firmware.entries.empty());
-    require(!scenario.dump.steps.empty() && scenario.driver.regions.size() == 6);
-    static Surroundings surroundings;
-    surroundings.put(scenario);
+    require(entries == 5);
+    fs::remove_all(base / "a");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    constexpr char kName[] = "input";
     try {
         const std::string text(reinterpret_cast<const char*>(data), size);
-        for (const Scenario& scenario : parse_scenarios(text, kName))
-            check(scenario);
+        for (const Scenario& scenario : parse_scenarios(text, "input")) {
+            require(scenario.modem == "tq720" || scenario.modem == "vk880");
+            require(!scenario.args.empty() && !scenario.firmware.entries.empty());
+            require(!scenario.dump.steps.empty() && scenario.driver.regions.size() == 6);
+            put_files(scenario);
+        }
     } catch (const Unable& refusal) {
-        require(strncmp(refusal.what(), kName, strlen(kName)) == 0);
+        require(std::string(refusal.what()).rfind("input", 0) == 0);
     }
     return 0;
 }

@@ -1,6 +1,7 @@
 #include "fuzz/support.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -9,6 +10,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <new>
+#include <utility>
 
 #include <log/log.h>
 
@@ -16,7 +19,6 @@
 #include "log/Log.h"
 #include "main/Container.h"
 #include "protocol/ProtocolVelo.h"
-#include "tests/support/kernel.h"
 
 // A device refuses an image of gigabytes with null, and so must the sanitizer.
 extern "C" const char* __asan_default_options() {
@@ -30,68 +32,28 @@ namespace {
 // An NV file is made as large as the table says.
 constexpr rlim_t kLargestFile = 1 << 20;
 
-unsigned granted;
+Run* current;  // the fuzzer makes the same calls in the same process
 
-Modem set_up(const char* type) {
-    static ProtocolVelo protocol;
-    Container::setProtocol(&protocol);
-    std::string words[] = {"rvd", "-t", type};
-    char* argv[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
-    require(Container::parseArgs(3, argv) == PARSE_OK, "a modem is set up");
-    RvdArgs& args = *Container::getRvdArgs();
-    strcpy(args.partition_path, "/efs/partition");
-    strcpy(args.nv_data_path, "/efs/nv");
-    return {args, Container::getBootDump(), Container::getSrinfo()};
+// The objects of the registry, which never releases one.
+alignas(std::max_align_t) char objects[1 << 18];
+size_t objects_size;
+
+// Whether this call is one that the input has fail.
+bool fails() {
+    if (current == nullptr) return false;
+    errno = EIO;
+    const auto counts_out = [](uint16_t& left) { return left > 0 && --left == 0; };
+    return std::count_if(std::begin(current->faults), std::end(current->faults), counts_out) > 0;
 }
 
-bool closed(const int32_t (&slots)[kFdSlots]) {
-    return std::all_of(slots, slots + kFdSlots, [](int32_t fd) { return fd == -1; });
+bool is_node(const char* path) {
+    return strstr(path, "_boot0") != nullptr || strstr(path, "_ramdump0") != nullptr;
 }
 
 int lowest_free() {
     const int fd = dup(STDIN_FILENO);
     close(fd);
     return fd;
-}
-
-template <class Record>
-void fill(Input* answers, void* record) {
-    const Record answer = answers->take<Record>();
-    memcpy(record, &answer, sizeof(answer));
-}
-
-void check_request(unsigned request, const void* record) {
-    if (request == IOCTL_LOAD_CP_IMAGE) {
-        cp_image image;
-        memcpy(&image, record, sizeof(image));
-        const volatile char* bytes = reinterpret_cast<const volatile char*>(image.image_addr);
-        for (uint32_t i = 0; i < image.len; ++i)
-            static_cast<void>(bytes[i]);
-    } else if (request == IOCTL_SET_SRINFO) {
-        require(static_cast<const srinfo_buf*>(record)->len - 1 < sizeof(srinfo_buf::data),
-                "a record that is handed back has 1 to 4092 bytes");
-    } else if (request == IOCTL_TRIGGER_KERNEL_PANIC) {
-        require(memchr(record, '\0', kCrashReasonSize) != nullptr, "a crash reason is terminated");
-    }
-}
-
-// Most requests are granted, so that a run gets far.
-int answer_request(Input* answers, unsigned request, void* record) {
-    check_request(request, record);
-    if (request == IOCTL_GET_LOG_DUMP) {
-        static_cast<cp_log_dump*>(record)->size = answers->take<uint32_t>();
-    } else if (request == IOCTL_GET_CP_CRASH_REASON) {
-        fill<cp_crash_reason>(answers, record);
-    } else if (request == IOCTL_GET_LNKM_VERSION) {
-        fill<lnkm_version>(answers, record);
-    } else if (request == IOCTL_GET_SRINFO) {
-        fill<srinfo_buf>(answers, record);
-    }
-    const uint8_t outcome = answers->take<uint8_t>();
-    errno = EIO;
-    const int result = outcome == 0xFF ? -1 : outcome == 0xFE ? answers->take<int>() : 0;
-    if (result >= 0) granted = request;
-    return result;
 }
 
 }  // namespace
@@ -102,49 +64,79 @@ void require(bool holds, const char* what) {
     abort();
 }
 
-Modem& tq720() {
-    static Modem modem = set_up("tq720");
-    return modem;
-}
-
-Modem& vk880() {
-    tq720();
-    static Modem modem = set_up("vk880");
-    return modem;
-}
-
-Run::Run(Input* input) {
-    vk880();
-    granted = 0;
-    lowest_free_ = lowest_free();
+Run::Run(bool external) : lowest_free_(lowest_free()) {
     test::reset_kernel();
-    test::kernel().driver = [input](int, unsigned request, void* record) {
-        return answer_request(input, request, record);
-    };
+    objects_size = 0;
+    current = this;
+    char program[] = "rvd", integrated_type[] = "-ttq720", external_type[] = "-tvk880";
+    char* argv[] = {program, external ? external_type : integrated_type, nullptr};
+    RvdArgs& args = *Container::getRvdArgs();
+    args = {};
+    require(Container::parseArgs(2, argv) == PARSE_OK, "a modem is named");
+    strcpy(args.partition_path, "/efs/partition");
+    strcpy(args.nv_data_path, "/efs/nv");
 }
 
 Run::~Run() {
-    // The fuzzer lives in the same process.
+    current = nullptr;
+    test::reset_kernel();
     test::kernel().real_time = true;
-    test::kernel().driver = nullptr;
-    for (const Modem* modem : {&tq720(), &vk880()}) {
-        require(closed(modem->controller->getStdBoot()->fd), "the boot record is closed");
-        require(closed(modem->controller->getStdDump()->fd), "the dump record is closed");
+    const auto is_open = [](int32_t fd) { return fd != -1; };
+    for (const int32_t* slots : {Container::getStdBoot()->fd, Container::getStdDump()->fd})
+        require(std::none_of(slots, slots + kFdSlots, is_open), "the records are closed");
+    // The sanitizer's own thread may have one open for a moment.
+    for (int tries = 0; lowest_free() > lowest_free_; ++tries) {
+        require(tries < 1000, "no descriptor is left open");
+        usleep(1000);
     }
-    require(lowest_free() == lowest_free_, "no descriptor is left open");
-}
-
-bool Run::granted_last(unsigned request) {
-    return granted == request;
-}
-
-void set_property(const char* name, std::string_view value) {
-    test::set_property(name, std::string(value));
 }
 
 }  // namespace rvd::fuzz
 
+using namespace rvd::fuzz;
+
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    if (current == nullptr) return operator new(size);
+    if (fails() || sizeof(objects) - objects_size < size) return nullptr;
+    const size_t units = (size + alignof(std::max_align_t) - 1) / alignof(std::max_align_t);
+    return objects + std::exchange(objects_size, objects_size + units * alignof(std::max_align_t));
+}
+
 extern "C" {
+
+#define RVD_CALL(type, name, parameters, arguments)          \
+    type __real_##name parameters;                           \
+    type __wrap_##name parameters {                          \
+        return fails() ? type{-1} : __real_##name arguments; \
+    }
+
+RVD_CALL(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
+RVD_CALL(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
+RVD_CALL(off_t, lseek, (int fd, off_t offset, int from), (fd, offset, from))
+RVD_CALL(int, fsync, (int fd), (fd))
+RVD_CALL(int, ftruncate, (int fd, off_t size), (fd, size))
+RVD_CALL(int, rename, (const char* from, const char* to), (from, to))
+RVD_CALL(int, mkdir, (const char* path, mode_t mode), (path, mode))
+
+int __real_open(const char* path, int flags, mode_t mode);
+int __wrap_open(const char* path, int flags, mode_t mode) {
+    if (fails()) return -1;
+    const bool node = current != nullptr && current->open_node && is_node(path);
+    return node ? current->open_node() : __real_open(path, flags, mode);
+}
+
+void* __real_calloc(size_t count, size_t size);
+void* __wrap_calloc(size_t count, size_t size) {
+    return fails() ? nullptr : __real_calloc(count, size);
+}
+
+int __real_posix_memalign(void** block, size_t alignment, size_t size);
+int __wrap_posix_memalign(void** block, size_t alignment, size_t size) {
+    return fails() ? ENOMEM : __real_posix_memalign(block, alignment, size);
+}
+
+// The machine's own disks have no part in a run.
+void __wrap_sync() {}
 
 // Lines are still formatted by the daemon, and go nowhere.
 int __android_log_buf_print(int, int, const char*, const char*, ...) {
@@ -152,6 +144,8 @@ int __android_log_buf_print(int, int, const char*, const char*, ...) {
 }
 
 int LLVMFuzzerInitialize(int*, char***) {
+    static rvd::ProtocolVelo protocol;
+    rvd::Container::setProtocol(&protocol);
     rvd::test::enter_private_root();
     std::filesystem::create_directories("/data/vendor/log/rvd/err");
     for (const char* node : {"umts_boot0", "umts_ramdump0", "nr_boot0", "nr_ramdump0"})
@@ -159,7 +153,7 @@ int LLVMFuzzerInitialize(int*, char***) {
     rvd::test::kernel().real_time = true;
     rvd::kmsg_fd = -1;
     signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit = {rvd::fuzz::kLargestFile, rvd::fuzz::kLargestFile};
+    const rlimit limit = {kLargestFile, kLargestFile};
     return setrlimit(RLIMIT_FSIZE, &limit);
 }
 

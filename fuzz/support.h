@@ -1,21 +1,19 @@
 // What the daemon's targets stand on: bytes to draw from, a phone to run on, and checks that end
-// the process. Requests to the modem's driver are answered out of the input, and no pause takes
-// time.
+// the process. No pause takes time.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <string_view>
 
 #include "main/RvdArgs.h"
+#include "tests/support/kernel.h"
 #include "tests/support/private_root.h"
 
 namespace rvd {
-
-class BootDump;
-class Srinfo;
 
 namespace fuzz {
 
@@ -23,28 +21,26 @@ namespace fuzz {
 class Input {
   public:
     Input(const uint8_t* data, size_t size) : left_(reinterpret_cast<const char*>(data), size) {}
-    explicit Input(std::string_view bytes) : left_(bytes) {}
 
     template <class T>
     T take() {
         T value = {};
-        const std::string_view bytes = take_bytes(sizeof(value));
+        const std::string bytes = take_bytes(sizeof(value));
         memcpy(&value, bytes.data(), bytes.size());
         return value;
     }
     // Fewer than `size` at the end.
-    std::string_view take_bytes(size_t size) {
+    std::string take_bytes(size_t size) {
         const std::string_view taken = left_.substr(0, size);
         left_.remove_prefix(taken.size());
-        return taken;
+        return std::string(taken);
     }
     // Up to `end`, which is dropped, or all that is left.
-    std::string_view take_until(char end) {
-        const std::string_view taken = take_bytes(left_.find(end));
+    std::string take_until(char end) {
+        const std::string taken = take_bytes(left_.find(end));
         take_bytes(1);
         return taken;
     }
-    std::string_view rest() { return take_bytes(left_.size()); }
     bool empty() const { return left_.empty(); }
 
   private:
@@ -60,33 +56,23 @@ bool is_text(const char (&field)[N]) {
     return memchr(field, '\0', N) != nullptr;
 }
 
-// A modem as the command line sets it up. Both stay for the life of the process; the registry holds
-// the external one.
-struct Modem {
-    RvdArgs args;
-    BootDump* controller;
-    Srinfo* srinfo;
-};
-Modem& tq720();
-Modem& vk880();
-
-// One run: the driver answers out of `answers`. When it ends, no descriptor may be left open and
-// both modems' records must be closed.
+// One run of the daemon's code, with a modem named as the command line does, and its files in /efs.
+// When it ends, no descriptor may be left open and the modem's records must be closed.
 class Run {
   public:
-    explicit Run(Input* answers);
+    explicit Run(bool external);
     ~Run();
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
 
-    // Whether this was the last request that the driver granted.
-    static bool granted_last(unsigned request);
+    // Opens a node of the modem's; without it a node is a file.
+    std::function<int()> open_node;
+    // Count down at each call that can fail; the call that takes one to 0 does.
+    uint16_t faults[2] = {0, 0};
 
   private:
     int lowest_free_;
 };
-
-void set_property(const char* name, std::string_view value);
 
 }  // namespace fuzz
 }  // namespace rvd

@@ -1,5 +1,5 @@
-// A crash dump into a file, and an image to the boot loader, over a SEQPACKET pair whose other end
-// is a process of its own.
+// A crash dump into a file and an image to the boot loader, over a SEQPACKET pair whose other end is
+// a process of its own; and the integrated modem's images in chunks through the driver.
 #include "protocol/link.h"
 
 #include <fcntl.h>
@@ -13,7 +13,7 @@
 #include <algorithm>
 
 #include "bench/duel.h"
-#include "bootdump/BootDump.h"
+#include "bootdump/BootDumpModap.h"
 #include "main/Container.h"
 #include "protocol/Protocol.h"
 
@@ -127,13 +127,11 @@ void upload(benchmark::State& state) {
         record->fd[DUMP_FD_DUMP] = dump.get();
         return ftruncate(dump.get(), 0) == 0 && lseek(dump.get(), 0, 0) == 0;
     };
-    Duel(state, size, empty)
-            .run([&] { return Container::getProtocol()->std_dump_receive_cp_dump() == 0; },
-                 [&] { return receive_dump(phone.link, dump.get()); });
+    duel(
+            state, size, empty,
+            [&] { return Container::getProtocol()->std_dump_receive_cp_dump() == 0; },
+            [&] { return receive_dump(phone.link, dump.get()); });
 }
-BENCHMARK(upload)->Arg(16)->UseManualTime()->Iterations(101);
-BENCHMARK(upload)->Arg(64)->UseManualTime()->Iterations(61);
-BENCHMARK(upload)->Arg(256)->UseManualTime()->Iterations(31);
 
 void take_image(int link) {
     udl_frame frame;
@@ -165,13 +163,42 @@ void download(benchmark::State& state) {
     const auto by_daemon = [&] {
         return Container::getProtocol()->std_dl_send_bin(kStage, image.get(), 0, size) == 0;
     };
-    Duel(state, size, [] { return true; }).run(by_daemon, [&] {
-        return send_image(phone.link, image.get(), size);
-    });
+    duel(
+            state, size, [] { return true; }, by_daemon,
+            [&] { return send_image(phone.link, image.get(), size); });
 }
-BENCHMARK(download)->Arg(16)->UseManualTime()->Iterations(101);
-BENCHMARK(download)->Arg(64)->UseManualTime()->Iterations(61);
-BENCHMARK(download)->Arg(256)->UseManualTime()->Iterations(31);
+
+bool load_bare(int image_fd, uint32_t size) {
+    static char buffer[kImageChunk];
+    cp_image image = {};
+    image.image_addr = reinterpret_cast<uintptr_t>(buffer);
+    lseek(image_fd, 0, SEEK_SET);
+    for (uint32_t left = size; left > 0; left -= image.len) {
+        image.len = std::min(left, kImageChunk);
+        if (read(image_fd, buffer, image.len) < 0 || ioctl(-1, IOCTL_LOAD_CP_IMAGE, &image) != 0)
+            return false;
+    }
+    return true;
+}
+
+void load(benchmark::State& state) {
+    const uint32_t size = static_cast<uint32_t>(state.range(0)) * kMiB;
+    const ScopedFd image = scratch_file();
+    if (posix_fallocate(image.get(), 0, size) != 0) return state.SkipWithError("no image");
+    set_up_daemon();
+    BootDumpModap modem;
+    std_dload_control& row = modem.getStdBoot()->dload[0];
+    row.fd = image.get();
+    row.size = size;
+    duel(
+            state, size, [] { return true; },
+            [&] { return modem.load_cp_image_by_stage(0, CP_BOOT_MODE_NORMAL) == 0; },
+            [&] { return load_bare(image.get(), size); });
+}
+// The size in MiB; as many turns as narrow the interval.
+BENCHMARK(upload)->Arg(16)->Arg(64)->Arg(256)->UseManualTime()->Iterations(61);
+BENCHMARK(load)->Arg(16)->Arg(64)->Arg(256)->UseManualTime()->Iterations(101);
+BENCHMARK(download)->Arg(16)->Arg(64)->Arg(256)->UseManualTime()->Iterations(61);
 
 }  // namespace
 
