@@ -1,6 +1,4 @@
 // The controllers' own requests to the driver, and the copies they make of modem memory.
-#include <time.h>
-
 #include "bootdump/BootDumpExt.h"
 #include "bootdump/BootDumpModap.h"
 #include "srinfo/Srinfo.h"
@@ -199,30 +197,6 @@ TEST_F(Controller, ARegionIsCopiedAsItComesAndEndsAtItsSize) {
     driver().expect(IOCTL_GET_LOG_DUMP, -1);
     EXPECT_EQ(modem().get_log_dump("shmem", CP_LOG_DUMP_SHMEM), -22);
     EXPECT_THAT(list(kLogDir), IsEmpty());
-}
-
-TEST_F(Controller, ACompleteRegionKeepsNothingOfALongerFileBefore) {
-    // The daemon's minute may be over before the test's is.
-    std::string files[2];
-    for (const int minute : {0, 1}) {
-        const time_t when = time(nullptr) + 60 * minute;
-        char name[96];
-        strftime(name, sizeof(name), "/cpcrash_l2b_dump_umts_%Y%m%d-%H%M.log", localtime(&when));
-        files[minute] = std::string(kLogDir) + name;
-    }
-    for (const char* script : {"<R:9", "<R:8"}) {
-        for (const std::string& file : files)
-            write_file(file, std::string(20, 'o'));
-        const size_t size = copy_region("l2b", 9, script) >= 0 ? 9 : 20;
-        const std::string saved = read_file(files[0]);
-        EXPECT_TRUE(saved[0] == 'o' || saved.size() == size) << saved;
-    }
-    for (const std::string& file : files) {
-        fs::remove(file);
-        mkfifo(file.c_str(), 0600);
-    }
-    EXPECT_EQ(copy_region("l2b", 9, ""), -22);
-    EXPECT_THAT(last_said(), EndsWith(" open fail"));
 }
 
 }  // namespace
