@@ -1,7 +1,5 @@
-// A crash dump into a file and an image to the boot loader, over a SEQPACKET pair whose other end is
-// a process of its own; and the integrated modem's images in chunks through the driver.
-#include "protocol/link.h"
-
+// A crash dump into a file and an image to the boot loader, over a SEQPACKET pair whose other end
+// is a process of its own; and the integrated modem's images in chunks through the driver.
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -16,6 +14,7 @@
 #include "bootdump/BootDumpModap.h"
 #include "main/Container.h"
 #include "protocol/Protocol.h"
+#include "protocol/link.h"
 
 namespace rvd::bench {
 
