@@ -26,7 +26,7 @@ std::vector<std::string> Capture::take() {
     for (ssize_t n; (n = pread(lines_.get(), piece, sizeof(piece), taken_)) > 0; taken_ += n)
         text.append(piece, static_cast<size_t>(n));
     std::vector<std::string> lines;
-    for (size_t at = 0, end = 0; (end = text.find('\n', at)) != text.npos; at = end + 1) {
+    for (size_t at = 0, end = 0; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
         if (end - at > kPrefix) lines.push_back(text.substr(at + kPrefix, end - at - kPrefix));
     }
     return lines;

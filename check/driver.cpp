@@ -27,26 +27,26 @@ namespace {
 constexpr int kEventPatience = 5000;  // ms
 
 struct Request {
-    unsigned number;
     const char* name;
+    unsigned number;
     bool zero_alone;  // is success
 };
 constexpr Request kRequests[] = {
-        {IOCTL_POWER_ON, "POWER_ON", false},
-        {IOCTL_POWER_OFF, "POWER_OFF", true},
-        {IOCTL_POWER_RESET, "POWER_RESET", false},
-        {IOCTL_START_CP_BOOTLOADER, "START_CP_BOOTLOADER", false},
-        {IOCTL_COMPLETE_NORMAL_BOOTUP, "COMPLETE_NORMAL_BOOTUP", false},
-        {IOCTL_GET_CP_STATUS, "GET_CP_STATUS", false},
-        {IOCTL_LOAD_CP_IMAGE, "LOAD_CP_IMAGE", true},
-        {IOCTL_GET_SRINFO, "GET_SRINFO", false},
-        {IOCTL_SET_SRINFO, "SET_SRINFO", false},
-        {IOCTL_NOTIFY_BOOT_FAIL, "NOTIFY_BOOT_FAIL", false},
-        {IOCTL_NOTIFY_BOOT_DONE, "NOTIFY_BOOT_DONE", false},
-        {IOCTL_GET_LOG_DUMP, "GET_LOG_DUMP", false},
-        {IOCTL_CHECK_SECURITY, "CHECK_SECURITY", true},
-        {IOCTL_GET_CP_CRASH_REASON, "GET_CP_CRASH_REASON", false},
-        {IOCTL_GET_LNKM_VERSION, "GET_LNKM_VERSION", false},
+        {"POWER_ON", IOCTL_POWER_ON, false},
+        {"POWER_OFF", IOCTL_POWER_OFF, true},
+        {"POWER_RESET", IOCTL_POWER_RESET, false},
+        {"START_CP_BOOTLOADER", IOCTL_START_CP_BOOTLOADER, false},
+        {"COMPLETE_NORMAL_BOOTUP", IOCTL_COMPLETE_NORMAL_BOOTUP, false},
+        {"GET_CP_STATUS", IOCTL_GET_CP_STATUS, false},
+        {"LOAD_CP_IMAGE", IOCTL_LOAD_CP_IMAGE, true},
+        {"GET_SRINFO", IOCTL_GET_SRINFO, false},
+        {"SET_SRINFO", IOCTL_SET_SRINFO, false},
+        {"NOTIFY_BOOT_FAIL", IOCTL_NOTIFY_BOOT_FAIL, false},
+        {"NOTIFY_BOOT_DONE", IOCTL_NOTIFY_BOOT_DONE, false},
+        {"GET_LOG_DUMP", IOCTL_GET_LOG_DUMP, false},
+        {"CHECK_SECURITY", IOCTL_CHECK_SECURITY, true},
+        {"GET_CP_CRASH_REASON", IOCTL_GET_CP_CRASH_REASON, false},
+        {"GET_LNKM_VERSION", IOCTL_GET_LNKM_VERSION, false},
 };
 
 Report* reported;  // while the test runs

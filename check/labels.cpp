@@ -32,8 +32,8 @@ std::string daemon_process() {
     DIR* processes = opendir("/proc");
     if (processes == nullptr) return found;
     while (const dirent* process = readdir(processes)) {
-        const int number = atoi(process->d_name);
-        const std::string place = text("/proc/%d", number);
+        const long number = strtol(process->d_name, nullptr, 10);
+        const std::string place = text("/proc/%ld", number);
         if (number > 0 && number != getpid() && first_line((place + "/comm").c_str()) == "rvd")
             found = place;
     }

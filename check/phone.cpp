@@ -5,6 +5,7 @@
 #include <grp.h>
 #include <linux/capability.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/klog.h>
 #include <sys/stat.h>
@@ -76,9 +77,12 @@ void check_user(Report& report) {
                    {CAP_SYSLOG, "SYSLOG"},       {CAP_BLOCK_SUSPEND, "BLOCK_SUSPEND"}};
     unsigned long long effective = 0;
     if (FILE* status = fopen("/proc/self/status", "re")) {
+        constexpr char kLine[] = "CapEff:";
         char line[256];
-        while (fgets(line, sizeof(line), status) != nullptr)
-            sscanf(line, "CapEff: %llx", &effective);
+        while (fgets(line, sizeof(line), status) != nullptr) {
+            if (strncmp(line, kLine, strlen(kLine)) == 0)
+                effective = strtoull(line + strlen(kLine), nullptr, 16);
+        }
         fclose(status);
     }
     std::string missing;
@@ -197,7 +201,7 @@ void check_storage(Report& report, Capture& lines) {
     const bool held = access(writable, W_OK | X_OK) == 0;
     report.add("log directory", held,
                held ? writable
-                    : refusal(writable, errno, "the service's .rc file makes it at post-fs-data"));
+                    : refusal(writable, errno, "make it; on a phone rvd.rc does, at post-fs-data"));
     if (!held) return;
     lines.take();
     const bool room = Log::check_log_directory(writable) == 0 &&

@@ -147,7 +147,7 @@ Layout lay_out(int image, const std::vector<Entry>& table) {
 std::vector<std::string> failures(const std::vector<std::string>& lines) {
     std::vector<std::string> found;
     for (const std::string& line : lines) {
-        if (line.find("ERR!") != line.npos) found.push_back(line);
+        if (line.find("ERR!") != std::string::npos) found.push_back(line);
     }
     if (found.empty() && !lines.empty()) found.push_back(lines.back());
     return found;

@@ -67,7 +67,8 @@ void check_debug_level(Report& report, Capture& lines) {
     Log::check_debug_level();
     std::string from;
     for (const std::string& line : lines.take()) {
-        if (line.find(": find str ") == line.npos) from += (from.empty() ? "" : "; ") + line;
+        if (line.find(": find str ") == std::string::npos)
+            from += (from.empty() ? "" : "; ") + line;
     }
     report.add("debug level", debug_level > 0,
                debug_level > 0 ? from
