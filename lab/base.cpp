@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <fnmatch.h>
-#include <stdarg.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -22,15 +21,6 @@ void fail_errno(const std::string& what) {
 
 void forbid_errno(const std::string& what) {
     throw Forbidden(what + ": " + strerror(errno));
-}
-
-std::string format(const char* text, ...) {
-    char buffer[1200];
-    va_list arguments;
-    va_start(arguments, text);
-    vsnprintf(buffer, sizeof(buffer), text, arguments);
-    va_end(arguments);
-    return buffer;
 }
 
 std::string human_size(uint64_t bytes) {

@@ -31,8 +31,6 @@ struct Forbidden : Unable {
 [[noreturn]] void fail_errno(const std::string& what);
 [[noreturn]] void forbid_errno(const std::string& what);
 
-std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
-
 std::string human_size(uint64_t bytes);  // "1 MiB"
 
 // Whether a pattern of the shell's kind matches the whole text. Its brackets are sets, as in

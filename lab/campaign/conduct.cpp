@@ -1,5 +1,7 @@
 #include "lab/campaign/conduct.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <filesystem>
 
@@ -64,9 +66,8 @@ std::vector<std::string> differences(const Conduct& clean, const Conduct& faulty
     if (faulty.end != clean.end && !deaf)
         found.push_back("the run ended with \"" + faulty.end + "\", not \"" + clean.end + "\"");
     if (faulty.lasted > clean.lasted + longer)
-        found.push_back(format("the run lasted %lld s, not about %lld s",
-                               static_cast<long long>(faulty.lasted / kSecond),
-                               static_cast<long long>(clean.lasted / kSecond)));
+        found.push_back(fmt::format("the run lasted {} s, not about {} s", faulty.lasted / kSecond,
+                                    clean.lasted / kSecond));
     std::vector<std::string> more;
     std::set_difference(faulty.open.begin(), faulty.open.end(), clean.open.begin(),
                         clean.open.end(), std::back_inserter(more));

@@ -1,6 +1,7 @@
 #include "lab/campaign/faults.h"
 
 #include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <map>
@@ -138,7 +139,8 @@ std::vector<Planned> plan(std::vector<Row>& rows, const FaultOptions& options) {
             rows[i].calls += !all.empty();
             for (const char* way : all) {
                 planned.push_back(
-                        {i, rows[i].flow.name + ":" + made.call + format(":%d:", made.time) + way,
+                        {i,
+                         rows[i].flow.name + ":" + made.call + fmt::format(":{}:", made.time) + way,
                          make_fault(made.call, made.time, way), way,
                          leaves_stuck(rows[i].flow.name, made, way)});
             }

@@ -1,6 +1,7 @@
 #include "lab/campaign/soak.h"
 
 #include <fmt/core.h>
+#include <fmt/format.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -130,7 +131,7 @@ class Soak : public Conductor {
     void check(Play& play) {
         for (const auto& [fd, path] : play.stage.descriptors()) {
             if (path != kAndroidLog && path != "/dev/boot")
-                play.story.violation(format("descriptor %d is left open: ", fd) + path);
+                play.story.violation(fmt::format("descriptor {} is left open: ", fd) + path);
         }
         if (play.stage.descriptors().size() > 2)
             play.story.violation("more is open than the boot node and the log");
@@ -174,19 +175,19 @@ class Soak : public Conductor {
 
     void check_process(Play& play) {
         const pid_t daemon = play.stage.daemon();
-        const std::string status = read_file(format("/proc/%d/status", daemon));
+        const std::string status = read_file(fmt::format("/proc/{}/status", daemon));
         const auto number = [&](const char* name) {
             return strtol(status.c_str() + status.find(name) + strlen(name), nullptr, 10);
         };
         const long used = number("VmHWM:"), threads = number("Threads:");
         if (threads > 1 + kSaving)
-            play.story.violation(format("the daemon has %ld threads", threads));
+            play.story.violation(fmt::format("the daemon has {} threads", threads));
         if (daemon != daemon_) age_ = 0;
         daemon_ = daemon;
         if (age_++ <= kSettled) settled_ = used;
         if (used > settled_ + kMoreMemory)
-            play.story.violation(format("the daemon needs %ld KiB, after %d passes %ld KiB", used,
-                                        kSettled, settled_));
+            play.story.violation(fmt::format("the daemon needs {} KiB, after {} passes {} KiB",
+                                             used, kSettled, settled_));
     }
 
     void choose_events(std::vector<Event>& timeline) {
@@ -199,7 +200,7 @@ class Soak : public Conductor {
             timeline.push_back(event);
             event.state = states[below(3)];
         }
-        if (once_in(10)) event.set["vendor.rvd.first_xmit_done"] = format("%d", below(2));
+        if (once_in(10)) event.set["vendor.rvd.first_xmit_done"] = std::to_string(below(2));
         crashed_ = event.state == 2;
         if (once_in(200)) {
             event.state.reset();

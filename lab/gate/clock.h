@@ -3,6 +3,7 @@
 // system call, so that between two calls nothing of the daemon moves but that thread.
 #pragma once
 
+#include <algorithm>
 #include <vector>
 
 #include "lab/gate/daemon.h"
@@ -29,38 +30,122 @@ class Clock {
     void set(Time now) { now_ = now; }
 
     // The daemon was started, or a thread made: it is on its way to its first call.
-    void restart();
+    void restart() {
+        threads_.clear();
+        births_ = 1;
+        last_run_ = 0;
+    }
+
     void born() { births_++; }
-    void gone(pid_t tid);
+    void gone(pid_t tid) {
+        if (const Thread* thread = find(tid))
+            threads_.erase(threads_.begin() + (thread - &threads_[0]));
+    }
 
     // A thread has stopped at a call, waits in it, goes on; or it waits for a thread that is not to
     // run yet, so that one may.
-    void arrive(const Call& call);
-    void hold(const Call& call, Time deadline);
-    void resume(pid_t tid);
-    void block(pid_t tid);
+    void arrive(const Call& call) {
+        Thread* thread = find(call.tid());
+        if (thread == nullptr) {
+            births_ = std::max(births_ - 1, 0);
+            thread = &threads_.emplace_back();
+        }
+        thread->call = call;
+        thread->state = Thread::State::stopped;
+    }
+
+    void hold(const Call& call, Time deadline) {
+        Thread* thread = find(call.tid());
+        thread->state = Thread::State::waits;
+        thread->deadline = deadline;
+        thread->hollow = false;
+    }
+
+    void resume(pid_t tid) {
+        find(tid)->state = Thread::State::runs;
+        last_run_ = tid;
+    }
+
+    void block(pid_t tid) {
+        if (Thread* thread = find(tid)) thread->state = Thread::State::blocked;
+    }
 
     // As hold(); true where all but hollow threads sleep then.
-    bool sleep(const Call& call, Time deadline, bool is_helper);
+    bool sleep(const Call& call, Time deadline, bool is_helper) {
+        hold(call, deadline);
+        Thread* sleeper = find(call.tid());
+        sleeper->hollow = is_helper && sleeper->idle;
+        sleeper->idle = sleeper->idle || is_helper;
+        return std::all_of(threads_.begin(), threads_.end(), [&](const Thread& thread) {
+            return &thread == sleeper || (thread.hollow && thread.state == Thread::State::waits);
+        });
+    }
 
     // Something other than waiting was done by a thread, or by the one that ran last.
-    void note_activity(pid_t tid);
+    void note_activity(pid_t tid) {
+        last_activity_ = now_;
+        if (Thread* thread = find(tid)) thread->idle = false;
+    }
+
     void note_activity() { note_activity(last_run_); }
 
-    bool at_rest() const;   // no thread runs, and none is on its way
-    pid_t running() const;  // or 0
+    // No thread runs, and none is on its way.
+    bool at_rest() const {
+        const bool able = std::any_of(threads_.begin(), threads_.end(), [](const Thread& thread) {
+            return thread.state == Thread::State::stopped || thread.state == Thread::State::waits;
+        });
+        return births_ == 0 && running() == 0 && able;
+    }
+
+    // Or 0.
+    pid_t running() const {
+        for (const Thread& thread : threads_) {
+            if (thread.state == Thread::State::runs) return thread.call.tid();
+        }
+        return 0;
+    }
+
     bool knows(pid_t tid) { return find(tid) != nullptr; }
     const std::vector<Thread>& threads() const { return threads_; }  // in the order of their birth
 
     // Whose call comes next: of the thread that ran last, or else the oldest that has stopped.
-    const Thread* next() const;
+    const Thread* next() const {
+        const Thread* oldest = nullptr;
+        for (const Thread& thread : threads_) {
+            if (thread.state != Thread::State::stopped) continue;
+            if (thread.call.tid() == last_run_) return &thread;
+            if (oldest == nullptr) oldest = &thread;
+        }
+        return oldest;
+    }
 
     // The thread whose wait is over first; of those that something can come of, when it is.
-    const Thread* first_waiting() const;
-    Time first_deadline() const;
+    const Thread* first_waiting() const {
+        const Thread* first = nullptr;
+        for (const Thread& thread : threads_) {
+            if (thread.state == Thread::State::waits &&
+                (first == nullptr || thread.deadline < first->deadline))
+                first = &thread;
+        }
+        return first;
+    }
+
+    Time first_deadline() const {
+        Time first = kNever;
+        for (const Thread& thread : threads_) {
+            if (thread.state == Thread::State::waits && !thread.hollow)
+                first = std::min(first, thread.deadline);
+        }
+        return first;
+    }
 
   private:
-    Thread* find(pid_t tid);
+    Thread* find(pid_t tid) {
+        const auto found =
+                std::find_if(threads_.begin(), threads_.end(),
+                             [&](const Thread& thread) { return thread.call.tid() == tid; });
+        return found == threads_.end() ? nullptr : &*found;
+    }
 
     const Time start_;
     Time now_, last_activity_;

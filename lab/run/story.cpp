@@ -1,6 +1,7 @@
 #include "lab/run/story.h"
 
 #include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
@@ -66,7 +67,7 @@ void Story::request(const char* to, const std::string& text, bool shown) {
 }
 
 void Story::keep_fact(const char* kind, const std::string& text) {
-    facts_.push_back(format("%g s ", seconds(now_ - start_)) + text);
+    facts_.push_back(fmt::format("{:g} s ", seconds(now_ - start_)) + text);
     if (on_fact) on_fact(kind, text);
 }
 
@@ -76,7 +77,7 @@ void Story::violation(const std::string& text) {
 }
 
 void Story::keep_in_ring(int level, const std::string& text) {
-    ring_ += format("<%d>[%12.6f] ", level, seconds(now_ - start_)) + text;
+    ring_ += fmt::format("<{}>[{:12.6f}] ", level, seconds(now_ - start_)) + text;
     if (ring_.empty() || ring_.back() != '\n') ring_ += '\n';
 }
 
