@@ -98,7 +98,7 @@ done <<'TABLE'
 0|out:"result": "PASS"|run --case "demo tq*" --json demo.toml
 0|out:^boot:write:[0-9]+:after$|faults --kind kill --only boot --list
 0|out:^first-boot:rename:1:part$|faults --kind cut --only first-boot --list
-0|out:1 passed, 0 failed|soak --passes 3 --seed 1
+0|out:1 passed, 0 failed|soak --passes 3 --seed 1 --log soak.log
 0|out:^2 of 2 stories|soak --passes 2 --seed 1 --verify-replay=2
 TABLE
 
@@ -106,6 +106,7 @@ TABLE
 grep -q 'toc\[2\].name = MAIN, b_off=0x00020000, m_off=0x00020000, size=0x002dc6c0' booted || fail "another image"
 grep -q '"traceEvents"' trace || fail "no trace"
 grep -q '<testcase classname="demo.toml" name="demo tq720"' junit.xml || fail "no JUnit"
+(($(grep -c 'main: Call boot start' soak.log) >= 3)) || fail "the log of a soak has not every pass"
 [[ -e kept/data/vendor/log/rvd ]] || fail "the phone's files were not kept"
 
 # The kept root is locked, a full device and a missing directory are named, a closed pipe is no error.

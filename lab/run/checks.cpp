@@ -196,8 +196,7 @@ void check_expectations(const Scenario& scenario, const Phone& phone, const Cond
     if (!expect.end.empty() && conduct.end != expect.end && !quiet)
         story.violation("the run ended with \"" + conduct.end + "\", not \"" + expect.end + "\"");
     if (expect.lasts && conduct.lasted != *expect.lasts)
-        story.violation(fmt::format("the run lasted {:.6f} s",
-                                    static_cast<double>(conduct.lasted) / kSecond));
+        story.violation(fmt::format("the run lasted {:.6f} s", seconds(conduct.lasted)));
 }
 
 void check_collected(const Scenario& scenario, const Phone& phone, Story& story) {

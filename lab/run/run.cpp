@@ -50,7 +50,7 @@ void check_at_boot(const RunStage& stage, const Scenario& scenario, Story& story
 
 void print_summary(const Phone& phone, const Story& story, const Conduct& conduct, bool brief) {
     fmt::print("\nThe run ended with \"{}\" after {:.3f} s of the phone's time.\n", conduct.end,
-               static_cast<double>(conduct.lasted) / kSecond);
+               seconds(conduct.lasted));
     const std::vector<std::string> files = file_summary(phone);
     if (brief) {
         fmt::print("It saved {} files; without --brief they are listed.\n", files.size() - 1);

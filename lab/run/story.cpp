@@ -12,10 +12,6 @@ namespace {
 
 constexpr uint64_t kLongTransfer = 16 << 20;
 
-double seconds(Time time) {
-    return static_cast<double>(time) / kSecond;
-}
-
 }  // namespace
 
 Story::Story(FILE* out, const Look& look, Time start)

@@ -61,10 +61,6 @@ std::string on_one_line(std::string text) {
     return text;
 }
 
-double seconds(Time time) {
-    return static_cast<double>(time) / kSecond;
-}
-
 int width_of(int fd) {
     winsize size{};
     if (isatty(fd) == 0) return 0;

@@ -9,6 +9,10 @@
 
 namespace rvd::lab {
 
+constexpr double seconds(Time time) {
+    return static_cast<double>(time) / kSecond;
+}
+
 struct Look {
     bool colours = false;
     bool brief = false;  // only the chapters and their most important lines
