@@ -146,8 +146,11 @@ void check_nv(Report& report, const std::vector<Entry>& table, bool& bootable) {
             report, "NV file", args->nv_data_path, O_RDONLY,
             "mount its partition, or name its directory with -n; on a new phone the first boot "
             "makes it");
-    bootable = bootable && nv.valid();
-    if (!nv.valid()) return;
+    if (!nv.valid()) {
+        // A boot makes the file that is missing, and opens no other.
+        bootable = bootable && access(args->nv_data_path, F_OK) != 0;
+        return;
+    }
     const uint64_t size = size_of(nv.get());
     report.add("NV length", size >= wanted,
                text("%llu bytes, the table has %llu%s", static_cast<unsigned long long>(size),
