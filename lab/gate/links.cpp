@@ -30,6 +30,20 @@ std::string name_of_node(const std::optional<Node>& node) {
     return std::string("/dev/") + (node ? node_name(*node) : "kmsg");
 }
 
+// Makes the pair of a link and returns the daemon's end. The lab's end never blocks.
+int make_pair(Links::Link& link) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) fail_errno("socketpair");
+    for (const int end : ends) {
+        if (setsockopt(end, SOL_SOCKET, SO_SNDBUFFORCE, &kBuffer, sizeof(kBuffer)) != 0)
+            setsockopt(end, SOL_SOCKET, SO_SNDBUF, &kBuffer, sizeof(kBuffer));
+    }
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    link.fd = ends[0];
+    link.inode = inode_of(fmt::format("/proc/self/fd/{}", ends[1]));
+    return ends[1];
+}
+
 void shut(Links::Link& link) {
     close(link.fd);
     link.fd = -1;
@@ -45,24 +59,11 @@ void Links::close_all() {
     links_.clear();
 }
 
-// Makes a pair, of which the lab's end never blocks, and hands the other end over.
-void Links::connect_pair(Link& link, const std::function<int(int)>& hand_over) {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) fail_errno("socketpair");
-    for (const int end : ends) {
-        if (setsockopt(end, SOL_SOCKET, SO_SNDBUFFORCE, &kBuffer, sizeof(kBuffer)) != 0)
-            setsockopt(end, SOL_SOCKET, SO_SNDBUF, &kBuffer, sizeof(kBuffer));
-    }
-    fcntl(ends[0], F_SETFL, O_NONBLOCK);
-    link.fd = ends[0];
-    link.inode = inode_of(fmt::format("/proc/self/fd/{}", ends[1]));
-    link.daemon_fd = hand_over(ends[1]);
-    close(ends[1]);
-}
-
 size_t Links::open(const Call& call, std::optional<Node> node) {
     Link link = {node, -1};
-    connect_pair(link, [&](int end) { return daemon_.give(call, end); });
+    const int end = make_pair(link);
+    link.daemon_fd = daemon_.give(call, end);
+    close(end);
     links_.remove_if([&](const Link& old) { return old.node && old.daemon_fd == link.daemon_fd; });
     links_.push_back(link);
     return static_cast<size_t>(std::count_if(
@@ -73,10 +74,9 @@ size_t Links::open(const Call& call, std::optional<Node> node) {
 void Links::renew(Link& link, const Call& served) {
     close(link.fd);
     link = {link.node, link.daemon_fd};
-    connect_pair(link, [&](int end) {
-        daemon_.replace(served, link.daemon_fd, end);
-        return link.daemon_fd;
-    });
+    const int end = make_pair(link);
+    daemon_.replace(served, link.daemon_fd, end);
+    close(end);
 }
 
 const Links::Link* Links::at(int daemon_fd) const {

@@ -60,7 +60,6 @@ class Links {
     void add_to(std::vector<pollfd>& set) const;
 
   private:
-    void connect_pair(Link& link, const std::function<int(int)>& hand_over);
     void renew(Link& link, const Call& served);
     void take_log();
     void take_packets(Link& link, Says says);
