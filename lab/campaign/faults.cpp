@@ -56,6 +56,11 @@ const std::map<std::string, std::vector<const char*>> kWays = {
 
 constexpr char kHangUp[] = "hang-up";
 
+// What survives of what was not flushed, where the power is cut.
+const std::map<std::string, Disk::Unflushed> kCuts = {{"nothing", Disk::Unflushed::nothing},
+                                                      {"all", Disk::Unflushed::all},
+                                                      {"part", Disk::Unflushed::part}};
+
 // One fault costs at most the longest wait for an answer and what is repeated after it: tries at
 // the log directory, the boot or the dump.
 constexpr Time kGrace = 45 * kSecond;
@@ -113,21 +118,26 @@ std::vector<MadeCall> collapsed(const std::vector<MadeCall>& calls) {
     return chosen;
 }
 
-// The ways of a kind at this call; the disk changes at few calls, and the modem's part with it.
-std::vector<const char*> ways(const std::string& kind, const MadeCall& made) {
-    if (kind == "kill") return {"before", "after"};
-    if (kind == "cut") {
-        static const std::set<std::string> others = {"ioctl", "sync"};
-        const bool changes = Disk::holds(made.path) && made.call != "read" && made.call != "stat";
-        if (!changes && others.count(made.call) == 0) return {};
+// The ways of a kind at this call. Around a call that changes nothing it is all the same: a cut,
+// and the kills of a sample, leave those out.
+std::vector<const char*> ways(const FaultOptions& options, const MadeCall& made) {
+    static const std::set<std::string> changing = {"open",   "write", "ioctl", "rename",
+                                                   "unlink", "rmdir", "mkdir", "ftruncate",
+                                                   "fsync",  "sync",  "chmod", "chown"};
+    const bool changes = changing.count(made.call) != 0;
+    if (options.kind == "kill" && (changes || options.spread == 0)) return {"before", "after"};
+    if (options.kind == "kill") return {};
+    if (options.kind == "cut") {
+        const bool on_disk = made.call == "ioctl" || made.call == "sync" || Disk::holds(made.path);
+        if (!changes || !on_disk) return {};
         return {"nothing", "all", "part"};
     }
     const auto* all = ways_to_fail(made.call);
     if (all == nullptr) throw Unable("how \"" + made.call + "\" can fail isn't known");
-    std::vector<const char*> possible_ones;
-    std::copy_if(all->begin(), all->end(), std::back_inserter(possible_ones),
+    std::vector<const char*> chosen;
+    std::copy_if(all->begin(), all->end(), std::back_inserter(chosen),
                  [&](const char* way) { return possible(made, way); });
-    return possible_ones;
+    return chosen;
 }
 
 std::vector<Planned> plan(std::vector<Row>& rows, const FaultOptions& options) {
@@ -135,7 +145,7 @@ std::vector<Planned> plan(std::vector<Row>& rows, const FaultOptions& options) {
     for (size_t i = 0; i < rows.size(); i++) {
         const std::vector<MadeCall>& calls = rows[i].clean.calls;
         for (const MadeCall& made : options.spread > 0 ? collapsed(calls) : calls) {
-            const auto all = ways(options.kind, made);
+            const auto all = ways(options, made);
             rows[i].calls += !all.empty();
             for (const char* way : all) {
                 planned.push_back(
@@ -172,13 +182,6 @@ class Failing : public Conductor {
     Files before_;  // when the fault came
 };
 
-std::optional<Disk::Unflushed> unflushed(const std::string& way) {
-    if (way == "nothing") return Disk::Unflushed::nothing;
-    if (way == "all") return Disk::Unflushed::all;
-    if (way == "part") return Disk::Unflushed::part;
-    return {};
-}
-
 // The run of one fault. Only what is collected from the modem is still held against the scenario.
 Job job_for(const Row& row, const Planned& planned, RunOptions options) {
     Job job{row.flow.name, row.flow, std::move(options)};
@@ -186,7 +189,9 @@ Job job_for(const Row& row, const Planned& planned, RunOptions options) {
     job.scenario.faults.push_back(planned.fault);
     if (planned.fault.stop != Fault::Stop::no) {
         job.options.learn = true;  // so that the very next call is seen
-        job.options.conductor = std::make_shared<Stopping>(row.clean, unflushed(planned.way));
+        const auto cut = kCuts.find(planned.way);
+        job.options.conductor = std::make_shared<Stopping>(
+                row.clean, cut == kCuts.end() ? std::nullopt : std::optional(cut->second));
         return job;
     }
     job.options.conductor = std::make_shared<Failing>(planned.stuck ? row.stuck : row.clean);
@@ -276,8 +281,7 @@ Fault make_fault(const std::string& call, int nth, const std::string& way) {
     fault.turn.nth = nth;
     fault.hang_up = way == kHangUp;
     if (way == "after") fault.stop = Fault::Stop::after;
-    if (way == "before" || way == "nothing" || way == "all" || way == "part")
-        fault.stop = Fault::Stop::before;
+    if (way == "before" || kCuts.count(way) != 0) fault.stop = Fault::Stop::before;
     if (way == "short") fault.cut = 1;
     if (way == "end") fault.cut = 0;
     if (!fault.hang_up && !fault.cut && fault.stop == Fault::Stop::no) fault.error = way;

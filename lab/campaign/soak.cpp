@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <filesystem>
 #include <new>
 #include <nlohmann/json.hpp>
@@ -331,46 +332,31 @@ Scenario soak_scenario(const std::string& shape) {
     return scenario;
 }
 
-// Keeps a core busy until it is destroyed.
-class BusyLoop {
-  public:
-    BusyLoop() : pid_(fork()) {
-        if (pid_ != 0) return;
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        for (volatile unsigned count = 0;; count = count + 1) {
-        }
+// A process that keeps a core busy until it is killed.
+pid_t start_busy_loop() {
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (volatile unsigned count = 0;; count = count + 1) {
     }
-    ~BusyLoop() {
-        if (pid_ < 0) return;
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    BusyLoop(const BusyLoop&) = delete;
-    BusyLoop& operator=(const BusyLoop&) = delete;
-
-  private:
-    const pid_t pid_;
-};
-
-// The first line in which two stories differ.
-std::string first_difference(const std::string& wanted, const std::string& seen) {
-    const auto [a, b] = std::mismatch(wanted.begin(), wanted.end(), seen.begin(), seen.end());
-    const auto line = [](const std::string& text, std::string::const_iterator at) {
-        const size_t here = static_cast<size_t>(at - text.begin());
-        const size_t begin = here == 0 ? 0 : text.rfind('\n', here - 1) + 1;
-        return text.substr(begin, text.find('\n', here) - begin);
-    };
-    return fmt::format("\"{}\" instead of \"{}\"", line(seen, b), line(wanted, a));
 }
 
-// The same seed tells the same story, however busy the machine is.
-int verify_replay(Job job, int replays) {
+// The line in which two texts begin to differ, as it is in the first.
+std::string different_line(const std::string& text, const std::string& other) {
+    const auto at = std::mismatch(text.begin(), text.end(), other.begin(), other.end()).first;
+    const auto here = static_cast<size_t>(at - text.begin());
+    const size_t begin = here == 0 ? 0 : text.rfind('\n', here - 1) + 1;
+    return text.substr(begin, text.find('\n', here) - begin);
+}
+
+// Tells the same story again and again while two busy loops hold the cores. Returns the signal that
+// interrupted it, or 0.
+int replay(Job job, int replays, Outcome& sum) {
     job.direct = false;
     job.options.story = true;
-    const BusyLoop first, second;
+    const pid_t busy[] = {start_busy_loop(), start_busy_loop()};
     std::string wanted;
-    int started = 0, same = 0;
-    std::vector<std::string> different;
+    int started = 0, told = 0;
     Progress progress("replays", static_cast<size_t>(replays));
     const auto next = [&]() -> std::optional<Job> {
         if (started++ == replays) return {};
@@ -378,17 +364,23 @@ int verify_replay(Job job, int replays) {
     };
     const auto done = [&](Outcome& outcome) {
         rethrow(outcome);
-        if (outcome.status != kHeld) different.push_back("a replay fails");
-        if (wanted.empty()) wanted = outcome.output;
-        outcome.output == wanted ? void(same++)
-                                 : different.push_back(first_difference(wanted, outcome.output));
+        if (told++ == 0) wanted = outcome.output;
+        if (outcome.status != kHeld) sum.violations.push_back("a replay fails");
+        if (outcome.output == wanted) return;
+        sum.violations.push_back("\"" + different_line(outcome.output, wanted) +
+                                 "\" instead of \"" + different_line(wanted, outcome.output) +
+                                 "\"");
     };
-    const int signal = run_each(
-            next, 2, done, [&] { progress.show(static_cast<size_t>(same), different.size()); });
-    fmt::print("{} of {} stories of {} bytes are the same\n", same, replays, wanted.size());
-    for (const std::string& text : different)
-        fmt::print("  FAIL: {}\n", text);
-    return signal != 0 ? kSignal + signal : different.empty() ? kHeld : kNotHeld;
+    const int signal = run_each(next, 2, done, [&] {
+        progress.show(static_cast<size_t>(told), sum.violations.size());
+    });
+    for (const pid_t pid : busy) {
+        if (pid < 0) continue;
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    sum.status = sum.violations.empty() ? kHeld : kNotHeld;
+    return signal;
 }
 
 }  // namespace
@@ -401,27 +393,33 @@ int run_soak(const SoakOptions& options, const Reporting& reporting) {
     if (page == MAP_FAILED) fail_errno("no memory for the figures");
     auto& figures = *new (page) Figures;
     run.conductor = std::make_shared<Soak>(options, figures);
-    Job job{"soak", soak_scenario(options.shape), run, run.story};
-    if (options.replays > 0) return verify_replay(job, options.replays);
+    const Job job{"soak", soak_scenario(options.shape), run, run.story};
 
     if (!reporting.json)
         fmt::print("{} passes of seed {}, {}\n", options.passes, options.seed, options.shape);
     Outcome outcome;
-    Progress progress("passes", static_cast<size_t>(options.passes));
-    const int signal =
-            run_one(job, outcome, [&] { progress.show(static_cast<size_t>(figures.passes), 0); });
-    const nlohmann::json table = {{"seed", options.seed},
-                                  {"shape", options.shape},
-                                  {"passes", figures.passes.load()},
-                                  {"dumps", figures.dumps.load()},
-                                  {"saved_whole", figures.whole.load()},
-                                  {"refused", figures.refused.load()},
-                                  {"disturbances", figures.disturbances.load()},
-                                  {"bytes", figures.bytes.load()},
-                                  {"lived_seconds", figures.lived / kSecond},
-                                  {"wall_seconds", outcome.spent.count()}};
-    for (const auto& [name, value] : table.items())
-        if (!reporting.json) fmt::print("{:<14} {}\n", name, value.dump());
+    nlohmann::json table = {{"seed", options.seed}, {"shape", options.shape}};
+    int signal = 0;
+    if (options.replays > 0) {
+        signal = replay(job, options.replays, outcome);
+        table["replays"] = options.replays;
+    } else {
+        Progress progress("passes", static_cast<size_t>(options.passes));
+        signal = run_one(job, outcome,
+                         [&] { progress.show(static_cast<size_t>(figures.passes), 0); });
+        table.update({{"passes", figures.passes.load()},
+                      {"dumps", figures.dumps.load()},
+                      {"saved_whole", figures.whole.load()},
+                      {"refused", figures.refused.load()},
+                      {"disturbances", figures.disturbances.load()},
+                      {"bytes", figures.bytes.load()},
+                      {"lived_seconds", figures.lived / kSecond},
+                      {"wall_seconds", std::lround(outcome.spent.count())}});
+    }
+    if (!reporting.json) {
+        for (const auto& [name, value] : table.items())
+            fmt::print("{:<14} {}\n", name, value.dump());
+    }
     Report report("soak", reporting);
     outcome.name = fmt::format("seed {}", options.seed);
     report.add(outcome);

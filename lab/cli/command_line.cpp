@@ -132,7 +132,8 @@ void add_faults(CLI::App& app, CommandLine& line) {
 }
 
 void add_soak(CLI::App& app, CommandLine& line) {
-    app.add_option("--passes", line.passes, "how many (10000)")->check(whole(1, 100'000'000));
+    app.add_option("--passes", line.passes, "how many (10000; of a story that is told again, 10)")
+            ->check(whole(1, 100'000'000));
     app.add_option(
                "--shape", line.shape,
                "what the passes are made of: mixed, of everything; storm, of crashes on a disk "

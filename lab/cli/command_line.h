@@ -17,7 +17,7 @@ struct CommandLine {
                 kind = "fail", shape = "mixed";
     std::vector<std::string> files;
     std::optional<int64_t> seed;
-    int jobs = 1, spread = 0, passes = 10000, replays = 0;
+    int jobs = 1, spread = 0, passes = 0, replays = 0;
     bool quiet = false, story = false, list = false, json = false, brief = false;
 };
 

@@ -176,6 +176,7 @@ int execute(CommandLine& line) {
         }
         case Command::soak:
             line.run.story = line.story;
+            if (line.passes == 0) line.passes = line.replays > 0 ? 10 : 10'000;
             return run_soak({line.seed.value_or(time(nullptr)), line.passes, line.shape,
                              line.replays, open_results(line, false)},
                             reporting);
