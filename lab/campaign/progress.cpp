@@ -3,6 +3,8 @@
 #include <fmt/core.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "lab/run/story_printer.h"
 
 namespace rvd::lab {
@@ -30,15 +32,12 @@ void Progress::show(size_t done, size_t failed) {
     if (now - last_ < (terminal_ ? Clock::duration(kOnTerminal) : kElsewhere)) return;
     last_ = now;
     shown_ = true;
-    const double spent = std::chrono::duration<double>(now - start_).count();
-    std::string left = "time left unknown";
-    if (done > 0) {
-        const auto seconds = static_cast<int64_t>(spent / static_cast<double>(done) *
-                                                  static_cast<double>(total_ - done));
-        left = fmt::format("{}:{:02}:{:02} left", seconds / 3600, seconds / 60 % 60, seconds % 60);
-    }
-    fmt::print(stderr, "{}{} of {} {}, {} failed, {}{}", terminal_ ? "\r" : "", done, total_, what_,
-               failed, left, terminal_ ? "\033[K" : "\n");
+    const std::chrono::duration<double> each =
+            (now - start_) / std::max<double>(1, static_cast<double>(done));
+    const auto left = static_cast<int64_t>(each.count() * static_cast<double>(total_ - done));
+    fmt::print(stderr, "{}{} of {} {}, {} failed, {}:{:02}:{:02} left{}", terminal_ ? "\r" : "",
+               done, total_, what_, failed, left / 3600, left / 60 % 60, left % 60,
+               terminal_ ? "\033[K" : "\n");
 }
 
 }  // namespace rvd::lab

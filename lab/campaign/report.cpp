@@ -1,6 +1,6 @@
 #include "lab/campaign/report.h"
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
 
@@ -17,28 +17,11 @@ const char* word_for(int status) {
 std::string escaped(const std::string& text) {
     std::string out;
     for (const char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += (c >= ' ' && c < 0x7F) || c == '\n' ? c : '?';
-        }
+        const bool shown = c == '\n' || (c >= ' ' && c < 0x7F);
+        const bool marked = c == '&' || c == '<' || c == '"';
+        out += marked ? fmt::format("&#{};", static_cast<int>(c)) : std::string(1, shown ? c : '?');
     }
     return out;
-}
-
-std::string joined(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const std::string& line : lines)
-        text += line + "\n";
-    return text;
 }
 
 void print_violations(const Outcome& outcome) {
@@ -79,7 +62,8 @@ std::string Report::junit() const {
         if (outcome.status != kHeld) {
             xml += fmt::format("<{0}>{1}</{0}><system-out>{2}</system-out>",
                                outcome.status == kNotHeld ? "failure" : "error",
-                               escaped(joined(outcome.violations)), escaped(outcome.output));
+                               escaped(fmt::format("{}\n", fmt::join(outcome.violations, "\n"))),
+                               escaped(outcome.output));
         }
         xml += "</testcase>\n";
     }

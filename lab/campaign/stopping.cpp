@@ -144,6 +144,9 @@ void Stopping::judge(Conduct& conduct) {
         story.violation(text);
     if (conduct.end == clean_.end && conduct.modem != clean_.modem)
         story.violation(fmt::format("the modem is left in state {}", conduct.modem));
+    for (const auto& [path, content] : conduct.files) {
+        if (matches("*.new", path)) story.violation("an unfinished " + path + " is left");
+    }
     check_counter();
     check_wake_lock();
     check_records(conduct);
