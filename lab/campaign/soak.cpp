@@ -38,7 +38,7 @@ constexpr int kSaving = 3;  // threads that may save logs beside the daemon's ow
 
 // The storm's disk, in MB, and below what the daemon takes no dump.
 constexpr int kDisk = 1024, kLeastFree = 500;
-constexpr int kPassesPerSecond = 2;  // at the least, of real time
+constexpr int kSlowestPass = 2;  // seconds of real time
 
 // One of a kind may fail in a pass, by its place here.
 const char* const kFaulty[] = {"open", "read", "write", "fsync", "statfs", "mmap", "ioctl", "poll"};
@@ -158,6 +158,7 @@ class Soak : public Conductor {
             figures_.whole++;
         }
         fs::remove_all(play.phone.path(kLogs));
+        fs::resize_file(play.phone.path(kAndroidLog), 0);  // it would fill the memory in the end
     }
 
     // Without the space for a dump the device goes to its upload mode, and nothing of it is saved.
@@ -387,7 +388,7 @@ int replay(Job job, int replays, Outcome& sum) {
 
 int run_soak(const SoakOptions& options, const Reporting& reporting) {
     RunOptions run = options.run;
-    run.timeout = std::max(run.timeout, options.passes / kPassesPerSecond);
+    run.timeout = std::max(run.timeout, options.passes * kSlowestPass);
     void* const page = mmap(nullptr, sizeof(Figures), PROT_READ | PROT_WRITE,
                             MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) fail_errno("no memory for the figures");
