@@ -9,6 +9,7 @@
 #include "bootdump/BootDump.h"
 #include "check/report.h"
 #include "main/Container.h"
+#include "protocol/ProtocolVelo.h"
 
 namespace rvd::check {
 
@@ -74,7 +75,8 @@ std::string cut_off(const Span& span, uint64_t size) {
 void examine_rows(Plan& plan, uint64_t size, bool has_memory) {
     std::vector<Span> memory;
     for (const Row& row : plan.rows) {
-        const std::string name = text("stage %u %s", row.stage, row.name.c_str());
+        const std::string name =
+                text("stage %u%s%s", row.stage, row.name.empty() ? "" : " ", row.name.c_str());
         const bool sends = row.stage_start == 0 || row.send_bin != 0;
         if (sends && row.fd < 0) plan.refusals.push_back(name + " has no image");
         const Span span = {row.b_off, uint64_t{row.b_off} + row.size, name};
@@ -109,6 +111,8 @@ Plan make_plan(int image, cp_boot_mode mode, Capture& lines) {
     BootDump& modem = *Container::getBootDump();
     const RvdArgs before = args;
     const bool external = args.modem_type == MODEM_TYPE_VK880;
+    static ProtocolVelo protocol;  // is asked for the protected NV file
+    if (Container::getProtocol() == nullptr) Container::setProtocol(&protocol);
     put_image(image, args);
     lines.take();
     Plan plan;

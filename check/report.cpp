@@ -7,14 +7,6 @@ namespace rvd::check {
 
 namespace {
 
-// Foreign bytes, as of a table's names, reach neither a terminal nor a JSON reader.
-std::string printable(std::string text) {
-    for (char& c : text) {
-        if (c < ' ' || c > '~') c = '?';
-    }
-    return text;
-}
-
 std::string quoted(const std::string& text) {
     std::string out = "\"";
     for (const char c : text) {
@@ -54,6 +46,13 @@ std::string text(const char* format, ...) {
     vsnprintf(room, sizeof(room), format, values);
     va_end(values);
     return room;
+}
+
+std::string printable(std::string text) {
+    for (char& c : text) {
+        if (c < ' ' || c > '~') c = '?';
+    }
+    return text;
 }
 
 std::string joined(const std::vector<std::string>& texts) {

@@ -30,6 +30,9 @@ class Report {
 // Formats a text, cut at 512 bytes.
 std::string text(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// Foreign bytes, as of a table's names, reach neither a terminal nor a JSON reader.
+std::string printable(std::string text);
+
 std::string joined(const std::vector<std::string>& texts);
 
 }  // namespace rvd::check

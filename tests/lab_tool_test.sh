@@ -25,6 +25,9 @@ table = b"".join(struct.pack("<12s5I", *row) for row in (
 open("cut", "wb").write(table.ljust(200512, b"\0"))
 open("nothing", "wb").write(b"BOOT".ljust(4096, b"\0"))
 open("image", "wb").write(table)
+table = struct.pack("<12s5I", b"TOC", 0, 0x1000, 512, 0, 3)
+table += struct.pack("<12s5I12s5I", b"BO\x1b\xff", 512, 0x2000, 1000, 0, 0, b"NV_PROT", 0, 0x3000, 64, 0, 0)
+open("protected", "wb").write(table.ljust(4096, b"\0"))
 PYTHON
 truncate -s 200M image
 export TMPDIR=$work/tmp
@@ -70,6 +73,8 @@ done <<'TABLE'
 1|out:tq720 does not boot|toc cut
 1|out:^  stage 2 MAIN is cut off: it ends at byte 3131072 of 200512$|toc cut
 1|out:ERR! invalid TOC: No TOC|toc nothing
+1|out:^  stage 2 NV_PROT has no image$|toc protected
+1|out:"name": "BO[?][?]"|toc --json protected
 2|is required|toc
 0|out:PASS|demo --brief --log booted --firmware image
 2|no table|demo --firmware /dev/null

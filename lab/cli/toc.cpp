@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "check/plan.h"
+#include "check/report.h"
 #include "lab/base.h"
 #include "lab/campaign/campaign.h"
 #include "main/Container.h"
@@ -17,6 +18,13 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+Json texts(const std::vector<std::string>& list) {
+    Json texts = Json::array();
+    for (const std::string& text : list)
+        texts.push_back(check::printable(text));
+    return texts;
+}
+
 Json plan_for(const char* modem, int image, check::Capture& lines) {
     char program[] = "rvd", option[] = "-t", type[] = "tq720";
     snprintf(type, sizeof(type), "%s", modem);
@@ -26,7 +34,7 @@ Json plan_for(const char* modem, int image, check::Capture& lines) {
     Json stages = Json::array();
     for (const check::Row& row : plan.rows)
         stages.push_back({{"stage", row.stage},
-                          {"name", row.name},
+                          {"name", check::printable(row.name)},
                           {"from", row.fd < 0         ? ""
                                    : row.in_partition ? "image"
                                                       : "NV"},
@@ -35,8 +43,8 @@ Json plan_for(const char* modem, int image, check::Capture& lines) {
                           {"size", row.size}});
     return {{"modem", modem},
             {"stages", stages},
-            {"overlaps", plan.overlaps},
-            {"refusals", plan.refusals}};
+            {"overlaps", texts(plan.overlaps)},
+            {"refusals", texts(plan.refusals)}};
 }
 
 Json describe(int image, check::Capture& lines) {
@@ -46,15 +54,15 @@ Json describe(int image, check::Capture& lines) {
                   {"toc_count", table.empty() ? 0 : table[0].toc_count}};
     for (const check::Entry& entry : table)
         about["entries"].push_back({{"index", entry.index},
-                                    {"name", TocName(entry).text},
+                                    {"name", check::printable(TocName(entry).text)},
                                     {"from", entry.in_partition ? "image" : "NV"},
                                     {"b_off", entry.b_off},
                                     {"m_off", entry.m_off},
                                     {"size", entry.size},
                                     {"crc", entry.crc}});
-    about["gaps"] = layout.gaps;
-    about["overlaps"] = layout.overlaps;
-    about["beyond"] = layout.beyond;
+    about["gaps"] = texts(layout.gaps);
+    about["overlaps"] = texts(layout.overlaps);
+    about["beyond"] = texts(layout.beyond);
     for (const char* modem : {"tq720", "vk880"})
         about["plans"].push_back(plan_for(modem, image, lines));
     return about;
