@@ -47,7 +47,7 @@ class DeviceNode {
     // Readable while there are messages.
     int fd() const { return fuse_session_fd(session_); }
 
-    // Serves one message; but only answer() passes on the result of a request.
+    // Serves one message. The result of a request is sent by answer().
     void serve() {
         fuse_buf message{};
         if (fuse_session_receive_buf(session_, &message) > 0)

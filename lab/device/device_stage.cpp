@@ -34,9 +34,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kRights[] =
         "cap_net_admin,cap_net_raw,cap_sys_admin,cap_sys_boot,cap_syslog,cap_block_suspend=ep";
-constexpr milliseconds kStill{400};            // silent for so long, a waiting daemon has finished
+constexpr milliseconds kStill{400};  // a waiting daemon that is idle for so long has finished
 constexpr milliseconds kHangUpPatience{5000};  // a hang-up is handled within it
-constexpr time_t kParkedSeconds = 200;         // no pass sleeps so long
+constexpr time_t kParkedSeconds = 200;         // longer than any sleep within a pass
 
 void refuse_what_a_kernel_does_not(const Scenario& scenario) {
     const char* what = !scenario.faults.empty()    ? "fault"
@@ -48,8 +48,7 @@ void refuse_what_a_kernel_does_not(const Scenario& scenario) {
         throw Unable(scenario.name + ": \"" + what + "\" is the gate's to do, not a real kernel's");
 }
 
-// As init starts it: in the groups of its .rc file, and able to get no rights but those that it
-// names.
+// Starts the daemon as init does: with the groups and the capabilities of its .rc file.
 void become_service() {
     const gid_t groups[] = {kRadio, kLogGroup};
     const cap_t rights = cap_from_text(kRights);
@@ -76,7 +75,7 @@ class DeviceStage : public RunStage {
             chmod(phone_.path(file).c_str(), 0664);  // for the group that the daemon starts in
         if (!setup_.prepare.empty() && system((setup_.prepare + " " + phone_.root()).c_str()) != 0)
             throw Unable("failed: " + setup_.prepare);
-        sync();  // what the phone begins with is on its disk, whatever happens
+        sync();  // so that a panic cannot lose the phone's first files
         android_start_ = read_file(phone_.path(kAndroidLog)).size();
     }
 
@@ -115,7 +114,7 @@ class DeviceStage : public RunStage {
         return end_;
     }
 
-    // While log-saving threads are at work, their descriptors come and go.
+    // Empty while threads save logs: their descriptors open and close at any time.
     std::map<int, std::string> descriptors() const override {
         std::map<int, std::string> open;
         std::error_code none;
@@ -198,8 +197,8 @@ class DeviceStage : public RunStage {
         if (!waited && node.awaits_hang_up() && on_wait) on_wait();
     }
 
-    // The kernel's own record of its crash says nothing of the reason, so one before it does. The
-    // caller stays in its request.
+    // The kernel's crash record does not name the reason, so it is logged first. The request is
+    // never answered.
     void go_down() {
         panics_ = false;
         story_.tell("kernel", "", "panics: the device goes to upload mode");
@@ -220,8 +219,7 @@ class DeviceStage : public RunStage {
         }
     }
 
-    // With nothing to come and all of the daemon's threads but the waiting one gone, this is the
-    // end.
+    // The run ends when no event is pending and only the daemon's main thread is left, waiting.
     void notice_end() {
         if (now() > setup_.start + scenario_.limit) end_ = "limit";
         if (Clock::now() - begin_ > setup_.patience) end_ = "timeout";
@@ -244,8 +242,7 @@ class DeviceStage : public RunStage {
         return fs::hard_link_count(proc("task"), none) == 3;
     }
 
-    // Whether the daemon is in a sleep that no pass has; the kernel shows the call with its
-    // arguments.
+    // Whether the daemon sleeps longer than in any pass, by the arguments that /proc shows.
     bool parked() const {
         long number = -1;
         unsigned long clock = 0, flags = 0, span = 0;

@@ -19,7 +19,7 @@ namespace rvd::lab {
 namespace {
 
 constexpr int64_t kPlentyMb = 20'000;
-constexpr long kBlock = 1024;  // so that whole megabytes stay whole in any arithmetic
+constexpr long kBlock = 1024;  // divides a megabyte
 
 constexpr int kRingReadAll = 3;
 constexpr int kRingSize = 10;
@@ -67,8 +67,8 @@ void Calls::answer_with(const Call& call, int argument, const void* record, size
     daemon_.answer(call, written ? result : -EFAULT);
 }
 
-// Before the daemon's own code runs, which opens the kernel log before anything else, calls are
-// counted and left alone: a C library that can't start says nothing about the daemon.
+// The daemon's own code begins when it opens the kernel log. Calls before that belong to the C
+// library's start-up: they are counted but never failed.
 const Fault* Calls::due_fault(const Call& call) {
     const std::string family = call.shape->family;
     in_main_ = in_main_ || path_of(call) == "/dev/kmsg";
@@ -104,19 +104,19 @@ bool Calls::apply_fault(const Call& call) {
     if (fault->cut) {
         transfer_part(call, static_cast<size_t>(*fault->cut));
     } else if (call.name() == "brk") {
-        daemon_.answer(call, 0);  // it has no other way to say so
+        daemon_.answer(call, 0);  // brk() reports no errno
     } else {
         daemon_.answer(call, -errno_number(fault->error));
     }
     return true;
 }
 
-// Reads or writes less than was asked for, in the daemon's stead: the file position is shared.
+// Does a short read or write on the daemon's open file, whose position both processes share.
 void Calls::transfer_part(const Call& call, size_t size) {
     const Memory memory = call.memory();
     std::vector<char> bytes(std::min<size_t>(size, call.argument(2)));
     const bool reads = call.name() == "read";
-    // Of a packet that was cut on its way into the link nothing reaches the other side.
+    // A packet cut on its way into the link is lost.
     if (!reads && links_.at(static_cast<int>(call.argument(0))) != nullptr)
         return daemon_.answer(call, static_cast<int64_t>(bytes.size()));
     const int fd = daemon_.duplicate(static_cast<int>(call.argument(0)));
@@ -155,7 +155,7 @@ std::string Calls::path_of_fd(int fd) const {
     return under(path, phone_.root()) ? path.substr(phone_.root().size()) : path;
 }
 
-// The daemon's own places. Anything else it changes is a fault of its own.
+// The daemon may change files only in these places.
 void Calls::check_path(const Call& call, const std::string& path) {
     static const char* const places[] = {
             "/data/vendor/log/rvd", "/mnt/vendor/", kWakeLockPath, kWakeUnlockPath, kSimCountPath,
@@ -256,7 +256,7 @@ void Calls::serve_clone(const Call& call) {
     daemon_.proceed(call);
 }
 
-// The virtual disk: the write that crosses its end is short, and those after it find no room.
+// The write that fills the virtual disk is short; later ones fail with ENOSPC.
 void Calls::serve_write(const Call& call) {
     if (!scenario_.full_after || !under(path_of(call), "/data/")) return daemon_.proceed(call);
     const auto capacity = static_cast<uint64_t>(*scenario_.full_after);

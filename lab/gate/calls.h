@@ -45,7 +45,7 @@ class Calls {
 
     std::string path_of_fd(int fd) const;
 
-    // By the table, how a call is served that no fault meets.
+    // The handlers that the table names; for calls that do not fail.
     void serve_open(const Call& call);
     void serve_ioctl(const Call& call);
     void serve_syslog(const Call& call);
@@ -59,7 +59,7 @@ class Calls {
     void serve_clone(const Call& call);
     void start_thread(const Call& call) { daemon_.proceed(call); }
     void end_thread(const Call& call);
-    void look(const Call& call);  // nothing but faults and the check of paths
+    void look(const Call& call);  // checks the path, where it is always watched
     void pass(const Call& call) { daemon_.proceed(call); }
 
   private:

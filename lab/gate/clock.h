@@ -19,7 +19,7 @@ class Clock {
         State state = State::stopped;
         Time deadline = kNever;
         bool idle = true;     // has done nothing since it last slept
-        bool hollow = false;  // only ever sleeps, as a sanitizer's helper: nothing comes of it
+        bool hollow = false;  // only sleeps, as a sanitizer's helper thread does
     };
 
     explicit Clock(Time start) : start_(start), now_(start), last_activity_(start) {}
@@ -29,7 +29,7 @@ class Clock {
     Time last_activity() const { return last_activity_; }
     void set(Time now) { now_ = now; }
 
-    // The daemon was started, or a thread made: it is on its way to its first call.
+    // The daemon, or one more thread, was started and has not made its first call.
     void restart() {
         threads_.clear();
         births_ = 1;
@@ -42,8 +42,7 @@ class Clock {
             threads_.erase(threads_.begin() + (thread - &threads_[0]));
     }
 
-    // A thread has stopped at a call, waits in it, goes on; or it waits for a thread that is not to
-    // run yet, so that one may.
+    // A thread stops at a call, waits in it, or resumes. A blocked one waits for another thread.
     void arrive(const Call& call) {
         Thread* thread = find(call.tid());
         if (thread == nullptr) {
@@ -70,7 +69,7 @@ class Clock {
         if (Thread* thread = find(tid)) thread->state = Thread::State::blocked;
     }
 
-    // As hold(); true where all but hollow threads sleep then.
+    // Holds a sleeping thread. True if all other threads are hollow and asleep.
     bool sleep(const Call& call, Time deadline, bool is_helper) {
         hold(call, deadline);
         Thread* sleeper = find(call.tid());
@@ -81,7 +80,7 @@ class Clock {
         });
     }
 
-    // Something other than waiting was done by a thread, or by the one that ran last.
+    // A thread, or the one that ran last, did something other than wait.
     void note_activity(pid_t tid) {
         last_activity_ = now_;
         if (Thread* thread = find(tid)) thread->idle = false;
@@ -89,7 +88,7 @@ class Clock {
 
     void note_activity() { note_activity(last_run_); }
 
-    // No thread runs, and none is on its way.
+    // No thread is running or starting.
     bool at_rest() const {
         const bool able = std::any_of(threads_.begin(), threads_.end(), [](const Thread& thread) {
             return thread.state == Thread::State::stopped || thread.state == Thread::State::waits;
@@ -97,7 +96,7 @@ class Clock {
         return births_ == 0 && running() == 0 && able;
     }
 
-    // Or 0.
+    // 0 if none is.
     pid_t running() const {
         for (const Thread& thread : threads_) {
             if (thread.state == Thread::State::runs) return thread.call.tid();
@@ -108,7 +107,7 @@ class Clock {
     bool knows(pid_t tid) { return find(tid) != nullptr; }
     const std::vector<Thread>& threads() const { return threads_; }  // in the order of their birth
 
-    // Whose call comes next: of the thread that ran last, or else the oldest that has stopped.
+    // The stopped thread to serve next: the one that ran last, or else the oldest.
     const Thread* next() const {
         const Thread* oldest = nullptr;
         for (const Thread& thread : threads_) {
@@ -119,7 +118,7 @@ class Clock {
         return oldest;
     }
 
-    // The thread whose wait is over first; of those that something can come of, when it is.
+    // The thread with the earliest deadline; the earliest deadline of all that are not hollow.
     const Thread* first_waiting() const {
         const Thread* first = nullptr;
         for (const Thread& thread : threads_) {

@@ -25,16 +25,15 @@ namespace rvd::lab {
 
 namespace {
 
-// What the child exits with where it does not become the daemon: these, or the errno of its exec.
+// Exit statuses of a child that does not become the daemon; others are the errno of its exec.
 constexpr int kNoFilter = 200;
 constexpr int kNoTrace = 201;
 
-// Where the filter's notifications are in the child: the first descriptor behind the standard ones.
+// The child's descriptor of the filter's notifications: the first after the standard ones.
 constexpr int kListener = 3;
 
-// The last thing before the daemon: from here on its calls are the lab's, which takes the
-// notifications while the child has stopped. Nothing may allocate behind the filter: nobody would
-// answer the call that asks for memory.
+// Installs the filter as the last step before exec. The lab fetches the listener while the child is
+// stopped. Nothing may allocate after the filter is installed: no one answers its calls yet.
 void hand_over_calls(const Filter& filter) {
     signal(SIGPIPE, SIG_IGN);  // a device node never raises it
     const pid_t self = getpid();
@@ -48,7 +47,7 @@ void hand_over_calls(const Filter& filter) {
     kill(self, SIGSTOP);
 }
 
-// Waits for the child to stop, as it does before and behind its exec.
+// Waits for the child to stop; it does so before its exec and after it.
 void await_stop(pid_t child) {
     int status = 0;
     waitpid(child, &status, 0);
@@ -61,8 +60,8 @@ void await_stop(pid_t child) {
                  (code != 0 ? strerror(code) : "it was killed"));
 }
 
-// The C library asks the kernel's shared page for the time unless it isn't told of one. On the new
-// stack are the number of arguments, the arguments, the environment and the auxiliary vector.
+// The C library asks the kernel's shared page for the time unless it has no address for it. The new
+// stack holds the number of arguments, the arguments, the environment and the auxiliary vector.
 void hide_shared_clock(pid_t pid) {
     __ptrace_syscall_info info{};
     ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof(info), &info);

@@ -33,7 +33,7 @@ class Daemon {
 
     // With `virtual_time` no clock of the daemon's bypasses the filter. Throws Unable.
     void start(const Phone& phone, const Filter& filter, bool virtual_time);
-    void end();  // nothing of it is left
+    void end();  // kills the process and closes its descriptors
     bool ended(int& status);
 
     pid_t pid() const { return pid_; }

@@ -17,13 +17,13 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// With nothing but sleeps for so long, and nothing to come, the daemon has parked.
+// A daemon that only sleeps for so long, with no event pending, has parked.
 constexpr Time kQuiet = 200 * kSecond;
 
-// With the real clock a wait isn't seen; but no wait of the daemon's for the modem is longer.
+// Waits are not seen with the real clock; none of the daemon's waits for the modem is longer.
 constexpr Time kRealQuiet = 35 * kSecond;
 
-// What a thread that runs may send before its next call is taken in between: a node's buffer may be
+// After so long without a call, packets of the running thread are read: a node's buffer may be
 // full.
 constexpr int kRunnerPatienceMs = 2;
 
@@ -108,7 +108,7 @@ class Gate : public RunStage {
     void pump(Node node) override { links_.pump(node); }
 
   private:
-    // Nothing of the process outlives this: not its threads, nor what it had open.
+    // Ends the process with all of its threads, and closes its links.
     void close_daemon() {
         daemon_.end();
         links_.take(Links::Says::all);
@@ -116,8 +116,8 @@ class Gate : public RunStage {
         if (modem_ != nullptr) modem_->abandoned();
     }
 
-    // What the daemon said is read, and events happen, only while all of its threads are stopped:
-    // so the story depends on the scenario alone.
+    // Output is read and events happen only while all threads of the daemon are stopped, so that
+    // the story depends on the scenario alone.
     void serve_virtual_time() {
         if (!clock_.at_rest()) return await_call(kRunnerPatienceMs);
         links_.take(Links::Says::all);
@@ -125,7 +125,7 @@ class Gate : public RunStage {
         if (end_.empty() && clock_.at_rest()) step();
     }
 
-    // Lets one thread go on, or else the time.
+    // Resumes one thread or, where none can run, advances the clock.
     void step() {
         if (const Clock::Thread* thread = clock_.next()) {
             const Call call = thread->call;
@@ -161,7 +161,7 @@ class Gate : public RunStage {
         calls_.expire(call);
     }
 
-    // With the real clock the daemon runs on while it is listened to.
+    // With the real clock the daemon keeps running while its output is read.
     void serve_real_time() {
         run_due_events();
         if (!end_.empty()) return;
@@ -222,7 +222,7 @@ class Gate : public RunStage {
         stop("timeout");
     }
 
-    // A daemon that writes something down on its way out (coverage does) is given the time for it.
+    // A daemon built for coverage writes its counters at exit.
     void let_daemon_exit() {
         if (daemon_.pid() < 0 || getenv("GCOV_PREFIX") == nullptr) return;
         links_.take(Links::Says::all);
@@ -237,7 +237,7 @@ class Gate : public RunStage {
         }
     }
 
-    // Makes windows between reads wide, so that what depends on their order shows.
+    // Delays the next read, so that a result that depends on timing shows.
     void widen() const {
         if (setup_.jitter > 0) usleep(static_cast<useconds_t>(setup_.jitter));
     }

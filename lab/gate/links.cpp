@@ -20,7 +20,7 @@ constexpr int kBuffer = 4 << 20;
 constexpr size_t kLongestPacket = 8192;
 constexpr size_t kLongestRecord = 976;  // of the kernel log; longer ones are refused whole
 
-// The number of a socket, by a path that leads to it; 0 where there is none.
+// The inode of a socket by its path in /proc; 0 where there is none.
 ino_t inode_of(const std::string& path) {
     struct stat status {};
     return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
@@ -134,7 +134,7 @@ void Links::take_packets(Link& link, Says says) {
         const ssize_t n = recv(link.fd, packet, sizeof(packet), 0);
         if (n < 0 && says == Says::more) return;
         if (!link.held.empty()) {
-            // What was logged before this packet was sent may have come in since.
+            // Lines logged before this packet was sent may have arrived since.
             take_log();
             clock_.note_activity();
             modem_->received(*link.node, std::exchange(link.held, {}));

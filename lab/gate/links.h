@@ -25,7 +25,7 @@ class Links {
         ino_t inode = 0;  // of the daemon's end
         bool hung = false, pending = false, closed = false;
         Packet out = {};   // that did not fit, while `pending`
-        Packet held = {};  // the newest from the daemon, while it runs
+        Packet held = {};  // the newest from the daemon, held back
     };
 
     // `widen` is called between reads of the log and of a node.
@@ -45,8 +45,8 @@ class Links {
 
     int unread(const Link& link) const;
 
-    // Takes what the daemon has said: its log before its packets. While it runs, more may be logged
-    // before the newest packet is followed by another call, so that one is kept for later.
+    // Reads the daemon's log, then its packets. While a thread runs, a line may follow that was
+    // logged before the newest packet was sent, so that packet is held back.
     enum class Says { all, more };
     void take(Says says);
 
@@ -56,7 +56,7 @@ class Links {
     void pump(Node node);
     void pump_all();
 
-    // What to wait for where nothing stops the daemon at its calls.
+    // The descriptors to poll with the real clock.
     void add_to(std::vector<pollfd>& set) const;
 
   private:

@@ -79,7 +79,7 @@ bool has_fault(const Scenario& scenario, const CallShape& shape) {
                        [&](const Fault& fault) { return fault.call == shape.family; });
 }
 
-// Everything else that this machine's kernel has, but for the calls that bring the filter about.
+// Adds all other calls of this machine's kernel, except those that start the daemon.
 void add_others(std::vector<CallShape>& shapes) {
     constexpr int kBeyondCalls = 1024;
     static std::list<std::string> names;

@@ -1,4 +1,4 @@
-// The system calls that the lab can take over, and what is known of each.
+// The system calls that the lab can take over, and how it treats each.
 #pragma once
 
 #include <linux/filter.h>
@@ -24,7 +24,7 @@ struct CallShape {
     const char* family;  // the scenario's
     Watch watch;
     void (Calls::*serve)(const Call&);
-    int path = -1, fd = -1;  // the arguments that are one
+    int path = -1, fd = -1;  // numbers of the arguments that are a path and a descriptor
     int number = -1;
 };
 

@@ -12,7 +12,7 @@ namespace rvd::lab {
 
 namespace {
 
-// The monotonic clocks: the phone has been up for a while when a run begins.
+// What the monotonic clocks show at the start of a run.
 constexpr Time kUptime = 20 * kSecond;
 
 Time from_timespec(const timespec& time) {
@@ -21,7 +21,6 @@ Time from_timespec(const timespec& time) {
 
 }  // namespace
 
-// A helper is a thread beside the first.
 void Calls::serve_sleep(const Call& call) {
     if (call.name() == "pause") return clock_.hold(call, kNever);
     const bool chosen = call.name() == "clock_nanosleep";
@@ -44,8 +43,7 @@ std::vector<pollfd> Calls::polled(const Call& call) const {
     return fds;
 }
 
-// A node that hung up shows that, and input only while there is some: not the end of file that a
-// socket would show.
+// A node that hung up shows POLLHUP once all input is read, unlike a socket at its end of file.
 short Calls::ready(const pollfd& entry) const {
     if (entry.fd < 0) return 0;
     const Links::Link* link = links_.at(entry.fd);

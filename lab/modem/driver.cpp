@@ -52,7 +52,7 @@ class Driver : public Modem, private Scene {
     int64_t request(Node node, unsigned long number, uint64_t argument,
                     const Memory& memory) override;
 
-    // The daemon goes by what it was told: the boot has failed, or its end has been notified.
+    // The daemon saw the request fail, so it reports a failed boot, or has made its report.
     void lost(unsigned long number) override {
         if (number == IOCTL_COMPLETE_NORMAL_BOOTUP) notification_ = Due::fail;
         if (number == IOCTL_NOTIFY_BOOT_DONE || number == IOCTL_NOTIFY_BOOT_FAIL)
@@ -99,7 +99,7 @@ class Driver : public Modem, private Scene {
         loader_.reset();
     }
 
-    // A request in hand: its record, its words for the story, and whether it is to fail.
+    // A request being served: its record, its text for the story, and whether it is to fail.
     struct Call {
         unsigned long number;
         const Memory& memory;
@@ -124,7 +124,7 @@ class Driver : public Modem, private Scene {
         Nodes nodes;  // where it is issued
         bool strict;  // any result but 0 is a failure
         void (Driver::*serve)(Call&);
-        size_t in = 0, out = 0;  // bytes of the record, where the number does not tell
+        size_t in = 0, out = 0;  // bytes of the record, where the request's number has no size
     };
 
     static const Handler kHandlers[];

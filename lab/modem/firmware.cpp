@@ -15,7 +15,7 @@ namespace rvd::lab {
 
 namespace {
 
-constexpr uint32_t kLargestImage = 1u << 30;  // an entry beyond it is nonsense and has no bytes
+constexpr uint32_t kLargestImage = 1u << 30;  // larger entries are invalid and have no bytes
 constexpr uint32_t kFirstModemOffset = 0x1000, kPage = 0x1000;
 constexpr uint32_t kFirstCrc = 0xC0DE0000;
 constexpr uint64_t kNvSeed = 1000, kDumpSeed = 2000;
@@ -76,8 +76,7 @@ void Partition::read_table() {
     if (table_.empty()) throw Unable(image() + ": there is no table in it");
 }
 
-// An entry that says nothing of its place stands behind the one before it; NV has a file of its
-// own.
+// An entry without a place follows the one before it; NV has a file of its own.
 void Partition::make_up_table() {
     uint32_t b_off = kTocEntries * sizeof(toc_entry), m_off = kFirstModemOffset;
     for (const FirmwareEntry& given : scenario_.firmware.entries) {

@@ -1,5 +1,4 @@
-// What the modem's bytes are: the images of the firmware partition, and the content of the memory
-// regions and of the crash dump.
+// The content of the modem: images of the firmware partition, memory regions, the crash dump.
 #pragma once
 
 #include <string>

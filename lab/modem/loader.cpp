@@ -19,7 +19,7 @@ Packet packet_of(const Record& record) {
     return {bytes, bytes + sizeof(record)};
 }
 
-// What is missing of a short packet is 0.
+// A short packet is padded with zeros.
 template <class Record>
 Record record_of(const Packet& packet) {
     Record record{};
@@ -84,10 +84,10 @@ class ModelLoader : public Loader, private Scene {
   private:
     enum class Kind { word, optional_word, frames, crc, dump_start, dump_step };
 
-    // One thing that the loader waits for.
+    // A packet that the loader expects.
     struct Expected {
         Kind kind;
-        uint32_t number, command;  // stage and what of it
+        uint32_t number, command;  // stage and sub-command
         const toc_entry* entry = nullptr;
 
         uint32_t word() const { return udl_request(number, command); }

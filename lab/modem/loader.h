@@ -15,7 +15,7 @@ class Loader {
 
     virtual void receive(const Packet& packet) = 0;
     virtual bool next(Packet& packet) = 0;
-    virtual bool finished() const = 0;  // all has come that the boot or dump consists of
+    virtual bool finished() const = 0;  // the boot or dump is complete
 
     const Node node;
 };

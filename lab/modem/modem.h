@@ -67,7 +67,7 @@ class Stage {
     virtual void panic() = 0;             // of the kernel: the device is gone
 };
 
-// What a model has around it.
+// What a model works with.
 struct Scene {
     const Scenario& scenario;
     const Partition& partition;
@@ -93,7 +93,7 @@ class Modem {
     virtual void change_state(int state) = 0;
     virtual int state() const = 0;
 
-    virtual void abandoned() = 0;  // by a daemon that is gone: what it had begun stays undone
+    virtual void abandoned() = 0;  // its daemon ended: requests and images in progress are dropped
     virtual void reboot() = 0;     // of the device
 };
 

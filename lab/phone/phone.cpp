@@ -23,7 +23,7 @@ namespace {
 
 constexpr char kDaemon[] = "/vendor/bin/rvd";
 constexpr char kCmdline[] = "/run/rvd/cmdline";
-constexpr char kMarker[] = "/.rvd-lab";  // in a kept root: what is here may be replaced
+constexpr char kMarker[] = "/.rvd-lab";  // marks a kept root, which may be replaced
 
 std::string place_of(const std::string& property) {
     return std::string(kPropertyDir) + "/" + property;
@@ -39,8 +39,8 @@ void put_file(const Tree& tree, const std::string& inside, const std::string& co
     tree.own(inside, owner);
 }
 
-// The first process of a process-number namespace takes all others with it when it dies. It does so
-// when this one has: the other end of its pipe is closed then, however soon that is.
+// Starts the first process of the process-number namespace. The kernel kills all others when it
+// exits, and it exits when this process does: its pipe is closed then.
 void start_guardian() {
     int life[2];
     if (pipe2(life, O_CLOEXEC) != 0) fail_errno("cannot make a pipe");
@@ -54,7 +54,7 @@ void start_guardian() {
     _exit(0);
 }
 
-// The environment is the daemon's contract and nothing else; sanitizers and coverage take theirs.
+// The variables that the platform libraries read, and those of sanitizers and coverage.
 std::vector<std::string> environment() {
     std::vector<std::string> variables = {std::string("RVD_PROPERTY_DIR=") + kPropertyDir,
                                           std::string("RVD_ANDROID_LOG=") + kAndroidLog};
