@@ -118,7 +118,7 @@ void Peer::act() {
     const uint32_t word = std::exchange(heard_, 0);
     const uint32_t answer = word ^ UDL_REQ ^ UDL_RESP;
     if (word == udl_request(UDL_STAGE_DUMP, UDL_CMD_START)) {
-        const std::string reason(input_->take<uint8_t>() * 8, 'w');
+        const std::string reason(8u * input_->take<uint8_t>(), 'w');
         const uint32_t steps = input_->take<uint8_t>() % 4;
         frames_ = 1 + input_->take<uint8_t>() % 3;
         frame_size_ = input_->take<uint16_t>() % (UDL_MSS + 1);
@@ -166,10 +166,10 @@ int Peer::answer(unsigned request, void* record) {
     } else if (request == IOCTL_TRIGGER_KERNEL_PANIC) {
         require(memchr(record, '\0', kCrashReasonSize) != nullptr, "a crash reason is terminated");
     } else if (request == IOCTL_GET_LOG_DUMP) {
-        region_ = static_cast<cp_log_dump*>(record)->size = input_->take<uint8_t>() * 97;
+        region_ = static_cast<cp_log_dump*>(record)->size = 97u * input_->take<uint8_t>();
     } else if (request == IOCTL_GET_CP_CRASH_REASON) {
         static_cast<cp_crash_reason*>(record)->owner = input_->take<int8_t>();
-        memset(static_cast<cp_crash_reason*>(record)->text, 'o', input_->take<uint8_t>() * 2 + 2);
+        memset(static_cast<cp_crash_reason*>(record)->text, 'o', 2u + 2u * input_->take<uint8_t>());
     } else if (request == IOCTL_GET_LNKM_VERSION) {
         input_->take_bytes(sizeof(lnkm_version))
                 .copy(static_cast<char*>(record), sizeof(lnkm_version));
