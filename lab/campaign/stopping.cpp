@@ -89,6 +89,11 @@ void Stopping::stop() {
         play_->story.tell("phone", "", "loses its power");
         disk_->cut(*power_, lines_);
         disk_.reset();
+        // Now: the next crash may be saved under the same names.
+        for (const auto& [path, content] : before_) {
+            if (!begins_with(read_file(play_->phone.path(path)), content))
+                play_->story.violation(path + " was reported as saved");
+        }
         play_->phone.clear_properties();
         play_->modem.reboot();
         play_->stage.reboot();

@@ -1,5 +1,9 @@
 // A run in which the daemon is killed, or the phone loses its power, at one call: the daemon is
 // started again, the modem does once more what it did first, and the flow is played to its end.
+// Then the run has ended as the clean one, the modem is in the same state, complete files (after a
+// cut, those reported as saved) are as they were, one of each file from the modem is whole, and no
+// ".new" file is left; records reached the driver whole, boots were counted, and the wake lock is
+// released.
 #pragma once
 
 #include <memory>
