@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Holds README.md and docs/rvd.8 against report/troubles.toml.
+"""Holds README.md, docs/rvd.8 and docs/messages.md against report/troubles.toml.
 
     check_troubles.py ROOT            says what differs
     check_troubles.py ROOT --write    puts it there
@@ -35,6 +35,20 @@ def replaced(text, start, end, rows):
     return text[:begin] + "".join(rows) + text[finish:]
 
 
+def unknown_lines(troubles, messages):
+    """What is a trouble must be a message: "*" stands for anything there, and "ERR! " is left out."""
+    rows = "\n".join(re.findall(r"^\| (`.*`) \|", messages, re.M))
+    known = {line.replace("*", "...").removeprefix("...: ") for line in re.findall(r"`([^`]*)`", rows)}
+    starts = [line.split("...")[0] for line in known]
+    for trouble in troubles:
+        for line in trouble.get("lines", []):
+            bare = line.removeprefix("ERR! ")
+            exact = bare in known or any(
+                re.fullmatch(".*".join(map(re.escape, other.split("..."))), bare) for other in known)
+            if not exact and not any(start.startswith(bare.split("...")[0]) for start in starts):
+                yield line
+
+
 def main():
     root = pathlib.Path(sys.argv[1])
     troubles = tomllib.loads((root / "report/troubles.toml").read_text())["trouble"]
@@ -53,6 +67,9 @@ def main():
         else:
             failed = True
             print(f"{name} differs from report/troubles.toml: {sys.argv[0]} {root} --write")
+    for line in unknown_lines(troubles, (root / "docs/messages.md").read_text()):
+        failed = True
+        print(f"docs/messages.md does not have \"{line}\"")
     return 1 if failed else 0
 
 
