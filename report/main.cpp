@@ -11,6 +11,7 @@
 
 #include "lab/cli/complaint.h"
 #include "report/print/json.h"
+#include "report/print/people.h"
 #include "report/print/picture.h"
 #include "report/print/screen.h"
 #include "report/print/tables.h"
@@ -38,6 +39,7 @@ Style style() {
 }
 
 void print(const std::string& text) {
+    end_progress();
     if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0)
         throw Unreadable("cannot write the report");
 }

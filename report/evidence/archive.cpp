@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "report/evidence/evidence.h"
+#include "report/print/people.h"
 
 namespace rvd::report {
 
@@ -86,6 +87,7 @@ class Unpacking {
 
     void count(uint64_t bytes) {
         total_ += bytes;
+        show_progress(total_ >> 20, "MiB unpacked");
         if (total_ > kTotalLimit) throw Unreadable("the archive unpacks to more than 64 GiB");
     }
 

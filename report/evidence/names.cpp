@@ -5,7 +5,8 @@
 #include <time.h>
 
 #include <algorithm>
-#include <array>
+
+#include "report/parse/lines.h"
 
 namespace rvd::report {
 
@@ -107,10 +108,6 @@ bool find_kind(std::string_view name, const SavedKind (&kinds)[N], Name& out) {
         return true;
     }
     return false;
-}
-
-bool ends_with(std::string_view text, std::string_view end) {
-    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
 
 // "..._20201001-1231"

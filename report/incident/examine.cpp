@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "report/incident/incident.h"
+#include "report/print/people.h"
 
 namespace rvd::report {
 
@@ -68,8 +69,10 @@ bool Report::anything_lost() const {
 
 Report examine(Evidence& evidence, Depth depth) {
     Report report = group(evidence.take_files(), evidence.path());
-    for (Incident& incident : report.incidents)
-        judge(incident, evidence, depth);
+    for (size_t i = 0; i < report.incidents.size(); i++) {
+        judge(report.incidents[i], evidence, depth);
+        show_progress(i, "incidents read");
+    }
     if (depth == Depth::kList) return report;
 
     for (JudgedFile& file : report.others) {

@@ -1,12 +1,17 @@
 #include "report/print/people.h"
 
 #include <fmt/format.h>
+#include <stdio.h>
+#include <unistd.h>
 
 #include <array>
+#include <chrono>
 
 namespace rvd::report {
 
 namespace {
+
+bool progress_shown = false;
 
 // Length of the UTF-8 sequence at the start of `text` that may be shown as it is; 0: none.
 size_t shown_as_is(std::string_view text) {
@@ -30,6 +35,21 @@ size_t shown_as_is(std::string_view text) {
 }
 
 }  // namespace
+
+void show_progress(uint64_t count, const char* what) {
+    using Clock = std::chrono::steady_clock;
+    static const bool terminal = isatty(STDERR_FILENO) != 0;
+    static auto next = Clock::now() + std::chrono::seconds(2);
+    if (!terminal || Clock::now() < next) return;
+    next = Clock::now() + std::chrono::milliseconds(200);
+    progress_shown = true;
+    fmt::print(stderr, "\r{} {}\033[K", count, what);
+}
+
+void end_progress() {
+    if (progress_shown) fmt::print(stderr, "\r\033[K");
+    progress_shown = false;
+}
 
 std::string people_size(uint64_t bytes) {
     constexpr std::array kUnits = {"bytes", "KiB", "MiB", "GiB"};

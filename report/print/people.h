@@ -19,4 +19,9 @@ std::string people_span(KernelTime micros);
 // reorders or hides the text around it.
 std::string printable(std::string_view text);
 
+// Says on standard error how much has been read, after 2 s and where that is a terminal. The line
+// is taken back when all is read.
+void show_progress(uint64_t count, const char* what);
+void end_progress();
+
 }  // namespace rvd::report

@@ -31,6 +31,9 @@ void describe_course(const Events& events, Draft& draft);
 
 std::string quoted(std::string_view text);
 
+// Bytes of the longest file of this kind, as far as there is one.
+uint64_t saved_size(const Report& report, Kind kind, const std::string& detail = "");
+
 // Whether the line is this step's and begins so.
 bool says(const Event& event, std::string_view step, std::string_view start);
 

@@ -80,19 +80,12 @@ constexpr Silent kSilent[] = {
 
 constexpr int64_t kChunk = 62 << 10;  // of an image to the driver
 
-const char* errno_name(std::string_view text) {
-    for (int number = 1; number < 134; number++) {
-        if (strerrorname_np(number) != nullptr && text == strerror(number))
-            return strerrorname_np(number);
-    }
-    return nullptr;
-}
-
-int errno_value(std::string_view text) {
-    for (int number = 1; number < 134; number++) {
-        if (text == strerror(number)) return number;
-    }
-    return 5;
+// 0 where the text is none of an errno's.
+int errno_of(std::string_view text) {
+    int number = 133;
+    while (number > 0 && text != strerror(number))
+        number--;
+    return number;
 }
 
 class Failures {
@@ -162,9 +155,9 @@ class Failures {
             const int64_t result = said.value_or(-1);
             return answer(request, result > 0    ? result
                                    : result < -1 ? result & UINT32_MAX
-                                                 : -errno_value(error));
+                                                 : -std::max(1, errno_of(error)));
         }
-        const char* name = errno_name(error);
+        const char* name = errno_of(error) == 0 ? nullptr : strerrorname_np(errno_of(error));
         // Nothing waits, as a rule.
         const bool usual = event.step == "open_srinfo_last" && name == std::string_view("ENOENT");
         if (name == nullptr || usual || ends_with(message, "std_udl_poll fail")) return;
@@ -307,12 +300,7 @@ class Failures {
                 saved += static_cast<uint64_t>(
                         number_after(events_[at].message, "] saved = ").value_or(0));
         }
-        uint64_t size = 0;
-        for (const Incident& incident : report_.incidents) {
-            for (const JudgedFile& file : incident.files) {
-                if (file.file.name.kind == Kind::kDump) size = std::max(size, file.file.size);
-            }
-        }
+        const uint64_t size = saved_size(report_, Kind::kDump);
         return std::max<uint32_t>(2,
                                   static_cast<uint32_t>((size - std::min(size, saved)) / 2048) + 1);
     }

@@ -159,19 +159,8 @@ class Phone {
             regions_.emplace(region_, static_cast<uint32_t>(*size));
         const bool ended = event.step == "get_log_dump" &&
                            event.message.find("std_ul_rx_frame fail (ret -5)") != std::string::npos;
-        if (ended) short_[region_] = saved_of_region();
+        if (ended) short_[region_] = saved_size(report_, Kind::kRegion, region_);
         record(event);
-    }
-
-    // How much of the region came, where its file is there.
-    uint64_t saved_of_region() const {
-        for (const Incident& incident : report_.incidents) {
-            for (const JudgedFile& file : incident.files) {
-                if (file.file.name.kind == Kind::kRegion && file.file.name.detail == region_)
-                    return file.file.size;
-            }
-        }
-        return 0;
     }
 
     // A record is known by its log, or by its length alone.

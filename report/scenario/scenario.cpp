@@ -56,6 +56,17 @@ std::string quoted(std::string_view text) {
     return '"' + safe + '"';
 }
 
+uint64_t saved_size(const Report& report, Kind kind, const std::string& detail) {
+    uint64_t size = 0;
+    for (const Incident& incident : report.incidents) {
+        for (const JudgedFile& file : incident.files) {
+            if (file.file.name.kind == kind && file.file.name.detail == detail)
+                size = std::max(size, file.file.size);
+        }
+    }
+    return size;
+}
+
 bool says(const Event& event, std::string_view step, std::string_view start) {
     return event.step == step && starts_with(event.message, start);
 }
