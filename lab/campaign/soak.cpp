@@ -145,7 +145,8 @@ class Soak : public Conductor {
 
     // What was collected is right as far as it goes, and whole where nothing was in the way.
     void check_files(Play& play) {
-        check_collected(play.scenario, play.phone, play.story);
+        // A liar's words decide what of a frame is data.
+        if (shape_ != "liar") check_collected(play.scenario, play.phone, play.story);
         for (const auto& [path, content] : closed_files(play.phone, {}))
             figures_.bytes += path.compare(0, sizeof(kLogs) - 1, kLogs) == 0
                                       ? static_cast<int64_t>(content.size())

@@ -49,6 +49,7 @@ void Stopping::begin(Play& play) {
 }
 
 void Stopping::call(const std::string& name, const std::string& path, int fd) {
+    if (name == "unlink") saved_.erase(path);
     if (disk_)
         disk_->call(name, path, fmt::format("/proc/{}/fdinfo/{}", play_->stage.daemon(), fd));
 }

@@ -45,12 +45,13 @@ bool Images::begin(const cp_image& first) {
 void Images::end() {
     ended_ = true;
     const std::string name = image_name(*image_);
+    const uint32_t place = first_.m_offset;  // a packed member cannot be referred to
     story.tell("daemon", "driver",
                fmt::format("image {}, {} to 0x{:08x} of modem memory", name,
-                           human_size(bytes_.size()), first_.m_offset));
+                           human_size(bytes_.size()), place));
     if (!partition.holds(*image_, bytes_))
         story.violation(name + " in modem memory differs from its file");
-    loaded_[first_.m_offset] = first_.size;
+    loaded_[place] = first_.size;
 }
 
 void Images::check(const cp_security_req& req) {
