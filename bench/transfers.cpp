@@ -1,20 +1,25 @@
 // A crash dump into a file and an image to the boot loader, over a SEQPACKET pair whose other end
-// is a process of its own; and the integrated modem's images in chunks through the driver.
+// is a process of its own; the integrated modem's images in chunks through the driver; and an NV
+// file that is made.
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <string>
 
 #include "bench/duel.h"
 #include "bootdump/BootDumpModap.h"
 #include "main/Container.h"
 #include "protocol/Protocol.h"
 #include "protocol/link.h"
+#include "util/Heap.h"
+#include "util/Util.h"
 
 namespace rvd::bench {
 
@@ -194,10 +199,38 @@ void load(benchmark::State& state) {
             [&] { return modem.load_cp_image_by_stage(0, CP_BOOT_MODE_NORMAL) == 0; },
             [&] { return load_bare(image.get(), size); });
 }
+
+// One write of a file that is whole or not there, whenever the power goes.
+bool write_bare(const std::string& directory, const char* path, size_t size) {
+    const HeapPtr<char> bytes = heap_bytes(size);
+    const std::string made = std::string(path) + ".new";
+    const ScopedFd file(open(made.c_str(), O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC, 0660));
+    memset(bytes.get(), 0xFF, size);
+    const ScopedFd names(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return write(file.get(), bytes.get(), size) == static_cast<ssize_t>(size) &&
+           fsync(file.get()) == 0 && rename(made.c_str(), path) == 0 && fsync(names.get()) == 0;
+}
+
+// On the disk, whose waits are what is measured.
+void nv(benchmark::State& state) {
+    const size_t size = static_cast<size_t>(state.range(0)) * kMiB;
+    std::string directory = "/var/tmp/rvd-bench-XXXXXX";
+    if (mkdtemp(directory.data()) == nullptr) return state.SkipWithError("no directory");
+    const std::string path = directory + "/nv_data.bin";
+    set_up_daemon();
+    duel(
+            state, size, [&] { return unlink(path.c_str()) == 0 || errno == ENOENT; },
+            [&] { return Util::create_empty_nv(path.c_str(), size) == 0; },
+            [&] { return write_bare(directory, path.c_str(), size); });
+    unlink(path.c_str());
+    rmdir(directory.c_str());
+}
+
 // The size in MiB; as many turns as narrow the interval.
 BENCHMARK(upload)->Arg(16)->Arg(64)->Arg(256)->UseManualTime()->Iterations(61);
 BENCHMARK(load)->Arg(16)->Arg(64)->Arg(256)->UseManualTime()->Iterations(101);
 BENCHMARK(download)->Arg(16)->Arg(64)->Arg(256)->UseManualTime()->Iterations(61);
+BENCHMARK(nv)->Arg(1)->Arg(16)->UseManualTime()->Iterations(61);
 
 }  // namespace
 
