@@ -7,16 +7,15 @@
 #include <string.h>
 #include <time.h>
 
-#include <algorithm>
-#include <iterator>
-
 #include "bootdump/BootDump.h"
+#include "check/contract.h"
 #include "check/plan.h"
 #include "log/Log.h"
 #include "main/Container.h"
 #include "util/ScopedFd.h"
 
-// The daemon's requests come through here: the linker has them all call the first of these.
+// The linker replaces every call of ioctl() in this program by the first, and the C library's own
+// is the second.
 extern "C" int __wrap_ioctl(int fd, unsigned number, ...);
 extern "C" int __real_ioctl(int fd, unsigned number, ...);
 
@@ -26,72 +25,12 @@ namespace {
 
 constexpr int kEventPatience = 5000;  // ms
 
-struct Request {
-    const char* name;
-    unsigned number;
-    bool zero_alone;  // is success
-};
-constexpr Request kRequests[] = {
-        {"POWER_ON", IOCTL_POWER_ON, false},
-        {"POWER_OFF", IOCTL_POWER_OFF, true},
-        {"POWER_RESET", IOCTL_POWER_RESET, false},
-        {"START_CP_BOOTLOADER", IOCTL_START_CP_BOOTLOADER, false},
-        {"COMPLETE_NORMAL_BOOTUP", IOCTL_COMPLETE_NORMAL_BOOTUP, false},
-        {"GET_CP_STATUS", IOCTL_GET_CP_STATUS, false},
-        {"LOAD_CP_IMAGE", IOCTL_LOAD_CP_IMAGE, true},
-        {"GET_SRINFO", IOCTL_GET_SRINFO, false},
-        {"SET_SRINFO", IOCTL_SET_SRINFO, false},
-        {"NOTIFY_BOOT_FAIL", IOCTL_NOTIFY_BOOT_FAIL, false},
-        {"NOTIFY_BOOT_DONE", IOCTL_NOTIFY_BOOT_DONE, false},
-        {"GET_LOG_DUMP", IOCTL_GET_LOG_DUMP, false},
-        {"CHECK_SECURITY", IOCTL_CHECK_SECURITY, true},
-        {"GET_CP_CRASH_REASON", IOCTL_GET_CP_CRASH_REASON, false},
-        {"GET_LNKM_VERSION", IOCTL_GET_LNKM_VERSION, false},
-};
-
-Report* reported;  // while the test runs
-unsigned chunks;   // of images, since the last other request
+Report* reported;  // while the test runs, else null
+unsigned chunks;   // loaded since the last other request: they share a line
 
 bool shows(int fd, short event) {
     pollfd node = {fd, event, 0};
     return poll(&node, 1, 0) > 0 && (node.revents & (event | POLLHUP)) != 0;
-}
-
-// What is wrong with an answer, or "".
-std::string difference(const Request& request, int result, const void* argument) {
-    if (result < 0) return strerror(errno);
-    if (request.zero_alone && result != 0) return "0 alone is success";
-    switch (request.number) {
-        case IOCTL_GET_SRINFO: {
-            const uint32_t length = static_cast<const srinfo_buf*>(argument)->len;
-            return length > kSrinfoDataSize
-                           ? text("%u bytes in a record that holds %u", length, kSrinfoDataSize)
-                           : "";
-        }
-        case IOCTL_GET_CP_CRASH_REASON: {
-            const auto* reason = static_cast<const cp_crash_reason*>(argument);
-            return memchr(reason->text, '\0', sizeof(reason->text)) == nullptr
-                           ? "the text is not terminated"
-                           : "";
-        }
-        case IOCTL_GET_LNKM_VERSION:
-            return *static_cast<const char*>(argument) == '\0' ? "the version is empty" : "";
-        default:
-            return "";
-    }
-}
-
-// What the request was about.
-std::string detail(const Request& request, const void* argument) {
-    if (request.number == IOCTL_GET_LOG_DUMP) {
-        const auto* region = static_cast<const cp_log_dump*>(argument);
-        return text(" %.31s, %u bytes", region->name, region->size);
-    }
-    if (request.number == IOCTL_POWER_RESET || request.number == IOCTL_START_CP_BOOTLOADER)
-        return *static_cast<const uint32_t*>(argument) == CP_BOOT_MODE_DUMP ? " dump" : " normal";
-    if (request.number == IOCTL_CHECK_SECURITY)
-        return text(" mode %u", static_cast<const cp_security_req*>(argument)->mode);
-    return "";
 }
 
 double seconds() {
@@ -105,7 +44,8 @@ void report_chunks() {
     chunks = 0;
 }
 
-// Before a request: what the one before has left.
+// The node between two requests: a region is read to its end, and a hang-up is for a new state
+// only.
 void look_at_node(int fd, const Request& request) {
     if (request.number == IOCTL_GET_CP_STATUS || request.number == IOCTL_POWER_OFF) return;
     const bool region = request.number == IOCTL_GET_LOG_DUMP;
@@ -162,13 +102,11 @@ void check_event() {
 }  // namespace
 
 const char kDriverTest[] =
-        "This boots the modem, waits 5 s for an event, dumps the modem and powers it off, with "
-        "the\n"
-        "daemon's own requests in the daemon's own order. It writes what a boot and a dump write: "
-        "NV\n"
-        "file where there is none, silent-reset records, crash files under /data/vendor/log/rvd. "
-        "It\n"
-        "asks for no kernel panic. The daemon must not run meanwhile, and calls are cut off.\n";
+        "This boots the modem, waits 5 s for an event, dumps the modem and powers it off, with\n"
+        "the daemon's own requests in the daemon's own order. It writes what a boot and a dump\n"
+        "write: NV file where there is none, silent-reset records, crash files under\n"
+        "/data/vendor/log/rvd. It asks for no kernel panic. The daemon must not run meanwhile,\n"
+        "and calls are cut off.\n";
 
 void check_driver_contract(Report& report, Capture& lines) {
     BootDump& modem = *Container::getBootDump();
@@ -194,9 +132,7 @@ int __wrap_ioctl(int fd, unsigned number, ...) {
     va_end(values);
     if (reported == nullptr || (number >> 8 & 0xFF) != rvd::kLnkmType)
         return __real_ioctl(fd, number, argument);
-    const auto* known = std::find_if(std::begin(kRequests), std::end(kRequests),
-                                     [&](const Request& r) { return r.number == number; });
-    if (known != std::end(kRequests)) return observe(fd, *known, argument);
+    if (const Request* known = find_request(number)) return observe(fd, *known, argument);
     reported->ok("TRIGGER_KERNEL_PANIC", "not asked for");
     return 0;
 }

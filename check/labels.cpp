@@ -10,10 +10,14 @@
 #include "check/phone.h"
 #include "log/Log.h"
 #include "main/Container.h"
+#include "util/ScopedFd.h"
 
 namespace rvd::check {
 
 namespace {
+
+// Made by a kernel that has SELinux, also where it is not mounted.
+constexpr char kSelinux[] = "/sys/fs/selinux";
 
 void check_label(Report& report, const char* path, const char* type) {
     char label[256] = "";
@@ -43,9 +47,20 @@ std::string daemon_process() {
 
 }  // namespace
 
+std::string first_line(const char* path) {
+    char line[256] = "";
+    const ScopedFd file(open(path, O_RDONLY | O_CLOEXEC));
+    if (!file.valid() || read(file.get(), line, sizeof(line) - 1) <= 0) return "";
+    return std::string(line, strcspn(line, "\n"));
+}
+
 void check_labels(Report& report) {
     const std::string mode = first_line("/sys/fs/selinux/enforce");
-    if (mode.empty()) return report.ok("SELinux", "this kernel has none, or it is not mounted");
+    if (mode.empty() && access(kSelinux, F_OK) == 0)
+        return report.no("SELinux",
+                         text("%s/enforce cannot be read; mount -t selinuxfs selinuxfs %s",
+                              kSelinux, kSelinux));
+    if (mode.empty()) return report.ok("SELinux", "this kernel has none");
     report.ok("SELinux", mode == "0" ? "permissive" : "enforcing");
     const RvdArgs* args = Container::getRvdArgs();
     check_label(report, "/vendor/bin/rvd", "rvd_exec");

@@ -4,11 +4,10 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/klog.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -75,16 +74,11 @@ void check_user(Report& report) {
     } kWanted[] = {{CAP_NET_ADMIN, "NET_ADMIN"}, {CAP_NET_RAW, "NET_RAW"},
                    {CAP_SYS_ADMIN, "SYS_ADMIN"}, {CAP_SYS_BOOT, "SYS_BOOT"},
                    {CAP_SYSLOG, "SYSLOG"},       {CAP_BLOCK_SUSPEND, "BLOCK_SUSPEND"}};
-    unsigned long long effective = 0;
-    if (FILE* status = fopen("/proc/self/status", "re")) {
-        constexpr char kLine[] = "CapEff:";
-        char line[256];
-        while (fgets(line, sizeof(line), status) != nullptr) {
-            if (strncmp(line, kLine, strlen(kLine)) == 0)
-                effective = strtoull(line + strlen(kLine), nullptr, 16);
-        }
-        fclose(status);
-    }
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+    syscall(SYS_capget, &header, sets);
+    const unsigned long long effective =
+            sets[0].effective | static_cast<unsigned long long>(sets[1].effective) << 32;
     std::string missing;
     for (const auto& wanted : kWanted) {
         if ((effective >> wanted.number & 1) == 0) missing += std::string(" ") + wanted.name;
@@ -229,13 +223,6 @@ void check_properties(Report& report) {
 }
 
 }  // namespace
-
-std::string first_line(const char* path) {
-    char line[256] = "";
-    const ScopedFd file(open(path, O_RDONLY | O_CLOEXEC));
-    if (!file.valid() || read(file.get(), line, sizeof(line) - 1) <= 0) return "";
-    return std::string(line, strcspn(line, "\n"));
-}
 
 bool check_phone(Report& report, Capture& lines) {
     check_links(report, lines);

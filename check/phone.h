@@ -12,7 +12,7 @@ bool check_phone(Report& report, Capture& lines);
 
 void check_labels(Report& report);
 
-// "" where it cannot be read.
+// Of a file; "" where it cannot be read.
 std::string first_line(const char* path);
 
 }  // namespace rvd::check

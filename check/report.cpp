@@ -39,6 +39,12 @@ void Report::finish() const {
     printf("\n]}\n");
 }
 
+bool agreed(const char* text, FILE* answer) {
+    printf("%sGo on? [y/N] ", text);
+    fflush(stdout);
+    return getc(answer) == 'y';
+}
+
 std::string text(const char* format, ...) {
     char room[512];
     va_list values;

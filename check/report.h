@@ -1,6 +1,8 @@
 // What was found: a line each, "OK" or "NO" with what to do; or all of it as JSON at the end.
 #pragma once
 
+#include <stdio.h>
+
 #include <string>
 #include <vector>
 
@@ -27,10 +29,13 @@ class Report {
     std::vector<Finding> findings_;
 };
 
+// Asks whether to do what the text says. Only an answer that begins with "y" is a yes.
+bool agreed(const char* text, FILE* answer);
+
 // Formats a text, cut at 512 bytes.
 std::string text(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// Foreign bytes, as of a table's names, reach neither a terminal nor a JSON reader.
+// Control characters and bytes beyond ASCII, as in a broken table's names, become "?".
 std::string printable(std::string text);
 
 std::string joined(const std::vector<std::string>& texts);

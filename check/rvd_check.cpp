@@ -81,17 +81,11 @@ void check_debug_level(Report& report, Capture& lines) {
                        cp_debug));
 }
 
-bool agrees() {
-    printf("%sGo on? [y/N] ", kDriverTest);
-    fflush(stdout);
-    return getchar() == 'y';
-}
-
 void check_driver(Report& report, Capture& lines, bool asked) {
     const Property service("init.svc.rvd", "");
     if (strcmp(service.text(), "running") == 0)
         return report.no("driver test", "the daemon runs; first: stop rvd");
-    if (asked || agrees()) check_driver_contract(report, lines);
+    if (asked || agreed(kDriverTest, stdin)) check_driver_contract(report, lines);
 }
 
 }  // namespace

@@ -1,0 +1,23 @@
+// What the daemon relies on in the driver's answers.
+#pragma once
+
+#include <string>
+
+namespace rvd::check {
+
+struct Request {
+    const char* name;
+    unsigned number;
+    bool zero_alone;  // is success
+};
+
+// Null for a number that is not a request of a boot or a dump.
+const Request* find_request(unsigned number);
+
+// What the request is about, after a blank: a mode, a region. "" for most requests.
+std::string detail(const Request& request, const void* argument);
+
+// What is wrong with an answer; "" if nothing is. A failed request has its error in errno.
+std::string difference(const Request& request, int result, const void* argument);
+
+}  // namespace rvd::check
