@@ -40,8 +40,7 @@ void Report::finish() const {
 }
 
 bool agreed(const char* text, FILE* answer) {
-    printf("%sGo on? [y/N] ", text);
-    fflush(stdout);
+    fprintf(stderr, "%sGo on? [y/N] ", text);
     return getc(answer) == 'y';
 }
 

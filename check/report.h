@@ -29,7 +29,8 @@ class Report {
     std::vector<Finding> findings_;
 };
 
-// Asks whether to do what the text says. Only an answer that begins with "y" is a yes.
+// Asks on standard error whether to do what the text says. Only an answer that begins with "y" is a
+// yes.
 bool agreed(const char* text, FILE* answer);
 
 // Formats a text, cut at 512 bytes.

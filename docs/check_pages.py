@@ -2,6 +2,7 @@
 """Holds the manual pages against the programs.
 
     check_pages.py rvd             options, letters, words, properties and files, against the source
+    check_pages.py rvd-check       options and lines, against the source
     check_pages.py rvd-lab BINARY  commands and options, against what the program says of itself
     check_pages.py rvd-report BINARY   the same
 """
@@ -124,6 +125,21 @@ def check_daemon():
     check_daemon_messages(text)
 
 
+def check_check():
+    page = (DOCS / "rvd-check.8").read_text()
+    text = "".join(path.read_text() for path in sorted((ROOT / "check").glob("*.cpp")))
+    options = re.findall(r'strcmp\(word, "--(\w+)"\)', text)
+    synopsis = page[page.index(".Sh SYNOPSIS"):page.index(".Sh DESCRIPTION")]
+    expect_same("option", options, re.findall(r"^\.It Fl Fl (\w+)$", page, re.M))
+    expect_same("option of the synopsis", options, re.findall(r"Fl Fl (\w+)", synopsis))
+    # A request's line has the request's name.
+    printed = {line.replace("%s", "Ar file") for line in re.findall(
+        r'(?:->|\.)(?:ok|no|add)\(\s*"([^"]+)"|(?:open_file|check_writable)\(\s*report, "([^"]+)"'
+        r'|\bdone\("([^"]+)"|what = text\("([^"]+)"', text) for line in line if line}
+    expect_same("line", {line for line in printed if not line.isupper() and "_" not in line},
+                re.findall(r"^\.It Sy (.*)$", page, re.M))
+
+
 def help_of(binary, *command):
     run = subprocess.run([binary, *command, "--help"], capture_output=True, text=True, check=True)
     return run.stdout
@@ -154,6 +170,8 @@ def shared_options(page):
 def main():
     if sys.argv[1:] == ["rvd"]:
         check_daemon()
+    elif sys.argv[1:] == ["rvd-check"]:
+        check_check()
     elif sys.argv[1] in ("rvd-lab", "rvd-report") and len(sys.argv) == 3:
         check_program(*sys.argv[1:])
     else:
