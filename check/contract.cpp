@@ -1,6 +1,7 @@
 #include "check/contract.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <string.h>
 
 #include <algorithm>
@@ -77,6 +78,10 @@ std::string difference(const Request& request, int result, const void* argument)
         default:
             return "";
     }
+}
+
+bool tells_of_event(short shown, int before, int after) {
+    return (shown & POLLHUP) != 0 && after != before;
 }
 
 }  // namespace rvd::check

@@ -20,4 +20,8 @@ std::string detail(const Request& request, const void* argument);
 // What is wrong with an answer; "" if nothing is. A failed request has its error in errno.
 std::string difference(const Request& request, int result, const void* argument);
 
+// Whether what ended a wait on the boot node, and the states before and after it, are an event: the
+// driver hangs up to tell of another state, and for nothing else.
+bool tells_of_event(short shown, int before, int after);
+
 }  // namespace rvd::check

@@ -28,11 +28,6 @@ constexpr int kEventPatience = 5000;  // ms
 Report* reported;  // while the test runs, else null
 unsigned chunks;   // loaded since the last other request: they share a line
 
-bool shows(int fd, short event) {
-    pollfd node = {fd, event, 0};
-    return poll(&node, 1, 0) > 0 && (node.revents & (event | POLLHUP)) != 0;
-}
-
 double seconds() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -44,15 +39,17 @@ void report_chunks() {
     chunks = 0;
 }
 
-// The node between two requests: a region is read to its end, and a hang-up is for a new state
-// only.
+// What the node shows before a request. A standing hang-up ends with the state's reading, and a
+// modem may be powered off under it; only a region has an end that the node must keep to.
 void look_at_node(int fd, const Request& request) {
-    if (request.number == IOCTL_GET_CP_STATUS || request.number == IOCTL_POWER_OFF) return;
-    const bool region = request.number == IOCTL_GET_LOG_DUMP;
-    if (region && shows(fd, POLLIN))
+    pollfd node = {fd, POLLIN, 0};
+    poll(&node, 1, 0);
+    const bool may_hang =
+            request.number == IOCTL_GET_CP_STATUS || request.number == IOCTL_POWER_OFF;
+    if ((node.revents & POLLHUP) != 0 && !may_hang)
+        reported->no("node", text("hangs up before %s, which ends a boot or a dump", request.name));
+    if (node.revents == POLLIN && request.number == IOCTL_GET_LOG_DUMP)
         reported->no("dump node", "has more to read than the region's size");
-    if (!region && shows(fd, 0))
-        reported->no("node", text("hangs up before %s, with no change of state", request.name));
 }
 
 int observe(int fd, const Request& request, void* argument) {
@@ -82,7 +79,6 @@ bool done(const char* what, int result, Capture& lines) {
     return result >= 0;
 }
 
-// A hang-up is how the driver tells of a new state, and of nothing else.
 void check_event() {
     const char* path = Container::getRvdArgs()->boot_node;
     const ScopedFd node(open(path, O_RDWR | O_CLOEXEC));
@@ -91,12 +87,10 @@ void check_event() {
     if (poll(&event, 1, kEventPatience) == 0)
         return reported->ok("event", text("none within 5 s, state %d", before));
     const int state = __real_ioctl(node.get(), IOCTL_GET_CP_STATUS, nullptr);
-    const bool told = (event.revents & POLLHUP) != 0 && state != before;
-    reported->add("event", told,
-                  told ? text("a hang-up, state %d after %d", state, before)
-                       : text("poll returns 0x%X with state %d as before; a hang-up, 0x%X, means "
-                              "another state",
-                              static_cast<unsigned>(event.revents), state, POLLHUP));
+    reported->add("event", tells_of_event(event.revents, before, state),
+                  text("poll returns 0x%X, state %d after %d; a hang-up, 0x%X, and another state "
+                       "are an event",
+                       static_cast<unsigned>(event.revents), state, before, POLLHUP));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // rvd-check where the virtual phone has no way to make a line say NO: SELinux's labels are
 // attributes of files here, the processes of the machine are a directory in place of /proc, and the
 // driver's answers are records.
+#include <poll.h>
 #include <sys/mount.h>
 #include <sys/xattr.h>
 
@@ -26,16 +27,17 @@ Lines printed(const Look& look) {
     return lines;
 }
 
-// A kernel with SELinux, whose only process is number 42.
+// A kernel with SELinux and a single process.
 class SelinuxKernel {
   public:
-    SelinuxKernel(const std::string& process, const std::string& domain) {
+    SelinuxKernel(int number, const std::string& process, const std::string& domain) {
         fs::create_directories("/sys/fs/selinux");
         write_file("/sys/fs/selinux/enforce", "1");
         EXPECT_EQ(mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
-        fs::create_directories("/proc/42/attr");
-        write_file("/proc/42/comm", process + "\n");
-        write_file("/proc/42/attr/current", domain);
+        const std::string directory = "/proc/" + std::to_string(number);
+        fs::create_directories(directory + "/attr");
+        write_file(directory + "/comm", process + "\n");
+        write_file(directory + "/attr/current", domain);
     }
     ~SelinuxKernel() {
         umount("/proc");
@@ -67,7 +69,7 @@ TEST_F(Check, EveryFileHasTheLabelOfThePolicy) {
         if (file != kLogDir) write_file(file, "");
         set_label(file, type);
     }
-    const SelinuxKernel kernel("init", "u:r:init:s0");
+    const SelinuxKernel kernel(1, "init", "u:r:init:s0");
     EXPECT_THAT(printed(check::check_labels), Each(StartsWith("OK  ")));
     for (const auto& [file, type] : files) {
         set_label(file, "device");
@@ -84,16 +86,18 @@ TEST_F(Check, EveryFileHasTheLabelOfThePolicy) {
 TEST_F(Check, ARunningDaemonIsInItsOwnDomain) {
     use_modem("tq720");
     const struct {
+        int number;
         const char *process, *domain, *line;
     } cases[] = {
-            {"rvd", "u:r:rvd:s0", "OK  domain of the running daemon: u:r:rvd:s0"},
-            {"rvd", "u:r:init:s0",
+            {42, "rvd", "u:r:rvd:s0", "OK  domain of the running daemon: u:r:rvd:s0"},
+            {42, "rvd", "u:r:init:s0",
              "NO  domain of the running daemon: \"u:r:init:s0\" instead of u:r:rvd:s0; the label "
              "of its file"},
-            {"init", "u:r:init:s0", nullptr},
+            {42, "init", "u:r:init:s0", nullptr},
+            {getpid(), "rvd", "u:r:su:s0", nullptr},
     };
     for (const auto& c : cases) {
-        const SelinuxKernel kernel(c.process, c.domain);
+        const SelinuxKernel kernel(c.number, c.process, c.domain);
         const Lines lines = printed(check::check_labels);
         if (c.line != nullptr)
             EXPECT_EQ(lines.back(), c.line);
@@ -134,6 +138,13 @@ TEST_F(Check, AnAnswerOfTheDriverIsHeldAgainstWhatTheDaemonReliesOn) {
         EXPECT_EQ(check::difference(*request, c.result, c.argument), c.wrong) << request->name;
     }
     EXPECT_EQ(check::find_request(IOCTL_TRIGGER_KERNEL_PANIC), nullptr);
+}
+
+TEST_F(Check, AHangUpWithAnotherStateIsAnEvent) {
+    EXPECT_TRUE(check::tells_of_event(POLLHUP, 4, 2));
+    EXPECT_TRUE(check::tells_of_event(POLLHUP | POLLIN, 4, 2));
+    EXPECT_FALSE(check::tells_of_event(POLLHUP, 4, 4));
+    EXPECT_FALSE(check::tells_of_event(POLLERR, 4, 2));
 }
 
 TEST_F(Check, OnlyAYesStartsTheDriverTest) {
