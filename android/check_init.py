@@ -18,6 +18,8 @@ EARLY_TRIGGERS = ("early-init", "init", "late-init")
 ALWAYS = ("/sys/", "/proc/")
 # Where the partitions of a vendor are mounted.
 MOUNT_POINTS = "/mnt/vendor/"
+# Set before the first action, from the boot loader's words.
+EARLY_PROPERTIES = "ro.boot."
 
 
 class Init:
@@ -107,6 +109,12 @@ def check_exists(what, words, trigger, init, made):
     check.expect(needed in there, f"{what}: {needed} does not exist at {trigger}")
 
 
+def check_properties(what, line):
+    """A property that an action waits for or names has its value by then."""
+    for name in re.findall(r"(?:property:|\$\{)([\w.]+)", line):
+        check.expect(name.startswith(EARLY_PROPERTIES), f"{what}: property {name} may not be set by then")
+
+
 def check_action(name, section, init, first_start):
     trigger = section[0].split()[1]
     what = f"{name}: on {trigger}"
@@ -116,9 +124,11 @@ def check_action(name, section, init, first_start):
     check.expect(init.when(trigger) < init.when(first_start),
                  f"{what}: runs after the class is started, at {first_start}")
     made = set()
+    check_properties(what, section[0])
     for line in section[1:]:
         words = line.split()
         check_words(what, words, init.commands)
+        check_properties(what, line)
         if words[0] in ("chown", "mkdir"):
             for user in words[1:3] if words[0] == "chown" else words[3:5]:
                 check_known_user(what, user, init)

@@ -6,6 +6,7 @@ what the platform grants every vendor's domain. LABELS are the compiled labels o
 platform's alone. What the daemon does to a path or a property must be granted, and every rule must
 grant something that is needed and not there already.
 """
+import itertools
 import pathlib
 import re
 import subprocess
@@ -170,7 +171,8 @@ def check_commands(full, labels, services):
         is_file = "." in pathlib.PurePath(path).name or path.startswith("/sys")
         klass = "file" if is_file else "dir"
         label = label_of(full, labels, path, klass)
-        for right in COMMAND_RIGHTS[verb]:
+        inside = {klass, "file"} if verb.endswith("_recursive") else {klass}
+        for klass, right in itertools.product(inside, COMMAND_RIGHTS[verb]):
             check.expect((label, klass, right) in granted,
                          f"{verb} {path}: vendor_init may not {right} {label}:{klass}")
 

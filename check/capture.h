@@ -1,5 +1,4 @@
-// The daemon's lines, kept while its code runs on somebody else's behalf, instead of in the
-// kernel's log.
+// Keeps the daemon's log lines while its code runs here, instead of writing them to the kernel log.
 #pragma once
 
 #include <string>
@@ -9,7 +8,7 @@
 
 namespace rvd::check {
 
-// One at a time. The Android log is not its concern.
+// One at a time. The Android log is not affected.
 class Capture {
   public:
     Capture();
@@ -17,7 +16,7 @@ class Capture {
     Capture(const Capture&) = delete;
     Capture& operator=(const Capture&) = delete;
 
-    // What was said since the last call: "tag: text", behind "(ERR! reason) " where it is an error.
+    // The lines since the last call, as "tag: text"; an error's begins with "(ERR! reason) ".
     std::vector<std::string> take();
 
   private:

@@ -39,8 +39,8 @@ void report_chunks() {
     chunks = 0;
 }
 
-// What the node shows before a request. A standing hang-up ends with the state's reading, and a
-// modem may be powered off under it; only a region has an end that the node must keep to.
+// Looks at the node before a request. A hang-up may stand until the state is read, and the modem
+// may be powered off meanwhile. Only a region has an announced size.
 void look_at_node(int fd, const Request& request) {
     pollfd node = {fd, POLLIN, 0};
     poll(&node, 1, 0);

@@ -1,5 +1,5 @@
-// The driver put to the test: the daemon's own boot and dump run against it, and every request is
-// held against what the daemon relies on.
+// Tests the driver: runs the daemon's own boot and dump, and compares every answer with what the
+// daemon relies on.
 #pragma once
 
 #include "check/capture.h"
@@ -7,7 +7,7 @@
 
 namespace rvd::check {
 
-// What the test does, for whoever is asked before it.
+// What the test does; to be shown before it is agreed to.
 extern const char kDriverTest[];
 
 // Boots the modem, waits for an event, dumps it and powers it off. No kernel panic is asked for.

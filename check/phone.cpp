@@ -30,7 +30,7 @@ std::string owner_of(const struct stat& status) {
     return text("owner %u:%u, mode %04o", status.st_uid, status.st_gid, status.st_mode & 07777);
 }
 
-// Why a file does not open, and what helps.
+// Why a file does not open, and what to do; `missing` is the advice where there is none.
 std::string refusal(const char* path, int error, const char* missing) {
     struct stat status = {};
     if (error == ENOENT || error == ENODEV || error == ENXIO)
@@ -107,7 +107,7 @@ void check_group(Report& report) {
                  log->gr_gid));
 }
 
-// False where a boot cannot have the driver.
+// Returns whether both nodes open.
 bool check_driver(Report& report) {
     const RvdArgs* args = Container::getRvdArgs();
     constexpr char kMissing[] = "load the driver (dmesg | grep lnkm), or name it with -B or -D";

@@ -6,8 +6,7 @@
 
 namespace rvd::check {
 
-// The arguments are in the registry. False where the driver, the firmware or the NV data keep the
-// modem from being booted.
+// The arguments are in the registry. Returns whether driver, firmware and NV data allow a boot.
 bool check_phone(Report& report, Capture& lines);
 
 void check_labels(Report& report);

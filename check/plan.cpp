@@ -17,7 +17,7 @@ namespace {
 
 constexpr char kNothing[] = "/dev/null";
 
-// The image in the partition's place, and nothing behind the boot node and the NV files.
+// Puts the image in the partition's place, and /dev/null in that of the boot node and NV files.
 void put_image(int image, RvdArgs& args) {
     format_text(args.boot_node, "%s", kNothing);
     format_text(args.partition_path, "/proc/self/fd/%d", image);
@@ -26,7 +26,7 @@ void put_image(int image, RvdArgs& args) {
     }
 }
 
-// The entry that a row was made of is the one with its place, its size and its source.
+// Names the row after the entry with its offset, its size and its source.
 Row row_of(const std_boot_args& boot, unsigned index) {
     const std_dload_control& planned = boot.dload[index];
     const auto* entry =
@@ -71,7 +71,7 @@ std::string cut_off(const Span& span, uint64_t size) {
                 span.end, size);
 }
 
-// Where the load of a planned row fails whatever the driver says, and where it spoils another.
+// Finds rows whose load fails whatever the driver answers, and rows that overwrite each other.
 void examine_rows(Plan& plan, uint64_t size, bool has_memory) {
     std::vector<Span> memory;
     for (const Row& row : plan.rows) {

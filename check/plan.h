@@ -1,5 +1,5 @@
-// What the daemon makes of a firmware image: its own reading and planning of the table of contents,
-// and what the layout of the image adds to that.
+// A firmware image as the daemon sees it: its table of contents, the boot that it plans from it,
+// and the layout of the entries.
 #pragma once
 
 #include <string>
@@ -34,7 +34,7 @@ struct Plan {
 // is touched.
 Plan make_plan(int image, cp_boot_mode mode, Capture& lines);
 
-// How the entries lie in the image.
+// Gaps between the entries, entries that overlap, entries that the image's end cuts off.
 struct Layout {
     std::vector<std::string> gaps, overlaps, beyond;
 };

@@ -1,5 +1,5 @@
-// What the daemon's code has and this program must not: its lines in the radio log, which is
-// evidence, and its test actions, which write and remove.
+// Replaces two functions that the daemon's code calls: this program adds nothing to the radio log,
+// which is evidence, and runs no test actions, which write and remove files.
 #include <log/log.h>
 
 #include "util/Util.h"
