@@ -22,9 +22,8 @@ namespace rvd::lab {
 
 class DeviceNode {
   public:
-    // Makes the device; `modem` is set by the time it is opened. Throws Unable.
-    DeviceNode(Node node, const std::string& path, Modem* const& modem)
-        : node_(node), modem_(modem) {
+    // Makes the device. Throws Unable.
+    DeviceNode(Node node, const std::string& path, Modem& modem) : node_(node), modem_(modem) {
         const std::string device = "DEVNAME=" + path.substr(path.rfind('/') + 1);
         const char* words[] = {device.c_str()};
         const cuse_info info = {0, 0, 1, words, CUSE_UNRESTRICTED_IOCTL};
@@ -152,7 +151,7 @@ class DeviceNode {
         static void write(fuse_req_t req, const char* data, size_t size, off_t,
                           fuse_file_info* file) {
             if (open_of(file).hung) return void(fuse_reply_err(req, EPIPE));
-            node(req).modem_->received(node(req).node_, Packet(data, data + size));
+            node(req).modem_.received(node(req).node_, Packet(data, data + size));
             fuse_reply_write(req, size);
         }
 
@@ -160,9 +159,9 @@ class DeviceNode {
                           unsigned, const void*, size_t, size_t) {
             DeviceNode& self = node(req);
             self.requesting_ = &open_of(file);
-            self.result_ = self.modem_->request(self.node_, static_cast<unsigned>(number),
-                                                reinterpret_cast<uintptr_t>(argument),
-                                                Memory(fuse_req_ctx(req)->pid));
+            self.result_ = self.modem_.request(self.node_, static_cast<unsigned>(number),
+                                               reinterpret_cast<uintptr_t>(argument),
+                                               Memory(fuse_req_ctx(req)->pid));
             self.requesting_ = nullptr;
             self.request_ = req;
         }
@@ -187,7 +186,7 @@ class DeviceNode {
     // The modem sends to the newest descriptor. Asked for its next packet it may hang up instead.
     bool fill(Open& open) {
         Packet packet;
-        if (!open.packet && !open.hung && &open == &opens_.back() && modem_->next(node_, packet) &&
+        if (!open.packet && !open.hung && &open == &opens_.back() && modem_.next(node_, packet) &&
             !open.hung)
             open.packet = std::move(packet);
         return open.packet.has_value();
@@ -210,7 +209,7 @@ class DeviceNode {
     }
 
     const Node node_;
-    Modem* const& modem_;
+    Modem& modem_;
     fuse_session* session_;
     std::list<Open> opens_;
     Open* requesting_ = nullptr;

@@ -63,7 +63,7 @@ void become_service() {
 class DeviceStage : public RunStage {
   public:
     DeviceStage(const Scenario& scenario, const Phone& phone, Story& story, DeviceSetup setup)
-        : RunStage(scenario, story), phone_(phone), setup_(std::move(setup)) {
+        : RunStage(scenario, phone.partition(), story), phone_(phone), setup_(std::move(setup)) {
         refuse_what_a_kernel_does_not(scenario);
         const timespec time = {setup_.now / kSecond, setup_.now % kSecond};
         if (setup_.is_phone && clock_settime(CLOCK_REALTIME, &time) != 0)
@@ -301,7 +301,7 @@ class DeviceStage : public RunStage {
     const DeviceSetup setup_;
     const std::string boot_path_ = "/dev/" + scenario_.prefix() + "_boot0";
     const std::string dump_path_ = "/dev/" + scenario_.prefix() + "_ramdump0";
-    DeviceNode nodes_[2] = {{Node::boot, boot_path_, modem_}, {Node::dump, dump_path_, modem_}};
+    DeviceNode nodes_[2] = {{Node::boot, boot_path_, modem()}, {Node::dump, dump_path_, modem()}};
     KernelLog kernel_log_;
     size_t android_start_;  // of the daemon's lines in the Android log
     int pid_ = -1, pidfd_ = -1;

@@ -39,9 +39,8 @@ std::optional<Node> node_at(const std::string& path) {
 
 void Calls::handle(const Call& call) {
     const auto serve = call.shape->serve;
-    if (serve != &Calls::serve_poll && serve != &Calls::serve_sleep &&
-        serve != &Calls::serve_clock && serve != &Calls::start_thread)
-        clock_.note_activity(call.tid());
+    const bool waits = serve == &Calls::serve_poll || serve == &Calls::serve_sleep;
+    if (!waits && serve != &Calls::serve_clock) clock_.note_activity();
     if (!apply_fault(call)) (this->*serve)(call);
 }
 
@@ -70,7 +69,7 @@ void Calls::answer_with(const Call& call, int argument, const void* record, size
 // The daemon's own code begins when it opens the kernel log. Calls before that belong to the C
 // library's start-up: they are counted but never failed.
 const Fault* Calls::due_fault(const Call& call) {
-    const std::string family = call.shape->family;
+    const std::string& family = call.shape->family;
     in_main_ = in_main_ || path_of(call) == "/dev/kmsg";
     const int time = ++times_[family];
     if (in_main_ && stage_.on_call) stage_.on_call(family, time, path_of(call), fd_of(call));
@@ -100,7 +99,7 @@ bool Calls::apply_fault(const Call& call) {
         if (link != nullptr) links_.hang_up(*link->node);
         return false;
     }
-    if (call.shape->serve == &Calls::serve_ioctl && link != nullptr) modem_->lost(call.argument(1));
+    if (call.shape->serve == &Calls::serve_ioctl && link != nullptr) modem_.lost(call.argument(1));
     if (fault->cut) {
         transfer_part(call, static_cast<size_t>(*fault->cut));
     } else if (call.name() == "brk") {
@@ -159,12 +158,12 @@ std::string Calls::path_of_fd(int fd) const {
 void Calls::check_path(const Call& call, const std::string& path) {
     static const char* const places[] = {
             "/data/vendor/log/rvd", "/mnt/vendor/", kWakeLockPath, kWakeUnlockPath, kSimCountPath,
-            kPropertyDir,           kAndroidLog,    "/dev/null",   "/proc/",        "/tmp/tsan."};
+            kPropertyDir,           kAndroidLog,    "/dev/null",   "/proc/"};
     const char* coverage = getenv("GCOV_PREFIX");
     const bool own = std::any_of(std::begin(places), std::end(places),
                                  [&](const char* place) { return under(path, place); });
     if (!own && (coverage == nullptr || !under(path, coverage)))
-        story_.violation(std::string(call.shape->family) + " changes " + path);
+        story_.violation(call.shape->family + " changes " + path);
 }
 
 void Calls::serve_open(const Call& call) {
@@ -185,7 +184,7 @@ void Calls::serve_ioctl(const Call& call) {
     if (link == nullptr) return daemon_.proceed(call);
     served_ = &call;
     const int64_t result =
-            modem_->request(*link->node, call.argument(1), call.argument(2), call.memory());
+            modem_.request(*link->node, call.argument(1), call.argument(2), call.memory());
     served_ = nullptr;
     if (device_gone_) return clock_.hold(call, kNever);
     daemon_.answer(call, result);
@@ -230,8 +229,8 @@ void Calls::serve_statfs(const Call& call) {
 }
 
 void Calls::serve_identity(const Call& call) {
-    const std::string_view name = call.name();
-    std::string words(name);
+    const std::string& name = call.name();
+    std::string words = name;
     if (name == "prctl") words += fmt::format(" keepcaps {}", call.argument(1));
     if (name == "setuid") words += fmt::format(" {}", call.argument(0));
     if (name == "capset") {

@@ -24,11 +24,11 @@ class Calls {
           phone_(phone),
           story_(story),
           stage_(stage),
+          modem_(stage.modem()),
           daemon_(daemon),
           clock_(clock),
           links_(links) {}
 
-    void connect(Modem& modem) { modem_ = &modem; }
     void restart() { in_main_ = device_gone_ = false; }
 
     void handle(const Call& call);
@@ -57,7 +57,6 @@ class Calls {
     void serve_sleep(const Call& call);
     void serve_clock(const Call& call);
     void serve_clone(const Call& call);
-    void start_thread(const Call& call) { daemon_.proceed(call); }
     void end_thread(const Call& call);
     void look(const Call& call);  // checks the path, where it is always watched
     void pass(const Call& call) { daemon_.proceed(call); }
@@ -78,10 +77,10 @@ class Calls {
     const Phone& phone_;
     Story& story_;
     RunStage& stage_;
+    Modem& modem_;
     Daemon& daemon_;
     Clock& clock_;
     Links& links_;
-    Modem* modem_ = nullptr;
 
     const Call* served_ = nullptr;
     std::map<std::string, int> times_;  // of each call, as on_call counts them

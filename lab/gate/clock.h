@@ -16,18 +16,19 @@ class Clock {
         enum class State { runs, blocked, stopped, waits };
 
         Call call;  // that it has stopped at or waits in
-        State state = State::stopped;
-        Time deadline = kNever;
-        bool idle = true;     // has done nothing since it last slept
-        bool hollow = false;  // only sleeps, as a sanitizer's helper thread does
+        State state;
+        Time deadline;  // of its wait
     };
 
     explicit Clock(Time start) : start_(start), now_(start), last_activity_(start) {}
 
     Time start() const { return start_; }
     Time now() const { return now_; }
-    Time last_activity() const { return last_activity_; }
     void set(Time now) { now_ = now; }
+
+    // When the daemon last did something other than wait.
+    Time last_activity() const { return last_activity_; }
+    void note_activity() { last_activity_ = now_; }
 
     // The daemon, or one more thread, was started and has not made its first call.
     void restart() {
@@ -38,8 +39,10 @@ class Clock {
 
     void born() { births_++; }
     void gone(pid_t tid) {
-        if (const Thread* thread = find(tid))
-            threads_.erase(threads_.begin() + (thread - &threads_[0]));
+        threads_.erase(
+                std::remove_if(threads_.begin(), threads_.end(),
+                               [&](const Thread& thread) { return thread.call.tid() == tid; }),
+                threads_.end());
     }
 
     // A thread stops at a call, waits in it, or resumes. A blocked one waits for another thread.
@@ -49,15 +52,11 @@ class Clock {
             births_ = std::max(births_ - 1, 0);
             thread = &threads_.emplace_back();
         }
-        thread->call = call;
-        thread->state = Thread::State::stopped;
+        *thread = {call, Thread::State::stopped, kNever};
     }
 
     void hold(const Call& call, Time deadline) {
-        Thread* thread = find(call.tid());
-        thread->state = Thread::State::waits;
-        thread->deadline = deadline;
-        thread->hollow = false;
+        *find(call.tid()) = {call, Thread::State::waits, deadline};
     }
 
     void resume(pid_t tid) {
@@ -69,29 +68,10 @@ class Clock {
         if (Thread* thread = find(tid)) thread->state = Thread::State::blocked;
     }
 
-    // Holds a sleeping thread. True if all other threads are hollow and asleep.
-    bool sleep(const Call& call, Time deadline, bool is_helper) {
-        hold(call, deadline);
-        Thread* sleeper = find(call.tid());
-        sleeper->hollow = is_helper && sleeper->idle;
-        sleeper->idle = sleeper->idle || is_helper;
-        return std::all_of(threads_.begin(), threads_.end(), [&](const Thread& thread) {
-            return &thread == sleeper || (thread.hollow && thread.state == Thread::State::waits);
-        });
-    }
-
-    // A thread, or the one that ran last, did something other than wait.
-    void note_activity(pid_t tid) {
-        last_activity_ = now_;
-        if (Thread* thread = find(tid)) thread->idle = false;
-    }
-
-    void note_activity() { note_activity(last_run_); }
-
-    // No thread is running or starting.
+    // No thread is running or starting, and not all are blocked.
     bool at_rest() const {
         const bool able = std::any_of(threads_.begin(), threads_.end(), [](const Thread& thread) {
-            return thread.state == Thread::State::stopped || thread.state == Thread::State::waits;
+            return thread.state != Thread::State::blocked;
         });
         return births_ == 0 && running() == 0 && able;
     }
@@ -107,7 +87,7 @@ class Clock {
     bool knows(pid_t tid) { return find(tid) != nullptr; }
     const std::vector<Thread>& threads() const { return threads_; }  // in the order of their birth
 
-    // The stopped thread to serve next: the one that ran last, or else the oldest.
+    // The stopped thread to serve next: the one that ran last, or else the oldest; null if none.
     const Thread* next() const {
         const Thread* oldest = nullptr;
         for (const Thread& thread : threads_) {
@@ -118,7 +98,7 @@ class Clock {
         return oldest;
     }
 
-    // The thread with the earliest deadline; the earliest deadline of all that are not hollow.
+    // The waiting thread with the earliest deadline; null if none waits.
     const Thread* first_waiting() const {
         const Thread* first = nullptr;
         for (const Thread& thread : threads_) {
@@ -129,21 +109,12 @@ class Clock {
         return first;
     }
 
-    Time first_deadline() const {
-        Time first = kNever;
-        for (const Thread& thread : threads_) {
-            if (thread.state == Thread::State::waits && !thread.hollow)
-                first = std::min(first, thread.deadline);
-        }
-        return first;
-    }
-
   private:
     Thread* find(pid_t tid) {
-        const auto found =
-                std::find_if(threads_.begin(), threads_.end(),
-                             [&](const Thread& thread) { return thread.call.tid() == tid; });
-        return found == threads_.end() ? nullptr : &*found;
+        for (Thread& thread : threads_) {
+            if (thread.call.tid() == tid) return &thread;
+        }
+        return nullptr;
     }
 
     const Time start_;

@@ -8,7 +8,6 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -38,12 +37,8 @@ void hand_over_calls(const Filter& filter) {
     signal(SIGPIPE, SIG_IGN);  // a device node never raises it
     const pid_t self = getpid();
     if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(kNoTrace);
-    const sock_fprog program = {static_cast<unsigned short>(filter.size()),
-                                const_cast<sock_filter*>(filter.data())};
-    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-    if (syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program) !=
-        kListener)
-        _exit(errno == EMFILE ? EMFILE : kNoFilter);
+    if (seccomp_load(filter.get()) != 0 || seccomp_notify_fd(filter.get()) != kListener)
+        _exit(kNoFilter);
     kill(self, SIGSTOP);
 }
 

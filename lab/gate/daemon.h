@@ -21,7 +21,7 @@ struct Call {
     uint64_t argument(int i) const { return raw.data.args[i]; }
     pid_t tid() const { return static_cast<pid_t>(raw.pid); }
     Memory memory() const { return Memory(tid()); }
-    std::string_view name() const { return shape->name; }
+    const std::string& name() const { return shape->name; }
 };
 
 class Daemon {

@@ -33,24 +33,16 @@ constexpr int kFarewellMs = 5000;
 class Gate : public RunStage {
   public:
     Gate(const Scenario& scenario, const Phone& phone, Story& story, GateSetup setup)
-        : RunStage(scenario, story),
+        : RunStage(scenario, phone.partition(), story),
           phone_(phone),
           setup_(setup),
+          shapes_(calls_to_watch(scenario, !setup.real_time, setup.learn)),
+          filter_(filter_for(shapes_)),
           clock_(setup.start),
-          links_(daemon_, clock_, story, [this] { widen(); }),
+          links_(daemon_, clock_, story, modem()),
           calls_(scenario, phone, story, *this, daemon_, clock_, links_) {
-        const auto shapes = calls_to_watch(scenario, !setup.real_time, setup.learn);
-        filter_ = filter_for(shapes);
-        for (const CallShape& shape : shapes)
-            shapes_.emplace(shape.number, shape);
-    }
-
-    ~Gate() override { daemon_.end(); }
-
-    void connect(Modem& modem) override {
-        RunStage::connect(modem);
-        links_.connect(modem);
-        calls_.connect(modem);
+        for (const CallShape& shape : shapes_)
+            shape_of_.emplace(shape.number, &shape);
     }
 
     void start_daemon() override {
@@ -111,16 +103,16 @@ class Gate : public RunStage {
     // Ends the process with all of its threads, and closes its links.
     void close_daemon() {
         daemon_.end();
-        links_.take(Links::Says::all);
+        links_.take();
         links_.close_all();
-        if (modem_ != nullptr) modem_->abandoned();
+        modem().abandoned();
     }
 
     // Output is read and events happen only while all threads of the daemon are stopped, so that
     // the story depends on the scenario alone.
     void serve_virtual_time() {
         if (!clock_.at_rest()) return await_call(kRunnerPatienceMs);
-        links_.take(Links::Says::all);
+        links_.take();
         run_due_events();
         if (end_.empty() && clock_.at_rest()) step();
     }
@@ -144,19 +136,18 @@ class Gate : public RunStage {
 
     void advance() {
         const Time event = events_.empty() ? kNever : events_.begin()->first;
-        const Time first = std::min(event, clock_.first_deadline());
-        const Clock::Thread* waiting = clock_.first_waiting();
-        const Time next = std::min(event, waiting->deadline);
+        const Clock::Thread& waiting = *clock_.first_waiting();
+        const Time next = std::min(event, waiting.deadline);
         const Time limit = clock_.start() + scenario_.limit;
-        if (first == kNever) return stop("waits");
-        if (event == kNever && first - clock_.last_activity() > kQuiet) return stop("parked");
+        if (next == kNever) return stop("waits");
+        if (event == kNever && next - clock_.last_activity() > kQuiet) return stop("parked");
         if (next > limit) {
             set_time(limit);
             return stop("limit");
         }
         set_time(std::max(clock_.now(), next));
         if (event <= clock_.now()) return run_due_events();
-        const Call call = waiting->call;
+        const Call call = waiting.call;
         clock_.resume(call.tid());
         calls_.expire(call);
     }
@@ -183,15 +174,15 @@ class Gate : public RunStage {
         if ((set[0].revents & POLLIN) != 0) {
             take_call();
         } else if (setup_.real_time) {
-            links_.take(Links::Says::all);
+            links_.take();
             links_.pump_all();
         } else if (ready == 0) {
-            links_.take(Links::Says::more);
+            links_.receive();
             if (daemon_.waits_for_thread(clock_.running())) clock_.block(clock_.running());
         }
         int status = 0;
         if ((set[1].revents & POLLIN) != 0 && daemon_.ended(status)) {
-            links_.take(Links::Says::all);
+            links_.take();
             take_end(status);
         }
     }
@@ -199,13 +190,13 @@ class Gate : public RunStage {
     void take_call() {
         Call call{};
         if (!daemon_.receive(call.raw)) return;
-        call.shape = &shapes_.at(call.raw.data.nr);
+        call.shape = shape_of_.at(call.raw.data.nr);
         // A sanitizer's process looks for leaks while the thread that ends the daemon spins.
         if (!clock_.knows(call.tid()) && !daemon_.has_thread(call.tid()))
             return daemon_.proceed(call);
         clock_.arrive(call);
         if (!setup_.real_time) return;
-        links_.take(Links::Says::all);
+        links_.take();
         clock_.resume(call.tid());
         calls_.handle(call);
     }
@@ -225,7 +216,7 @@ class Gate : public RunStage {
     // A daemon built for coverage writes its counters at exit.
     void let_daemon_exit() {
         if (daemon_.pid() < 0 || getenv("GCOV_PREFIX") == nullptr) return;
-        links_.take(Links::Says::all);
+        links_.take();
         kill(daemon_.pid(), SIGTERM);
         for (const Clock::Thread& thread : clock_.threads()) {
             if (thread.state == Clock::Thread::State::stopped) daemon_.proceed(thread.call);
@@ -245,8 +236,9 @@ class Gate : public RunStage {
     const Phone& phone_;
     const GateSetup setup_;
     const steady_clock::time_point began_ = steady_clock::now();
-    std::map<int, CallShape> shapes_;
-    Filter filter_;
+    const std::vector<CallShape> shapes_;
+    const Filter filter_;
+    std::map<int, const CallShape*> shape_of_;  // by number
 
     Daemon daemon_;
     Clock clock_;

@@ -4,7 +4,6 @@
 
 #include <poll.h>
 
-#include <functional>
 #include <list>
 #include <optional>
 #include <string>
@@ -13,6 +12,7 @@
 #include "lab/gate/clock.h"
 #include "lab/gate/daemon.h"
 #include "lab/run/story.h"
+#include "util/ScopedFd.h"
 
 namespace rvd::lab {
 
@@ -21,34 +21,35 @@ class Links {
     struct Link {
         std::optional<Node> node;  // or the kernel log
         int daemon_fd;
-        int fd = -1;      // this end; the other is the daemon's
-        ino_t inode = 0;  // of the daemon's end
-        bool hung = false, pending = false, closed = false;
-        Packet out = {};   // that did not fit, while `pending`
-        Packet held = {};  // the newest from the daemon, held back
+        ScopedFd fd = ScopedFd();  // this end; the other is the daemon's
+        ino_t inode = 0;           // of the daemon's end
+        bool closed = false;       // by the daemon
+        bool pending = false;
+        Packet out = {};              // that did not fit, while `pending`
+        std::vector<Packet> in = {};  // received and not delivered yet
+
+        bool hung() const { return !fd.valid(); }
+        int unread() const;  // bytes
     };
 
-    // `widen` is called between reads of the log and of a node.
-    Links(Daemon& daemon, Clock& clock, Story& story, std::function<void()> widen)
-        : daemon_(daemon), clock_(clock), story_(story), widen_(std::move(widen)) {}
-
-    void connect(Modem& modem) { modem_ = &modem; }
-    void close_all();
+    Links(Daemon& daemon, Clock& clock, Story& story, Modem& modem)
+        : daemon_(daemon), clock_(clock), story_(story), modem_(modem) {}
 
     // Answers the open of a node, or of the kernel log. The number of its open descriptors.
     size_t open(const Call& call, std::optional<Node> node);
+    void close_all() { links_.clear(); }
 
     // The open node there, or null; and what is open there: "/dev/boot", "/dev/dump", "/dev/kmsg"
     // or nothing.
     const Link* at(int daemon_fd) const;
     std::string name_of(int daemon_fd) const;
 
-    int unread(const Link& link) const;
+    // Makes room in the daemon's links, while a thread of it runs; the order of its lines and
+    // packets is not known yet.
+    void receive();
 
-    // Reads the daemon's log, then its packets. While a thread runs, a line may follow that was
-    // logged before the newest packet was sent, so that packet is held back.
-    enum class Says { all, more };
-    void take(Says says);
+    // Delivers the lines that the daemon has logged, then the packets that it has sent.
+    void take();
 
     void hang_up(Node node);
     void end_hang_up(const Call& served);
@@ -61,15 +62,13 @@ class Links {
 
   private:
     void renew(Link& link, const Call& served);
-    void take_log();
-    void take_packets(Link& link, Says says);
+    void deliver(const Link& link, const Packet& packet);
 
     Daemon& daemon_;
     Clock& clock_;
     Story& story_;
-    Modem* modem_ = nullptr;
-    std::function<void()> widen_;
-    std::list<Link> links_;
+    Modem& modem_;
+    std::list<Link> links_;  // in the order of their opening
 };
 
 }  // namespace rvd::lab

@@ -1,17 +1,14 @@
 #include "lab/gate/table.h"
 
-#include <errno.h>
 #include <fmt/format.h>
 #include <sched.h>
 #include <seccomp.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <list>
+#include <set>
 
 #include "bootdump/lnkm.h"
 #include "lab/gate/calls.h"
@@ -20,7 +17,7 @@ namespace rvd::lab {
 
 namespace {
 
-constexpr CallShape kShapes[] = {
+const CallShape kShapes[] = {
         {"open", "open", Watch::always, &Calls::serve_open, 0},
         {"openat", "open", Watch::always, &Calls::serve_open, 1},
         {"ioctl", "ioctl", Watch::always, &Calls::serve_ioctl, -1, 0},
@@ -52,8 +49,8 @@ constexpr CallShape kShapes[] = {
         {"time", "clock", Watch::virtual_time, &Calls::serve_clock},
         {"clone", "clone", Watch::virtual_time, &Calls::serve_clone},
         {"clone3", "clone", Watch::virtual_time, &Calls::serve_clone},
-        {"set_robust_list", "thread", Watch::virtual_time, &Calls::start_thread},
-        {"rseq", "thread", Watch::virtual_time, &Calls::start_thread},
+        {"set_robust_list", "thread", Watch::virtual_time, &Calls::pass},
+        {"rseq", "thread", Watch::virtual_time, &Calls::pass},
         {"exit", "exit", Watch::virtual_time, &Calls::end_thread},
 
         {"read", "read", Watch::faults, &Calls::look, -1, 0},
@@ -82,19 +79,14 @@ bool has_fault(const Scenario& scenario, const CallShape& shape) {
 // Adds all other calls of this machine's kernel, except those that start the daemon.
 void add_others(std::vector<CallShape>& shapes) {
     constexpr int kBeyondCalls = 1024;
-    static std::list<std::string> names;
+    std::set<std::string> known = {"kill", "close", "execve"};
+    for (const CallShape& shape : shapes)
+        known.insert(shape.name);
     for (int number = 0; number < kBeyondCalls; number++) {
-        char* known = seccomp_syscall_resolve_num_arch(SCMP_ARCH_NATIVE, number);
-        const std::string name = known == nullptr ? "" : known;
-        free(known);
-        const bool own = name.empty() || name == "kill" || name == "close" || name == "execve" ||
-                         std::any_of(shapes.begin(), shapes.end(), [&](const CallShape& shape) {
-                             return shape.number == number;
-                         });
-        if (own) continue;
-        names.push_back(name);
-        const char* text = names.back().c_str();
-        shapes.push_back({text, text, Watch::always, &Calls::pass, -1, -1, number});
+        const std::unique_ptr<char, void (*)(void*)> name(
+                seccomp_syscall_resolve_num_arch(SCMP_ARCH_NATIVE, number), free);
+        if (name && known.count(name.get()) == 0)
+            shapes.push_back({name.get(), name.get(), Watch::always, &Calls::pass, -1, -1, number});
     }
 }
 
@@ -107,7 +99,7 @@ std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_tim
         const bool wanted = shape.watch == Watch::always ||
                             (shape.watch == Watch::virtual_time && virtual_time) || disk ||
                             has_fault(scenario, shape) || all;
-        shape.number = seccomp_syscall_resolve_name(shape.name);
+        shape.number = seccomp_syscall_resolve_name(shape.name.c_str());
         if (wanted && shape.number >= 0) shapes.push_back(shape);
     }
     if (all) add_others(shapes);
@@ -122,31 +114,20 @@ std::vector<std::string> fault_calls() {
 }
 
 Filter filter_for(const std::vector<CallShape>& shapes) {
-    scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
-    if (filter == nullptr) throw Unable("cannot make a system-call filter");
+    Filter filter(seccomp_init(SCMP_ACT_ALLOW), seccomp_release);
+    if (!filter) throw Unable("cannot make a system-call filter");
     for (const CallShape& shape : shapes) {
         std::vector<scmp_arg_cmp> only;
-        if (shape.serve == &Calls::serve_ioctl)
-            only = {SCMP_A1(SCMP_CMP_MASKED_EQ, 0xFF00, kLnkmType << 8)};
-        if (std::string(shape.name) == "prctl") only = {SCMP_A0(SCMP_CMP_EQ, PR_SET_KEEPCAPS, 0)};
-        if (std::string(shape.name) == "clone")
-            only = {SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD)};
-        const int result = seccomp_rule_add_array(filter, SCMP_ACT_NOTIFY, shape.number,
+        if (shape.name == "ioctl") only = {SCMP_A1(SCMP_CMP_MASKED_EQ, 0xFF00, kLnkmType << 8)};
+        if (shape.name == "prctl") only = {SCMP_A0(SCMP_CMP_EQ, PR_SET_KEEPCAPS, 0)};
+        if (shape.name == "clone") only = {SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD)};
+        const int result = seccomp_rule_add_array(filter.get(), SCMP_ACT_NOTIFY, shape.number,
                                                   static_cast<unsigned>(only.size()), only.data());
         if (result != 0)
             throw Forbidden(fmt::format("this kernel cannot hand over system call {}: {}",
                                         shape.name, strerror(-result)));
     }
-    const int fd = memfd_create("filter", MFD_CLOEXEC);
-    if (fd < 0 || seccomp_export_bpf(filter, fd) != 0)
-        fail_errno("cannot make a system-call filter");
-    seccomp_release(filter);
-    const auto size = static_cast<size_t>(lseek(fd, 0, SEEK_END));
-    Filter program(size / sizeof(sock_filter));
-    if (pread(fd, program.data(), size, 0) != static_cast<ssize_t>(size))
-        fail_errno("cannot read the system-call filter");
-    close(fd);
-    return program;
+    return filter;
 }
 
 }  // namespace rvd::lab

@@ -1,8 +1,7 @@
 // The system calls that the lab can take over, and how it treats each.
 #pragma once
 
-#include <linux/filter.h>
-
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,8 +19,8 @@ enum class Watch {
 };
 
 struct CallShape {
-    const char* name;    // the kernel's
-    const char* family;  // the scenario's
+    std::string name;    // the kernel's
+    std::string family;  // the scenario's
     Watch watch;
     void (Calls::*serve)(const Call&);
     int path = -1, fd = -1;  // numbers of the arguments that are a path and a descriptor
@@ -34,8 +33,8 @@ std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_tim
 // What a fault can be made for, by the scenario's names.
 std::vector<std::string> fault_calls();
 
-// The program that hands these calls over and leaves all others to the kernel. Throws Unable.
-using Filter = std::vector<sock_filter>;
+// The filter that hands these calls over and leaves all others to the kernel. Throws Unable.
+using Filter = std::unique_ptr<void, void (*)(void*)>;
 Filter filter_for(const std::vector<CallShape>& shapes);
 
 }  // namespace rvd::lab

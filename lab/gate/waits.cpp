@@ -32,9 +32,9 @@ void Calls::serve_sleep(const Call& call) {
         deadline = from_timespec(span);
         if (call.argument(0) != CLOCK_REALTIME) deadline += clock_.start() - kUptime;
     }
-    const bool is_helper = call.tid() != daemon_.pid();
-    const bool alone = clock_.sleep(call, deadline, is_helper);
-    if (!is_helper && alone && stage_.on_sleep) stage_.on_sleep(deadline - clock_.now());
+    clock_.hold(call, deadline);
+    const bool alone = clock_.threads().size() == 1;
+    if (alone && stage_.on_sleep) stage_.on_sleep(deadline - clock_.now());
 }
 
 std::vector<pollfd> Calls::polled(const Call& call) const {
@@ -47,9 +47,8 @@ std::vector<pollfd> Calls::polled(const Call& call) const {
 short Calls::ready(const pollfd& entry) const {
     if (entry.fd < 0) return 0;
     const Links::Link* link = links_.at(entry.fd);
-    if (link != nullptr && !link->hung)
-        return static_cast<short>(entry.events &
-                                  (links_.unread(*link) > 0 ? POLLIN | POLLOUT : POLLOUT));
+    if (link != nullptr && !link->hung())
+        return static_cast<short>(entry.events & (link->unread() > 0 ? POLLIN | POLLOUT : POLLOUT));
     const int fd = daemon_.duplicate(entry.fd);
     if (fd < 0) return POLLNVAL;
     pollfd real = {fd, entry.events, 0};

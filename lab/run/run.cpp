@@ -114,10 +114,7 @@ class Run {
           story_(options.story ? stdout : nullptr, options.look, start_),
           stage_(make_stage(scenario_, options, phone_, story_, start_,
                             resumed_ ? notes_.now : start_)),
-          modem_(make_modem({scenario_, phone_.partition(), *stage_, story_})),
-          timeline_(scenario_, phone_, *stage_, *modem_, story_, start_) {
-        stage_->connect(*modem_);
-    }
+          timeline_(scenario_, phone_, *stage_, stage_->modem(), story_, start_) {}
 
     Result play() {
         listen();
@@ -130,7 +127,7 @@ class Run {
         if (conduct_.end.empty()) conduct_.end = stage_->serve();
         if (conduct_.end == "reboot") throw Reboots();
         conduct_.lasted = stage_->now() - start_;
-        conduct_.modem = modem_->state();
+        conduct_.modem = stage_->modem().state();
         conduct_.requests = story_.requests();
         conduct_.files = closed_files(phone_, {});
         judge();
@@ -267,10 +264,9 @@ class Run {
     const Time start_;
     Story story_;
     const std::unique_ptr<RunStage> stage_;
-    const std::unique_ptr<Modem> modem_;
     Timeline timeline_;
     Conduct conduct_;
-    Play play_{scenario_, phone_, *stage_, *modem_, story_, timeline_};
+    Play play_{scenario_, phone_, *stage_, stage_->modem(), story_, timeline_};
 };
 
 }  // namespace

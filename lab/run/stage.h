@@ -13,9 +13,12 @@ namespace rvd::lab {
 
 class RunStage : public Stage {
   public:
-    RunStage(const Scenario& scenario, Story& story) : scenario_(scenario), story_(story) {}
+    RunStage(const Scenario& scenario, const Partition& partition, Story& story)
+        : scenario_(scenario),
+          story_(story),
+          modem_(make_modem({scenario, partition, *this, story})) {}
 
-    virtual void connect(Modem& modem) { modem_ = &modem; }
+    Modem& modem() { return *modem_; }
 
     // Starts the daemon, and ends the one that runs.
     virtual void start_daemon() = 0;
@@ -72,7 +75,7 @@ class RunStage : public Stage {
 
     const Scenario& scenario_;
     Story& story_;
-    Modem* modem_ = nullptr;
+    const std::unique_ptr<Modem> modem_;
     std::string end_;
     std::multimap<Time, std::function<void()>> events_;
 };
