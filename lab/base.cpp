@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <cmath>
 #include <fstream>
-#include <iterator>
 #include <numeric>
+#include <sstream>
 
 namespace rvd::lab {
 
@@ -100,8 +100,9 @@ int errno_number(const std::string& name) {
 }
 
 std::string read_file(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream content;
+    content << std::ifstream(path, std::ios::binary).rdbuf();
+    return content.str();
 }
 
 void write_once(const char* path, const std::string& text) {

@@ -37,11 +37,4 @@ std::vector<std::string> open_paths(const RunStage& stage);
 // The phone's files but for those that the daemon has open.
 Files closed_files(const Phone& phone, const std::vector<std::string>& open);
 
-// What is not as it may be in a run with a fault, when it is held against the `clean` one; `before`
-// are the files that were complete when the fault came, `log` is what the daemon said; the run may
-// last so much `longer`.
-std::vector<std::string> differences(const Conduct& clean, const Conduct& faulty,
-                                     const Files& before, const std::vector<std::string>& log,
-                                     Time longer);
-
 }  // namespace rvd::lab

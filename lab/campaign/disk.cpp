@@ -1,6 +1,7 @@
 #include "lab/campaign/disk.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -36,17 +37,26 @@ bool Disk::holds(const std::string& path) {
     });
 }
 
-// The names there are now. Contents are read where they are new, and kept for when they are gone.
+struct stat Disk::File::status() const {
+    struct stat status {};
+    if (fstat(handle.get(), &status) != 0) fail_errno("a file of the phone");
+    return status;
+}
+
+std::string Disk::File::content() const {
+    return read_file(fmt::format("/proc/self/fd/{}", handle.get()));
+}
+
+// The names there are now.
 Disk::Names Disk::look() {
     Names names;
     for (const char* place : kPlaces) {
         for (const auto& entry : fs::recursive_directory_iterator(phone_.path(place))) {
+            ScopedFd handle(open(entry.path().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
             struct stat status {};
-            if (lstat(entry.path().c_str(), &status) != 0) continue;
+            if (fstat(handle.get(), &status) != 0) continue;
             names[entry.path().string().substr(phone_.root().size())] = status.st_ino;
-            File& file = files_[status.st_ino];
-            file.status = status;
-            if (S_ISREG(status.st_mode)) file.now = read_file(entry.path());
+            files_.try_emplace(status.st_ino, File{std::move(handle), ""});
         }
     }
     return names;
@@ -55,7 +65,7 @@ Disk::Names Disk::look() {
 void Disk::flush_all() {
     names_ = {look()};
     for (auto& [inode, file] : files_)
-        file.durable = file.now;
+        file.durable = file.content();
 }
 
 // A directory's flush makes all changes of names before it durable, as they are in one journal.
@@ -63,9 +73,9 @@ void Disk::flush(const std::string& path) {
     const Names names = look();
     const auto found = names.find(path);
     if (found == names.end()) return;
-    File& file = files_[found->second];
-    file.durable = file.now;
-    if (S_ISDIR(file.status.st_mode)) names_ = {names};
+    File& file = files_.at(found->second);
+    file.durable = file.content();
+    if (S_ISDIR(file.status().st_mode)) names_ = {names};
 }
 
 void Disk::call(const std::string& name, const std::string& path, const std::string& fdinfo) {
@@ -85,9 +95,8 @@ void Disk::call(const std::string& name, const std::string& path, const std::str
 }
 
 void Disk::cut(Unflushed survives, uint64_t seed) {
-    effect_ = nullptr;  // of the call that is never made
+    effect_ = nullptr;
     random_.seed(seed);
-    look();
     size_t names = 0;
     if (survives == Unflushed::all) names = names_.size() - 1;
     if (survives == Unflushed::part) names = random_() % names_.size();
@@ -95,13 +104,14 @@ void Disk::cut(Unflushed survives, uint64_t seed) {
 }
 
 std::string Disk::surviving(const File& file, Unflushed survives) {
-    if (survives == Unflushed::all) return file.now;
-    if (survives == Unflushed::nothing || file.now == file.durable) return file.durable;
+    const std::string now = file.content();
+    if (survives == Unflushed::all) return now;
+    if (survives == Unflushed::nothing || now == file.durable) return file.durable;
     std::string content = file.durable;
-    if (file.now.size() < content.size() && random_() % 2 == 0) content.resize(file.now.size());
-    for (size_t at = 0; at < file.now.size(); at += kSector) {
+    if (now.size() < content.size() && random_() % 2 == 0) content.resize(now.size());
+    for (size_t at = 0; at < now.size(); at += kSector) {
         if (random_() % 2 == 0) continue;
-        const std::string sector = file.now.substr(at, kSector);
+        const std::string sector = now.substr(at, kSector);
         content.resize(std::max(content.size(), at + sector.size()));
         content.replace(at, sector.size(), sector);
     }
@@ -115,14 +125,15 @@ void Disk::rewrite(const Names& names, Unflushed survives) {
     }
     for (const auto& [inside, inode] : names) {  // a directory before what is in it
         const File& file = files_.at(inode);
+        const struct stat status = file.status();
         const std::string path = phone_.path(inside);
-        if (S_ISDIR(file.status.st_mode)) {
+        if (S_ISDIR(status.st_mode)) {
             fs::create_directory(path);
         } else {
             write_file(path, surviving(file, survives));
         }
-        if (chown(path.c_str(), file.status.st_uid, file.status.st_gid) != 0 ||
-            chmod(path.c_str(), file.status.st_mode) != 0)
+        if (chown(path.c_str(), status.st_uid, status.st_gid) != 0 ||
+            chmod(path.c_str(), status.st_mode & 07777) != 0)
             fail_errno("the phone's " + inside);
     }
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "lab/phone/phone.h"
+#include "util/ScopedFd.h"
 
 namespace rvd::lab {
 
@@ -22,8 +23,8 @@ class Disk {
     // All that is there now is durable.
     explicit Disk(const Phone& phone);
 
-    // A call is about to be made; whatever was before it has returned. `fdinfo` is the kernel's
-    // file about its descriptor.
+    // The daemon is about to make a call; its calls before have returned. `fdinfo` is the kernel's
+    // file about the call's descriptor.
     void call(const std::string& name, const std::string& path, const std::string& fdinfo);
 
     // The power goes before the call that is about to be made.
@@ -34,8 +35,11 @@ class Disk {
 
   private:
     struct File {
-        struct stat status;
-        std::string durable, now;
+        ScopedFd handle;  // keeps the inode and its number when the name is gone
+        std::string durable;
+
+        struct stat status() const;
+        std::string content() const;  // empty for a directory
     };
     using Names = std::map<std::string, ino_t>;
 
@@ -47,8 +51,8 @@ class Disk {
 
     const Phone& phone_;
     std::map<ino_t, File> files_;
-    std::vector<Names> names_;  // the durable ones, then as they changed
-    std::function<void()> effect_;
+    std::vector<Names> names_;      // the durable ones, then as they changed
+    std::function<void()> effect_;  // of the last call, on what is durable
     std::mt19937_64 random_;
 };
 

@@ -10,8 +10,7 @@
 
 #include "lab/builtin.h"
 #include "lab/campaign/progress.h"
-#include "lab/campaign/stopping.h"
-#include "lab/run/checks.h"
+#include "lab/campaign/trial.h"
 
 namespace rvd::lab {
 
@@ -56,14 +55,13 @@ const std::map<std::string, std::vector<const char*>> kWays = {
 
 constexpr char kHangUp[] = "hang-up";
 
+const std::map<std::string, Kind> kKinds = {
+        {"fail", Kind::fail}, {"kill", Kind::kill}, {"cut", Kind::cut}};
+
 // What survives of what was not flushed, where the power is cut.
 const std::map<std::string, Disk::Unflushed> kCuts = {{"nothing", Disk::Unflushed::nothing},
                                                       {"all", Disk::Unflushed::all},
                                                       {"part", Disk::Unflushed::part}};
-
-// One fault costs at most the longest wait for an answer and what is repeated after it: tries at
-// the log directory, the boot or the dump.
-constexpr Time kGrace = 45 * kSecond;
 
 struct Planned {
     size_t flow;
@@ -75,7 +73,7 @@ struct Planned {
 
 struct Row {
     Scenario flow;
-    Conduct clean, stuck;
+    Conduct clean;
     size_t calls = 0, faults = 0, held = 0;
 };
 
@@ -159,43 +157,23 @@ std::vector<Planned> plan(std::vector<Row>& rows, const FaultOptions& options) {
     return planned;
 }
 
-// Holds a run with a fault against the clean one.
-class Failing : public Conductor {
-  public:
-    explicit Failing(const Conduct& clean) : clean_(clean) {}
-
-    void begin(Play& play) override { play_ = &play; }
-    void fault(const Fault&) override {
-        before_ = closed_files(play_->phone, open_paths(play_->stage));
-    }
-    void judge(Conduct& conduct) override {
-        Story& story = play_->story;
-        check_obstacles(play_->scenario, true, story);
-        check_collected(play_->scenario, play_->phone, story);
-        for (const std::string& text : differences(clean_, conduct, before_, story.log(), kGrace))
-            story.violation(text);
-    }
-
-  private:
-    const Conduct& clean_;
-    Play* play_ = nullptr;
-    Files before_;  // when the fault came
-};
-
 // The run of one fault. Only what is collected from the modem is still held against the scenario.
-Job job_for(const Row& row, const Planned& planned, RunOptions options) {
-    Job job{row.flow.name, row.flow, std::move(options)};
+Job job_for(const Row& row, const Planned& planned, const FaultOptions& options) {
+    Job job{row.flow.name, row.flow, options.run};
     job.scenario.name = planned.name;
     job.scenario.faults.push_back(planned.fault);
-    if (planned.fault.stop != Fault::Stop::no) {
-        job.options.learn = true;  // so that the very next call is seen
-        const auto cut = kCuts.find(planned.way);
-        job.options.conductor = std::make_shared<Stopping>(
-                row.clean, cut == kCuts.end() ? std::nullopt : std::optional(cut->second));
-        return job;
+    const Kind kind = kKinds.at(options.kind);
+    job.options.learn = kind != Kind::fail;  // every call is seen, so that the stop is exact
+    Conduct clean = row.clean;
+    if (planned.stuck) {
+        job.scenario.timeline.clear();
+        clean.end = "limit";
+        clean.lasted = row.flow.limit;
     }
-    job.options.conductor = std::make_shared<Failing>(planned.stuck ? row.stuck : row.clean);
-    if (planned.stuck) job.scenario.timeline.clear();
+    const auto survives = kCuts.find(planned.way);
+    job.options.conductor = std::make_shared<Trial>(
+            kind, survives == kCuts.end() ? Disk::Unflushed::all : survives->second,
+            std::move(clean));
     return job;
 }
 
@@ -216,9 +194,7 @@ int learn(std::vector<Row>& rows, const FaultOptions& options) {
             throw Unable("the flow " + outcome.name + " fails without a fault");
         for (Row& row : rows) {
             if (row.flow.name != outcome.name) continue;
-            row.clean = row.stuck = std::move(outcome.conduct);
-            row.stuck.end = "limit";
-            row.stuck.lasted = row.flow.limit;
+            row.clean = std::move(outcome.conduct);
         }
     };
     return run_each(next, options.jobs, keep);
@@ -294,7 +270,7 @@ int run_faults(const FaultOptions& options) {
     const std::string flow = options.only.substr(0, options.only.find(':'));
     for (Scenario& scenario : parse_scenarios(kFlows, "flows.toml")) {
         names.push_back(scenario.name);
-        if (flow.empty() || scenario.name == flow) rows.push_back({std::move(scenario), {}, {}});
+        if (flow.empty() || scenario.name == flow) rows.push_back({std::move(scenario), {}});
     }
     if (rows.empty())
         throw Unable("no flow is called \"" + flow + "\"" + did_you_mean(flow, names));
@@ -307,7 +283,7 @@ int run_faults(const FaultOptions& options) {
         return kHeld;
     }
     if (flow != options.only) {
-        const Job job = job_for(rows[0], find_planned(planned, options.only), options.run);
+        const Job job = job_for(rows[0], find_planned(planned, options.only), options);
         return tell_one(job);
     }
 
@@ -319,7 +295,7 @@ int run_faults(const FaultOptions& options) {
     const auto next = [&]() -> std::optional<Job> {
         if (started == wanted) return {};
         const Planned& one = planned[started++ * all / wanted];
-        Job job = job_for(rows[one.flow], one, options.run);
+        Job job = job_for(rows[one.flow], one, options);
         job.options.story = false;
         return job;
     };

@@ -1,0 +1,64 @@
+// A run in which one call fails, or in which the daemon is killed or the phone loses its power at
+// that call, held against the clean run of its flow. After a kill or a cut the daemon is started
+// again, the modem does once more what it did first, and the flow is played to its end.
+//
+// The run ends as the clean one and not much later, leaves nothing more open, and complete files
+// (after a cut, those reported as saved) are as they were. What was saved of the modem is true.
+// After a kill or a cut one of each of its files is also whole, no ".new" file is left, boots were
+// counted, and the modem is in the same state. Whenever the daemon waits for the modem then, the
+// wake lock is released, and a silent-reset record has reached the driver whole, once for each time
+// that it was fetched, or twice in the pass of the stop, and is removed.
+#pragma once
+
+#include <optional>
+
+#include "lab/campaign/disk.h"
+#include "lab/run/run.h"
+
+namespace rvd::lab {
+
+enum class Kind { fail, kill, cut };
+
+class Trial : public Conductor {
+  public:
+    // `survives` is for a cut.
+    Trial(Kind kind, Disk::Unflushed survives, Conduct clean)
+        : kind_(kind), survives_(survives), clean_(std::move(clean)) {}
+
+    void begin(Play& play) override;
+    void call(const std::string& name, const std::string& path, int fd) override;
+    void line(const std::string& text) override;
+    void waits() override;
+    void fault(const Fault& fault) override;
+    void judge(Conduct& conduct) override;
+
+  private:
+    void stop();
+    void cut_power();
+    void kill_daemon();
+    Files reported_and_there() const;
+    void repeat_first_event();
+
+    std::string record() const;
+    int64_t handed_back() const;
+    void check_end(const Conduct& conduct);
+    void check_complete(const Files& files);
+    void check_records();
+    void check_counter();
+    void violation(const std::string& text) { play_->story.violation(text); }
+
+    const Kind kind_;
+    const Disk::Unflushed survives_;
+    const Conduct clean_;
+    Play* play_ = nullptr;
+    std::optional<Disk> disk_;
+    Files saved_;          // as the daemon has reported them
+    Files before_;         // what was complete when the fault came
+    int64_t boots_ = 0;    // as the daemon had counted them at the stop
+    size_t lines_ = 0;     // logged before the stop
+    size_t requests_ = 0;  // made before the pass that runs
+    bool stopped_in_pass_ = false;
+    bool locked_ = false;  // the wake lock is held
+};
+
+}  // namespace rvd::lab
