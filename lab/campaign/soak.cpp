@@ -61,7 +61,7 @@ class Soak : public Conductor {
           figures_(figures) {}
 
     void begin(Play& play) override {
-        play_ = &play;
+        Conductor::begin(play);
         sigset_t held = interruptions();
         sigprocmask(SIG_BLOCK, &held, nullptr);
     }
@@ -100,9 +100,7 @@ class Soak : public Conductor {
         if (once_in(4)) choose_quirk(play);
     }
 
-    void judge(Conduct& conduct) override {
-        check_expectations(play_->scenario, play_->phone, conduct, play_->story);
-    }
+    void judge(Conduct& conduct) override { check_expectations(*play_, conduct); }
 
   private:
     // The signals of an interruption wait for the end of the pass.
@@ -146,16 +144,16 @@ class Soak : public Conductor {
     // What was collected is right as far as it goes, and whole where nothing was in the way.
     void check_files(Play& play) {
         // A liar's words decide what of a frame is data.
-        if (shape_ != "liar") check_collected(play.scenario, play.phone, play.story);
+        if (shape_ != "liar") check_collected(play);
         for (const auto& [path, content] : closed_files(play.phone, {}))
             figures_.bytes += path.compare(0, sizeof(kLogs) - 1, kLogs) == 0
                                       ? static_cast<int64_t>(content.size())
                                       : 0;
         if (crashed_ && short_of_space_) check_refused(play);
         if (crashed_ && !disturbed_ && !short_of_space_) {
-            Scenario whole = play.scenario;
-            whole.expect.end.clear();
-            check_expectations(whole, play.phone, Conduct(), play.story);
+            Conduct soaked;
+            soaked.end = play.scenario.expect.end;
+            check_expectations(play, soaked);
             figures_.whole++;
         }
         fs::remove_all(play.phone.path(kLogs));
@@ -301,7 +299,6 @@ class Soak : public Conductor {
         }
     }
 
-    Play* play_ = nullptr;
     std::mt19937_64 random_;
     const std::string shape_;
     const int passes_;

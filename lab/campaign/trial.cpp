@@ -57,7 +57,7 @@ bool damaged(const std::string& path, const std::string& content, const Files& c
 }  // namespace
 
 void Trial::begin(Play& play) {
-    play_ = &play;
+    Conductor::begin(play);
     if (kind_ != Kind::cut) return;
     disk_.emplace(play.phone);
     saved_ = closed_files(play.phone, {});
@@ -176,15 +176,13 @@ void Trial::check_records() {
 }
 
 void Trial::judge(Conduct& conduct) {
-    const auto& [scenario, phone, stage, modem, story, timeline] = *play_;
-    check_obstacles(scenario, true, story);
+    check_faults(*play_);
     check_end(conduct);
     check_complete(conduct.files);
     // A cut may leave sectors of zeros in what was not reported.
-    if (kind_ != Kind::cut || survives_ == Disk::Unflushed::all)
-        check_collected(scenario, phone, story);
+    if (kind_ != Kind::cut || survives_ == Disk::Unflushed::all) check_collected(*play_);
     if (kind_ == Kind::fail) return;
-    check_whole(scenario, phone, story);
+    check_whole(*play_);
     check_counter();
     if (conduct.end == clean_.end && conduct.modem != clean_.modem)
         violation(fmt::format("the modem is left in state {}", conduct.modem));

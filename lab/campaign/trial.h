@@ -50,7 +50,6 @@ class Trial : public Conductor {
     const Kind kind_;
     const Disk::Unflushed survives_;
     const Conduct clean_;
-    Play* play_ = nullptr;
     std::optional<Disk> disk_;
     Files saved_;          // as the daemon has reported them
     Files before_;         // what was complete when the fault came

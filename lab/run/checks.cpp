@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <functional>
+#include <set>
 
 namespace fs = std::filesystem;
 
@@ -15,40 +15,67 @@ namespace rvd::lab {
 
 namespace {
 
-constexpr char kLogDirectory[] = "/data/vendor/log/rvd";
+using Texts = std::vector<std::string>;
+
+int64_t count_of(const std::string& pattern, const Texts& seen) {
+    return std::count_if(seen.begin(), seen.end(),
+                         [&](const std::string& text) { return matches(pattern, text); });
+}
+
+bool is_expected(const std::string& text, const Texts& patterns) {
+    return std::any_of(patterns.begin(), patterns.end(),
+                       [&](const std::string& pattern) { return matches(pattern, text); });
+}
 
 // Each pattern matches in this order; other texts may stand between.
-void check_order(const std::vector<std::string>& patterns, const std::vector<std::string>& seen,
-                 const char* what, Story& story) {
+void check_order(const char* what, const Texts& patterns, const Texts& seen, Story& story) {
     auto from = seen.begin();
     std::string after = "the start";
     for (const std::string& pattern : patterns) {
         const auto found = std::find_if(
                 from, seen.end(), [&](const std::string& text) { return matches(pattern, text); });
-        if (found == seen.end()) {
-            story.violation(std::string("no ") + what + " \"" + pattern + "\" after " + after);
-            return;
-        }
+        if (found == seen.end())
+            return story.violation("no {} \"{}\" after {}", what, pattern, after);
         after = "\"" + pattern + "\"";
         from = found + 1;
     }
 }
 
-int64_t count_of(const std::string& pattern, const std::vector<std::string>& seen) {
-    return std::count_if(seen.begin(), seen.end(),
-                         [&](const std::string& text) { return matches(pattern, text); });
-}
-
-void check_none(const std::vector<std::string>& patterns, const std::vector<std::string>& seen,
-                const char* what, Story& story) {
+void check_none(const char* what, const Texts& patterns, const Texts& seen, Story& story) {
     for (const std::string& pattern : patterns) {
-        if (count_of(pattern, seen) > 0)
-            story.violation(fmt::format("unexpected {} \"{}\"", what, pattern));
+        if (count_of(pattern, seen) > 0) story.violation("unexpected {} \"{}\"", what, pattern);
     }
 }
 
-std::vector<std::string> find_files(const Phone& phone, const std::string& pattern) {
-    std::vector<std::string> found;
+// Whether nothing around the daemon fails, and the modem delivers what it announces.
+bool is_undisturbed(const Scenario& scenario) {
+    const auto& regions = scenario.driver.regions;
+    return std::none_of(regions.begin(), regions.end(),
+                        [](const auto& region) { return region.second.delivers.has_value(); }) &&
+           scenario.faults.empty() && scenario.loader.empty() && scenario.driver.answers.empty() &&
+           scenario.missing.empty() && scenario.read_only.empty() && scenario.free_mb.empty() &&
+           !scenario.full_after && !scenario.firmware.truncate;
+}
+
+// The daemon logs no error but those that the scenario expects.
+void check_errors(const Expectations& expect, Story& story) {
+    Texts expected = {
+            "(ERR! *) open_srinfo_last: last_sr_info open fail",  // there is no record to hand back
+            "(ERR! *) create_log_directory: * changed(0)"};       // it reports success that way
+    expected.insert(expected.end(), expect.log.begin(), expect.log.end());
+    for (const std::string& fact : expect.story)
+        expected.push_back(fact.substr(std::min(fact.find(" s ") + 3, fact.size())));
+    for (const auto& [pattern, times] : expect.times)
+        expected.push_back(pattern);
+    for (const std::string& line : story.log()) {
+        if (line.find("ERR!") != std::string::npos && !is_expected(line, expected))
+            story.violation("unexpected error: " + line);
+    }
+}
+
+// The paths in the phone that match a pattern whose last part alone has wildcards.
+Texts find_files(const Phone& phone, const std::string& pattern) {
+    Texts found;
     std::error_code none;
     const fs::path directory = fs::path(phone.path(pattern)).parent_path();
     for (const auto& entry : fs::directory_iterator(directory, none)) {
@@ -59,193 +86,171 @@ std::vector<std::string> find_files(const Phone& phone, const std::string& patte
     return found;
 }
 
-// The expected content of a file, piece by piece.
-using Bytes = std::function<void(uint64_t offset, void* out, size_t size)>;
-
-bool file_equals(const std::string& path, uint64_t size, const Bytes& content) {
-    constexpr size_t kPiece = 256 << 10;
+// Whether a file consists of the first `size` bytes that a seed stands for.
+bool equals_seeded(const std::string& path, uint64_t seed, uint64_t size) {
     std::ifstream file(path, std::ios::binary);
-    std::vector<char> seen(kPiece), wanted(kPiece);
+    std::vector<char> seen(256 << 10), wanted(seen.size());
     uint64_t done = 0;
-    for (;;) {
-        file.read(seen.data(), kPiece);
+    while (file) {
+        file.read(seen.data(), static_cast<std::streamsize>(seen.size()));
         const auto n = static_cast<size_t>(file.gcount());
-        if (n == 0) return done == size;
-        content(done, wanted.data(), n);
+        fill_seeded(seed, done, wanted.data(), n);
         if (memcmp(seen.data(), wanted.data(), n) != 0) return false;
         done += n;
     }
+    return done == size;
 }
 
-bool equals_named(const std::string& path, const FileExpectation& wanted,
-                  const Scenario& scenario) {
-    const std::string& name = wanted.equals;
-    if (name == "erased") {
-        return file_equals(path, fs::file_size(path),
-                           [](uint64_t, void* out, size_t size) { memset(out, 0xFF, size); });
-    }
-    const Content content = content_of(scenario, name);
-    const auto size =
-            static_cast<uint64_t>(wanted.size.value_or(static_cast<int64_t>(content.size)));
-    const uint64_t seed = content.seed;
-    return file_equals(path, size, [seed](uint64_t offset, void* out, size_t count) {
-        fill_seeded(seed, offset, out, count);
-    });
+bool equals_named(const Play& play, const std::string& file, const FileExpectation& wanted) {
+    const std::string path = play.phone.path(file);
+    if (wanted.equals == "erased") return read_file(path).find_first_not_of('\xFF') == path.npos;
+    const Content content = content_of(play.scenario, wanted.equals);
+    const uint64_t size = wanted.size ? static_cast<uint64_t>(*wanted.size) : content.size;
+    return equals_seeded(path, content.seed, size);
 }
 
-void check_file(const FileExpectation& wanted, const std::string& inside, const Scenario& scenario,
-                const Phone& phone, Story& story) {
-    const std::string path = phone.path(inside);
+void check_equal(const Play& play, const std::string& file, const FileExpectation& wanted) {
+    if (!wanted.equals.empty() && !equals_named(play, file, wanted))
+        play.story.violation("{} differs from what the modem sent ({})", file, wanted.equals);
+}
+
+void check_file(const Play& play, const std::string& file, const FileExpectation& wanted) {
+    const std::string path = play.phone.path(file);
+    Story& story = play.story;
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0) return story.violation(inside + " cannot be examined");
-    if (wanted.size && status.st_size != *wanted.size)
-        story.violation(
-                fmt::format("{} has {} bytes, not {}", inside, status.st_size, *wanted.size));
+    if (stat(path.c_str(), &status) != 0) return story.violation(file + " cannot be examined");
     const std::string mode = fmt::format("{:04o}", status.st_mode & 07777u);
+    if (wanted.size && status.st_size != *wanted.size)
+        story.violation("{} has {} bytes, not {}", file, status.st_size, *wanted.size);
     if (!wanted.mode.empty() && mode != wanted.mode)
-        story.violation(inside + " has mode " + mode + ", not " + wanted.mode);
+        story.violation("{} has mode {}, not {}", file, mode, wanted.mode);
     if (!wanted.text.empty() && !matches(wanted.text, read_file(path)))
-        story.violation(inside + " doesn't read \"" + wanted.text + "\"");
-    if (!wanted.equals.empty() && !equals_named(path, wanted, scenario))
-        story.violation(inside + " differs from what the modem sent (" + wanted.equals + ")");
+        story.violation("{} doesn't read \"{}\"", file, wanted.text);
+    check_equal(play, file, wanted);
 }
 
-// Whether nothing around the daemon fails, and the modem delivers what it announces.
-bool is_undisturbed(const Scenario& scenario) {
-    if (scenario.firmware.truncate) return false;
-    for (const auto& [name, region] : scenario.driver.regions) {
-        if (region.delivers) return false;
+void check_files(const Play& play) {
+    for (const FileExpectation& wanted : play.scenario.expect.files) {
+        const Texts files = find_files(play.phone, wanted.path);
+        if (static_cast<int64_t>(files.size()) != wanted.number)
+            play.story.violation("expected {} files, found {}: {}", wanted.number, files.size(),
+                                 wanted.path);
+        for (const std::string& file : files)
+            check_file(play, file, wanted);
     }
-    return scenario.faults.empty() && scenario.loader.empty() && scenario.driver.answers.empty() &&
-           scenario.missing.empty() && scenario.read_only.empty() && scenario.free_mb.empty() &&
-           !scenario.full_after;
+    for (const std::string& pattern : play.scenario.expect.absent) {
+        for (const std::string& file : find_files(play.phone, pattern))
+            play.story.violation(file + " exists");
+    }
 }
 
-// Where nothing fails, the daemon logs no error but those that the scenario expects.
-void check_errors(const Scenario& scenario, Story& story) {
-    const Expectations& expect = scenario.expect;
-    std::vector<std::string> expected = {
-            "(ERR! *) open_srinfo_last: last_sr_info open fail",  // there is no record to hand back
-            "(ERR! *) create_log_directory: * changed(0)"};       // it reports success that way
-    expected.insert(expected.end(), expect.log.begin(), expect.log.end());
-    for (const std::string& fact : expect.story)
-        expected.push_back(fact.substr(std::min(fact.find(" s ") + 3, fact.size())));
-    for (const auto& [pattern, times] : expect.times)
-        expected.push_back(pattern);
-    for (const std::string& line : story.log()) {
-        if (line.find("ERR!") == std::string::npos) continue;
-        if (std::none_of(expected.begin(), expected.end(),
-                         [&](const std::string& pattern) { return matches(pattern, line); }))
-            story.violation("unexpected error: " + line);
-    }
+void check_end(const Expectations& expect, const Conduct& conduct, Story& story) {
+    // With the real clock a daemon that waits and one that has parked are both quiet.
+    const bool quiet = conduct.end == "quiet" && (expect.end == "waits" || expect.end == "parked");
+    if (!expect.end.empty() && conduct.end != expect.end && !quiet)
+        story.violation("the run ended with \"{}\", not \"{}\"", conduct.end, expect.end);
+    if (expect.lasts && conduct.lasted != *expect.lasts)
+        story.violation("the run lasted {:.6f} s", seconds(conduct.lasted));
 }
 
 }  // namespace
 
-void check_obstacles(const Scenario& scenario, bool faults_alone, Story& story) {
-    for (const Fault& fault : scenario.faults) {
-        if (!fault.turn.came)
-            story.violation("the fault in " + fault.call + " " + fault.path + " never triggered");
-    }
-    if (faults_alone) return;
-    for (const Answer& answer : scenario.driver.answers) {
-        if (!answer.turn.came)
-            story.violation("the answer to " + answer.request + " was never given");
-    }
-    for (const Quirk& quirk : scenario.loader) {
-        if (!quirk.turn.came)
-            story.violation("the loader's deviation at " + quirk.at + " never triggered");
+void check_at_power_on(const Play& play) {
+    std::set<std::string> seen;
+    for (const auto& [fd, path] : play.stage.descriptors()) {
+        const bool own = is_expected(path, {kAndroidLog, "/dev/boot", "/dev/block/*",
+                                            "/mnt/vendor/efs/*", play.scenario.nv_path()});
+        if (!own || !seen.insert(path).second)
+            play.story.violation("descriptor {} is open at power-on: {}", fd, path);
     }
 }
 
-void check_expectations(const Scenario& scenario, const Phone& phone, const Conduct& conduct,
-                        Story& story) {
-    const Expectations& expect = scenario.expect;
-    if (is_undisturbed(scenario)) check_errors(scenario, story);
-    check_order(expect.log, story.log(), "line", story);
-    check_none(expect.no_log, story.log(), "line", story);
-    check_order(expect.requests, story.requests(), "request", story);
-    check_none(expect.no_requests, story.requests(), "request", story);
-    check_order(expect.story, story.facts(), "fact", story);
+void check_between_passes(const Play& play) {
+    const auto open = play.stage.descriptors();
+    // A sleep with a node open is one within a pass.
+    if (std::any_of(open.begin(), open.end(), [](const auto& descriptor) {
+            return descriptor.second == "/dev/boot" || descriptor.second == "/dev/dump";
+        }))
+        return;
+    for (const auto& [fd, path] : open) {
+        if (path != kAndroidLog) play.story.violation("descriptor {} is left open: {}", fd, path);
+    }
+}
+
+void check_faults(const Play& play) {
+    for (const Fault& fault : play.scenario.faults) {
+        if (!fault.turn.came)
+            play.story.violation("the fault in {} {} never triggered", fault.call, fault.path);
+    }
+}
+
+void check_obstacles(const Play& play) {
+    check_faults(play);
+    for (const Answer& answer : play.scenario.driver.answers) {
+        if (!answer.turn.came)
+            play.story.violation("the answer to {} was never given", answer.request);
+    }
+    for (const Quirk& quirk : play.scenario.loader) {
+        if (!quirk.turn.came)
+            play.story.violation("the loader's deviation at {} never triggered", quirk.at);
+    }
+}
+
+void check_expectations(const Play& play, const Conduct& conduct) {
+    const Expectations& expect = play.scenario.expect;
+    Story& story = play.story;
+    if (is_undisturbed(play.scenario)) check_errors(expect, story);
+    check_order("line", expect.log, story.log(), story);
+    check_none("line", expect.no_log, story.log(), story);
+    check_order("request", expect.requests, story.requests(), story);
+    check_none("request", expect.no_requests, story.requests(), story);
+    check_order("fact", expect.story, story.facts(), story);
     if (expect.whole_story && story.facts().size() != expect.story.size())
-        story.violation(fmt::format("{} lines and requests, not {}", story.facts().size(),
-                                    expect.story.size()));
+        story.violation("{} lines and requests, not {}", story.facts().size(), expect.story.size());
     for (const auto& [pattern, times] : expect.times) {
         const int64_t seen = count_of(pattern, story.log());
-        if (seen != times)
-            story.violation(fmt::format("expected {} times, found {}: {}", times, seen, pattern));
+        if (seen != times) story.violation("expected {} times, found {}: {}", times, seen, pattern);
     }
-    for (const FileExpectation& wanted : expect.files) {
-        const auto files = find_files(phone, wanted.path);
-        if (static_cast<int64_t>(files.size()) != wanted.number)
-            story.violation(fmt::format("expected {} files, found {}: {}", wanted.number,
-                                        files.size(), wanted.path));
-        for (const std::string& file : files)
-            check_file(wanted, file, scenario, phone, story);
-    }
-    for (const std::string& pattern : expect.absent) {
-        for (const std::string& file : find_files(phone, pattern))
-            story.violation(file + " exists");
-    }
+    check_files(play);
     for (const auto& [name, value] : expect.properties) {
-        const std::string seen = phone.property(name);
-        if (seen != value)
-            story.violation("property " + name + " is \"" + seen + "\", not \"" + value + "\"");
+        const std::string seen = play.phone.property(name);
+        if (seen != value) story.violation("property {} is \"{}\", not \"{}\"", name, seen, value);
     }
-    const bool quiet = conduct.end == "quiet" && (expect.end == "waits" || expect.end == "parked");
-    if (!expect.end.empty() && conduct.end != expect.end && !quiet)
-        story.violation("the run ended with \"" + conduct.end + "\", not \"" + expect.end + "\"");
-    if (expect.lasts && conduct.lasted != *expect.lasts)
-        story.violation(fmt::format("the run lasted {:.6f} s", seconds(conduct.lasted)));
+    check_end(expect, conduct, story);
 }
 
-void check_collected(const Scenario& scenario, const Phone& phone, Story& story) {
+void check_collected(const Play& play) {
     // The rest of a packet that is read in part is lost, and the file is damaged.
-    for (const Fault& fault : scenario.faults) {
-        if (fault.call == "read" && fault.cut) return;
-    }
-    for (FileExpectation wanted : scenario.expect.files) {
-        if (wanted.equals.empty()) continue;
-        for (const std::string& file : find_files(phone, wanted.path)) {
-            wanted.size = static_cast<int64_t>(fs::file_size(phone.path(file)));
-            if (!equals_named(phone.path(file), wanted, scenario))
-                story.violation(file + " differs from what the modem sent (" + wanted.equals + ")");
+    const auto& faults = play.scenario.faults;
+    if (std::any_of(faults.begin(), faults.end(),
+                    [](const Fault& fault) { return fault.call == "read" && fault.cut; }))
+        return;
+    for (FileExpectation wanted : play.scenario.expect.files) {
+        for (const std::string& file : find_files(play.phone, wanted.path)) {
+            wanted.size = static_cast<int64_t>(fs::file_size(play.phone.path(file)));
+            check_equal(play, file, wanted);
         }
     }
 }
 
-void check_whole(const Scenario& scenario, const Phone& phone, Story& story) {
-    for (const FileExpectation& wanted : scenario.expect.files) {
-        const auto files = find_files(phone, wanted.path);
-        const auto whole = [&](const std::string& file) {
-            return equals_named(phone.path(file), wanted, scenario);
+void check_whole(const Play& play) {
+    for (const FileExpectation& wanted : play.scenario.expect.files) {
+        const Texts files = find_files(play.phone, wanted.path);
+        const auto is_whole = [&](const std::string& file) {
+            return equals_named(play, file, wanted);
         };
-        if (!wanted.equals.empty() && std::none_of(files.begin(), files.end(), whole))
-            story.violation("none is whole: " + wanted.path);
+        if (!wanted.equals.empty() && std::none_of(files.begin(), files.end(), is_whole))
+            play.story.violation("none is whole: " + wanted.path);
     }
 }
 
-void check_always(const Phone& phone, Story& story) {
-    std::ifstream output(phone.path(kOutput));
+void check_sanitizers(const Play& play) {
+    std::ifstream output(play.phone.path(kOutput));
     for (std::string line; std::getline(output, line);) {
         if (line.find("Sanitizer") != std::string::npos ||
             line.find("runtime error:") != std::string::npos)
-            story.violation(line);
+            play.story.violation(line);
     }
-}
-
-std::vector<std::string> file_summary(const Phone& phone) {
-    std::vector<std::string> lines;
-    std::error_code none;
-    for (const auto& entry : fs::recursive_directory_iterator(phone.path(kLogDirectory), none)) {
-        if (!entry.is_regular_file()) continue;
-        const fs::path inside = fs::relative(entry.path(), phone.path(kLogDirectory));
-        lines.push_back(
-                fmt::format("  {:<50} {:>12}", inside.string(), human_size(entry.file_size())));
-    }
-    std::sort(lines.begin(), lines.end());
-    lines.insert(lines.begin(), fmt::format("Files in {}", kLogDirectory));
-    return lines;
 }
 
 }  // namespace rvd::lab

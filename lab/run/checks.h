@@ -1,30 +1,29 @@
-// The checks after a run. Each failure becomes a violation of the story.
+// The checks of a run. Each failure becomes a violation of the story.
 #pragma once
 
 #include "lab/campaign/conduct.h"
-#include "lab/phone/phone.h"
-#include "lab/run/story.h"
-#include "lab/scenario/scenario.h"
+#include "lab/run/play.h"
 
 namespace rvd::lab {
 
-// Every fault and deviation of the scenario has occurred; with `faults_alone` only the faults are
-// checked, since they may prevent the deviations.
-void check_obstacles(const Scenario& scenario, bool faults_alone, Story& story);
+// At power-on only the descriptors of this boot are open, each once; between two passes only those
+// of the logs.
+void check_at_power_on(const Play& play);
+void check_between_passes(const Play& play);
 
-void check_expectations(const Scenario& scenario, const Phone& phone, const Conduct& conduct,
-                        Story& story);
+// Every fault of the scenario has occurred; every answer and deviation, too.
+void check_faults(const Play& play);
+void check_obstacles(const Play& play);
+
+void check_expectations(const Play& play, const Conduct& conduct);
 
 // Each file that should equal the modem's data equals its beginning.
-void check_collected(const Scenario& scenario, const Phone& phone, Story& story);
+void check_collected(const Play& play);
 
 // Of the files of each expectation at least one equals the modem's data.
-void check_whole(const Scenario& scenario, const Phone& phone, Story& story);
+void check_whole(const Play& play);
 
-// In every run: no sanitizer has reported anything.
-void check_always(const Phone& phone, Story& story);
-
-// A heading, and a line for each file in the log directory with its size.
-std::vector<std::string> file_summary(const Phone& phone);
+// No sanitizer has reported anything.
+void check_sanitizers(const Play& play);
 
 }  // namespace rvd::lab

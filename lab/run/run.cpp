@@ -1,78 +1,23 @@
 #include "lab/run/run.h"
 
 #include <fmt/format.h>
-#include <stdio.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <map>
 #include <memory>
 
 #include "lab/device/device_stage.h"
 #include "lab/device/notebook.h"
 #include "lab/gate/gate.h"
-#include "lab/phone/phone.h"
 #include "lab/run/checks.h"
-#include "lab/run/timeline.h"
-
-namespace fs = std::filesystem;
+#include "lab/run/summary.h"
 
 namespace rvd::lab {
 
 namespace {
 
 constexpr uint64_t kLeastRoom = 1 << 20;  // bytes left on a kept root's disk
-
-// Between two passes only the logs are open. A sleep with a node open is one within a pass.
-void check_between_passes(const RunStage& stage, Story& story) {
-    const auto open = stage.descriptors();
-    for (const auto& [fd, path] : open) {
-        if (path == "/dev/boot" || path == "/dev/dump") return;
-    }
-    for (const auto& [fd, path] : open) {
-        if (path != kAndroidLog)
-            story.violation(fmt::format("descriptor {} is left open: ", fd) + path);
-    }
-}
-
-// At power-on only the descriptors of this boot are open, each once.
-void check_at_boot(const RunStage& stage, const Scenario& scenario, Story& story) {
-    std::map<std::string, int> count;
-    for (const auto& [fd, path] : stage.descriptors()) {
-        const bool own = path == kAndroidLog || path == "/dev/boot" ||
-                         path.find("/dev/block/") == 0 || path.find("/mnt/vendor/efs/") == 0 ||
-                         path == scenario.nv_path();
-        if (!own || ++count[path] > 1)
-            story.violation(fmt::format("descriptor {} is open at power-on: ", fd) + path);
-    }
-}
-
-void print_summary(const Phone& phone, const Story& story, const Conduct& conduct, bool brief) {
-    fmt::print("\nThe run ended with \"{}\" after {:.3f} s of the phone's time.\n", conduct.end,
-               seconds(conduct.lasted));
-    const std::vector<std::string> files = file_summary(phone);
-    if (brief) {
-        fmt::print("It saved {} files; without --brief they are listed.\n", files.size() - 1);
-    } else {
-        fmt::print("\n{}\n\n{}\n", fmt::join(story.transfer_summary(), "\n"),
-                   fmt::join(files, "\n"));
-    }
-    const std::string& reason = story.crash_sentence;
-    if (!reason.empty())
-        fmt::print("\nThe reason of the kernel panic\n  {}\n",
-                   reason.substr(std::min(reason.find_first_not_of(": "), reason.size())));
-    fmt::print("\n");
-}
-
-void hear_line(const Scenario& scenario, const std::string& line) {
-    for (const Fault& fault : scenario.faults)
-        fault.turn.hear(line);
-    for (const Answer& answer : scenario.driver.answers)
-        answer.turn.hear(line);
-    for (const Quirk& quirk : scenario.loader)
-        quirk.turn.hear(line);
-}
 
 // On a real kernel times are not exact, and requests to the kernel itself are not seen.
 Scenario on_real_kernel(Scenario scenario, bool is_phone) {
@@ -90,17 +35,6 @@ Scenario on_real_kernel(Scenario scenario, bool is_phone) {
     return scenario;
 }
 
-std::unique_ptr<RunStage> make_stage(const Scenario& scenario, const RunOptions& options,
-                                     const Phone& phone, Story& story, Time start, Time now) {
-    const std::chrono::seconds patience(options.timeout);
-    if (options.device)
-        return make_device_stage(
-                scenario, phone, story,
-                {start, now, patience, !options.notebook.empty(), options.prepare});
-    return make_gate(scenario, phone, story,
-                     {start, options.real_time, patience, options.learn, options.jitter});
-}
-
 // One run; play() is its order.
 class Run {
   public:
@@ -112,12 +46,11 @@ class Run {
           resumed_(prepare_phone()),
           start_(resumed_ ? notes_.start : scenario_.start),
           story_(options.story ? stdout : nullptr, options.look, start_),
-          stage_(make_stage(scenario_, options, phone_, story_, start_,
-                            resumed_ ? notes_.now : start_)),
-          timeline_(scenario_, phone_, *stage_, stage_->modem(), story_, start_) {}
+          stage_(make_stage()) {}
 
     Result play() {
         listen();
+        options_.conductor->begin(play_);
         if (options_.log) options_.log.write("");
         if (resumed_) {
             resume();
@@ -131,7 +64,6 @@ class Run {
         conduct_.requests = story_.requests();
         conduct_.files = closed_files(phone_, {});
         judge();
-        if (!story_.violations().empty()) check_room();
         write_results();
         return {story_.violations(), conduct_};
     }
@@ -140,7 +72,7 @@ class Run {
     // Returns whether the run continues after the machine went down.
     bool prepare_phone() {
         const bool resumed = !options_.notebook.empty() && notes_.take(options_.notebook);
-        fs::path binary = options_.daemon;
+        std::filesystem::path binary = options_.daemon;
         if (!scenario_.program.empty()) binary.replace_filename(scenario_.program);
         if (resumed) {
             phone_.resume(binary);
@@ -150,27 +82,37 @@ class Run {
         return resumed;
     }
 
+    std::unique_ptr<RunStage> make_stage() {
+        const std::chrono::seconds patience(options_.timeout);
+        if (options_.device)
+            return make_device_stage(scenario_, phone_, story_,
+                                     {start_, resumed_ ? notes_.now : start_, patience,
+                                      !options_.notebook.empty(), options_.prepare});
+        return make_gate(scenario_, phone_, story_,
+                         {start_, options_.real_time, patience, options_.learn, options_.jitter});
+    }
+
     void listen() {
-        stage_->on_wait = [this] { daemon_waits(); };
+        stage_->on_wait = [this] {
+            conduct_.open = open_paths(*stage_);
+            options_.conductor->waits();
+            timeline_.waits();
+        };
         stage_->on_sleep = [this](Time span) {
-            if (span == kSecond) check_between_passes(*stage_, story_);
+            if (span == kSecond) check_between_passes(play_);
         };
         stage_->on_upload = [this] { return timeline_.upload(); };
         stage_->on_down = [this](bool panics) { write_notes(panics); };
-        story_.on_fact = [this](const std::string& kind, const std::string& text) {
-            hear(kind, text);
-        };
-        if (options_.learn) {
-            stage_->on_call = [this](const std::string& call, int time, const std::string& path,
-                                     int fd) {
-                const std::string place = story_.log().empty() ? "" : story_.log().back();
-                if (options_.conductor) options_.conductor->call(call, path, fd);
-                conduct_.calls.push_back({call, time, path, place});
-            };
-        }
-        if (!options_.conductor) return;
         stage_->on_fault = [this](const Fault& fault) { options_.conductor->fault(fault); };
-        options_.conductor->begin(play_);
+        story_.on_line = [this](const std::string& text) { hear_line(text); };
+        story_.on_request = [this](const std::string& text) { hear_request(text); };
+        if (!options_.learn) return;
+        stage_->on_call = [this](const std::string& call, int time, const std::string& path,
+                                 int fd) {
+            const std::string place = story_.log().empty() ? "" : story_.log().back();
+            options_.conductor->call(call, path, fd);
+            conduct_.calls.push_back({call, time, path, place});
+        };
     }
 
     void begin() {
@@ -187,6 +129,8 @@ class Run {
         story_.tell("phone", "", "is up again");
         for (size_t i = 0; i < notes_.answers.size(); i++)
             scenario_.driver.answers[i].turn.seen = notes_.answers[i];
+        // Which obstacles occurred before is not known.
+        for_each_turn(scenario_, [](const Turn& turn) { turn.came = true; });
         timeline_.resume(notes_.position, notes_.panicked);
         const bool last = notes_.panicked && timeline_.position() == notes_.position;
         if (last) {
@@ -196,49 +140,42 @@ class Run {
         }
     }
 
-    void daemon_waits() {
-        conduct_.open = open_paths(*stage_);
-        if (options_.conductor) options_.conductor->waits();
-        timeline_.waits();
-    }
-
-    void hear(const std::string& kind, const std::string& text) {
-        if (kind == "line") hear_line(scenario_, text);
-        if (kind == "line" && options_.log) options_.log.append(text + "\n");
-        if (kind == "line" && options_.conductor) options_.conductor->line(text);
-        timeline_.fact(kind, text);
-        if (text == "POWER_ON" && scenario_.program.empty())
-            check_at_boot(*stage_, scenario_, story_);
+    void hear_line(const std::string& text) {
+        for_each_turn(scenario_, [&](const Turn& turn) { turn.hear(text); });
+        if (options_.log) options_.log.append(text + "\n");
+        options_.conductor->line(text);
+        timeline_.line(text);
         // With the real clock the gate does not see the wait, only the lines before it.
         const bool waits = matches("*: Wait event from modem *", text) ||
                            matches("*: unknown Modem status", text);
         if (options_.real_time && waits) timeline_.waits();
     }
 
+    void hear_request(const std::string& text) {
+        timeline_.request(text);
+        if (text == "POWER_ON" && scenario_.program.empty()) check_at_power_on(play_);
+    }
+
     void write_notes(bool panics) {
-        Notebook notes;
-        notes.start = start_;
-        notes.now = stage_->now();
-        notes.position = timeline_.position();
-        notes.panicked = panics;
-        notes.crash_sentence = story_.crash_sentence;
-        notes.log = story_.log();
-        notes.requests = story_.requests();
-        notes.violations = story_.violations();
+        notes_ = {start_,
+                  stage_->now(),
+                  timeline_.position(),
+                  panics,
+                  story_.crash_sentence,
+                  story_.log(),
+                  story_.requests(),
+                  story_.violations(),
+                  {}};
         for (const Answer& answer : scenario_.driver.answers)
-            notes.answers.push_back(answer.turn.seen);
-        notes.store(options_.notebook);
+            notes_.answers.push_back(answer.turn.seen);
+        notes_.store(options_.notebook);
     }
 
     void judge() {
         if (!timeline_.finished()) story_.violation("the run ended before the timeline did");
-        if (options_.conductor) {
-            options_.conductor->judge(conduct_);
-        } else {
-            if (!resumed_) check_obstacles(scenario_, false, story_);
-            check_expectations(scenario_, phone_, conduct_, story_);
-        }
-        check_always(phone_, story_);
+        options_.conductor->judge(conduct_);
+        check_sanitizers(play_);
+        if (!story_.violations().empty()) check_room();
     }
 
     // A full disk outside the phone is no failure of the daemon.
@@ -264,12 +201,17 @@ class Run {
     const Time start_;
     Story story_;
     const std::unique_ptr<RunStage> stage_;
-    Timeline timeline_;
-    Conduct conduct_;
     Play play_{scenario_, phone_, *stage_, stage_->modem(), story_, timeline_};
+    Timeline timeline_{play_, start_};
+    Conduct conduct_;
 };
 
 }  // namespace
+
+void Conductor::judge(Conduct& conduct) {
+    check_obstacles(*play_);
+    check_expectations(*play_, conduct);
+}
 
 Result run_scenario(const Scenario& scenario, const RunOptions& options) {
     return Run(scenario, options).play();

@@ -7,32 +7,24 @@
 
 #include "lab/campaign/conduct.h"
 #include "lab/campaign/workplace.h"
-#include "lab/run/story.h"
+#include "lab/run/play.h"
 #include "lab/run/timeline.h"
-#include "lab/scenario/scenario.h"
 
 namespace rvd::lab {
 
-// A run in progress.
-struct Play {
-    Scenario& scenario;
-    const Phone& phone;
-    RunStage& stage;
-    Modem& modem;
-    Story& story;
-    const Timeline& timeline;
-};
-
-// Follows a run, may change it, and judges it instead of the scenario's expectations.
+// Follows a run, may change it, and judges it: this one by the scenario's expectations.
 class Conductor {
   public:
     virtual ~Conductor() = default;
-    virtual void begin(Play&) {}
+    virtual void begin(Play& play) { play_ = &play; }
     virtual void call(const std::string& /*name*/, const std::string& /*path*/, int /*fd*/) {}
     virtual void line(const std::string& /*text*/) {}
     virtual void waits() {}  // before what the timeline has for the wait for the modem
     virtual void fault(const Fault&) {}
-    virtual void judge(Conduct& conduct) = 0;
+    virtual void judge(Conduct& conduct);
+
+  protected:
+    Play* play_ = nullptr;
 };
 
 struct RunOptions {
@@ -51,7 +43,7 @@ struct RunOptions {
     int timeout = 60;      // seconds of real time
     int jitter = 0;        // microseconds that the gate waits between two reads
     bool learn = false;    // record every call of the daemon in the conduct
-    std::shared_ptr<Conductor> conductor;
+    std::shared_ptr<Conductor> conductor = std::make_shared<Conductor>();
 };
 
 // Thrown when this machine is about to reboot: run_scenario() with the same notebook continues.

@@ -51,7 +51,8 @@ void Story::log_line(int level, const std::string& text) {
     if (!shown.empty() && shown.back() == '\n') shown.pop_back();
     tell("daemon", "", shown);
     log_.push_back(shown);
-    keep_fact("line", shown);
+    keep_fact(shown);
+    if (on_line) on_line(shown);
 }
 
 void Story::request(const char* to, const std::string& text, bool shown) {
@@ -59,12 +60,12 @@ void Story::request(const char* to, const std::string& text, bool shown) {
     requests_.push_back(text);
     keep_in_ring(6, std::string(to) + ": " + text);
     if (shown) tell("daemon", to, text);
-    keep_fact("request", text);
+    keep_fact(text);
+    if (on_request) on_request(text);
 }
 
-void Story::keep_fact(const char* kind, const std::string& text) {
+void Story::keep_fact(const std::string& text) {
     facts_.push_back(fmt::format("{:g} s ", seconds(now_ - start_)) + text);
-    if (on_fact) on_fact(kind, text);
 }
 
 void Story::violation(const std::string& text) {
@@ -105,17 +106,14 @@ void Story::end_transfer() {
     really_begun_ = {};
 }
 
-std::vector<std::string> Story::transfer_summary() const {
-    std::vector<std::string> lines = {fmt::format("{:<16} {:>5} {:>11} {:>10} {:>10} {:>10}",
-                                                  "Transfers", "times", "size", "virtual s",
-                                                  "real s", "MB/s")};
-    for (const Transfers& all : transfers_) {
-        const double speed =
-                static_cast<double>(all.bytes) / 1e6 / std::max(all.real.count(), 1e-6);
-        lines.push_back(fmt::format("  {:<14} {:>5} {:>11} {:>10.3f} {:>10.3f} {:>10.1f}", all.name,
-                                    all.times, human_size(all.bytes), seconds(all.time),
-                                    all.real.count(), speed));
-    }
+std::string Story::transfer_summary() const {
+    std::string lines = fmt::format("{:<16} {:>5} {:>11} {:>10} {:>10} {:>10}\n", "Transfers",
+                                    "times", "size", "virtual s", "real s", "MB/s");
+    for (const Transfers& all : transfers_)
+        lines += fmt::format(
+                "  {:<14} {:>5} {:>11} {:>10.3f} {:>10.3f} {:>10.1f}\n", all.name, all.times,
+                human_size(all.bytes), seconds(all.time), all.real.count(),
+                static_cast<double>(all.bytes) / 1e6 / std::max(all.real.count(), 1e-6));
     return lines;
 }
 

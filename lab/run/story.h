@@ -3,6 +3,8 @@
 // the run.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <chrono>
 #include <cstdio>
 #include <functional>
@@ -32,14 +34,18 @@ class Story {
     void request(const char* to, const std::string& text, bool shown = true);
 
     void violation(const std::string& text);
+    template <class First, class... More>
+    void violation(const char* format, const First& first, const More&... more) {
+        violation(fmt::format(fmt::runtime(format), first, more...));
+    }
 
     // A transfer for the summary. It ends with the daemon's next line or request. The progress of a
     // long one is printed.
     void begin_transfer(const std::string& name, uint64_t total);
     void advance_transfer(uint64_t bytes);
 
-    // Called with each line ("line") and request ("request").
-    std::function<void(const char* kind, const std::string& text)> on_fact;
+    // Called with each line and request.
+    std::function<void(const std::string&text)> on_line, on_request;
 
     // The lines, requests and violations from before the machine went down.
     void recall(std::vector<std::string> log, std::vector<std::string> requests,
@@ -60,7 +66,7 @@ class Story {
     const std::string& ring() const { return ring_; }
 
     // A heading, and a line for all transfers of a name.
-    std::vector<std::string> transfer_summary() const;
+    std::string transfer_summary() const;
 
     // Trace events, as JSON for a trace viewer.
     std::string trace() const;
@@ -88,7 +94,7 @@ class Story {
     };
 
     void end_transfer();
-    void keep_fact(const char* kind, const std::string& text);
+    void keep_fact(const std::string& text);
     void keep_in_ring(int level, const std::string& text);
 
     FILE* out_;

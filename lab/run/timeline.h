@@ -1,22 +1,14 @@
 // What happens to the phone in a run, one event after the other.
 #pragma once
 
-#include "lab/modem/modem.h"
-#include "lab/phone/phone.h"
-#include "lab/run/stage.h"
+#include "lab/run/play.h"
 
 namespace rvd::lab {
 
-class Timeline {
+class Timeline : private Play {
   public:
-    Timeline(const Scenario& scenario, const Phone& phone, RunStage& stage, Modem& modem,
-             Story& story, Time start)
-        : scenario_(scenario),
-          phone_(phone),
-          stage_(stage),
-          modem_(modem),
-          story_(story),
-          start_(start) {}
+    // `start` is when the run has begun.
+    Timeline(const Play& play, Time start) : Play(play), start_(start) {}
 
     void begin() { arm(); }
 
@@ -24,28 +16,25 @@ class Timeline {
     void resume(size_t position, bool panicked);
 
     // These trigger events: the daemon begins to wait, the device goes to upload mode (returns
-    // whether an event waited for that), a line ("line") or a request ("request").
+    // whether an event waited for that), a line, a request.
     void waits();
     bool upload();
-    void fact(const std::string& kind, const std::string& text);
+    void line(const std::string& text) { fact(&Event::line, text); }
+    void request(const std::string& text) { fact(&Event::request, text); }
 
     // The index of the next event.
     size_t position() const { return at_; }
-    bool finished() const { return at_ == scenario_.timeline.size(); }
+    bool finished() const { return at_ == scenario.timeline.size(); }
 
   private:
-    const Event& next() const { return scenario_.timeline[at_]; }
+    const Event& next() const { return scenario.timeline[at_]; }
     bool pending() const { return !finished() && !triggered_; }
+    void fact(std::string Event::*wanted, const std::string& text);
     void arm();
     void trigger();
     void happen();
     void apply(const Event& event);
 
-    const Scenario& scenario_;
-    const Phone& phone_;
-    RunStage& stage_;
-    Modem& modem_;
-    Story& story_;
     const Time start_;
     size_t at_ = 0;
     int64_t said_ = 0;  // how often what the next event waits for has come

@@ -163,6 +163,17 @@ struct Scenario {
     }
 };
 
+// The turns of everything that goes wrong around the daemon.
+template <class Visit>
+void for_each_turn(const Scenario& scenario, const Visit& visit) {
+    for (const Fault& fault : scenario.faults)
+        visit(fault.turn);
+    for (const Answer& answer : scenario.driver.answers)
+        visit(answer.turn);
+    for (const Quirk& quirk : scenario.loader)
+        visit(quirk.turn);
+}
+
 // The cases of a file, or of a text as if it were the file `name`. Throws Unable with the file, the
 // line and what is allowed there.
 std::vector<Scenario> read_scenarios(const std::string& path);

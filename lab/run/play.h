@@ -1,0 +1,23 @@
+// A run in progress: what its parts share.
+#pragma once
+
+#include "lab/modem/modem.h"
+#include "lab/phone/phone.h"
+#include "lab/run/stage.h"
+#include "lab/run/story.h"
+#include "lab/scenario/scenario.h"
+
+namespace rvd::lab {
+
+class Timeline;
+
+struct Play {
+    Scenario& scenario;
+    const Phone& phone;
+    RunStage& stage;
+    Modem& modem;
+    Story& story;
+    const Timeline& timeline;
+};
+
+}  // namespace rvd::lab
