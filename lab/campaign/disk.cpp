@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <set>
 #include <utility>
 
 namespace fs = std::filesystem;
@@ -63,7 +62,7 @@ Disk::Names Disk::look() {
 }
 
 void Disk::flush_all() {
-    names_ = {look()};
+    names_ = look();
     for (auto& [inode, file] : files_)
         file.durable = file.content();
 }
@@ -75,32 +74,23 @@ void Disk::flush(const std::string& path) {
     if (found == names.end()) return;
     File& file = files_.at(found->second);
     file.durable = file.content();
-    if (S_ISDIR(file.status().st_mode)) names_ = {names};
+    if (S_ISDIR(file.status().st_mode)) names_ = names;
 }
 
 void Disk::call(const std::string& name, const std::string& path, const std::string& fdinfo) {
-    static const std::set<std::string> naming = {"open",   "mkdir", "rename",
-                                                 "unlink", "rmdir", "link"};
     if (effect_) std::exchange(effect_, nullptr)();
     if (name == "sync") effect_ = [this] { flush_all(); };
     if (!holds(path)) return;
     if (name == "fsync" || (name == "write" && is_synchronous(fdinfo)))
         effect_ = [this, path] { flush(path); };
-    if (naming.count(name) != 0) {
-        effect_ = [this] {
-            Names names = look();
-            if (names != names_.back()) names_.push_back(std::move(names));
-        };
-    }
 }
 
 void Disk::cut(Unflushed survives, uint64_t seed) {
     effect_ = nullptr;
     random_.seed(seed);
-    size_t names = 0;
-    if (survives == Unflushed::all) names = names_.size() - 1;
-    if (survives == Unflushed::part) names = random_() % names_.size();
-    rewrite(names_[names], survives);
+    const Names names = look();
+    // Of a part, all names: one whose content is missing does the most harm.
+    rewrite(survives == Unflushed::nothing ? names_ : names, survives);
 }
 
 std::string Disk::surviving(const File& file, Unflushed survives) {

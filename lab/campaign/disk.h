@@ -1,5 +1,5 @@
 // What of the phone's files a power cut leaves. Content is durable once its file is flushed or was
-// written synchronously; names change in their order, and are durable once a directory is flushed.
+// written synchronously; names are durable once a directory is flushed.
 #pragma once
 
 #include <sys/stat.h>
@@ -8,7 +8,6 @@
 #include <map>
 #include <random>
 #include <string>
-#include <vector>
 
 #include "lab/phone/phone.h"
 #include "util/ScopedFd.h"
@@ -51,7 +50,7 @@ class Disk {
 
     const Phone& phone_;
     std::map<ino_t, File> files_;
-    std::vector<Names> names_;      // the durable ones, then as they changed
+    Names names_;                   // the durable ones
     std::function<void()> effect_;  // of the last call, on what is durable
     std::mt19937_64 random_;
 };
