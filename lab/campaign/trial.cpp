@@ -31,7 +31,6 @@ constexpr struct {
         {"*: Go to UPLOAD mode", "*/cpcrash_*_log_*"},
         {"_save_logs: /*", "*/*_[0-9][0-9].log"},
         {"write_srinfo_file: store done", "*/*sr_info_*"},
-        {"create_empty_nv: NV(*) saved *", "/mnt/*"},
 };
 
 bool begins_with(const std::string& text, const std::string& beginning) {
