@@ -3,17 +3,17 @@
 #include <time.h>
 
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "lab/builtin.h"
 #include "lab/campaign/faults.h"
 #include "lab/campaign/soak.h"
 #include "lab/cli/command_line.h"
 #include "lab/cli/toc.h"
-#include "lab/scenario/reader.h"
 #include "lab/scenario/scenario.h"
 
 namespace rvd::lab {
+
+using nlohmann::literals::operator""_json_pointer;
 
 namespace {
 
@@ -93,59 +93,25 @@ int check(const CommandLine& line) {
 
 using Schema = nlohmann::ordered_json;
 
-// The schema of a value, by its type: "text", "list of number".
-Schema shape_of(const std::string& type, const Form& form) {
-    const size_t of = type.find(" of ");
-    const std::string inner = of == type.npos ? type : type.substr(of + 4);
-    Schema shape;
-    if (inner == "table") shape = {{"type", "object"}, {"additionalProperties", false}};
-    if (inner == "truth") shape = {{"type", "boolean"}};
-    if (inner == "text") shape = {{"type", "string"}};
-    if (inner == "text" && !form.pattern.empty()) shape["pattern"] = "^(" + form.pattern + ")$";
-    if (inner == "text" && !form.words.empty() && !form.patterned) shape["enum"] = form.words;
-    if (inner == "number" && form.span)
-        shape = {{"type", "string"}, {"pattern", "^[0-9.]+ *(ms|s|min|h)$"}};
-    if (inner == "number" && !form.span)
-        shape = {{"type", {"integer", "string"}},
-                 {"minimum", form.least},
-                 {"maximum", form.most},
-                 {"pattern", "^[0-9.]+ *(KiB|MiB|GiB)$"}};
-    if (of == type.npos) return shape;
-    if (type[0] == 'l') return {{"type", "array"}, {"items", shape}};
-    return {{"type", "object"}, {"additionalProperties", shape}};
-}
-
-// The key "driver.answer[].request" has the JSON pointer
-// "/properties/driver/properties/answer/items/properties/request".
-Schema schema_of(const std::vector<Key>& keys) {
-    Schema schema = {{"$schema", "http://json-schema.org/draft-07/schema#"},
-                     {"title", "a scenario of rvd-lab"}};
-    schema.update(shape_of("table", {}));
-    for (const Key& key : keys) {
-        std::string pointer;
-        std::istringstream place(key.place);
-        for (std::string part; std::getline(place, part, '.');) {
-            const bool item = part.back() == ']';
-            pointer += part == "NAME" ? "/additionalProperties"
-                                      : "/properties/" + part.substr(0, part.find('['));
-            if (item) pointer += "/items";
-        }
-        Schema& at = schema[Schema::json_pointer(pointer)];
-        at = {{"description", key.help}};
-        at.update(shape_of(key.type, key.form));
+// A line for each key of a table: "driver.answer[].request", and what it means.
+void print_keys(const Schema& table, const std::string& path) {
+    for (const auto& [name, key] : table["properties"].items()) {
+        const std::string place = path + name;
+        fmt::print("{:<28} {}\n", place, key["description"].get<std::string>());
+        if (key.contains("properties")) print_keys(key, place + ".");
+        if (key.contains("/items/properties"_json_pointer)) print_keys(key["items"], place + "[].");
+        if (key.contains("/additionalProperties/properties"_json_pointer))
+            print_keys(key["additionalProperties"], place + ".NAME.");
     }
-    schema["properties"]["case"]["items"] = {{"$ref", "#"}};
-    return schema;
 }
 
 int keys(bool json) {
-    const std::vector<Key> keys = scenario_keys();
+    const Schema schema = scenario_schema();
     if (json) {
-        fmt::print("{}\n", schema_of(keys).dump(1));
-        return kHeld;
+        fmt::print("{}\n", schema.dump(1));
+    } else {
+        print_keys(schema, "");
     }
-    for (const Key& key : keys)
-        fmt::print("{:<28} {}\n", key.place, key.help);
     return kHeld;
 }
 

@@ -1,38 +1,12 @@
 #include "lab/scenario/document.h"
 
-#include <algorithm>
+#include <fmt/format.h>
 
-// The library's assertions would abort before it reports where a file is no TOML.
-#define TOML_ASSERT(expr) static_cast<void>(0)
-#include <toml++/toml.h>
+#include <algorithm>
 
 namespace rvd::lab {
 
 namespace {
-
-std::string place_of(const std::string& name, const toml::source_region& source) {
-    return name + ":" + std::to_string(source.begin.line);
-}
-
-Value converted(const toml::node& from, const std::string& name) {
-    Value node{{}, place_of(name, from.source())};
-    if (const auto* table = from.as_table()) {
-        auto& entries = node.value.emplace<Value::Table>();
-        for (const auto& [key, value] : *table)
-            entries.emplace(key.str(), converted(value, name));
-    } else if (const auto* array = from.as_array()) {
-        auto& items = node.value.emplace<Value::List>();
-        for (const toml::node& item : *array)
-            items.push_back(converted(item, name));
-    } else if (from.is_string()) {
-        node.value = *from.value<std::string>();
-    } else if (from.is_integer()) {
-        node.value = *from.value<int64_t>();
-    } else if (from.is_boolean()) {
-        node.value = *from.value<bool>();
-    }
-    return node;
-}
 
 // The library reports the end of a line within a text as a control character.
 bool is_unterminated(const std::string& text, const toml::parse_error& error) {
@@ -49,33 +23,49 @@ bool is_unterminated(const std::string& text, const toml::parse_error& error) {
 void refuse_beyond_ascii(const std::string& text, const std::string& name) {
     const auto beyond = std::find_if(text.begin(), text.end(), [](char c) { return c & 0x80; });
     if (beyond == text.end()) return;
-    throw Unable(name + ":" + std::to_string(1 + std::count(text.begin(), beyond, '\n')) +
-                 ": a character that is not ASCII; in a text, \\u spells it");
+    throw Unable(fmt::format("{}:{}: a character that is not ASCII; in a text, \\u spells it", name,
+                             1 + std::count(text.begin(), beyond, '\n')));
 }
 
 }  // namespace
 
-Value parse_document(const std::string& text, const std::string& name) try {
-    refuse_beyond_ascii(text, name);
-    Value document = converted(toml::parse(text, name), name);
-    document.place = name + ":1";
-    return document;
-} catch (const toml::parse_error& error) {
-    throw Unable(place_of(name, error.source()) + ": " +
-                 (is_unterminated(text, error) ? "the text that begins here is not terminated"
-                                               : std::string(error.description())));
+std::map<std::string, Value> Value::entries() const {
+    if (!node->is_table()) refuse("expected a table");
+    std::map<std::string, Value> all;
+    for (const toml::node* table : {base, node}) {
+        if (table == nullptr) continue;
+        for (const auto& [key, value] : *table->as_table()) {
+            const std::string name(key.str());
+            Value& entry = all[name];
+            const bool laid_over = entry.node != nullptr && entry.node->is_table();
+            entry = {&value, laid_over && value.is_table() ? entry.node : nullptr,
+                     path.empty() ? name : path + "." + name};
+        }
+    }
+    return all;
 }
 
-Value merged(Value base, const Value& over) {
-    auto* entries = std::get_if<Value::Table>(&base.value);
-    const auto* more = over.as<Value::Table>();
-    if (entries == nullptr || more == nullptr) return over;
-    for (const auto& [key, node] : *more) {
-        const auto [at, added] = entries->emplace(key, node);
-        if (!added) at->second = merged(std::move(at->second), node);
-    }
-    base.place = over.place;
-    return base;
+std::vector<Value> Value::items() const {
+    if (!node->is_array()) refuse("expected a list");
+    std::vector<Value> all;
+    for (const toml::node& item : *node->as_array())
+        all.push_back({&item, nullptr, path + "[]"});
+    return all;
+}
+
+void Value::refuse(const std::string& why) const {
+    const toml::source_region& source = node->source();
+    throw Unable(fmt::format("{}:{}: {}", *source.path, source.begin.line, why));
+}
+
+toml::table parse_document(const std::string& text, const std::string& name) try {
+    refuse_beyond_ascii(text, name);
+    return toml::parse(text, name);
+} catch (const toml::parse_error& error) {
+    throw Unable(fmt::format("{}:{}: {}", name, error.source().begin.line,
+                             is_unterminated(text, error)
+                                     ? "the text that begins here is not terminated"
+                                     : error.description()));
 }
 
 }  // namespace rvd::lab

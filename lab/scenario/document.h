@@ -1,36 +1,34 @@
-// A TOML file as a tree of values with their places. Only document.cpp includes the TOML library.
+// A scenario file as a tree of values with their places.
 #pragma once
 
 #include <map>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "lab/base.h"
 
+// The library's assertions would abort before it reports where a file is no TOML.
+#define TOML_ASSERT(expr) static_cast<void>(0)
+#include <toml++/toml.h>
+
 namespace rvd::lab {
 
+// A node of a document. A table may be laid over another one, table by table and key by key;
+// anything else replaces what is beneath it.
 struct Value {
-    using List = std::vector<Value>;
-    using Table = std::map<std::string, Value>;
+    const toml::node* node;
+    const toml::node* base = nullptr;  // the table that this table is laid over
+    std::string path = {};             // "driver.answer[]"
 
-    // Without a value for what no scenario takes: dates and fractions.
-    std::variant<std::monostate, bool, int64_t, std::string, List, Table> value;
-    std::string place;  // "FILE:LINE"
+    // These throw Unable where the value is no table or list.
+    std::map<std::string, Value> entries() const;
+    std::vector<Value> items() const;
 
-    template <class T>
-    const T* as() const {
-        return std::get_if<T>(&value);
-    }
-
-    // Throws Unable with the place.
-    [[noreturn]] void refuse(const std::string& why) const { throw Unable(place + ": " + why); }
+    // Throws Unable with the file and the line.
+    [[noreturn]] void refuse(const std::string& why) const;
 };
 
 // Throws Unable with `name`, the line and what is wrong there.
-Value parse_document(const std::string& text, const std::string& name);
-
-// `over` laid over `base`: table by table and key by key; anything else replaces.
-Value merged(Value base, const Value& over);
+toml::table parse_document(const std::string& text, const std::string& name);
 
 }  // namespace rvd::lab

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <regex.h>
+#include <string.h>
 
 #include <algorithm>
 
@@ -13,29 +14,19 @@ constexpr size_t kFewWords = 6;       // listed in a message
 constexpr size_t kLongestText = 512;  // that is matched with a pattern
 constexpr double kBeyondNumbers = 9223372036854775808.0;
 
-struct Unit {
-    const char* name;
-    int64_t factor;
-    bool span;
-};
-constexpr Unit kUnits[] = {{"ms", kMillisecond, true},  {"s", kSecond, true},
-                           {"min", 60 * kSecond, true}, {"h", 3600 * kSecond, true},
-                           {"KiB", 1 << 10, false},     {"MiB", 1 << 20, false},
-                           {"GiB", 1 << 30, false}};
+const std::map<std::string, int64_t> kSpans = {
+        {"ms", kMillisecond}, {"s", kSecond}, {"min", 60 * kSecond}, {"h", 3600 * kSecond}};
+const std::map<std::string, int64_t> kSizes = {
+        {"KiB", 1 << 10}, {"MiB", 1 << 20}, {"GiB", 1 << 30}};
 
 // The value of "1.5 s" or "64 KiB"; negative for anything else.
-int64_t measured(const std::string& text, bool span) {
+int64_t measured(const std::string& text, const std::map<std::string, int64_t>& units) {
     char* end = nullptr;
     const double value = strtod(text.c_str(), &end);
-    const size_t used = static_cast<size_t>(end - text.c_str());
-    if (used == 0) return -1;
-    const std::string name = text.substr(std::min(text.find_first_not_of(' ', used), text.size()));
-    for (const Unit& unit : kUnits) {
-        const double amount = value * static_cast<double>(unit.factor);
-        if (unit.name == name && unit.span == span && amount >= 0 && amount < kBeyondNumbers)
-            return static_cast<int64_t>(amount);
-    }
-    return -1;
+    const auto unit = units.find(end + strspn(end, " "));
+    if (end == text.c_str() || unit == units.end()) return -1;
+    const double amount = value * static_cast<double>(unit->second);
+    return amount >= 0 && amount < kBeyondNumbers ? static_cast<int64_t>(amount) : -1;
 }
 
 bool has_pattern(const std::string& text, const std::string& pattern) {
@@ -63,99 +54,78 @@ std::string unknown_word(const Form& form, const std::string& word) {
 
 }  // namespace
 
-const Form kAny = {};
-const Form kSpan = {{}, {}, {}, false, true};
-
 Form between(int64_t least, int64_t most) {
     return {{}, {}, {}, false, false, least, most};
 }
 
-Reader::Reader(const Value& table, std::string place) : table_(&table), place_(std::move(place)) {
-    table_in(table);
-}
-
-Reader& Reader::table(const char* name, const char* help,
-                      const std::function<void(Reader&)>& body) {
-    static const Value none = {Value::Table(), ""};
-    const Value* node = find(name, help, "table", kAny);
-    Reader inner = keys_ != nullptr ? Reader(*keys_, below(name))
-                                    : Reader(node != nullptr ? *node : none, below(name));
-    body(inner);
-    inner.finish();
-    return *this;
-}
-
-const Value* Reader::find(const char* name, const char* help, const std::string& type,
-                          const Form& form) {
-    known_.emplace_back(name);
-    if (keys_ != nullptr) keys_->push_back({below(name), help, type, form});
-    const auto found = all().find(name);
-    return last_ = found == all().end() ? nullptr : &found->second;
-}
-
-std::string Reader::below(const std::string& name) const {
-    return place_.empty() ? name : place_ + "." + name;
+Form named(const Form& names, Form form) {
+    form.names = &names;
+    return form;
 }
 
 void Reader::needs(std::initializer_list<const char*> names, size_t most) const {
-    const auto given = static_cast<size_t>(std::count_if(
-            names.begin(), names.end(), [&](const char* name) { return all().count(name) > 0; }));
-    if (keys_ == nullptr && (given == 0 || given > most))
-        table_->refuse(fmt::format("{} {}{}\"{}\"", place_, given == 0 ? "needs " : "takes only ",
+    if (schema_ != nullptr) return;
+    const auto given =
+            static_cast<size_t>(std::count_if(names.begin(), names.end(), [&](const char* name) {
+                return entries_.count(name) > 0;
+            }));
+    if (given == 0 || given > most)
+        table_->refuse(fmt::format("{} {}{}\"{}\"", table_->path,
+                                   given == 0 ? "needs " : "takes only ",
                                    names.size() > 1 ? "one of " : "", fmt::join(names, "\", \"")));
 }
 
-const Value::Table& Reader::all() const {
-    static const Value::Table none;
-    return table_ == nullptr ? none : table_in(*table_);
-}
-
 void Reader::finish() const {
-    for (const auto& [name, node] : all()) {
+    for (const auto& [name, value] : entries_) {
         if (std::find(known_.begin(), known_.end(), name) == known_.end())
-            node.refuse(fmt::format("unknown key \"{}\"{}{}", name,
-                                    place_.empty() ? "" : " in " + place_,
-                                    did_you_mean(name, known_)));
+            value.refuse(fmt::format("unknown key \"{}\"{}{}", name,
+                                     table_->path.empty() ? "" : " in " + table_->path,
+                                     did_you_mean(name, known_)));
     }
 }
 
-const Value::Table& Reader::table_in(const Value& node) {
-    if (node.as<Value::Table>() == nullptr) node.refuse("expected a table");
-    return *node.as<Value::Table>();
-}
-
-const Value::List& Reader::list_in(const Value& node) {
-    if (node.as<Value::List>() == nullptr) node.refuse("expected a list");
-    return *node.as<Value::List>();
-}
-
-void Reader::check(const Value& node, const std::string& text, const Form& form) {
-    if (!form.words.empty() && !is_word(text, form)) node.refuse(unknown_word(form, text));
+void Reader::check(const Value& value, const std::string& text, const Form& form) {
+    if (!form.words.empty() && !is_word(text, form)) value.refuse(unknown_word(form, text));
     if (!form.pattern.empty() && !has_pattern(text, form.pattern))
-        node.refuse(fmt::format("\"{}\" is not {}", text, form.what));
+        value.refuse(fmt::format("\"{}\" is not {}", text, form.what));
 }
 
-void Reader::take(const Value& node, std::string& out, const Form& form) {
-    if (node.as<std::string>() == nullptr) node.refuse("expected a text");
-    out = *node.as<std::string>();
-    check(node, out, form);
+void Reader::take(const Value& value, std::string& out, const Form& form) {
+    if (!value.node->is_string()) value.refuse("expected a text");
+    out = **value.node->as_string();
+    check(value, out, form);
 }
 
-void Reader::take(const Value& node, int64_t& out, const Form& form) {
-    const auto* number = node.as<int64_t>();
-    const auto* text = node.as<std::string>();
-    out = text != nullptr ? measured(*text, form.span) : number != nullptr ? *number : -1;
-    const bool measure = form.span || number == nullptr;
-    if (measure && (text == nullptr || out < 0))
-        node.refuse(form.span ? R"(expected a time as "250 ms", "1.5 s", "2 min" or "1 h")"
-                              : R"(expected a number as 4096 or "64 KiB")");
+void Reader::take(const Value& value, int64_t& out, const Form& form) {
+    const auto* number = value.node->as_integer();
+    const auto* text = value.node->as_string();
+    const bool plain = number != nullptr && !form.span;
+    out = plain ? **number : text != nullptr ? measured(**text, form.span ? kSpans : kSizes) : -1;
+    if (!plain && out < 0)
+        value.refuse(form.span ? R"(expected a time as "250 ms", "1.5 s", "2 min" or "1 h")"
+                               : R"(expected a number as 4096 or "64 KiB")");
     if (out < form.least || out > form.most)
-        node.refuse(fmt::format("expected a number from {} to {}", form.least, form.most));
+        value.refuse(fmt::format("expected a number from {} to {}", form.least, form.most));
 }
 
-void Reader::take(const Value& node, bool& out, const Form&) {
-    if (node.as<bool>() == nullptr) node.refuse("expected true or false");
-    out = *node.as<bool>();
+void Reader::take(const Value& value, bool& out, const Form&) {
+    if (!value.node->is_boolean()) value.refuse("expected true or false");
+    out = **value.node->as_boolean();
+}
+
+Schema Reader::schema_of(std::string&, const Form& form) {
+    Schema schema = {{"type", "string"}};
+    if (!form.pattern.empty()) schema["pattern"] = "^(" + form.pattern + ")$";
+    if (!form.words.empty() && !form.patterned) schema["enum"] = form.words;
+    return schema;
+}
+
+Schema Reader::schema_of(int64_t&, const Form& form) {
+    if (form.span) return {{"type", "string"}, {"pattern", "^[0-9.]+ *(ms|s|min|h)$"}};
+    return {{"type", {"integer", "string"}},
+            {"minimum", form.least},
+            {"maximum", form.most},
+            {"pattern", "^[0-9.]+ *(KiB|MiB|GiB)$"}};
 }
 
 }  // namespace rvd::lab

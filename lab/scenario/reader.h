@@ -1,13 +1,16 @@
-// Reads the tables of a scenario key by key. Each call names a key, its form and its meaning: the
-// same calls read a file, refuse what does not fit, and list the keys for `rvd-lab keys`.
+// Reads the tables of a scenario key by key. Each call of key() names a key, a member, its meaning
+// and its form: the same calls read a file, refuse what does not fit, and make the schema that
+// `rvd-lab keys` prints.
 #pragma once
 
-#include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "lab/scenario/document.h"
 
 namespace rvd::lab {
+
+using Schema = nlohmann::ordered_json;
 
 // What a value must be, beyond its type.
 struct Form {
@@ -17,74 +20,32 @@ struct Form {
     bool patterned = false;               // the first word is a pattern that matches one of them
     bool span = false;                    // a time, with its unit
     int64_t least = 0, most = INT64_MAX;
+    const Form* names = nullptr;  // of a map
 };
-extern const Form kAny, kSpan;
+inline const Form kAny = {};
+inline const Form kSpan = {{}, {}, {}, false, true};
 Form between(int64_t least, int64_t most);
-
-struct Key {
-    std::string place;  // "driver.answer[].request"; NAME stands for any name
-    std::string help;
-    std::string type;  // "text", "number", "truth", "list of ...", "table of ...", "table"
-    Form form;
-};
+Form named(const Form& names, Form form = kAny);  // a map whose names have a form
 
 class Reader {
   public:
-    // Reads `table`, or lists the keys that a table at `place` can have.
-    explicit Reader(const Value& table, std::string place = "");
-    Reader(std::vector<Key>& keys, std::string place) : place_(std::move(place)), keys_(&keys) {}
+    explicit Reader(const Value& table) : table_(&table), entries_(table.entries()) {}
+    explicit Reader(Schema& schema) : schema_(&schema) {}
 
-    // A text, number, truth or time, or an optional or list of them. `out` keeps its value where
-    // the key is missing.
+    // A text, number or truth, a structure that has keys of its own, or an optional, a list or a
+    // map of such. Structures have a function keys(Reader&, T&). `out` keeps its value where the
+    // key is missing; a list is replaced, a map added to.
     template <class T>
     Reader& key(const char* name, T& out, const char* help, const Form& form = kAny) {
-        if (const Value* node = find(name, help, type_of(out), form)) take(*node, out, form);
-        return *this;
-    }
-
-    // A table with free keys, whose names have a form of their own.
-    template <class T>
-    Reader& key(const char* name, std::map<std::string, T>& out, const char* help,
-                const Form& names = kAny, const Form& form = kAny) {
-        const Value* node = find(name, help, std::string("table of ") + type_of(T()), form);
-        if (node == nullptr) return *this;
-        for (const auto& [word, value] : table_in(*node)) {
-            check(value, word, names);
-            take(value, out[word], form);
+        if (schema_ != nullptr) {
+            Schema& here = (*schema_)["properties"][name] = {{"description", help}};
+            here.update(schema_of(out, form));
+            return *this;
         }
-        return *this;
-    }
-
-    // A table with keys of its own.
-    Reader& table(const char* name, const char* help, const std::function<void(Reader&)>& body);
-
-    // A table of such tables, by name.
-    template <class T>
-    Reader& tables(const char* name, std::map<std::string, T>& out, const char* help,
-                   const Form& names, void (*body)(Reader&, T&)) {
-        return table(name, help, [&](Reader& outer) {
-            if (keys_ != nullptr) {
-                outer.find("NAME", names.what.c_str(), "table", names);
-                outer.list_keys<T>(outer.below("NAME"), body);
-            }
-            for (const auto& [word, value] : outer.all()) {
-                check(value, word, names);
-                outer.known_.push_back(word);
-                enter(value, outer.below(word), out[word], body);
-            }
-        });
-    }
-
-    // A list of such tables. It replaces `out`.
-    template <class T>
-    Reader& list(const char* name, std::vector<T>& out, const char* help,
-                 void (*body)(Reader&, T&)) {
-        const Value* node = find(name, help, "list of table", kAny);
-        if (keys_ != nullptr) list_keys<T>(below(name) + "[]", body);
-        if (node == nullptr) return *this;
-        out.clear();
-        for (const Value& item : list_in(*node))
-            enter(item, below(name) + "[]", out.emplace_back(), body);
+        known_.emplace_back(name);
+        const auto found = entries_.find(name);
+        last_ = found == entries_.end() ? nullptr : &found->second;
+        if (last_ != nullptr) take(*last_, out, form);
         return *this;
     }
 
@@ -101,58 +62,66 @@ class Reader {
     void finish() const;
 
   private:
-    const Value* find(const char* name, const char* help, const std::string& type,
-                      const Form& form);
-    std::string below(const std::string& name) const;
     void needs(std::initializer_list<const char*> names, size_t most) const;
-    const Value::Table& all() const;
 
+    static void check(const Value& value, const std::string& text, const Form& form);
+
+    static void take(const Value& value, std::string& out, const Form& form);
+    static void take(const Value& value, int64_t& out, const Form& form);
+    static void take(const Value& value, bool& out, const Form&);
     template <class T>
-    void list_keys(const std::string& place, void (*body)(Reader&, T&)) {
-        T item;
-        Reader inner(*keys_, place);
-        body(inner, item);
+    static void take(const Value& value, std::optional<T>& out, const Form& form) {
+        take(value, out.emplace(), form);
     }
     template <class T>
-    static void enter(const Value& node, const std::string& place, T& item,
-                      void (*body)(Reader&, T&)) {
-        Reader inner(node, place);
-        body(inner, item);
+    static void take(const Value& value, std::vector<T>& out, const Form& form) {
+        out.clear();
+        for (const Value& item : value.items())
+            take(item, out.emplace_back(), form);
+    }
+    template <class T>
+    static void take(const Value& value, std::map<std::string, T>& out, const Form& form) {
+        for (const auto& [name, entry] : value.entries()) {
+            if (form.names != nullptr) check(entry, name, *form.names);
+            take(entry, out[name], form);
+        }
+    }
+    template <class T>
+    static void take(const Value& value, T& out, const Form&) {
+        Reader inner(value);
+        keys(inner, out);
         inner.finish();
     }
 
-    static const char* type_of(const std::string&) { return "text"; }
-    static const char* type_of(int64_t) { return "number"; }
-    static const char* type_of(bool) { return "truth"; }
+    static Schema schema_of(std::string&, const Form& form);
+    static Schema schema_of(int64_t&, const Form& form);
+    static Schema schema_of(bool&, const Form&) { return {{"type", "boolean"}}; }
     template <class T>
-    static const char* type_of(const std::optional<T>&) {
-        return type_of(T());
+    static Schema schema_of(std::optional<T>&, const Form& form) {
+        T value{};
+        return schema_of(value, form);
     }
     template <class T>
-    static std::string type_of(const std::vector<T>&) {
-        return std::string("list of ") + type_of(T());
-    }
-
-    static const Value::Table& table_in(const Value& node);
-    static const Value::List& list_in(const Value& node);
-    static void check(const Value& node, const std::string& text, const Form& form);
-    static void take(const Value& node, std::string& out, const Form& form);
-    static void take(const Value& node, int64_t& out, const Form& form);
-    static void take(const Value& node, bool& out, const Form& form);
-    template <class T>
-    static void take(const Value& node, std::optional<T>& out, const Form& form) {
-        take(node, out.emplace(), form);
+    static Schema schema_of(std::vector<T>&, const Form& form) {
+        T item{};
+        return {{"type", "array"}, {"items", schema_of(item, form)}};
     }
     template <class T>
-    static void take(const Value& node, std::vector<T>& out, const Form& form) {
-        out.clear();
-        for (const Value& item : list_in(node))
-            take(item, out.emplace_back(), form);
+    static Schema schema_of(std::map<std::string, T>&, const Form& form) {
+        T item{};
+        return {{"type", "object"}, {"additionalProperties", schema_of(item, form)}};
+    }
+    template <class T>
+    static Schema schema_of(T& item, const Form&) {
+        Schema schema = {{"type", "object"}, {"additionalProperties", false}};
+        Reader inner(schema);
+        keys(inner, item);
+        return schema;
     }
 
     const Value* table_ = nullptr;
-    std::string place_;
-    std::vector<Key>* keys_ = nullptr;
+    std::map<std::string, Value> entries_;
+    Schema* schema_ = nullptr;
     std::vector<std::string> known_;
     const Value* last_ = nullptr;
 };

@@ -62,31 +62,11 @@ const Form kDate = {"a time as \"2020-10-01 12:30:00\"",
                     "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"};
 // Android's rule. Such a name is no path.
 const Form kProperty = {"a property's name", "[a-zA-Z0-9_:@-]+(\\.[a-zA-Z0-9_:@-]+)*"};
+const Form kProperties = named(kProperty), kPhoneFiles = named(kPhonePath),
+           kFillers = named(kPhonePath, kFileSize);
 const Form kModem = {"modem", "", {"tq720", "vk880"}}, kProgram = {"program", "", {"rvd-check"}},
            kPanic = {"panic", "", {"upload", "returns"}};
-
-void read_turn(Reader& reader, Turn& turn) {
-    reader.key("nth", turn.nth, "from which time on it applies (1)", kCount)
-            .key("count", turn.count, "to how many of them; 0: to all that follow (1)", kSmall)
-            .key("after", turn.after, "counted from this line of the daemon's log on (the start)")
-            .key("said", turn.said, "how often that line has been logged by then (1)", kCount);
-}
-
-void read_phone(Reader& reader, Scenario& s) {
-    std::map<std::string, int64_t> fillers;
-    reader.key("files", s.files, "files made beforehand: path = content", kPhonePath)
-            .key("fillers", fillers, "files made beforehand of nothing but 'x': path = bytes",
-                 kPhonePath, kFileSize)
-            .key("missing", s.missing, "paths (nodes, directories, files) that don't exist",
-                 kPhonePath)
-            .key("read_only", s.read_only, "directories on a read-only file system", kPhonePath)
-            .key("free", s.free_mb, "free space by path prefix, in MB (20000)", kAny, kSmall)
-            .key("full_after", s.full_after, "the data disk takes this many bytes and no more")
-            .key("ring", s.ring, "bytes in the kernel's log ring (what was logged)", kFileSize)
-            .key("log_group", s.log_group, "the group \"log\" exists (true)");
-    for (const auto& [path, size] : fillers)
-        s.files[path].assign(static_cast<size_t>(size), 'x');
-}
+const Form kRegion = {"region", "", {std::begin(kRegionNames), std::end(kRegionNames)}};
 
 // Reads "NAME:SIZE@PLACE>PLACE#CHECKSUM"; false if it is something else.
 bool read_entry(const std::string& word, FirmwareEntry& entry) {
@@ -123,7 +103,45 @@ std::string read_table(const std::string& text, std::vector<FirmwareEntry>& entr
     return entries.empty() ? "a table has at least one entry" : "";
 }
 
-void read_firmware(Reader& reader, Firmware& firmware) {
+// "2020-10-01 12:30:00", UTC.
+Time read_date(const std::string& text) {
+    tm parts{};
+    strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
+    return timegm(&parts) * kSecond;
+}
+
+}  // namespace
+
+static void keys(Reader& reader, Turn& turn) {
+    reader.key("nth", turn.nth, "from which time on it applies (1)", kCount)
+            .key("count", turn.count, "to how many of them; 0: to all that follow (1)", kSmall)
+            .key("after", turn.after, "counted from this line of the daemon's log on (the start)")
+            .key("said", turn.said, "how often that line has been logged by then (1)", kCount);
+}
+
+// The table "phone".
+struct PhoneKeys {
+    Scenario& scenario;
+};
+
+static void keys(Reader& reader, PhoneKeys& phone) {
+    Scenario& s = phone.scenario;
+    std::map<std::string, int64_t> fillers;
+    reader.key("files", s.files, "files made beforehand: path = content", kPhoneFiles)
+            .key("fillers", fillers, "files made beforehand of nothing but 'x': path = bytes",
+                 kFillers)
+            .key("missing", s.missing, "paths (nodes, directories, files) that don't exist",
+                 kPhonePath)
+            .key("read_only", s.read_only, "directories on a read-only file system", kPhonePath)
+            .key("free", s.free_mb, "free space by path prefix, in MB (20000)", kSmall)
+            .key("full_after", s.full_after, "the data disk takes this many bytes and no more")
+            .key("ring", s.ring, "bytes in the kernel's log ring (what was logged)", kFileSize)
+            .key("log_group", s.log_group, "the group \"log\" exists (true)");
+    for (const auto& [path, size] : fillers)
+        s.files[path].assign(static_cast<size_t>(size), 'x');
+}
+
+static void keys(Reader& reader, Firmware& firmware) {
     std::string table;
     reader.key("table", table,
                "the table of contents, \"TOC BOOT:96K MAIN:5000 NV\": each entry's name, then "
@@ -140,23 +158,22 @@ void read_firmware(Reader& reader, Firmware& firmware) {
                between(-1, kLargestFile));
 }
 
-void read_answer(Reader& reader, Answer& answer) {
+static void keys(Reader& reader, Answer& answer) {
     static const Form request = {"request", "", request_names()};
     reader.key("request", answer.request, "its name, as \"POWER_ON\"", request)
             .key("result", answer.result, "result; negative: errno", kSigned)
             .needs_one({"request"});
     reader.needs_one({"result"});
-    read_turn(reader, answer.turn);
+    keys(reader, answer.turn);
 }
 
-void read_region(Reader& reader, Region& region) {
+static void keys(Reader& reader, Region& region) {
     reader.key("size", region.size, "bytes announced", kWord)
             .key("delivers", region.delivers, "bytes delivered (as announced)", kWord)
             .key("packet", region.packet, "bytes a read (4096)", between(1, 8192));
 }
 
-void read_driver(Reader& reader, DriverSetup& driver) {
-    static const Form region = {"region", "", {std::begin(kRegionNames), std::end(kRegionNames)}};
+static void keys(Reader& reader, DriverSetup& driver) {
     reader.key("state", driver.state, "modem state at the start (0)", kSmall)
             .key("version", driver.version, "version text, at most 20 characters")
             .key("owner", driver.owner, "who crashed the modem (0)", between(INT32_MIN, INT32_MAX))
@@ -164,16 +181,16 @@ void read_driver(Reader& reader, DriverSetup& driver) {
             .key("srinfo", driver.srinfo, "text of the silent-reset record (none)")
             .key("panic", driver.panic, "a panic request: \"upload\" ends the device, \"returns\"",
                  kPanic)
-            .list("answer", driver.answers, "requests that are answered otherwise", read_answer)
-            .tables("regions", driver.regions, "modem memory regions", region, read_region);
+            .key("answer", driver.answers, "requests that are answered otherwise")
+            .key("regions", driver.regions, "modem memory regions", named(kRegion));
 }
 
-void read_dump(Reader& reader, DumpSetup& dump) {
+static void keys(Reader& reader, DumpSetup& dump) {
     reader.key("steps", dump.steps, "bytes of each step", kWord)
             .key("reason", dump.reason, "the modem's crash text");
 }
 
-void read_quirk(Reader& reader, Quirk& quirk) {
+static void keys(Reader& reader, Quirk& quirk) {
     reader.key("at", quirk.at, "word (\"0xA00D\"), \"info\", \"reason\", or step.frame (\"1.3\")",
                kPlace)
             .key("say", quirk.say, "another word, or another command word in the frame", kWord)
@@ -186,10 +203,10 @@ void read_quirk(Reader& reader, Quirk& quirk) {
             .key("silent", quirk.silent, "never sent, and nothing after it")
             .key("hang_up", quirk.hang_up, "a hang-up instead")
             .needs_one({"at"});
-    read_turn(reader, quirk.turn);
+    keys(reader, quirk.turn);
 }
 
-void read_fault(Reader& reader, Fault& fault) {
+static void keys(Reader& reader, Fault& fault) {
     static const Form call = {"call", "", fault_calls()}, error = {"errno", "", errno_names()};
     reader.key("call", fault.call, "system call: open, read, write, fsync, mkdir, mmap, ...", call)
             .key("path", fault.path, "only on paths that match (*)")
@@ -198,10 +215,10 @@ void read_fault(Reader& reader, Fault& fault) {
             .key("hang_up", fault.hang_up, "the node hangs up under the call")
             .needs_one({"call"});
     reader.needs_one({"error", "cut", "hang_up"});
-    read_turn(reader, fault.turn);
+    keys(reader, fault.turn);
 }
 
-void read_event(Reader& reader, Event& event) {
+static void keys(Reader& reader, Event& event) {
     static const Form request = {"request", "", request_words(), true};
     reader.key("at", event.at, "when: this long after the start", kSpan)
             .key("waits", event.waits, "when: the daemon waits for an event")
@@ -212,7 +229,7 @@ void read_event(Reader& reader, Event& event) {
             .key("upload", event.upload, "when: the device went to upload mode")
             .key("after", event.after, "and then so much later", kSpan)
             .key("state", event.state, "the modem changes to this state", kSmall)
-            .key("set", event.set, "these properties change", kProperty)
+            .key("set", event.set, "these properties change", kProperties)
             .key("restart", event.restart, "the daemon is killed and started again")
             .key("reboot", event.reboot, "the device reboots: restart, properties fresh")
             .key("stop", event.stop, "the run ends here")
@@ -220,7 +237,7 @@ void read_event(Reader& reader, Event& event) {
     reader.needs_some({"state", "set", "restart", "reboot", "stop"});
 }
 
-void read_file_expectation(Reader& reader, FileExpectation& file) {
+static void keys(Reader& reader, FileExpectation& file) {
     static const Form content = {"content", "", content_names()};
     reader.key("path", file.path,
                "path, below the log directory where it begins with no slash; its last part may be "
@@ -236,7 +253,7 @@ void read_file_expectation(Reader& reader, FileExpectation& file) {
             .needs_one({"path"});
 }
 
-void read_expectations(Reader& reader, Expectations& expect) {
+static void keys(Reader& reader, Expectations& expect) {
     static const Form request = {"request", "", request_words(), true};
     reader.key("log", expect.log, "lines the daemon logs, in this order, others between")
             .key("no_log", expect.no_log, "lines it must not log")
@@ -246,25 +263,19 @@ void read_expectations(Reader& reader, Expectations& expect) {
             .key("no_requests", expect.no_requests, "requests that must not come", request)
             .key("story", expect.story, "both together, each behind its time: \"4.5 s POWER_OFF\"")
             .key("whole_story", expect.whole_story, "nothing else happens in the story (false)")
-            .key("properties", expect.properties, "properties at the end; \"\": unset", kProperty)
+            .key("properties", expect.properties, "properties at the end; \"\": unset", kProperties)
             .key("end", expect.end,
                  "how the run ends: \"waits\" (for the modem), \"parked\", \"limit\", \"upload\", "
                  "\"stop\" or \"exit N\" (waits)",
                  kEnd)
             .key("lasts", expect.lasts, "virtual time from start to end", kSpan)
             .key("absent", expect.absent, "paths that must not exist", kFilePattern)
-            .list("files", expect.files, "files at the end", read_file_expectation);
+            .key("files", expect.files, "files at the end");
 }
 
-// "2020-10-01 12:30:00", UTC.
-Time read_date(const std::string& text) {
-    tm parts{};
-    strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &parts);
-    return timegm(&parts) * kSecond;
-}
-
-void read_all(Reader& reader, Scenario& s) {
+static void keys(Reader& reader, Scenario& s) {
     std::string start = "2020-10-01 12:30:00";
+    PhoneKeys phone{s};
     reader.key("name", s.name, "name of the case")
             .key("about", s.about, "what it shows, one sentence")
             .key("modem", s.modem, "\"tq720\" (integrated) or \"vk880\" (external)", kModem)
@@ -272,22 +283,22 @@ void read_all(Reader& reader, Scenario& s) {
                  kProgram)
             .key("args", s.args, "the daemon's arguments (-d -t and the modem)")
             .key("cmdline", s.cmdline, "the kernel command line (debug level mid)")
-            .key("properties", s.properties, "properties at the start", kProperty)
+            .key("properties", s.properties, "properties at the start", kProperties)
             .key("start", start, "date and time at the start, UTC", kDate)
             .key("limit", s.limit, "virtual time after which the run ends (10 min)", kSpan)
             .key("seed", s.seed, "seed of all content (1)", kSigned)
-            .table("phone", "the phone's file system", [&](Reader& r) { read_phone(r, s); })
-            .table("firmware", "the firmware partition and the NV file",
-                   [&](Reader& r) { read_firmware(r, s.firmware); })
-            .table("driver", "the modem's driver", [&](Reader& r) { read_driver(r, s.driver); })
-            .table("dump", "the crash dump the modem has", [&](Reader& r) { read_dump(r, s.dump); })
-            .list("loader", s.loader, "what the boot loader does wrong", read_quirk)
-            .list("fault", s.faults, "system calls that fail", read_fault)
-            .list("timeline", s.timeline, "what happens, one after the other", read_event)
-            .table("expect", "what must be seen",
-                   [&](Reader& r) { read_expectations(r, s.expect); });
+            .key("phone", phone, "the phone's file system")
+            .key("firmware", s.firmware, "the firmware partition and the NV file")
+            .key("driver", s.driver, "the modem's driver")
+            .key("dump", s.dump, "the crash dump the modem has")
+            .key("loader", s.loader, "what the boot loader does wrong")
+            .key("fault", s.faults, "system calls that fail")
+            .key("timeline", s.timeline, "what happens, one after the other")
+            .key("expect", s.expect, "what must be seen");
     s.start = read_date(start);
 }
+
+namespace {
 
 void add_defaults(Scenario& s) {
     if (s.args.empty()) s.args = {"-d", "-t", s.modem};
@@ -308,7 +319,7 @@ void add_defaults(Scenario& s) {
 
 // Refuses an end that the run cannot reach, and a case without expectations.
 void check_end(const Value& table, const Scenario& s) {
-    if (table.as<Value::Table>()->count("expect") == 0)
+    if (table.entries().count("expect") == 0)
         table.refuse("the case expects nothing; say so with expect.end = \"waits\"");
     if (s.expect.end == "stop" && std::none_of(s.timeline.begin(), s.timeline.end(),
                                                [](const Event& event) { return event.stop; }))
@@ -321,7 +332,7 @@ Scenario read_case(const Value& table, const std::string& file) {
     Scenario s;
     s.name = file;
     Reader reader(table);
-    read_all(reader, s);
+    keys(reader, s);
     reader.finish();
     check_end(table, s);
     add_defaults(s);
@@ -331,15 +342,17 @@ Scenario read_case(const Value& table, const std::string& file) {
 }  // namespace
 
 std::vector<Scenario> parse_scenarios(const std::string& text, const std::string& name) {
-    Value base = parse_document(text, name);
-    auto cases = std::get<Value::Table>(base.value).extract("case");
-    if (cases.empty()) base.refuse("no [[case]] in this file");
-    const auto* list = cases.mapped().as<Value::List>();
-    if (list == nullptr) cases.mapped().refuse("each case begins with [[case]]");
+    toml::table base = parse_document(text, name);
+    toml::node* const found = base.get("case");
+    if (found == nullptr) throw Unable(name + ":1: no [[case]] in this file");
+    if (!found->is_array()) Value{found}.refuse("each case begins with [[case]]");
+    const toml::array cases = std::move(*found->as_array());
+    base.erase("case");
     std::vector<Scenario> scenarios;
-    for (const Value& over : *list) {
-        if (over.as<Value::Table>() == nullptr) over.refuse("each case begins with [[case]]");
-        scenarios.push_back(read_case(merged(base, over), name));
+    for (const toml::node& item : cases) {
+        const Value table = {&item, &base};
+        if (!item.is_table()) table.refuse("each case begins with [[case]]");
+        scenarios.push_back(read_case(table, name));
     }
     return scenarios;
 }
@@ -349,13 +362,18 @@ std::vector<Scenario> read_scenarios(const std::string& path) {
     return parse_scenarios(read_file(path), path);
 }
 
-std::vector<Key> scenario_keys() {
-    std::vector<Key> keys;
-    Reader reader(keys, "");
+Schema scenario_schema() {
+    Schema schema = {{"$schema", "http://json-schema.org/draft-07/schema#"},
+                     {"title", "a scenario of rvd-lab"},
+                     {"type", "object"},
+                     {"additionalProperties", false}};
+    Reader reader(schema);
     Scenario s;
-    read_all(reader, s);
-    keys.push_back({"case", "runs: tables laid over the rest of the file", "list of table", {}});
-    return keys;
+    keys(reader, s);
+    schema["properties"]["case"] = {{"description", "runs: tables laid over the rest of the file"},
+                                    {"type", "array"},
+                                    {"items", {{"$ref", "#"}}}};
+    return schema;
 }
 
 }  // namespace rvd::lab

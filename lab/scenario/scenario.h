@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -179,8 +180,7 @@ void for_each_turn(const Scenario& scenario, const Visit& visit) {
 std::vector<Scenario> read_scenarios(const std::string& path);
 std::vector<Scenario> parse_scenarios(const std::string& text, const std::string& name);
 
-// All keys and what they take, in the order of the tables.
-struct Key;
-std::vector<Key> scenario_keys();
+// All keys and what they take, as a JSON schema, in the order of the tables.
+nlohmann::ordered_json scenario_schema();
 
 }  // namespace rvd::lab
