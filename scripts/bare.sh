@@ -86,6 +86,10 @@ run_in_trial() {
         "${environment[@]}" bash -c "$2") </dev/null &>"$log" || status=$?
     if ((status != 0)); then
         tail -n 40 "$log"
+        local kept
+        kept=$(mktemp "$work/failed-XXXX.log")
+        mv "$log" "$kept"
+        echo "    all of it: $kept"
     else
         tail -n 1 "$log"
         echo "    $(du -sh "$trial" | cut -f 1) on the disk"

@@ -100,6 +100,14 @@ configure() {
     cmake --preset "$1" -B "$2" "${anew[@]}" "${@:3}"
 }
 
+# configure_programs DIRECTORY: a release without what tests, fuzzers and benches need. A directory that
+# is configured with them stays so.
+configure_programs() {
+    if [[ ! -e $1/build.ninja ]] || moved "$1"; then
+        configure release "$1" -DRVD_TESTS=OFF -DRVD_FUZZ=OFF -DRVD_BENCH=OFF
+    fi
+}
+
 # with_progress LABEL COMMAND...: runs ninja or apt-get (with its status on standard output) and shows
 # how far it is: on a terminal in one line that is overwritten, elsewhere every 30 s. What else it
 # prints is printed if it fails.

@@ -3,9 +3,10 @@
 #
 #   tests/collect_test.sh BUILD-DIRECTORY SOURCE-DIRECTORY
 set -uo pipefail
-build=$1
-collect=$2/scripts/collect
-scenarios=$2/lab/scenarios/device.toml
+build=$(realpath "$1")
+source=$(realpath "$2")
+collect=$source/scripts/collect
+scenarios=$source/lab/scenarios/device.toml
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
