@@ -1,12 +1,9 @@
 // A directory, walked without following a link.
-#include <dirent.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
+#include <filesystem>
 
 #include "report/evidence/evidence.h"
 
@@ -14,67 +11,39 @@ namespace rvd::report {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr int kDepthLimit = 16;
 constexpr size_t kEntryLimit = 2'000'000;
 
-struct DirectoryCloser {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
-
-class Walk {
-  public:
-    std::vector<File> files;
-
-    void enter(int fd, const std::string& prefix, int depth) {
-        const std::unique_ptr<DIR, DirectoryCloser> directory(fdopendir(fd));
-        if (!directory) {
-            close(fd);
-            return;
-        }
-        while (const dirent* entry = readdir(directory.get())) {
-            if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-            if (files.size() >= kEntryLimit)
-                throw Unreadable("more than " + std::to_string(kEntryLimit) + " files");
-            visit(dirfd(directory.get()), prefix + entry->d_name, entry->d_name, depth);
-        }
-    }
-
-  private:
-    void visit(int parent, const std::string& path, const char* name, int depth) {
-        struct stat status = {};
-        File file;
-        file.path = path;
-        file.name = parse_name(name);
-        if (fstatat(parent, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            file.trouble = strerror(errno);
-        } else if (S_ISDIR(status.st_mode)) {
-            const int fd =
-                    depth >= kDepthLimit
-                            ? -1
-                            : openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-            if (fd >= 0) enter(fd, path + '/', depth + 1);
-            if (fd >= 0 || depth >= kDepthLimit) return;
-            file.trouble = strerror(errno);
-        } else if (S_ISLNK(status.st_mode)) {
-            file.trouble = "a link, which is not followed";
-        } else if (!S_ISREG(status.st_mode)) {
-            file.trouble = "not a file";
-        } else if (faccessat(parent, name, R_OK, AT_EACCESS) != 0) {
-            file.trouble = strerror(errno);
-        }
-        file.size = static_cast<uint64_t>(status.st_size);
-        files.push_back(std::move(file));
-    }
-};
+// Why it cannot be read; empty: it can.
+std::string trouble_with(const fs::directory_entry& entry) {
+    if (entry.is_symlink()) return "a link, which is not followed";
+    if (!entry.is_regular_file() && !entry.is_directory()) return "not a file";
+    return access(entry.path().c_str(), R_OK) == 0 ? "" : strerror(errno);
+}
 
 }  // namespace
 
-std::vector<File> list_directory(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) throw Unreadable(path + ": " + strerror(errno));
-    Walk walk;
-    walk.enter(fd, "", 0);
-    return std::move(walk.files);
+std::vector<File> list_directory(const std::string& path) try {
+    const size_t prefix = (fs::path(path) / "").native().size();
+    std::vector<File> files;
+    for (fs::recursive_directory_iterator walk(path), end; walk != end; ++walk) {
+        const fs::directory_entry& entry = *walk;
+        File file;
+        file.trouble = trouble_with(entry);
+        if (!file.trouble.empty() || walk.depth() >= kDepthLimit) walk.disable_recursion_pending();
+        if (file.trouble.empty() && entry.is_directory()) continue;
+        if (files.size() >= kEntryLimit)
+            throw Unreadable("more than " + std::to_string(kEntryLimit) + " files");
+        file.path = entry.path().native().substr(prefix);
+        file.name = parse_name(file.base());
+        if (file.trouble.empty()) file.size = entry.file_size();
+        files.push_back(std::move(file));
+    }
+    return files;
+} catch (const fs::filesystem_error& error) {
+    throw Unreadable(path + ": " + error.code().message());
 }
 
 }  // namespace rvd::report

@@ -49,6 +49,7 @@ const char* kind_name(Kind kind);
 
 bool is_kernel_log(Kind kind);
 bool is_of_a_crash(Kind kind);
+bool ends_a_dump(Kind kind);  // a kernel log that is saved when a dump is over
 
 // "2020-10-01 12:31:17" and the other way round; the time of day may be left out there.
 std::string format_time(DeviceTime time, bool to_the_minute = false);

@@ -48,16 +48,17 @@ std::optional<uint64_t> records_size(Report& report, const std::string& modem,
 
 }  // namespace
 
-std::string Incident::name() const {
-    return (type.empty() ? modem : type) + " " + format_time(time, to_the_minute);
-}
-
 std::vector<const JudgedFile*> Incident::lost() const {
     std::vector<const JudgedFile*> found;
     for (const JudgedFile& file : files) {
         if (file.verdict.lost) found.push_back(&file);
     }
     return found;
+}
+
+bool Incident::has(Kind kind) const {
+    return std::any_of(files.begin(), files.end(),
+                       [&](const JudgedFile& file) { return file.file.name.kind == kind; });
 }
 
 bool Report::anything_lost() const {

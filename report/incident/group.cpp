@@ -42,8 +42,7 @@ class Incidents {
             incident = &by_time_[time];
         } else if (kind == Kind::kRegion) {
             incident = crash_before(time + 59);
-        } else if (kind == Kind::kKernelAfter || kind == Kind::kKernelDmesg ||
-                   kind == Kind::kKernelFail) {
+        } else if (ends_a_dump(kind)) {
             incident = crash_before(time);
         } else if (kind == Kind::kKernelBefore) {
             incident = crash_about_to_begin(time);
@@ -103,8 +102,8 @@ class Incidents {
         while (next != by_time_.begin()) {
             --next;
             Incident& incident = next->second;
-            if (kind == Kind::kKernelBooted && has(incident, Kind::kKernelBoot) &&
-                !has(incident, Kind::kKernelBooted))
+            if (kind == Kind::kKernelBooted && incident.has(Kind::kKernelBoot) &&
+                !incident.has(Kind::kKernelBooted))
                 return &incident;
             if (incident.crash && !ended_before(incident, time)) continue;
             if (time - last_time(incident) > kUntilNextBoot) break;
@@ -113,18 +112,9 @@ class Incidents {
         return nullptr;
     }
 
-    static bool has(const Incident& incident, Kind kind) {
-        return std::any_of(incident.files.begin(), incident.files.end(),
-                           [&](const JudgedFile& file) { return file.file.name.kind == kind; });
-    }
-
-    // Its last kernel log is saved when a dump is over.
     static bool ended_before(const Incident& crash, DeviceTime time) {
         return std::any_of(crash.files.begin(), crash.files.end(), [&](const JudgedFile& file) {
-            const Name& name = file.file.name;
-            return (name.kind == Kind::kKernelAfter || name.kind == Kind::kKernelFail ||
-                    name.kind == Kind::kKernelDmesg) &&
-                   name.time <= time;
+            return ends_a_dump(file.file.name.kind) && file.file.name.time <= time;
         });
     }
 

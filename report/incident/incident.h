@@ -54,8 +54,8 @@ struct Incident {
     std::vector<JudgedFile> files;
     std::vector<Record> records;
 
-    std::string name() const;  // "umts 2020-10-01 12:31"
     std::vector<const JudgedFile*> lost() const;
+    bool has(Kind kind) const;
 };
 
 struct RecordFile {

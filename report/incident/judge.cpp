@@ -61,42 +61,51 @@ class Judgement {
         : incident_(incident), evidence_(evidence), depth_(depth) {}
 
     void run() {
-        read_kernel_logs();
-        judge_crash_log();
-        judge_regions();
-        judge_others();
+        for (JudgedFile& file : incident_.files) {
+            if (is_kernel_log(file.file.name.kind)) take_kernel_log(file);
+        }
+        if (incident_.kernel_time == kNoTime && has_reference_) begin_with(reference_);
+        facts_ = reference_.dump;
+        // The crash text log comes first of them.
+        for (JudgedFile& file : incident_.files) {
+            if (!is_kernel_log(file.file.name.kind)) set(file, verdict_of(file.file));
+        }
         tell_cause();
         tell_dump();
         add_missing();
     }
 
   private:
-    JudgedFile* find(Kind kind) {
-        for (JudgedFile& file : incident_.files) {
-            if (file.file.name.kind == kind) return &file;
-        }
-        return nullptr;
+    static void set(JudgedFile& file, Verdict verdict) {
+        file.verdict = file.file.trouble.empty() ? std::move(verdict)
+                                                 : lost(State::kUnreadable, file.file.trouble);
     }
 
-    void read_kernel_logs() {
-        for (JudgedFile& file : incident_.files) {
-            if (!is_kernel_log(file.file.name.kind)) continue;
-            const std::string end = evidence_.tail(file.file, 1);
-            file.verdict = judge_kernel_log(file.file, end);
-            const Kind kind = file.file.name.kind;
-            const bool late = kind == Kind::kKernelAfter || kind == Kind::kKernelFail ||
-                              kind == Kind::kKernelDmesg;
-            if (!late && depth_ == Depth::kList) continue;
-            const KernelLog log = read_kernel_log(evidence_.text(file.file));
-            if (kind == Kind::kKernelBefore || !incident_.crash) begin_with(log);
-            if (late && file.verdict.state == State::kComplete &&
-                (!has_reference_ || file.file.name.time >= reference_time_)) {
-                has_reference_ = true;
-                reference_time_ = file.file.name.time;
-                reference_ = log;
-            }
+    Verdict verdict_of(File& file) {
+        switch (file.name.kind) {
+            case Kind::kCrashLog:
+                return take_crash_log(file);
+            case Kind::kInfo:
+                return judge_sentence(file);
+            case Kind::kDump:
+                return judge_dump(file);
+            default:
+                return judge_region(file);
         }
-        if (incident_.kernel_time == kNoTime && has_reference_) begin_with(reference_);
+    }
+
+    void take_kernel_log(JudgedFile& file) {
+        const Name& name = file.file.name;
+        set(file, judge_kernel_log(file.file));
+        const bool late = ends_a_dump(name.kind);
+        if (!late && depth_ == Depth::kList) return;
+        KernelLog log = read_kernel_log(evidence_.text(file.file));
+        if (name.kind == Kind::kKernelBefore || !incident_.crash) begin_with(log);
+        if (!late || file.verdict.state != State::kComplete) return;
+        if (has_reference_ && name.time < reference_time_) return;
+        has_reference_ = true;
+        reference_time_ = name.time;
+        reference_ = std::move(log);
     }
 
     void begin_with(const KernelLog& log) {
@@ -107,34 +116,29 @@ class Judgement {
             incident_.since_boot = log.event - log.booted;
     }
 
-    static Verdict judge_kernel_log(const File& file, const std::string& end) {
-        if (!file.trouble.empty()) return lost(State::kUnreadable, file.trouble);
+    Verdict judge_kernel_log(File& file) const {
         if (file.size == 0) return lost(State::kEmpty, "the kernel gave no log");
         // Each save ends with one zero byte.
-        if (end != std::string(1, '\0')) return lost(State::kShort, "its end mark is missing");
+        if (evidence_.tail(file, 1) != std::string(1, '\0'))
+            return lost(State::kShort, "its end mark is missing");
         return complete();
     }
 
-    void judge_crash_log() {
-        JudgedFile* file = find(Kind::kCrashLog);
-        if (file == nullptr) {
-            if (has_reference_) facts_ = reference_.dump;
-            return;
-        }
-        const std::string text = evidence_.text(file->file);
+    Verdict take_crash_log(File& file) {
+        const std::string text = evidence_.text(file);
         const CrashLog said = read_crash_log(text);
-        file->verdict = judge_crash_text(file->file, text, said);
+        const Verdict verdict = judge_crash_text(text, said);
         // A reference that is whole knows at least as much.
-        facts_ = has_reference_ && reference_.dump_from_the_start ? reference_.dump : said;
-        facts_reliable_ = file->verdict.state == State::kComplete || has_reference_ ||
-                          file->verdict.state == State::kUnverified;
+        if (!has_reference_ || !reference_.dump_from_the_start) facts_ = said;
+        facts_reliable_ = verdict.state == State::kComplete || has_reference_ ||
+                          verdict.state == State::kUnverified;
         if (facts_.driver_version.empty()) facts_.driver_version = said.driver_version;
         if (facts_.daemon_version.empty()) facts_.daemon_version = said.daemon_version;
+        return verdict;
     }
 
-    Verdict judge_crash_text(const File& file, const std::string& text, const CrashLog& said) {
-        if (!file.trouble.empty()) return lost(State::kUnreadable, file.trouble);
-        if (file.size == 0) return lost(State::kEmpty, "");
+    Verdict judge_crash_text(const std::string& text, const CrashLog& said) const {
+        if (text.empty()) return lost(State::kEmpty, "");
         const size_t end = said.line_ends.empty() ? 0 : said.line_ends.back();
         if (!has_reference_ || reference_.dump.lines.empty()) {
             if (end != text.size()) return lost(State::kShort, "it ends within a line");
@@ -158,14 +162,6 @@ class Judgement {
         return unverified("it ends otherwise than the kernel log says");
     }
 
-    void judge_regions() {
-        for (JudgedFile& file : incident_.files) {
-            if (file.file.name.kind != Kind::kRegion) continue;
-            const RegionLog* said = region_said(file.file.base());
-            file.verdict = judge_region(file.file, said);
-        }
-    }
-
     const RegionLog* region_said(const std::string& name) const {
         for (const RegionLog& region : facts_.regions) {
             if (ends_with(region.path, "/" + name)) return &region;
@@ -173,8 +169,8 @@ class Judgement {
         return nullptr;
     }
 
-    Verdict judge_region(const File& file, const RegionLog* said) const {
-        if (!file.trouble.empty()) return lost(State::kUnreadable, file.trouble);
+    Verdict judge_region(const File& file) const {
+        const RegionLog* said = region_said(file.base());
         if (said == nullptr) return unverified("no line says how long it is");
         if (said->announced == 0 && file.size == 0)
             return {State::kEmpty, false, "the driver announced 0 bytes", 0};
@@ -187,17 +183,8 @@ class Judgement {
         return against(file.size, *said->saved);
     }
 
-    void judge_others() {
-        for (JudgedFile& file : incident_.files) {
-            const Kind kind = file.file.name.kind;
-            if (kind == Kind::kInfo) file.verdict = judge_sentence(file.file);
-            if (kind == Kind::kDump) file.verdict = judge_dump(file.file);
-        }
-    }
-
     Verdict judge_sentence(File& file) {
         const std::string text = evidence_.text(file);
-        if (!file.trouble.empty()) return lost(State::kUnreadable, file.trouble);
         incident_.sentence = text.substr(0, 511);
         const std::string& said = reference_.sentence;
         if (text.empty())
@@ -212,8 +199,7 @@ class Judgement {
         return unverified("the kernel log has another sentence");
     }
 
-    Verdict judge_dump(const File& file) {
-        if (!file.trouble.empty()) return lost(State::kUnreadable, file.trouble);
+    Verdict judge_dump(const File& file) const {
         if (facts_.dump_saved) {
             const uint64_t saved = facts_.saved();
             return against(file.size, saved, file.size < saved ? place_of(file.size, facts_) : "");
@@ -258,14 +244,13 @@ class Judgement {
             else
                 missing(Kind::kRegion, region_name(i), "\"" + region.failure + "\"");
         }
-        if (find(Kind::kCrashLog) == nullptr &&
-            (find(Kind::kInfo) != nullptr || find(Kind::kDump) != nullptr))
+        const auto has = [&](Kind kind) { return incident_.has(kind); };
+        if (!has(Kind::kCrashLog) && (has(Kind::kInfo) || has(Kind::kDump)))
             missing(Kind::kCrashLog, "", "");
         const bool integrated = incident_.modem == "umts";
-        if (integrated && find(Kind::kKernelBefore) == nullptr)
-            missing(Kind::kKernelBefore, "", "");
+        if (integrated && !has(Kind::kKernelBefore)) missing(Kind::kKernelBefore, "", "");
         const Kind after = integrated ? Kind::kKernelAfter : Kind::kKernelDmesg;
-        if (find(after) == nullptr && find(Kind::kKernelFail) == nullptr)
+        if (!has(after) && !has(Kind::kKernelFail))
             missing(facts_.dump_saved ? after : Kind::kKernelFail, "", "");
     }
 
@@ -354,25 +339,9 @@ bool take_apart(const std::string& sentence, std::string& origin, std::string& r
 }
 
 const char* state_name(State state) {
-    switch (state) {
-        case State::kComplete:
-            return "complete";
-        case State::kUnverified:
-            return "unverified";
-        case State::kShort:
-            return "short";
-        case State::kStaleTail:
-            return "stale tail";
-        case State::kEmpty:
-            return "empty";
-        case State::kMissing:
-            return "missing";
-        case State::kUnreadable:
-            return "unreadable";
-        case State::kUnknownName:
-            return "unknown name";
-    }
-    return "";
+    constexpr const char* kNames[] = {"complete", "unverified", "short",      "stale tail",
+                                      "empty",    "missing",    "unreadable", "unknown name"};
+    return kNames[static_cast<size_t>(state)];
 }
 
 }  // namespace rvd::report

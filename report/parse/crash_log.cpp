@@ -16,10 +16,9 @@ std::string opened_path(const Line& line) {
 
 void take_region_line(const Line& line, std::vector<RegionLog>& regions) {
     const std::string path = opened_path(line);
-    if (starts_with(line.message, "size:")) {
+    if (const auto size = unsigned_after(line.message, "size:")) {
         regions.emplace_back();
-        regions.back().announced =
-                static_cast<uint64_t>(number_after(line.message, "size:").value_or(0));
+        regions.back().announced = *size;
     } else if (starts_with(line.message, "ERR! ioctl fail")) {
         regions.emplace_back();
         regions.back().failure = std::string(line.whole);
@@ -28,8 +27,7 @@ void take_region_line(const Line& line, std::vector<RegionLog>& regions) {
     } else if (!path.empty()) {
         regions.back().path = path;
     } else if (ends_with(line.message, " bytes)")) {
-        regions.back().saved =
-                static_cast<uint64_t>(number_after(line.message, "Complete! (").value_or(0));
+        regions.back().saved = unsigned_after(line.message, "Complete! (");
     } else if (line.fails()) {
         regions.back().failure = std::string(line.whole);
     }
@@ -38,11 +36,10 @@ void take_region_line(const Line& line, std::vector<RegionLog>& regions) {
 void take_step_line(const Line& line, std::vector<StepLog>& steps) {
     const auto number = number_after(line.message, "[step ");
     if (!number) return;
-    if (const auto frames = number_after(line.message, "num_frames = ")) {
-        steps.push_back({*number, static_cast<uint32_t>(*frames), {}});
-    } else if (const auto saved = number_after(line.message, "saved = ")) {
-        if (!steps.empty() && steps.back().number == *number)
-            steps.back().saved = static_cast<uint64_t>(*saved);
+    if (const auto frames = unsigned_after(line.message, "num_frames = ")) {
+        steps.push_back({*number, *frames, {}});
+    } else if (const auto saved = unsigned_after(line.message, "saved = ")) {
+        if (!steps.empty() && steps.back().number == *number) steps.back().saved = *saved;
     }
 }
 
@@ -94,10 +91,8 @@ void take_failure(const Line& line, KernelLog& log, std::string& cause) {
 }
 
 void take_announcement_line(const Line& line, KernelLog& log) {
-    if (const auto size = number_after(line.message, "dump_size = "))
-        log.dump_size = static_cast<uint32_t>(*size);
-    if (const auto steps = number_after(line.message, "num_steps = "))
-        log.dump_steps = static_cast<uint32_t>(*steps);
+    if (const auto size = unsigned_after(line.message, "dump_size = ")) log.dump_size = *size;
+    if (const auto steps = unsigned_after(line.message, "num_steps = ")) log.dump_steps = *steps;
 }
 
 bool begins_dump(const Line& line, const CrashLog& so_far) {
@@ -157,8 +152,9 @@ void CrashLog::take(const Line& line) {
     if (!line.fails() || line.tag == "std_dump_write_versions") return;
     if (line.tag == "std_ul_rx_frame" && !reason_saved && !regions.empty()) return;
     if (first_failure.empty()) first_failure = std::string(line.whole);
-    if (const auto seqn = number_after(line.message, "seq# ")) frame = static_cast<uint32_t>(*seqn);
-    if (const auto seqn = number_after(line.message, "seqn ")) frame = static_cast<uint32_t>(*seqn);
+    for (const char* key : {"seq# ", "seqn "}) {
+        if (const auto number = unsigned_after(line.message, key)) frame = *number;
+    }
 }
 
 CrashLog read_crash_log(std::string_view text) {
@@ -201,8 +197,8 @@ std::optional<uint64_t> read_records_size(Sink sink, std::string_view text) {
             if (const auto before = number_after(line.message, "srinfo log size : "))
                 size = *before > kRecordsRotation ? 0 : static_cast<uint64_t>(*before);
         } else if (line.tag == "write_srinfo_file" && size) {
-            if (const auto record = number_after(line.message, "size=("))
-                *size += record_length(static_cast<uint32_t>(*record));
+            if (const auto record = unsigned_after(line.message, "size=("))
+                *size += record_length(*record);
         }
     });
     return size;

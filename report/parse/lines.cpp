@@ -135,4 +135,9 @@ std::optional<int64_t> number_after(std::string_view message, std::string_view b
     return value;
 }
 
+std::optional<uint32_t> unsigned_after(std::string_view message, std::string_view before) {
+    const auto number = number_after(message, before);
+    return number ? std::optional(static_cast<uint32_t>(*number)) : std::nullopt;
+}
+
 }  // namespace rvd::report

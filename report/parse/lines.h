@@ -38,6 +38,8 @@ KernelTime kernel_time(std::string_view line);
 
 // A number behind `before` in a message: "size:%u" is number_after(message, "size:").
 std::optional<int64_t> number_after(std::string_view message, std::string_view before);
+// The same of 32 bits without a sign, which some lines log with one.
+std::optional<uint32_t> unsigned_after(std::string_view message, std::string_view before);
 
 // A line up to what is another each time: a descriptor's number, the time in a file's name.
 std::string without_chance(const std::string& line);

@@ -11,66 +11,60 @@ namespace rvd::report {
 
 namespace {
 
-const char* command_word(uint32_t command) {
-    switch (command) {
-        case UDL_CMD_START:
-            return "START";
-        case UDL_CMD_BIN:
-            return "BIN";
-        case UDL_CMD_CRC:
-            return "CRC";
-        case UDL_CMD_DONE:
-            return "DONE";
-        default:
-            return nullptr;
+// What a number stands for.
+struct Known {
+    int64_t number;
+    const char* word;
+};
+
+template <size_t N>
+const char* word_of(const Known (&known)[N], int64_t number, const char* otherwise = "") {
+    for (const Known& each : known) {
+        if (each.number == number) return each.word;
     }
+    return otherwise;
 }
 
+constexpr Known kCommands[] = {{UDL_CMD_START, "START"},
+                               {UDL_CMD_BIN, "BIN"},
+                               {UDL_CMD_CRC, "CRC"},
+                               {UDL_CMD_DONE, "DONE"}};
+constexpr Known kStages[] = {{UDL_STAGE_DUMP, " (dump)"}, {UDL_STAGE_FINISH, " (end of the boot)"}};
+constexpr Known kStates[] = {{MODEM_STATE_OFF, "off"},
+                             {MODEM_STATE_CRASH_RESET, "crash reset"},
+                             {MODEM_STATE_CRASH, "crash"},
+                             {MODEM_STATE_CRASH_WATCHDOG, "crash, by the watchdog"}};
+constexpr Known kOrigins[] = {
+        {static_cast<int64_t>(crash_origin::CP), "the modem itself"},
+        {static_cast<int64_t>(crash_origin::RIL), "the radio layer"},
+        {static_cast<int64_t>(crash_origin::USER), "the user"},
+        {static_cast<int64_t>(crash_origin::LNKM), "the driver"},
+        {static_cast<int64_t>(crash_origin::CP_WATCHDOG), "the modem's watchdog"},
+        {static_cast<int64_t>(crash_origin::CLD), "CLD"}};
+constexpr Known kSecurityModes[] = {{SECURITY_SECURE, "verify BOOT and MAIN"},
+                                    {SECURITY_DUMP, "verify the dump's boot loader"},
+                                    {SECURITY_NON_SECURE, "open the modem's memory"},
+                                    {SECURITY_TOC, "verify a stage"},
+                                    {SECURITY_VSS, "verify VSS"}};
+constexpr Known kModems[] = {{MODEM_TYPE_TQ720, "integrated"}, {MODEM_TYPE_VK880, "external"}};
+constexpr Known kLevels[] = {{0, "low"}, {1, "mid"}, {2, "high"}};
+
 std::string origin_word(int64_t owner) {
-    switch (crash_origin_of(static_cast<int32_t>(owner))) {
-        case crash_origin::CP:
-            return "the modem itself";
-        case crash_origin::RIL:
-            return "the radio layer";
-        case crash_origin::USER:
-            return "the user";
-        case crash_origin::LNKM:
-            return "the driver";
-        case crash_origin::CP_WATCHDOG:
-            return "the modem's watchdog";
-        case crash_origin::CLD:
-            return "CLD";
-        case crash_origin::UNKNOWN:
-            break;
-    }
-    return "nobody known";
+    const auto origin = crash_origin_of(static_cast<int32_t>(owner));
+    return word_of(kOrigins, static_cast<int64_t>(origin), "nobody known");
 }
 
 // The mode is hexadecimal, without saying so.
 std::string security_word(std::string_view mode) {
-    switch (number_after("0x" + std::string(mode), "").value_or(-1)) {
-        case SECURITY_SECURE:
-            return "verify BOOT and MAIN";
-        case SECURITY_DUMP:
-            return "verify the dump's boot loader";
-        case SECURITY_NON_SECURE:
-            return "open the modem's memory";
-        case SECURITY_TOC:
-            return "verify a stage";
-        case SECURITY_VSS:
-            return "verify VSS";
-        default:
-            return "";
-    }
+    return word_of(kSecurityModes, number_after("0x" + std::string(mode), "").value_or(-1));
 }
 
 std::string modem_word(int64_t type) {
-    return type == MODEM_TYPE_TQ720 ? "integrated" : type == MODEM_TYPE_VK880 ? "external" : "";
+    return word_of(kModems, type);
 }
 
 std::string level_word(int64_t level) {
-    constexpr const char* kLevels[] = {"low", "mid", "high"};
-    return level >= 0 && level < 3 ? kLevels[level] : "";
+    return word_of(kLevels, level);
 }
 
 std::string errno_word(int64_t result) {
@@ -80,9 +74,8 @@ std::string errno_word(int64_t result) {
 }
 
 std::optional<uint32_t> word_after(std::string_view message, std::string_view before) {
-    const auto value = number_after(message, before);
-    if (!value || *value <= 0 || *value > UINT16_MAX) return std::nullopt;
-    return static_cast<uint32_t>(*value);
+    const auto value = unsigned_after(message, before);
+    return value && *value > 0 && *value <= UINT16_MAX ? value : std::nullopt;
 }
 
 // A number behind some words, and what makes sense of it.
@@ -106,27 +99,14 @@ std::string link_word(uint32_t word) {
     const char* side = direction == UDL_REQ ? "asked" : "answered";
     if (stage == UDL_STAGE_DUMP && command != UDL_CMD_START && command != UDL_CMD_DONE)
         return fmt::format("step {} of the dump, {}", command, side);
-    const char* name = command_word(command);
-    if (name == nullptr) return "";
-    const char* what = stage == UDL_STAGE_DUMP     ? " (dump)"
-                       : stage == UDL_STAGE_FINISH ? " (end of the boot)"
-                                                   : "";
-    return fmt::format("{} of stage {}{}, {}", name, stage, what, side);
+    const std::string name = word_of(kCommands, command);
+    if (name.empty()) return "";
+    return fmt::format("{} of stage {}{}, {}", name, stage, word_of(kStages, stage), side);
 }
 
 std::string state_word(int64_t state) {
-    switch (state) {
-        case MODEM_STATE_OFF:
-            return "off";
-        case MODEM_STATE_CRASH_RESET:
-            return "crash reset";
-        case MODEM_STATE_CRASH:
-            return "crash";
-        case MODEM_STATE_CRASH_WATCHDOG:
-            return "crash, by the watchdog";
-        default:
-            return fmt::format("state {}", state);
-    }
+    const std::string word = word_of(kStates, state);
+    return word.empty() ? fmt::format("state {}", state) : word;
 }
 
 std::string meaning_of(const Line& line) {

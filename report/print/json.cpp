@@ -97,22 +97,18 @@ Json records_json(const Report& report) {
 }
 
 Json entry_json(const Entry& entry) {
-    switch (entry.kind) {
-        case Entry::Kind::kEvent:
-            return {{"kind", "line"},
-                    {"kernel_time", seconds(entry.event->at)},
-                    {"time", time_or_null(entry.event->clock)},
-                    {"text", entry.event->text},
-                    {"meaning", text_or_null(entry.event->meaning)},
-                    {"failure", entry.event->failure}};
-        case Entry::Kind::kSilence:
-            return {{"kind", "silence"}, {"text", entry.text}, {"seconds", seconds(entry.span)}};
-        case Entry::Kind::kRepetition:
-            return {{"kind", "repetition"}, {"text", entry.text}, {"seconds", seconds(entry.span)}};
-        case Entry::Kind::kStart:
-            break;
-    }
-    return {{"kind", "device start"}, {"text", entry.text}};
+    if (entry.event != nullptr)
+        return {{"kind", "line"},
+                {"kernel_time", seconds(entry.event->at)},
+                {"time", time_or_null(entry.event->clock)},
+                {"text", entry.event->text},
+                {"meaning", text_or_null(entry.event->meaning)},
+                {"failure", entry.event->failure}};
+    if (entry.kind == Entry::Kind::kStart) return {{"kind", "device start"}, {"text", entry.text}};
+    const bool silence = entry.kind == Entry::Kind::kSilence;
+    return {{"kind", silence ? "silence" : "repetition"},
+            {"text", entry.text},
+            {"seconds", seconds(entry.span)}};
 }
 
 }  // namespace

@@ -62,6 +62,10 @@ std::string people_size(uint64_t bytes) {
     return fmt::format(whole ? "{:.0f} {}" : "{:.1f} {}", value, kUnits[unit]);
 }
 
+std::string people_stamp(KernelTime micros) {
+    return fmt::format("{}.{:06}", micros / 1'000'000, micros % 1'000'000);
+}
+
 std::string people_span(KernelTime micros) {
     const int64_t seconds = micros / 1'000'000;
     if (micros < 1'000'000) return fmt::format("{} ms", micros / 1000);

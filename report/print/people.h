@@ -12,6 +12,9 @@ namespace rvd::report {
 // "1 MiB", "30.5 KiB", "66 bytes".
 std::string people_size(uint64_t bytes);
 
+// "77.400000", as the kernel writes it.
+std::string people_stamp(KernelTime micros);
+
 // "850 ms", "14 s", "2 min 5 s".
 std::string people_span(KernelTime micros);
 

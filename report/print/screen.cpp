@@ -102,9 +102,9 @@ class Screen {
     static std::string when(const Incident& incident) {
         std::string text = format_time(incident.time, incident.to_the_minute);
         if (incident.kernel_time != kNoTime) {
-            text += fmt::format(", {} after the device's start ({:.6f})",
+            text += fmt::format(", {} after the device's start ({})",
                                 people_span(incident.kernel_time),
-                                static_cast<double>(incident.kernel_time) / 1e6);
+                                people_stamp(incident.kernel_time));
         }
         if (incident.since_boot != kNoTime)
             text += ", " + people_span(incident.since_boot) + " after the modem's boot";
@@ -149,9 +149,7 @@ std::string screen(const std::vector<Entry>& timeline, const Style& style) {
             continue;
         }
         const Event& event = *entry.event;
-        const std::string at = event.at == kNoTime
-                                       ? ""
-                                       : fmt::format("{:.6f}", static_cast<double>(event.at) / 1e6);
+        const std::string at = event.at == kNoTime ? "" : people_stamp(event.at);
         std::string line = printable(event.text);
         if (event.failure) line = painted(line, "31", style);
         if (!event.meaning.empty()) line += painted("  = " + printable(event.meaning), "36", style);
