@@ -14,14 +14,16 @@ using Keys = std::map<std::string, std::string>;  // with their values as TOML h
 
 struct Draft {
     std::string modem, start, end;
+    std::string prefix;  // of the modem's files
     std::vector<std::string> args, cmdline;
     std::map<std::string, std::string> properties, files;  // texts
     Keys phone, firmware, driver, dump, regions;
     std::vector<std::string> answers, loader, faults, timeline;  // tables within a line
 };
 
-// What the phone, its firmware and its modem are.
-void describe_phone(const Events& events, const Report& report, Draft& draft);
+// What the phone and its modem were before anything failed.
+void describe_phone(const Events& events, Draft& draft);
+void describe_modem(const Events& events, const Report& report, Draft& draft);
 
 // What failed: requests to the driver, words of the boot loader, system calls.
 void describe_failures(const Events& events, const Report& report, Draft& draft);
@@ -30,12 +32,20 @@ void describe_failures(const Events& events, const Report& report, Draft& draft)
 void describe_course(const Events& events, Draft& draft);
 
 std::string quoted(std::string_view text);
+std::string inline_table(const Keys& keys);
 
 // Bytes of the longest file of this kind, as far as there is one.
 uint64_t saved_size(const Report& report, Kind kind, const std::string& detail = "");
 
-// Whether the line is this step's and begins so.
+// Whether the line is this step's, or any's where none is given, and begins so.
 bool says(const Event& event, std::string_view step, std::string_view start);
+
+// Where the first such line from `from` on stands; events.size(): there is none.
+size_t first_said(const Events& events, std::string_view step, std::string_view start,
+                  size_t from = 0);
+
+// The message behind its start.
+std::string_view behind(const std::string& message, std::string_view start);
 
 // Matches the line whatever its descriptor's number and its file's time are.
 std::string pattern_of(const Event& event);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "protocol/link.h"
 #include "report/scenario/draft.h"
 
 namespace rvd::report {
@@ -118,7 +119,7 @@ class Failures {
             for (const char* key : {"stage=", "stage = ", "at stage "}) {
                 if (const auto stage = number_after(event.message, key)) stage_ = *stage;
             }
-            piece_ = event.step == "std_dl_send_bin" ? 2048 : kChunk;
+            piece_ = event.step == "std_dl_send_bin" ? UDL_MSS : kChunk;
             if (const auto frames = number_after(event.message, "frames = ")) pieces_ = *frames;
             if (const auto size = number_after(event.message, "b_size="))
                 pieces_ = *size / kChunk + 1;
@@ -248,7 +249,7 @@ class Failures {
     void loader(const Event& event) {
         const std::string& message = event.message;
         const auto number = [&](const char* key) {
-            return static_cast<uint32_t>(number_after(message, key).value_or(0));
+            return unsigned_after(message, key).value_or(0);
         };
         if (says(event, "std_udl_req_resp", "ERR! resp "))
             deviation(fmt::format("0x{:04X}", number("exp ")),
@@ -297,12 +298,11 @@ class Failures {
         if (!begun) return 1;
         for (size_t at = word_; at > 0 && !says(events_[at], "dump", "Receive CP"); at--) {
             if (events_[at].step == "std_ul_recv_data")
-                saved += static_cast<uint64_t>(
-                        number_after(events_[at].message, "] saved = ").value_or(0));
+                saved += unsigned_after(events_[at].message, "] saved = ").value_or(0);
         }
         const uint64_t size = saved_size(report_, Kind::kDump);
-        return std::max<uint32_t>(2,
-                                  static_cast<uint32_t>((size - std::min(size, saved)) / 2048) + 1);
+        return std::max<uint32_t>(
+                2, static_cast<uint32_t>((size - std::min(size, saved)) / UDL_MSS) + 1);
     }
 
     const Events& events_;

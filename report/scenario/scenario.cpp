@@ -56,6 +56,13 @@ std::string quoted(std::string_view text) {
     return '"' + safe + '"';
 }
 
+std::string inline_table(const Keys& keys) {
+    std::vector<std::string> pairs;
+    for (const auto& [key, value] : keys)
+        pairs.push_back(key + " = " + value);
+    return fmt::format("{{ {} }}", fmt::join(pairs, ", "));
+}
+
 uint64_t saved_size(const Report& report, Kind kind, const std::string& detail) {
     uint64_t size = 0;
     for (const Incident& incident : report.incidents) {
@@ -68,7 +75,18 @@ uint64_t saved_size(const Report& report, Kind kind, const std::string& detail) 
 }
 
 bool says(const Event& event, std::string_view step, std::string_view start) {
-    return event.step == step && starts_with(event.message, start);
+    return (step.empty() || event.step == step) && starts_with(event.message, start);
+}
+
+size_t first_said(const Events& events, std::string_view step, std::string_view start,
+                  size_t from) {
+    while (from < events.size() && !says(events[from], step, start))
+        from++;
+    return std::min(from, events.size());
+}
+
+std::string_view behind(const std::string& message, std::string_view start) {
+    return std::string_view(message).substr(start.size());
 }
 
 std::string pattern_of(const Event& event) {
@@ -92,7 +110,8 @@ std::string after(const Events& events, size_t at) {
 std::string scenario(const Report& report, const Events& events) {
     if (events.empty()) throw Unreadable(report.path + ": no line of the daemon in it");
     Draft draft;
-    describe_phone(events, report, draft);
+    describe_phone(events, draft);
+    describe_modem(events, report, draft);
     describe_failures(events, report, draft);
     describe_course(events, draft);
 
