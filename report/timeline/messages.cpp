@@ -12,8 +12,8 @@ namespace rvd::report {
 
 namespace {
 
-// A line that says what passed between two, and what is shown of it: the text given, or the line's
-// own message from `cut` on.
+// A line that says what passed between two, and what is shown of it: the text given, or what the
+// line itself tells. No step: any that says so.
 struct Passage {
     std::string_view step, start;
     Actor from, to;
@@ -32,30 +32,27 @@ constexpr Passage kPassages[] = {
         {"status_loop", "RILD dosenot", kDaemon, kDriver, "POWER_OFF"},
         {"status_loop", "deviceOff = 1", kPhone, kDaemon, "the device shuts down"},
         {"boot", "NV validation done", kPhone, kDaemon, nullptr},
-        {"boot", "Power on CP", kDaemon, kDriver, "POWER_ON"},
-        {"ostra_normal_boot", "Power on CP", kDaemon, kDriver, "POWER_ON"},
+        {"", "Power on CP", kDaemon, kDriver, "POWER_ON"},
         {"boot", "Power reset", kDaemon, kDriver, "POWER_RESET"},
-        {"dump", "Power reset", kDaemon, kDriver, "POWER_RESET, for a dump"},
-        {"ostra_dump_boot", "Power reset", kDaemon, kDriver, "POWER_RESET, for a dump"},
-        {"boot", "Start CP bootloader", kDaemon, kDriver, "START_CP_BOOTLOADER"},
-        {"ostra_normal_boot", "Start CP bootloader", kDaemon, kDriver, "START_CP_BOOTLOADER"},
-        {"dump", "Start CP bootloader", kDaemon, kDriver, "START_CP_BOOTLOADER, for a dump"},
+        {"", "Power reset", kDaemon, kDriver, "POWER_RESET, for a dump"},
+        {"dump", "Start CP boot", kDaemon, kDriver, "START_CP_BOOTLOADER, for a dump"},
         {"ostra_dump_boot", "Start CP boot", kDaemon, kDriver, "START_CP_BOOTLOADER, for a dump"},
-        {"boot", "Complete normal", kDaemon, kDriver, "COMPLETE_NORMAL_BOOTUP"},
-        {"ostra_normal_boot", "Complete normal", kDaemon, kDriver, "COMPLETE_NORMAL_BOOTUP"},
+        {"", "Start CP boot", kDaemon, kDriver, "START_CP_BOOTLOADER"},
+        {"", "Complete normal", kDaemon, kDriver, "COMPLETE_NORMAL_BOOTUP"},
         {"get_modem_state", "modem_status", kDriver, kDaemon, nullptr},
         {"std_security_req", "security_req: ", kDaemon, kDriver, nullptr},
         {"make_cp_crash_reason", "CP CRASH", kDriver, kDaemon, nullptr},
         {"get_log_dump", "name:", kDaemon, kDriver, nullptr},
         {"get_log_dump", "size:", kDriver, kDaemon, nullptr},
-        {"std_dump_trigger_kernel_panic", "Go to UPLOAD", kDaemon, kDriver, "TRIGGER_KERNEL_PANIC"},
-        {"upload", "Go to UPLOAD", kDaemon, kDriver, "TRIGGER_KERNEL_PANIC"},
+        {"", "Go to UPLOAD", kDaemon, kDriver, "TRIGGER_KERNEL_PANIC"},
         {"std_ul_recv_info", "dump_size", kLoader, kDaemon, nullptr},
         {"std_ul_recv_info", "DUMP INFO saved", kDaemon, kPhone, "crash reason saved"},
         {"std_dump_receive_cp_dump", "DUMP DATA saved", kDaemon, kPhone, "dump saved"},
         {"restore_srinfo", "done = ", kDaemon, kDriver, "SET_SRINFO"},
         {"write_srinfo_last", "store to ascii", kDriver, kDaemon, "silent-reset record"},
 };
+
+constexpr std::string_view kSentence = "CP CRASH: ";
 
 // Where the log directory stands in a path that is shown.
 std::string without_directory(const std::string& text) {
@@ -93,7 +90,8 @@ class Messages {
             event.step == "_save_logs")
             return transfer(event);
         for (const Passage& passage : kPassages) {
-            if (event.step != passage.step || !starts_with(event.message, passage.start)) continue;
+            if (!passage.step.empty() && event.step != passage.step) continue;
+            if (!starts_with(event.message, passage.start)) continue;
             add(event.at, passage.from, passage.to,
                 passage.shown != nullptr ? passage.shown : told(event));
             return;
@@ -104,8 +102,11 @@ class Messages {
         if (event.step == "std_security_req") return "CHECK_SECURITY: " + event.meaning;
         if (starts_with(event.message, "name:"))
             return "GET_LOG_DUMP " + event.message.substr(5, event.message.find(' ') - 5);
-        if (const auto size = number_after(event.message, "size:"))
-            return people_size(static_cast<uint64_t>(*size)) + " announced";
+        for (const char* key : {"size:", "dump_size = "}) {
+            if (const auto size = unsigned_after(event.message, key))
+                return people_size(*size) + " announced";
+        }
+        if (starts_with(event.message, kSentence)) return event.message.substr(kSentence.size());
         return event.meaning.empty() ? event.message : event.message + " = " + event.meaning;
     }
 
@@ -119,13 +120,12 @@ class Messages {
 
     // A word is answered unless a line says otherwise; a step of the dump is, with frames.
     void ask(const Event& event) {
-        const auto word = number_after(event.message, "request:");
+        const auto word = unsigned_after(event.message, "request:");
         if (!word) return;
         add(event.at, kDaemon, kLoader, fmt::format("0x{:04X}: {}", *word, event.meaning));
-        const auto request = static_cast<uint32_t>(*word);
-        const bool step = request >> 8 == udl_request(UDL_STAGE_DUMP, 0) >> 8 &&
-                          (request & 0xFF) != UDL_CMD_START && (request & 0xFF) != UDL_CMD_DONE;
-        if (!step) awaited_ = {event.at, (request & ~0xF000u) | UDL_RESP};
+        const bool step = *word >> 8 == udl_request(UDL_STAGE_DUMP, 0) >> 8 &&
+                          (*word & 0xFF) != UDL_CMD_START && (*word & 0xFF) != UDL_CMD_DONE;
+        if (!step) awaited_ = {event.at, (*word & ~0xF000u) | UDL_RESP};
     }
 
     void answer(bool failed) {
@@ -137,9 +137,10 @@ class Messages {
     }
 
     void transfer(const Event& event) {
-        const auto saved = number_after(event.message, "saved = ");
-        if (event.step == "std_ul_recv_data" && saved) {
-            add(event.at, kLoader, kDaemon, event.message);
+        const auto step = unsigned_after(event.message, "[step ");
+        const auto saved = unsigned_after(event.message, "saved = ");
+        if (step && saved) {
+            add(event.at, kLoader, kDaemon, fmt::format("step {}: {}", *step, people_size(*saved)));
         } else if (event.step == "_save_logs" && event.message[0] == '/') {
             add(event.at, kDaemon, kPhone, without_directory(event.message));
         } else if (ends_with(event.message, " stage complelte")) {
