@@ -6,7 +6,7 @@
 
 #include <system_error>
 
-#include "lab/campaign/campaign.h"
+#include "lab/campaign/workers.h"
 #include "lab/cli/command_line.h"
 
 using namespace rvd::lab;

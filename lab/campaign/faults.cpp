@@ -1,7 +1,6 @@
 #include "lab/campaign/faults.h"
 
 #include <fmt/core.h>
-#include <fmt/format.h>
 
 #include <algorithm>
 #include <map>
@@ -9,7 +8,6 @@
 #include <set>
 
 #include "lab/builtin.h"
-#include "lab/campaign/progress.h"
 #include "lab/campaign/trial.h"
 
 namespace rvd::lab {
@@ -53,6 +51,18 @@ const std::map<std::string, std::vector<const char*>> kWays = {
         {"umask", {}},
 };
 
+// Calls that the C library makes for itself, on memory that it has and between threads.
+const std::set<std::string> kLibrary = {
+        "munmap",       "mprotect",  "madvise",           "futex",
+        "getpid",       "gettid",    "connect",           "rt_sigprocmask",
+        "rt_sigaction", "socket",    "fstatfs",           "getuid",
+        "geteuid",      "getrandom", "prlimit64",         "access",
+        "fcntl",        "link",      "sched_getaffinity", "sigaltstack"};
+
+const std::set<std::string> kChanging = {"open",   "write", "ioctl", "rename",
+                                         "unlink", "rmdir", "mkdir", "ftruncate",
+                                         "fsync",  "sync",  "chmod", "chown"};
+
 constexpr char kHangUp[] = "hang-up";
 
 const std::map<std::string, Kind> kKinds = {
@@ -63,18 +73,16 @@ const std::map<std::string, Disk::Unflushed> kCuts = {{"nothing", Disk::Unflushe
                                                       {"all", Disk::Unflushed::all},
                                                       {"part", Disk::Unflushed::part}};
 
-struct Planned {
-    size_t flow;
-    std::string name;  // FLOW:CALL:N:FAULT
-    Fault fault;
-    std::string way;
-    bool stuck;
-};
-
 struct Row {
     Scenario flow;
     Conduct clean;
     size_t calls = 0, faults = 0, held = 0;
+};
+
+struct Planned {
+    size_t row;
+    MadeCall made;
+    std::string name, way;  // FLOW:CALL:N:WAY
 };
 
 // What no later pass can mend. An NV file is never made anew, whatever is in it; and a root that
@@ -119,22 +127,21 @@ std::vector<MadeCall> collapsed(const std::vector<MadeCall>& calls) {
 // The ways of a kind at this call. Around a call that changes nothing it is all the same: a cut,
 // and the kills of a sample, leave those out.
 std::vector<const char*> ways(const FaultOptions& options, const MadeCall& made) {
-    static const std::set<std::string> changing = {"open",   "write", "ioctl", "rename",
-                                                   "unlink", "rmdir", "mkdir", "ftruncate",
-                                                   "fsync",  "sync",  "chmod", "chown"};
-    const bool changes = changing.count(made.call) != 0;
-    if (options.kind == "kill" && (changes || options.spread == 0)) return {"before", "after"};
-    if (options.kind == "kill") return {};
-    if (options.kind == "cut") {
-        const bool on_disk = made.call == "ioctl" || made.call == "sync" || Disk::holds(made.path);
-        if (!changes || !on_disk) return {};
-        return {"nothing", "all", "part"};
-    }
-    const auto* all = ways_to_fail(made.call);
-    if (all == nullptr) throw Unable("how \"" + made.call + "\" can fail isn't known");
+    const bool changes = kChanging.count(made.call) != 0;
+    const bool on_disk = made.call == "ioctl" || made.call == "sync" || Disk::holds(made.path);
     std::vector<const char*> chosen;
-    std::copy_if(all->begin(), all->end(), std::back_inserter(chosen),
-                 [&](const char* way) { return possible(made, way); });
+    switch (kKinds.at(options.kind)) {
+        case Kind::kill:
+            if (changes || options.spread == 0) chosen = {"before", "after"};
+            break;
+        case Kind::cut:
+            if (changes && on_disk) chosen = {"nothing", "all", "part"};
+            break;
+        case Kind::fail:
+            for (const char* way : ways_to_fail(made.call)) {
+                if (possible(made, way)) chosen.push_back(way);
+            }
+    }
     return chosen;
 }
 
@@ -145,59 +152,64 @@ std::vector<Planned> plan(std::vector<Row>& rows, const FaultOptions& options) {
         for (const MadeCall& made : options.spread > 0 ? collapsed(calls) : calls) {
             const auto all = ways(options, made);
             rows[i].calls += !all.empty();
-            for (const char* way : all) {
+            for (const char* way : all)
                 planned.push_back(
-                        {i,
-                         rows[i].flow.name + ":" + made.call + fmt::format(":{}:", made.time) + way,
-                         make_fault(made.call, made.time, way), way,
-                         leaves_stuck(rows[i].flow.name, made, way)});
-            }
+                        {i, made,
+                         fmt::format("{}:{}:{}:{}", rows[i].flow.name, made.call, made.time, way),
+                         way});
         }
     }
     return planned;
 }
 
 // The run of one fault. Only what is collected from the modem is still held against the scenario.
-Job job_for(const Row& row, const Planned& planned, const FaultOptions& options) {
-    Job job{row.flow.name, row.flow, options.run};
-    job.scenario.name = planned.name;
-    job.scenario.faults.push_back(planned.fault);
+Job trial_of(const Planned& planned, const Row& row, const FaultOptions& options) {
+    const auto& [number, made, name, way] = planned;
     const Kind kind = kKinds.at(options.kind);
+    Job job{row.flow.name, row.flow, options.run};
+    job.options.story = name == options.only;
     job.options.learn = kind != Kind::fail;  // every call is seen, so that the stop is exact
+    job.scenario.name = name;
+    job.scenario.faults.push_back(make_fault(made.call, made.time, way));
     Conduct clean = row.clean;
-    if (planned.stuck) {
+    if (leaves_stuck(row.flow.name, made, way)) {
         job.scenario.timeline.clear();
         clean.end = "limit";
         clean.lasted = row.flow.limit;
     }
-    const auto survives = kCuts.find(planned.way);
-    job.options.conductor = std::make_shared<Trial>(
-            kind, survives == kCuts.end() ? Disk::Unflushed::all : survives->second,
-            std::move(clean));
+    const auto survives = kind == Kind::cut ? kCuts.at(way) : Disk::Unflushed::all;
+    job.options.conductor = std::make_shared<Trial>(kind, survives, std::move(clean));
     return job;
 }
 
-// Returns the signal that interrupted it, or 0.
+std::vector<Row> choose_flows(const std::string& wanted) {
+    std::vector<Row> rows;
+    std::vector<std::string> names;
+    for (Scenario& flow : parse_scenarios(kFlows, "flows.toml")) {
+        names.push_back(flow.name);
+        if (wanted.empty() || flow.name == wanted) rows.push_back({std::move(flow), {}});
+    }
+    if (rows.empty())
+        throw Unable("no flow is called \"" + wanted + "\"" + did_you_mean(wanted, names));
+    return rows;
+}
+
+// Runs each flow once, with no fault. Returns the signal that interrupted it, or 0.
 int learn(std::vector<Row>& rows, const FaultOptions& options) {
-    size_t at = 0;
-    const auto next = [&]() -> std::optional<Job> {
-        if (at == rows.size()) return {};
-        Job job{"", rows[at++].flow, options.run};
+    const auto make = [&](size_t i) {
+        Job job{"", rows[i].flow, options.run};
         job.options.story = false;
         job.options.learn = true;
         job.options.trace = job.options.picture = job.options.log = {};
         return job;
     };
-    const auto keep = [&](Outcome& outcome) {
+    const auto keep = [&](size_t i, Outcome& outcome) {
         rethrow(outcome);
         if (outcome.status != kHeld)
             throw Unable("the flow " + outcome.name + " fails without a fault");
-        for (Row& row : rows) {
-            if (row.flow.name != outcome.name) continue;
-            row.clean = std::move(outcome.conduct);
-        }
+        rows[i].clean = std::move(outcome.conduct);
     };
-    return run_each(next, options.jobs, keep);
+    return run_each(rows.size(), options.jobs, make, keep);
 }
 
 const Planned& find_planned(const std::vector<Planned>& planned, const std::string& name) {
@@ -237,18 +249,12 @@ void print_table(const std::vector<Row>& rows) {
 
 }  // namespace
 
-const std::vector<const char*>* ways_to_fail(const std::string& call) {
-    // What the C library does for itself, to memory it already has and between threads.
+const std::vector<const char*>& ways_to_fail(const std::string& call) {
     static const std::vector<const char*> none;
-    static const std::set<std::string> own = {
-            "munmap",       "mprotect",  "madvise",           "futex",
-            "getpid",       "gettid",    "connect",           "rt_sigprocmask",
-            "rt_sigaction", "socket",    "fstatfs",           "getuid",
-            "geteuid",      "getrandom", "prlimit64",         "access",
-            "fcntl",        "link",      "sched_getaffinity", "sigaltstack"};
-    if (own.count(call) != 0) return &none;
+    if (kLibrary.count(call) != 0) return none;
     const auto found = kWays.find(call);
-    return found == kWays.end() ? nullptr : &found->second;
+    if (found == kWays.end()) throw Unable("how \"" + call + "\" can fail isn't known");
+    return found->second;
 }
 
 Fault make_fault(const std::string& call, int nth, const std::string& way) {
@@ -265,15 +271,8 @@ Fault make_fault(const std::string& call, int nth, const std::string& way) {
 }
 
 int run_faults(const FaultOptions& options) {
-    std::vector<Row> rows;
-    std::vector<std::string> names;
     const std::string flow = options.only.substr(0, options.only.find(':'));
-    for (Scenario& scenario : parse_scenarios(kFlows, "flows.toml")) {
-        names.push_back(scenario.name);
-        if (flow.empty() || scenario.name == flow) rows.push_back({std::move(scenario), {}});
-    }
-    if (rows.empty())
-        throw Unable("no flow is called \"" + flow + "\"" + did_you_mean(flow, names));
+    std::vector<Row> rows = choose_flows(flow);
     Report report("faults", options.reporting);
     if (const int signal = learn(rows, options)) return report.finish(signal, table_of(rows));
     const std::vector<Planned> planned = plan(rows, options);
@@ -282,34 +281,26 @@ int run_faults(const FaultOptions& options) {
             fmt::print("{}\n", one.name);
         return kHeld;
     }
-    if (flow != options.only) {
-        const Job job = job_for(rows[0], find_planned(planned, options.only), options);
-        return tell_one(job);
-    }
+    if (flow != options.only)
+        return tell_one(trial_of(find_planned(planned, options.only), rows[0], options));
 
     const size_t all = planned.size();
-    const size_t wanted =
+    const size_t count =
             options.spread > 0 ? std::min<size_t>(static_cast<size_t>(options.spread), all) : all;
-    size_t started = 0, ended = 0;
-    Progress progress("faults", wanted);
-    const auto next = [&]() -> std::optional<Job> {
-        if (started == wanted) return {};
-        const Planned& one = planned[started++ * all / wanted];
-        Job job = job_for(rows[one.flow], one, options);
-        job.options.story = false;
-        return job;
-    };
-    const auto done = [&](Outcome& outcome) {
-        const auto row = std::find_if(rows.begin(), rows.end(), [&](const Row& each) {
-            return each.flow.name == outcome.suite;
-        });
-        row->faults++;
-        row->held += outcome.status == kHeld;
-        ended++;
-        report.add(outcome);
-    };
-    const int signal =
-            run_each(next, options.jobs, done, [&] { progress.show(ended, report.failed()); });
+    const auto chosen = [&](size_t i) -> const Planned& { return planned[i * all / count]; };
+    size_t ended = 0;
+    Progress progress("faults", count);
+    const int signal = run_each(
+            count, options.jobs,
+            [&](size_t i) { return trial_of(chosen(i), rows[chosen(i).row], options); },
+            [&](size_t i, Outcome& outcome) {
+                Row& row = rows[chosen(i).row];
+                row.faults++;
+                row.held += outcome.status == kHeld;
+                ended++;
+                report.add(outcome);
+            },
+            [&] { progress.show(ended, report.failed()); });
     if (!options.reporting.json) print_table(rows);
     return report.finish(signal, table_of(rows));
 }

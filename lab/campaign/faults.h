@@ -1,5 +1,5 @@
-// The fault campaign: every system call that the daemon makes in the flows of its life, failed in
-// every way that it can fail.
+// The fault campaign: at every system call that the daemon makes in the flows of its life the call
+// fails, in every way that it can; or the daemon is killed, or the phone's power cut.
 #pragma once
 
 #include "lab/campaign/report.h"
@@ -8,7 +8,7 @@ namespace rvd::lab {
 
 struct FaultOptions {
     RunOptions run;
-    std::string only;  // one fault, "FLOW:CALL:N:FAULT", with its story; or the flows to fail
+    std::string only;  // one fault, "FLOW:CALL:N:WAY", with its story; or one flow
     int spread = 0;    // so many faults, evenly chosen; 0: all
     int jobs = 1;
     std::string kind = "fail";  // or "kill" or "cut"
@@ -19,11 +19,11 @@ struct FaultOptions {
 // Reports what failed, and a table. Returns the exit status.
 int run_faults(const FaultOptions& options);
 
-// The ways in which a call can fail on a path: an errno, "short", "end" or "hang-up". Empty for one
-// that cannot; null for one that nothing is known of.
-const std::vector<const char*>* ways_to_fail(const std::string& call);
+// The ways in which a call can fail on some path: an errno, "short", "end" or "hang-up". Throws
+// Unable where none is known.
+const std::vector<const char*>& ways_to_fail(const std::string& call);
 
-// The fault that a way to fail is, at the nth such call. Throws Unable.
+// The fault that a way is, at the nth such call.
 Fault make_fault(const std::string& call, int nth, const std::string& way);
 
 }  // namespace rvd::lab

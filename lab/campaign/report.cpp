@@ -1,7 +1,9 @@
 #include "lab/campaign/report.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "lab/builtin.h"
@@ -9,6 +11,9 @@
 namespace rvd::lab {
 
 namespace {
+
+constexpr auto kOnTerminal = std::chrono::milliseconds(200);
+constexpr auto kElsewhere = std::chrono::seconds(30);
 
 const char* word_for(int status) {
     return status == kHeld ? "PASS" : status == kNotHeld ? "FAIL" : "ERROR";
@@ -93,26 +98,51 @@ int Report::finish(int signal, const nlohmann::json& figures) {
     return signal != 0 ? kSignal + signal : status_;
 }
 
+Progress::Progress(std::string what, size_t total)
+    : what_(std::move(what)),
+      total_(total),
+      terminal_(is_capable_terminal(STDERR_FILENO)),
+      start_(Clock::now()),
+      last_(start_) {}
+
+Progress::~Progress() {
+    if (terminal_ && shown_) fmt::print(stderr, "\r\033[K");
+}
+
+void Progress::show(size_t done, size_t failed) {
+    const auto now = Clock::now();
+    if (now - last_ < (terminal_ ? Clock::duration(kOnTerminal) : kElsewhere)) return;
+    last_ = now;
+    shown_ = true;
+    const std::chrono::duration<double> each =
+            (now - start_) / std::max<double>(1, static_cast<double>(done));
+    const auto left = static_cast<int64_t>(each.count() * static_cast<double>(total_ - done));
+    fmt::print(stderr, "{}{} of {} {}, {} failed, {}:{:02}:{:02} left{}", terminal_ ? "\r" : "",
+               done, total_, what_, failed, left / 3600, left / 60 % 60, left % 60,
+               terminal_ ? "\033[K" : "\n");
+}
+
 int run_all(const std::vector<Job>& runs, int jobs, const Reporting& reporting) {
     Report report("run", reporting);
-    size_t started = 0;
-    const auto next = [&]() -> std::optional<Job> {
-        if (started == runs.size()) return {};
-        return runs[started++];
-    };
-    const int signal = run_each(next, jobs, [&](Outcome& outcome) { report.add(outcome); });
+    const int signal = run_each(
+            runs.size(), jobs, [&](size_t i) { return runs[i]; },
+            [&](size_t, Outcome& outcome) { report.add(outcome); });
     return report.finish(signal, nlohmann::json::object());
 }
 
 int tell_one(Job job) {
     job.direct = job.options.summary = true;
-    Outcome outcome;
-    if (const int signal = run_one(job, outcome)) return kSignal + signal;
-    rethrow(outcome);
-    if (outcome.status > kNotHeld) return outcome.status;
-    print_violations(outcome);
-    fmt::print("{}\n", outcome.status == kHeld ? "PASS: all expected events occurred" : "FAIL");
-    return outcome.status;
+    int status = kHeld;
+    const auto done = [&](size_t, Outcome& outcome) {
+        rethrow(outcome);
+        status = outcome.status;
+        if (status > kNotHeld) return;
+        print_violations(outcome);
+        fmt::print("{}\n", status == kHeld ? "PASS: all expected events occurred" : "FAIL");
+    };
+    const int signal = run_each(
+            1, 1, [&](size_t) { return job; }, done);
+    return signal != 0 ? kSignal + signal : status;
 }
 
 }  // namespace rvd::lab

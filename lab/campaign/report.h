@@ -1,10 +1,11 @@
-// What the runs of a command came to, for people as they end, and for programs at the end.
+// What the runs of a command come to: how far it is, each as it ends, and all of them at its end,
+// for people or for programs.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
 #include <vector>
 
-#include "lab/campaign/campaign.h"
+#include "lab/campaign/workers.h"
 #include "lab/campaign/workplace.h"
 
 namespace rvd::lab {
@@ -36,6 +37,27 @@ class Report {
     std::vector<Outcome> outcomes_;
     size_t passed_ = 0, failed_ = 0;
     int status_ = kHeld;
+};
+
+// How far a long command is, on standard error: a line that is renewed on a terminal, elsewhere one
+// every half a minute.
+class Progress {
+  public:
+    // `what` is counted: "faults".
+    Progress(std::string what, size_t total);
+    ~Progress();
+
+    void show(size_t done, size_t failed);
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    const std::string what_;
+    const size_t total_;
+    const bool terminal_;
+    const Clock::time_point start_;
+    Clock::time_point last_;
+    bool shown_ = false;
 };
 
 // Runs all, several at once, with a line for each and the story of those that fail. Returns the

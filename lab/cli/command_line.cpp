@@ -9,7 +9,7 @@
 #include <filesystem>
 
 #include "lab/builtin.h"
-#include "lab/campaign/campaign.h"
+#include "lab/campaign/workers.h"
 #include "lab/cli/complaint.h"
 
 namespace rvd::lab {

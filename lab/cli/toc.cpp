@@ -9,7 +9,7 @@
 #include "check/plan.h"
 #include "check/report.h"
 #include "lab/base.h"
-#include "lab/campaign/campaign.h"
+#include "lab/campaign/workers.h"
 #include "main/Container.h"
 
 namespace rvd::lab {

@@ -41,7 +41,7 @@ constexpr time_t kParkedSeconds = 200;         // longer than any sleep within a
 void refuse_what_a_kernel_does_not(const Scenario& scenario) {
     const char* what = !scenario.faults.empty()    ? "fault"
                        : !scenario.free_mb.empty() ? "free_mb"
-                       : scenario.full_after       ? "full_after"
+                       : scenario.disk             ? "disk"
                        : scenario.ring             ? "ring"
                                                    : nullptr;
     if (what != nullptr)

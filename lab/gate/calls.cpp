@@ -214,15 +214,16 @@ void Calls::serve_statfs(const Call& call) {
     const std::string path = path_of(call);
     struct statfs record {};
     if (statfs(phone_.path(path).c_str(), &record) != 0) return daemon_.answer(call, -errno);
-    int64_t megabytes = kPlentyMb;
+    int64_t free = kPlentyMb << 20;
+    if (scenario_.disk && under(path, "/data")) free = phone_.disk_room();
     size_t longest = 0;
-    for (const auto& [prefix, free] : scenario_.free_mb) {
+    for (const auto& [prefix, megabytes] : scenario_.free_mb) {
         if (!under(path, prefix) || prefix.size() < longest) continue;
         longest = prefix.size();
-        megabytes = free;
+        free = megabytes << 20;
     }
     record.f_bsize = kBlock;
-    record.f_bfree = static_cast<fsblkcnt_t>(megabytes * (1 << 20) / kBlock);
+    record.f_bfree = static_cast<fsblkcnt_t>(free / kBlock);
     record.f_bavail = record.f_bfree - record.f_bfree / 20;
     record.f_blocks = record.f_bfree * 4;
     answer_with(call, 1, &record, sizeof(record));
@@ -257,12 +258,9 @@ void Calls::serve_clone(const Call& call) {
 
 // The write that fills the virtual disk is short; later ones fail with ENOSPC.
 void Calls::serve_write(const Call& call) {
-    if (!scenario_.full_after || !under(path_of(call), "/data/")) return daemon_.proceed(call);
-    const auto capacity = static_cast<uint64_t>(*scenario_.full_after);
-    const uint64_t room = capacity - std::min(disk_used_, capacity);
-    const uint64_t size = call.argument(2);
-    disk_used_ += std::min(size, room);
-    if (size <= room) return daemon_.proceed(call);
+    if (!scenario_.disk || !under(path_of(call), "/data/")) return daemon_.proceed(call);
+    const auto room = static_cast<uint64_t>(phone_.disk_room());
+    if (call.argument(2) <= room) return daemon_.proceed(call);
     if (room == 0) return daemon_.answer(call, -ENOSPC);
     transfer_part(call, room);
 }

@@ -86,7 +86,6 @@ class Calls {
     std::map<std::string, int> times_;  // of each call, as on_call counts them
     bool in_main_ = false;              // the daemon's own code runs, not its start-up
     bool device_gone_ = false;
-    uint64_t disk_used_ = 0;
 };
 
 }  // namespace rvd::lab

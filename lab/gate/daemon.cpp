@@ -13,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 // Newer than some headers: the thread that is answered runs at once, on the processor that
 // answered.
 #ifndef SECCOMP_IOCTL_NOTIF_SET_FLAGS
@@ -158,6 +160,15 @@ void Daemon::replace(const Call& served, int daemon_fd, int fd) const {
 
 int Daemon::duplicate(int daemon_fd) const {
     return static_cast<int>(syscall(SYS_pidfd_getfd, pidfd_, daemon_fd, 0));
+}
+
+std::vector<int> Daemon::descriptors() const {
+    std::vector<int> numbers;
+    std::error_code none;
+    for (const auto& entry :
+         std::filesystem::directory_iterator(fmt::format("/proc/{}/fd", pid_), none))
+        numbers.push_back(std::stoi(entry.path().filename()));
+    return numbers;
 }
 
 std::string Daemon::link_of(int daemon_fd) const {

@@ -51,6 +51,7 @@ class Daemon {
 
     // One of its descriptors, as one of this process; and the path by which /proc shows it.
     int duplicate(int daemon_fd) const;
+    std::vector<int> descriptors() const;
     std::string link_of(int daemon_fd) const;
 
     // Whether a thread is one of its own; whether it waits for another one.

@@ -85,9 +85,9 @@ class Gate : public RunStage {
 
     std::map<int, std::string> descriptors() const override {
         std::map<int, std::string> open;
-        for (int fd = 3; fd < 1024; fd++) {
+        for (const int fd : daemon_.descriptors()) {
             const std::string path = calls_.path_of_fd(fd);
-            if (!path.empty() && path != "/dev/kmsg") open[fd] = path;
+            if (fd > STDERR_FILENO && path != "/dev/kmsg") open[fd] = path;
         }
         return open;
     }

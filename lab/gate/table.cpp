@@ -95,7 +95,7 @@ void add_others(std::vector<CallShape>& shapes) {
 std::vector<CallShape> calls_to_watch(const Scenario& scenario, bool virtual_time, bool all) {
     std::vector<CallShape> shapes;
     for (CallShape shape : kShapes) {
-        const bool disk = shape.serve == &Calls::serve_write && scenario.full_after;
+        const bool disk = shape.serve == &Calls::serve_write && scenario.disk;
         const bool wanted = shape.watch == Watch::always ||
                             (shape.watch == Watch::virtual_time && virtual_time) || disk ||
                             has_fault(scenario, shape) || all;

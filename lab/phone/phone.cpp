@@ -10,6 +10,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "bootdump/lnkm.h"
@@ -158,6 +159,14 @@ void put_scenario_files(const Scenario& scenario, const Tree& tree, uid_t owner)
     }
     for (const std::string& missing : scenario.missing)
         tree.remove(missing);
+}
+
+int64_t Phone::disk_room() const {
+    int64_t room = scenario_.disk.value_or(INT64_MAX);
+    for (const auto& entry : fs::recursive_directory_iterator(path("/data"))) {
+        if (entry.is_regular_file()) room -= static_cast<int64_t>(entry.file_size());
+    }
+    return std::max<int64_t>(room, 0);
 }
 
 std::string Phone::property(const std::string& name) const {

@@ -36,6 +36,9 @@ class Phone {
     std::string path(const std::string& inside) const { return tree_.path(inside); }
     const Partition& partition() const { return partition_; }
 
+    // Bytes left on the scenario's data disk.
+    int64_t disk_room() const;
+
     // Whether the daemon's user and capabilities can change for real.
     bool real_root() const { return real_root_; }
 

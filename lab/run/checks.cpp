@@ -54,7 +54,7 @@ bool is_undisturbed(const Scenario& scenario) {
                         [](const auto& region) { return region.second.delivers.has_value(); }) &&
            scenario.faults.empty() && scenario.loader.empty() && scenario.driver.answers.empty() &&
            scenario.missing.empty() && scenario.read_only.empty() && scenario.free_mb.empty() &&
-           !scenario.full_after && !scenario.firmware.truncate;
+           !scenario.disk && !scenario.firmware.truncate;
 }
 
 // The daemon logs no error but those that the scenario expects.

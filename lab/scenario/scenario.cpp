@@ -134,7 +134,8 @@ static void keys(Reader& reader, PhoneKeys& phone) {
                  kPhonePath)
             .key("read_only", s.read_only, "directories on a read-only file system", kPhonePath)
             .key("free", s.free_mb, "free space by path prefix, in MB (20000)", kSmall)
-            .key("full_after", s.full_after, "the data disk takes this many bytes and no more")
+            .key("disk", s.disk,
+                 "size of the data disk: what files hold is not free, and writes beyond it fail")
             .key("ring", s.ring, "bytes in the kernel's log ring (what was logged)", kFileSize)
             .key("log_group", s.log_group, "the group \"log\" exists (true)");
     for (const auto& [path, size] : fillers)

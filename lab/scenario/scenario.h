@@ -146,7 +146,7 @@ struct Scenario {
     std::map<std::string, std::string> files;
     std::vector<std::string> missing, read_only;
     std::map<std::string, int64_t> free_mb;
-    std::optional<int64_t> full_after, ring;
+    std::optional<int64_t> disk, ring;
     bool log_group = true;
 
     Firmware firmware;

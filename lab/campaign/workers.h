@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,7 +10,7 @@
 
 namespace rvd::lab {
 
-// What a run's process ends with, and the lab itself.
+// Exit statuses of a run's process, and of the lab.
 constexpr int kHeld = 0;
 constexpr int kNotHeld = 1;
 constexpr int kRefused = 2;     // wrong usage or input, or no room: the message says what
@@ -33,19 +32,16 @@ struct Outcome {
     std::chrono::duration<double> spent{0};  // real time
     std::vector<std::string> violations;     // or why there was no run
     std::string output;
-    Conduct conduct;  // where it was to be learnt
+    Conduct conduct;  // if the job's options ask for it
 };
 
-// Runs what `next` gives, several at once, until it gives no more; `done` is told of each, and
-// `tick` is called in between. Interrupted by a signal, it ends what runs, and returns its number;
-// 0 otherwise.
-int run_each(const std::function<std::optional<Job>()>& next, int jobs,
-             const std::function<void(Outcome&)>& done, const std::function<void()>& tick = {});
+// Runs `count` jobs: `make` gives the nth, `done` takes its outcome, and `tick` is called at least
+// once a second. Interrupted by a signal, it ends what runs and returns its number; 0 otherwise.
+int run_each(size_t count, int jobs, const std::function<Job(size_t)>& make,
+             const std::function<void(size_t, Outcome&)>& done,
+             const std::function<void()>& tick = {});
 
-// Runs one.
-int run_one(const Job& job, Outcome& outcome, const std::function<void()>& tick = {});
-
-// Throws what a run threw that could not be made.
+// Throws what kept a run from being made.
 void rethrow(const Outcome& outcome);
 
 }  // namespace rvd::lab

@@ -1,4 +1,4 @@
-#include "lab/campaign/campaign.h"
+#include "lab/campaign/workers.h"
 
 #include <fmt/core.h>
 #include <signal.h>
@@ -25,6 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 struct Worker {
+    size_t job;
     Outcome outcome;
     Workplace place;
     Clock::time_point start;
@@ -100,7 +101,19 @@ std::string leaf_of(std::string name) {
     return name;
 }
 
-pid_t start(const Job& job, const Signals& signals, Worker& worker) {
+Worker make_worker(size_t number, const Job& job) {
+    const std::string& root = job.options.root;
+    const bool own = root.empty() || job.direct;
+    // Each part has a name: a compiler frees some of them twice where one in a braced list throws.
+    Workplace place(own ? root : root + "/" + leaf_of(job.scenario.name));
+    Outcome outcome;
+    outcome.suite = job.suite;
+    outcome.name = job.scenario.name;
+    FILE* const output = job.direct ? nullptr : make_file();
+    return {number, std::move(outcome), std::move(place), Clock::now(), output, make_file()};
+}
+
+pid_t start(const Job& job, const Signals& signals, const Worker& worker) {
     RunOptions options = job.options;
     options.keep = !options.root.empty();
     options.root = worker.place.path();
@@ -117,19 +130,7 @@ pid_t start(const Job& job, const Signals& signals, Worker& worker) {
     _exit(status);
 }
 
-Worker make_worker(const Job& job) {
-    const std::string& root = job.options.root;
-    const bool own = root.empty() || job.direct;
-    // Each part has a name: a compiler frees some of them twice where one in a braced list throws.
-    Workplace place(own ? root : root + "/" + leaf_of(job.scenario.name));
-    Outcome outcome;
-    outcome.suite = job.suite;
-    outcome.name = job.scenario.name;
-    FILE* const output = job.direct ? nullptr : make_file();
-    return {std::move(outcome), std::move(place), Clock::now(), output, make_file()};
-}
-
-Outcome finish(Worker& worker, int status) {
+void finish(Worker& worker, int status) {
     Outcome& outcome = worker.outcome;
     outcome.spent = Clock::now() - worker.start;
     if (worker.output != nullptr) outcome.output = take_all(worker.output);
@@ -146,22 +147,23 @@ Outcome finish(Worker& worker, int status) {
         outcome.violations = {
                 fmt::format("the run was ended by signal {} ({})", number, sigdescr_np(number))};
     }
-    return std::move(outcome);
 }
 
 }  // namespace
 
-int run_each(const std::function<std::optional<Job>()>& next, int jobs,
-             const std::function<void(Outcome&)>& done, const std::function<void()>& tick) {
+int run_each(size_t count, int jobs, const std::function<Job(size_t)>& make,
+             const std::function<void(size_t, Outcome&)>& done, const std::function<void()>& tick) {
     sweep_workplaces();
     const Signals signals;
     std::map<pid_t, Worker> workers;
     int interrupted = 0;
-    std::optional<Job> job = next();
-    while (job || !workers.empty()) {
-        for (; job && workers.size() < static_cast<size_t>(jobs); job = next()) {
-            Worker worker = make_worker(*job);
-            const pid_t pid = start(*job, signals, worker);
+    size_t started = 0;
+    const auto more = [&] { return interrupted == 0 && started < count; };
+    while (more() || !workers.empty()) {
+        while (more() && workers.size() < static_cast<size_t>(jobs)) {
+            const Job job = make(started);
+            Worker worker = make_worker(started++, job);
+            const pid_t pid = start(job, signals, worker);
             workers.emplace(pid, std::move(worker));
         }
         if (const int signal = signals.wait(); signal != 0 && signal != SIGCHLD) {
@@ -174,26 +176,16 @@ int run_each(const std::function<std::optional<Job>()>& next, int jobs,
         for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
             const auto found = workers.find(pid);
             if (found == workers.end()) continue;
-            Outcome outcome = finish(found->second, status);
-            workers.erase(found);
+            Worker& worker = found->second;
+            finish(worker, status);
             // A terminal's signal reaches the run before it does the lab.
             if (WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) interrupted = SIGINT;
-            if (interrupted == 0 || WIFEXITED(status)) done(outcome);
+            if (interrupted == 0 || WIFEXITED(status)) done(worker.job, worker.outcome);
+            workers.erase(found);
         }
         if (tick) tick();
-        if (interrupted != 0) job.reset();
     }
     return interrupted;
-}
-
-int run_one(const Job& job, Outcome& outcome, const std::function<void()>& tick) {
-    bool started = false;
-    const auto next = [&]() -> std::optional<Job> {
-        if (std::exchange(started, true)) return {};
-        return job;
-    };
-    return run_each(
-            next, 1, [&](Outcome& ended) { outcome = std::move(ended); }, tick);
 }
 
 void rethrow(const Outcome& outcome) {

@@ -1,0 +1,370 @@
+#include "lab/campaign/passes.h"
+
+#include <fmt/format.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <random>
+
+#include "lab/builtin.h"
+#include "lab/campaign/faults.h"
+#include "lab/modem/modem.h"
+#include "lab/run/checks.h"
+
+namespace fs = std::filesystem;
+
+namespace rvd::lab {
+
+namespace {
+
+constexpr char kLogs[] = "/data/vendor/log/rvd";
+constexpr int kSettled = 50;       // passes after which a daemon needs no more memory
+constexpr long kMoreMemory = 512;  // KiB
+constexpr Time kQuirkLasts = 40 * kSecond;
+constexpr int kSaving = 3;  // threads that may save logs beside the daemon's own
+
+// The storm's disk, below what free space the daemon takes no dump, and more than a pass writes.
+constexpr int64_t kMega = 1 << 20;
+constexpr int64_t kDisk = 1024 * kMega, kLeastFree = 500 * kMega, kWritten = 2 * kMega;
+
+// One of a kind may fail in a pass, by its place here.
+const char* const kFaulty[] = {"open", "read", "write", "fsync", "statfs", "mmap", "ioctl", "poll"};
+
+const char* const kQuirky[] = {"0xA00D", "0xAF00", "0xAD00", "info", "reason", "1.1", "2.2"};
+
+// The signals of an interruption wait for the end of the pass.
+sigset_t interruptions() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&signals, signal);
+    return signals;
+}
+
+bool interrupted() {
+    const sigset_t signals = interruptions();
+    const timespec now = {};
+    return sigtimedwait(&signals, nullptr, &now) > 0;
+}
+
+class Passes : public Conductor {
+  public:
+    Passes(int64_t seed, const std::string& shape, int count, Figures& figures)
+        : random_(static_cast<uint64_t>(seed)), shape_(shape), count_(count), figures_(figures) {}
+
+    void begin(Play& play) override {
+        Conductor::begin(play);
+        const sigset_t held = interruptions();
+        sigprocmask(SIG_BLOCK, &held, nullptr);
+    }
+
+    void fault(const Fault&) override { disturb(); }
+
+    void line(const std::string& text) override {
+        figures_.dumps += matches("*: DUMP DATA saved", text);
+        if (!full_at_.empty() && matches(full_at_, text)) fill_disk();
+    }
+
+    // The daemon waits for the modem: a pass has come to its rest.
+    void waits() override {
+        auto& timeline = play_->scenario.timeline;
+        const size_t position = play_->timeline.position();
+        if (timeline.size() > position && timeline[position].waits) return;
+        timeline.resize(position);
+        check_descriptors();
+        check_nv();
+        check_files();
+        check_process();
+        play_->story.forget();
+        figures_.passes++;
+        const bool last = ++played_ == count_;
+        if (last || interrupted() || !play_->story.violations().empty()) return stop();
+        figures_.lived = play_->stage.now() - play_->scenario.start;
+        choose_pass();
+    }
+
+    void judge(Conduct& conduct) override { check_expectations(*play_, conduct); }
+
+  private:
+    void stop() {
+        play_->scenario.expect.files.clear();  // each pass has taken them away
+        play_->stage.stop("stop");
+    }
+
+    void check_descriptors() {
+        const auto open = play_->stage.descriptors();
+        for (const auto& [fd, path] : open) {
+            if (path != kAndroidLog && path != "/dev/boot")
+                violation(fmt::format("descriptor {} is left open: {}", fd, path));
+        }
+        if (open.size() > 2) violation("more is open than the boot node and the log");
+    }
+
+    void check_nv() {
+        const std::string nv = read_file(play_->phone.path(play_->scenario.nv_path()));
+        if (nv_.empty()) nv_ = nv;
+        if (nv != nv_) violation("the NV file has changed");
+    }
+
+    // What was collected is right as far as it goes, and whole where nothing was in the way.
+    void check_files() {
+        // A liar's words decide what of a frame is data.
+        if (shape_ != "liar") check_collected(*play_);
+        if (crashed_ && short_of_space_) check_refused();
+        if (crashed_ && !disturbed_ && !short_of_space_) {
+            Conduct pass;
+            pass.end = play_->scenario.expect.end;
+            check_expectations(*play_, pass);
+            figures_.whole++;
+        }
+        take_logs_away();
+        fs::resize_file(play_->phone.path(kAndroidLog), 0);  // or it fills the memory
+    }
+
+    std::vector<std::string> saved() const {
+        std::vector<std::string> files;
+        std::error_code none;
+        for (const auto& entry : fs::recursive_directory_iterator(play_->phone.path(kLogs), none)) {
+            if (entry.is_regular_file()) files.push_back(entry.path());
+        }
+        return files;
+    }
+
+    // What they held stays on the storm's disk.
+    void take_logs_away() {
+        int64_t bytes = 0;
+        for (const std::string& file : saved())
+            bytes += static_cast<int64_t>(fs::file_size(file));
+        figures_.bytes += bytes;
+        kept_ += bytes;
+        fs::remove_all(play_->phone.path(kLogs));
+    }
+
+    // Without the space for a dump the device goes to its upload mode, and nothing of it is saved.
+    void check_refused() {
+        figures_.refused++;
+        const auto& requests = play_->story.requests();
+        if (std::none_of(requests.begin(), requests.end(), [](const std::string& request) {
+                return matches("TRIGGER_KERNEL_PANIC \"Not enough freespace\"*", request);
+            }))
+            violation("no upload is forced while the disk is full");
+        for (const std::string& file : saved()) {
+            if (matches("*/cpcrash_*", file)) violation(file + " is saved while the disk is full");
+        }
+    }
+
+    void check_process() {
+        const pid_t daemon = play_->stage.daemon();
+        const std::string status = read_file(fmt::format("/proc/{}/status", daemon));
+        const auto number = [&](const char* name) {
+            return strtol(status.c_str() + status.find(name) + strlen(name), nullptr, 10);
+        };
+        const long used = number("VmHWM:"), threads = number("Threads:");
+        if (threads > 1 + kSaving) violation(fmt::format("the daemon has {} threads", threads));
+        if (daemon != daemon_) age_ = 0;
+        daemon_ = daemon;
+        if (age_++ <= kSettled) settled_ = used;
+        if (used > settled_ + kMoreMemory)
+            violation(fmt::format("the daemon needs {} KiB, after {} passes {} KiB", used, kSettled,
+                                  settled_));
+    }
+
+    void violation(const std::string& text) { play_->story.violation(text); }
+
+    void disturb() {
+        disturbed_ = true;
+        figures_.disturbances++;
+    }
+
+    int below(int64_t limit) {
+        return std::uniform_int_distribution<int>(0, static_cast<int>(limit) - 1)(random_);
+    }
+    bool once_in(int times) { return below(times) == 0; }
+    template <class Thing, size_t size>
+    const Thing& one_of(const Thing (&things)[size]) {
+        return things[static_cast<size_t>(below(size))];
+    }
+
+    void choose_pass() {
+        crashed_ = short_of_space_ = false;
+        full_at_.clear();
+        const auto& quirks = play_->scenario.loader;
+        disturbed_ = std::any_of(quirks.begin(), quirks.end(),
+                                 [](const Quirk& quirk) { return !quirk.at.empty(); });
+        if (shape_ == "mixed") mix();
+        if (shape_ == "storm") storm();
+        if (shape_ == "flap") flap();
+        if (shape_ == "liar") lie();
+    }
+
+    void mix() {
+        choose_events();
+        choose_fault();
+        if (once_in(4)) choose_quirk();
+    }
+
+    void choose_events() {
+        auto& timeline = play_->scenario.timeline;
+        static const int states[] = {1, 2, 9, 3};
+        Event event;
+        event.waits = true;
+        event.after = below(20'000) * kMillisecond;
+        event.state = one_of(states);
+        if (*event.state == 3) {  // nothing comes of it: the next one ends the pass
+            timeline.push_back(event);
+            event.state = states[below(3)];
+        }
+        if (once_in(10)) event.set["vendor.rvd.first_xmit_done"] = std::to_string(below(2));
+        crashed_ = event.state == 2;
+        if (once_in(200)) {
+            event.state.reset();
+            (once_in(2) ? event.restart : event.reboot) = true;
+            crashed_ = false;
+        }
+        timeline.push_back(event);
+        if (!once_in(300)) return;
+        Event killed;
+        killed.line = once_in(2) ? "boot: Handshake" : "dump: Receive CP crash dump";
+        killed.restart = disturbed_ = true;
+        timeline.push_back(killed);
+    }
+
+    void choose_fault() {
+        play_->stage.recount_faults();
+        auto& faults = play_->scenario.faults;
+        for (Fault& fault : faults)
+            fault.turn.nth = INT32_MAX;
+        if (once_in(2)) return;
+        Fault& fault = faults[static_cast<size_t>(below(std::size(kFaulty)))];
+        const auto& ways = ways_to_fail(fault.call);
+        fault = make_fault(fault.call, 1 + below(fault.call == "ioctl" ? 30 : 200),
+                           ways[static_cast<size_t>(below(static_cast<int>(ways.size())))]);
+        if (!fault.cut) return;
+        // Files alone come in parts: a packet is taken whole.
+        fault.path = fault.call == "write" ? "/data/*" : "/dev/block/*";
+        fault.turn.nth = 1 + below(10);
+    }
+
+    // The boot loader misbehaves for a while.
+    void choose_quirk() {
+        Quirk quirk;
+        if (once_in(3)) quirk.say = below(1 << 16);
+        quirk.silent = once_in(6);
+        quirk.hang_up = once_in(6);
+        quirk.twice = once_in(4);
+        quirk.late = once_in(4) ? below(35'000) * kMillisecond : 0;
+        misbehave(static_cast<size_t>(below(std::size(kQuirky))), quirk);
+    }
+
+    // The boot loader may hold on to a quirk: it stays where it is, and ends without a place.
+    void misbehave(size_t place, const Quirk& quirk) {
+        disturb();
+        Quirk& here = play_->scenario.loader[place];
+        here = quirk;
+        here.turn.count = 0;
+        here.at = kQuirky[place];
+        play_->stage.later(kQuirkLasts, [&here] { here.at.clear(); });
+    }
+
+    // A crash every few seconds, on a disk that other data fills as well, until somebody empties
+    // it. Now and then it is full in the middle of a dump.
+    void storm() {
+        Scenario& scenario = play_->scenario;
+        kept_ += below(30) * kMega;
+        if (kept_ > kDisk) kept_ = 0;
+        scenario.disk = kDisk - kept_;
+        // The limit is not crossed within a pass.
+        const int64_t room = play_->phone.disk_room();
+        if (room >= kLeastFree && room < kLeastFree + kWritten) *scenario.disk -= kWritten;
+        short_of_space_ = room < kLeastFree + kWritten;
+        static const char* const moments[] = {"get_log_dump: name:vss *", "*: DUMP INFO saved",
+                                              "_save_logs: save dmesg begin*"};
+        if (once_in(4)) full_at_ = one_of(moments);
+        Event crash;
+        crash.waits = crashed_ = true;
+        crash.after = below(5'000) * kMillisecond;
+        crash.state = once_in(2) ? 2 : 9;
+        scenario.timeline.push_back(crash);
+    }
+
+    void fill_disk() {
+        full_at_.clear();
+        disturb();
+        auto& disk = play_->scenario.disk;
+        *disk -= play_->phone.disk_room() - below(8'000);
+    }
+
+    // States follow each other faster than they can be read; the last one ends the pass.
+    void flap() {
+        Time after = 0;
+        const int changes = 2 + below(20);
+        for (int i = 0; i < changes; i++) {
+            static const int states[] = {1, 2, 9, 3, 0, 4, 42};
+            const int state = i + 1 < changes ? one_of(states) : states[below(3)];
+            after += below(once_in(4) ? 3'000 : 3) * kMillisecond;
+            play_->stage.later(after, [this, state] { play_->modem.change_state(state); });
+            disturb();
+        }
+    }
+
+    // The boot loader says whatever comes to its mind, in every place at once.
+    void lie() {
+        choose_events();
+        for (size_t place = 0; place < std::size(kQuirky); place++) {
+            if (once_in(2)) continue;
+            Quirk quirk;
+            quirk.turn.nth = 1 + below(3);
+            if (once_in(2)) quirk.say = below(1 << 16);
+            if (once_in(2)) quirk.curr_frame = below(1 << (1 + below(30)));
+            if (once_in(2)) quirk.len = below(1 << (1 + below(30)));
+            if (once_in(4)) quirk.cut = below(64);
+            if (once_in(4)) quirk.extra = below(4096);
+            quirk.twice = once_in(8);
+            misbehave(place, quirk);
+        }
+    }
+
+    std::mt19937_64 random_;
+    const std::string shape_;
+    const int count_;
+    int played_ = 0;
+    Figures& figures_;
+    bool crashed_ = false;    // the pass has a crash in it
+    bool disturbed_ = false;  // and something that may keep it from being saved
+    bool short_of_space_ = false;
+    std::string full_at_;  // the line at which the disk is full
+    int64_t kept_ = 0;     // bytes that the storm's disk keeps, the logs of earlier passes too
+    std::string nv_;
+    pid_t daemon_ = -1;
+    int age_ = 0;       // of the daemon, in passes
+    long settled_ = 0;  // KiB
+};
+
+}  // namespace
+
+Scenario soak_scenario(const std::string& shape) {
+    const auto flows = parse_scenarios(kFlows, "flows.toml");
+    Scenario scenario = *std::find_if(flows.begin(), flows.end(),
+                                      [](const Scenario& flow) { return flow.name == "crash"; });
+    scenario.name = "soak";
+    scenario.timeline.clear();
+    scenario.limit = kNever / 2;
+    scenario.expect.requests.clear();
+    scenario.expect.end = "stop";
+    scenario.loader.resize(std::size(kQuirky));
+    if (shape == "storm") scenario.disk = kDisk;
+    if (shape != "mixed") return scenario;
+    for (const char* call : kFaulty)
+        scenario.faults.push_back(make_fault(call, INT32_MAX, "EIO"));
+    return scenario;
+}
+
+std::shared_ptr<Conductor> make_passes(int64_t seed, const std::string& shape, int count,
+                                       Figures& figures) {
+    return std::make_shared<Passes>(seed, shape, count, figures);
+}
+
+}  // namespace rvd::lab
