@@ -62,19 +62,25 @@ void become_service() {
 
 class DeviceStage : public RunStage {
   public:
-    DeviceStage(const Scenario& scenario, const Phone& phone, Story& story, DeviceSetup setup)
-        : RunStage(scenario, phone.partition(), story), phone_(phone), setup_(std::move(setup)) {
+    DeviceStage(const Scenario& scenario, const Phone& phone, Story& story,
+                const RunOptions& options, Time start, Time now)
+        : RunStage(scenario, phone.partition(), story),
+          phone_(phone),
+          options_(options),
+          is_phone_(!options.notebook.empty()),
+          start_(start) {
         refuse_what_a_kernel_does_not(scenario);
-        const timespec time = {setup_.now / kSecond, setup_.now % kSecond};
-        if (setup_.is_phone && clock_settime(CLOCK_REALTIME, &time) != 0)
+        const timespec time = {now / kSecond, now % kSecond};
+        if (is_phone_ && clock_settime(CLOCK_REALTIME, &time) != 0)
             fail_errno("cannot set the clock");
         put_node(boot_path_, 0660, kRadio);
         put_node(dump_path_, 0660, kRadio);
         put_node("/dev/kmsg", 0600, 0);
         for (const char* file : {kAndroidLog, kWakeLockPath, kWakeUnlockPath})
             chmod(phone_.path(file).c_str(), 0664);  // for the group that the daemon starts in
-        if (!setup_.prepare.empty() && system((setup_.prepare + " " + phone_.root()).c_str()) != 0)
-            throw Unable("failed: " + setup_.prepare);
+        const std::string prepare = options_.prepare + " " + phone_.root();
+        if (!options_.prepare.empty() && system(prepare.c_str()) != 0)
+            throw Unable("failed: " + prepare);
         sync();  // so that a panic cannot lose the phone's first files
         android_start_ = read_file(phone_.path(kAndroidLog)).size();
     }
@@ -90,7 +96,7 @@ class DeviceStage : public RunStage {
     }
 
     bool reboot() override {
-        if (!setup_.is_phone) {
+        if (!is_phone_) {
             start_daemon();
             return true;
         }
@@ -205,7 +211,7 @@ class DeviceStage : public RunStage {
         write_once("/dev/kmsg", "<0>rvd-lab: panic: " + story_.crash_sentence + "\n");
         drain_kernel_log();
         if (!on_upload || !on_upload()) end_ = "upload";
-        if (!setup_.is_phone) return;
+        if (!is_phone_) return;
         check_logs();
         if (on_down) on_down(true);
         write_once("/proc/sysrq-trigger", "c");
@@ -221,8 +227,8 @@ class DeviceStage : public RunStage {
 
     // The run ends when no event is pending and only the daemon's main thread is left, waiting.
     void notice_end() {
-        if (now() > setup_.start + scenario_.limit) end_ = "limit";
-        if (Clock::now() - begin_ > setup_.patience) end_ = "timeout";
+        if (now() > start_ + scenario_.limit) end_ = "limit";
+        if (Clock::now() - begin_ > std::chrono::seconds(options_.timeout)) end_ = "timeout";
         if ((nodes_[0].hung() || nodes_[1].hung()) && Clock::now() - hung_up_ > kHangUpPatience) {
             story_.violation("a hang-up is not handled");
             end_ = "timeout";
@@ -298,7 +304,9 @@ class DeviceStage : public RunStage {
     }
 
     const Phone& phone_;
-    const DeviceSetup setup_;
+    const RunOptions& options_;
+    const bool is_phone_;  // the machine
+    const Time start_;
     const std::string boot_path_ = "/dev/" + scenario_.prefix() + "_boot0";
     const std::string dump_path_ = "/dev/" + scenario_.prefix() + "_ramdump0";
     DeviceNode nodes_[2] = {{Node::boot, boot_path_, modem()}, {Node::dump, dump_path_, modem()}};
@@ -313,8 +321,9 @@ class DeviceStage : public RunStage {
 }  // namespace
 
 std::unique_ptr<RunStage> make_device_stage(const Scenario& scenario, const Phone& phone,
-                                            Story& story, DeviceSetup setup) {
-    return std::make_unique<DeviceStage>(scenario, phone, story, std::move(setup));
+                                            Story& story, const RunOptions& options, Time start,
+                                            Time now) {
+    return std::make_unique<DeviceStage>(scenario, phone, story, options, start, now);
 }
 
 }  // namespace rvd::lab

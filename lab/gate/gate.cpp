@@ -32,13 +32,14 @@ constexpr int kFarewellMs = 5000;
 
 class Gate : public RunStage {
   public:
-    Gate(const Scenario& scenario, const Phone& phone, Story& story, GateSetup setup)
+    Gate(const Scenario& scenario, const Phone& phone, Story& story, const RunOptions& options,
+         Time start)
         : RunStage(scenario, phone.partition(), story),
           phone_(phone),
-          setup_(setup),
-          shapes_(calls_to_watch(scenario, !setup.real_time, setup.learn)),
+          options_(options),
+          shapes_(calls_to_watch(scenario, !options.real_time, options.learn)),
           filter_(filter_for(shapes_)),
-          clock_(setup.start),
+          clock_(start),
           links_(daemon_, clock_, story, modem()),
           calls_(scenario, phone, story, *this, daemon_, clock_, links_) {
         for (const CallShape& shape : shapes_)
@@ -49,7 +50,7 @@ class Gate : public RunStage {
         close_daemon();
         calls_.restart();
         clock_.restart();
-        daemon_.start(phone_, filter_, !setup_.real_time);
+        daemon_.start(phone_, filter_, !options_.real_time);
         tell_start();
     }
 
@@ -71,7 +72,7 @@ class Gate : public RunStage {
 
     std::string serve() override {
         while (end_.empty()) {
-            if (setup_.real_time) {
+            if (options_.real_time) {
                 serve_real_time();
             } else {
                 serve_virtual_time();
@@ -166,14 +167,14 @@ class Gate : public RunStage {
 
     void await_call(int timeout) {
         std::vector<pollfd> set = {{daemon_.listener(), POLLIN, 0}, {daemon_.pidfd(), POLLIN, 0}};
-        if (setup_.real_time) links_.add_to(set);
+        if (options_.real_time) links_.add_to(set);
         const int ready = poll(set.data(), set.size(), timeout);
         widen();
-        if (setup_.real_time)
+        if (options_.real_time)
             set_time(clock_.start() + (steady_clock::now() - began_) / std::chrono::nanoseconds(1));
         if ((set[0].revents & POLLIN) != 0) {
             take_call();
-        } else if (setup_.real_time) {
+        } else if (options_.real_time) {
             links_.take();
             links_.pump_all();
         } else if (ready == 0) {
@@ -195,7 +196,7 @@ class Gate : public RunStage {
         if (!clock_.knows(call.tid()) && !daemon_.has_thread(call.tid()))
             return daemon_.proceed(call);
         clock_.arrive(call);
-        if (!setup_.real_time) return;
+        if (!options_.real_time) return;
         links_.take();
         clock_.resume(call.tid());
         calls_.handle(call);
@@ -207,9 +208,9 @@ class Gate : public RunStage {
     }
 
     void check_patience() {
-        if (steady_clock::now() - began_ <= setup_.patience) return;
+        if (steady_clock::now() - began_ <= std::chrono::seconds(options_.timeout)) return;
         story_.violation(
-                fmt::format("the run took longer than {} s of real time", setup_.patience.count()));
+                fmt::format("the run took longer than {} s of real time", options_.timeout));
         stop("timeout");
     }
 
@@ -230,11 +231,11 @@ class Gate : public RunStage {
 
     // Delays the next read, so that a result that depends on timing shows.
     void widen() const {
-        if (setup_.jitter > 0) usleep(static_cast<useconds_t>(setup_.jitter));
+        if (options_.jitter > 0) usleep(static_cast<useconds_t>(options_.jitter));
     }
 
     const Phone& phone_;
-    const GateSetup setup_;
+    const RunOptions& options_;
     const steady_clock::time_point began_ = steady_clock::now();
     const std::vector<CallShape> shapes_;
     const Filter filter_;
@@ -249,8 +250,8 @@ class Gate : public RunStage {
 }  // namespace
 
 std::unique_ptr<RunStage> make_gate(const Scenario& scenario, const Phone& phone, Story& story,
-                                    GateSetup setup) {
-    return std::make_unique<Gate>(scenario, phone, story, setup);
+                                    const RunOptions& options, Time start) {
+    return std::make_unique<Gate>(scenario, phone, story, options, start);
 }
 
 }  // namespace rvd::lab

@@ -4,23 +4,11 @@
 // to the models (links.h) and what becomes of each call (calls.h).
 #pragma once
 
-#include <chrono>
-#include <memory>
-
-#include "lab/phone/phone.h"
-#include "lab/run/stage.h"
+#include "lab/run/run.h"
 
 namespace rvd::lab {
 
-struct GateSetup {
-    Time start;
-    bool real_time;
-    std::chrono::seconds patience;  // real time after which a run has failed
-    bool learn = false;             // every call is taken, and told to on_call
-    int jitter = 0;                 // microseconds between two reads of what the daemon says
-};
-
 std::unique_ptr<RunStage> make_gate(const Scenario& scenario, const Phone& phone, Story& story,
-                                    GateSetup setup);
+                                    const RunOptions& options, Time start);
 
 }  // namespace rvd::lab

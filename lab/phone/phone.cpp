@@ -34,10 +34,19 @@ bool persists(const std::string& property) {
     return property.compare(0, 8, "persist.") == 0;
 }
 
-void put_file(const Tree& tree, const std::string& inside, const std::string& content,
-              uid_t owner) {
-    tree.write(inside, content);
-    tree.own(inside, owner);
+void make_directory(const fs::path& path) {
+    std::error_code error;
+    fs::create_directories(path, error);
+    if (error) throw Unable("cannot make " + path.string() + ": " + error.message());
+}
+
+void own(const std::string& path, uid_t owner) {
+    if (lchown(path.c_str(), owner, owner) != 0) fail_errno("cannot give away " + path);
+}
+
+void put_file(const std::string& path, const std::string& content, uid_t owner) {
+    write_file(path, content);
+    own(path, owner);
 }
 
 // Starts the first process of the process-number namespace. The kernel kills all others when it
@@ -78,7 +87,7 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 
 Phone::Phone(const Scenario& scenario, const std::string& directory, bool keep)
     : scenario_(scenario),
-      tree_(directory),
+      root_(directory),
       keep_(keep),
       real_root_(enter_namespaces(CLONE_NEWNS | CLONE_NEWPID)),
       owner_(real_root_ ? kRadio : 0),
@@ -92,7 +101,7 @@ void Phone::build(const std::string& daemon_binary) {
             throw Unable(root() + " is not empty and was not made by rvd-lab");
         for (const auto& entry : fs::directory_iterator(root()))
             fs::remove_all(entry);
-        tree_.write(kMarker, "");
+        write_file(path(kMarker), "");
     } else if (mount("tmpfs", root().c_str(), "tmpfs", MS_NOSUID, "mode=0755") != 0) {
         forbid_errno("cannot mount the phone's root");
     }
@@ -116,49 +125,52 @@ void Phone::show_machine() const {
     bind_mount(path(kCmdline), path("/proc/cmdline"), true);
 }
 
+// The root is new: no link of the daemon's leads out of it yet.
 void Phone::make_tree() const {
     for (const char* directory : {"/etc", "/tmp", "/vendor/bin"})
-        tree_.make_directory(directory);
+        make_directory(path(directory));
     for (const char* directory :
          {"/data/vendor/log", "/efs", "/mnt/vendor/efs", "/sys/power", "/dev/block/by-name",
           "/sys/devices/platform/lnkm/sim", kPropertyDir}) {
-        tree_.make_directory(directory);
-        tree_.own(directory, owner_);
+        make_directory(path(directory));
+        own(path(directory), owner_);
     }
     for (const char* file : {kWakeLockPath, kWakeUnlockPath, kSimCountPath, kAndroidLog, kOutput})
-        put_file(tree_, file, "", owner_);
-    tree_.write(kCmdline, scenario_.cmdline + "\n");
-    tree_.write("/etc/group",
-                scenario_.log_group ? fmt::format("log:x:{}:\n", kLogGroup) : "root:x:0:\n");
+        put_file(path(file), "", owner_);
+    write_file(path(kCmdline), scenario_.cmdline + "\n");
+    write_file(path("/etc/group"),
+               scenario_.log_group ? fmt::format("log:x:{}:\n", kLogGroup) : "root:x:0:\n");
     partition_.write();
-    if (fs::exists(path(scenario_.nv_path()))) tree_.own(scenario_.nv_path(), owner_);
-    put_scenario_files(scenario_, tree_, owner_);
+    if (fs::exists(path(scenario_.nv_path()))) own(path(scenario_.nv_path()), owner_);
+    put_scenario_files(scenario_, root_, owner_);
 }
 
 void Phone::show_daemon(const std::string& binary) const {
-    tree_.write(kDaemon, "");
+    write_file(path(kDaemon), "");
     bind_mount(binary, path(kDaemon), true);
     if (!partition_.image().empty()) bind_mount(partition_.image(), path(kPartitionPath), true);
     for (const std::string& directory : scenario_.read_only) {
-        tree_.make_directory(directory);
+        make_directory(path(directory));
         bind_mount(path(directory), path(directory), true);
     }
 }
 
-void put_scenario_files(const Scenario& scenario, const Tree& tree, uid_t owner) {
+void put_scenario_files(const Scenario& scenario, const std::string& root, uid_t owner) {
+    const std::string logs = root + "/data/vendor/log";
     for (const auto& [name, value] : scenario.properties)
-        put_file(tree, place_of(name), value, owner);
-    for (const auto& [file, content] : scenario.files) {
-        const bool directory = file.back() == '/';
-        const std::string bare = directory ? file.substr(0, file.size() - 1) : file;
-        tree.make_directory(directory ? bare : fs::path(file).parent_path().string());
-        if (!directory) tree.write(file, content);
-        for (std::string at = bare; at.compare(0, 16, "/data/vendor/log") == 0 || at == bare;
-             at = fs::path(at).parent_path())
-            tree.own(at, owner);
+        put_file(root + place_of(name), value, owner);
+    for (const auto& [inside, content] : scenario.files) {
+        const fs::path file = root + inside;
+        make_directory(file.parent_path());
+        if (file.has_filename()) write_file(file, content);
+        const fs::path made = file.has_filename() ? file : file.parent_path();
+        own(made, owner);
+        for (fs::path at = made; at.string().compare(0, logs.size(), logs) == 0;
+             at = at.parent_path())
+            own(at, owner);
     }
     for (const std::string& missing : scenario.missing)
-        tree.remove(missing);
+        fs::remove_all(root + missing);
 }
 
 int64_t Phone::disk_room() const {
@@ -174,7 +186,7 @@ std::string Phone::property(const std::string& name) const {
 }
 
 void Phone::set_property(const std::string& name, const std::string& value) const {
-    put_file(tree_, place_of(name), value, owner_);
+    put_file(path(place_of(name)), value, owner_);
 }
 
 void Phone::clear_properties() const {

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "lab/modem/firmware.h"
-#include "lab/phone/tree.h"
 #include "lab/scenario/scenario.h"
 
 namespace rvd::lab {
@@ -17,9 +16,9 @@ constexpr char kAndroidLog[] = "/run/rvd/android.log";
 constexpr char kOutput[] = "/run/rvd/output";  // standard output and error
 constexpr gid_t kLogGroup = 1007;
 
-// What a scenario puts into the phone's directories, which exist: properties and files; and what it
-// takes away.
-void put_scenario_files(const Scenario& scenario, const Tree& tree, uid_t owner);
+// What a scenario puts into a phone's new root, in which its directories exist: properties and
+// files; and what it takes away.
+void put_scenario_files(const Scenario& scenario, const std::string& root, uid_t owner);
 
 class Phone {
   public:
@@ -32,8 +31,8 @@ class Phone {
     void build(const std::string& daemon_binary);
     void resume(const std::string& daemon_binary);
 
-    const std::string& root() const { return tree_.root(); }
-    std::string path(const std::string& inside) const { return tree_.path(inside); }
+    const std::string& root() const { return root_; }
+    std::string path(const std::string& inside) const { return root_ + inside; }
     const Partition& partition() const { return partition_; }
 
     // Bytes left on the scenario's data disk.
@@ -55,7 +54,7 @@ class Phone {
     void show_daemon(const std::string& binary) const;
 
     const Scenario& scenario_;
-    const Tree tree_;
+    const std::string root_;
     const bool keep_, real_root_;
     const uid_t owner_;
     const Partition partition_;
