@@ -105,23 +105,14 @@ std::string read_file(const std::string& path) {
     return content.str();
 }
 
-void write_once(const char* path, const std::string& text) {
-    const int fd = open(path, O_WRONLY | O_CLOEXEC);
-    if (fd < 0 || write(fd, text.data(), text.size()) < 0) fail_errno(path);
-    close(fd);
-}
-
-bool replace_file(const std::string& path, const std::string& content) {
+void write_file(const std::string& path, const std::string& content) {
     const std::string draft = path + ".new";
     const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
     const int fd = open(draft.c_str(), flags, 0644);
     const auto size = static_cast<ssize_t>(content.size());
     const bool written = fd >= 0 && write(fd, content.data(), content.size()) == size;
-    return fd >= 0 && close(fd) == 0 && written && rename(draft.c_str(), path.c_str()) == 0;
-}
-
-void write_file(const std::string& path, const std::string& content) {
-    if (!replace_file(path, content)) fail_errno("cannot write " + path);
+    if (fd < 0 || close(fd) != 0 || !written || rename(draft.c_str(), path.c_str()) != 0)
+        fail_errno("cannot write " + path);
 }
 
 }  // namespace rvd::lab

@@ -47,10 +47,7 @@ int errno_number(const std::string& name);  // 0 where there is no such name
 
 std::string read_file(const std::string& path);  // empty where it cannot be read
 
-void write_once(const char* path, const std::string& text);  // to a file of the kernel's
-
-// Replaces a file at once and follows no link. The first sets errno, the second throws Unable.
-bool replace_file(const std::string& path, const std::string& content);
+// Replaces a file at once and follows no link. Throws Unable.
 void write_file(const std::string& path, const std::string& content);
 
 }  // namespace rvd::lab

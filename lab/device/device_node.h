@@ -93,8 +93,10 @@ class DeviceNode {
     }
 
     size_t opens() const { return opens_.size(); }
-    bool hung() const { return any(&Open::hung); }
-    bool awaits_hang_up() const { return any(&Open::awaits_hang_up); }
+    bool awaits_hang_up() const {
+        return std::any_of(opens_.begin(), opens_.end(),
+                           [](const Open& open) { return open.awaits_hang_up; });
+    }
 
   private:
     struct Open {
@@ -177,11 +179,6 @@ class DeviceNode {
             fuse_reply_poll(req, events);
         }
     };
-
-    bool any(bool Open::*what) const {
-        return std::any_of(opens_.begin(), opens_.end(),
-                           [&](const Open& open) { return open.*what; });
-    }
 
     // The modem sends to the newest descriptor. Asked for its next packet it may hang up instead.
     bool fill(Open& open) {

@@ -1,6 +1,9 @@
 // The state of a run that continues in another process after the machine went down.
 #pragma once
 
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -22,5 +25,20 @@ struct Notebook {
     // On the disk when this returns. Throws Unable.
     void store(const std::string& path) const;
 };
+
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Notebook, start, now, position, panicked, crash_sentence, log,
+                                   requests, violations, answers)
+
+inline bool Notebook::take(const std::string& path) {
+    const auto notes = nlohmann::json::parse(read_file(path), nullptr, false);
+    unlink(path.c_str());
+    if (!notes.is_discarded()) notes.get_to(*this);
+    return !notes.is_discarded();
+}
+
+inline void Notebook::store(const std::string& path) const {
+    write_file(path, nlohmann::json(*this).dump());
+    sync();
+}
 
 }  // namespace rvd::lab

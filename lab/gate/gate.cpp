@@ -1,5 +1,7 @@
-#include "lab/gate/gate.h"
-
+// The loop that lets the daemon run to its next system call, has that call served, and moves the
+// clock when nothing else can happen. What it needs for that are the daemon's process (daemon.h),
+// its threads and their time (clock.h), its descriptors to the models (links.h) and what becomes of
+// each call (calls.h).
 #include <fmt/format.h>
 #include <poll.h>
 #include <signal.h>
@@ -7,9 +9,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 
 #include "lab/gate/calls.h"
+#include "lab/run/run.h"
 
 namespace rvd::lab {
 

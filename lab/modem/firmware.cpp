@@ -144,15 +144,10 @@ const toc_entry* Partition::find(const char* name) const {
 
 bool Partition::holds(const toc_entry& entry, const Packet& bytes) const {
     std::ifstream file(is_nv(entry) ? nv_path_ : partition_path_, std::ios::binary);
-    char piece[1 << 16];
-    file.seekg(entry.b_off);
-    for (size_t done = 0, take; done < bytes.size(); done += take) {
-        take = std::min(sizeof(piece), bytes.size() - done);
-        if (!file.read(piece, static_cast<ssize_t>(take)) ||
-            memcmp(piece, bytes.data() + done, take) != 0)
-            return false;
-    }
-    return file.good();
+    Packet there(bytes.size());
+    file.seekg(entry.b_off)
+            .read(reinterpret_cast<char*>(there.data()), static_cast<ssize_t>(there.size()));
+    return file.good() && there == bytes;
 }
 
 }  // namespace rvd::lab

@@ -95,7 +95,16 @@ Phone::Phone(const Scenario& scenario, const std::string& directory, bool keep)
     start_guardian();
 }
 
-void Phone::build(const std::string& daemon_binary) {
+void Phone::build(const std::string& daemon_binary, bool resume) {
+    if (!resume) {
+        make_root();
+        make_tree();
+    }
+    show_machine();
+    show_daemon(daemon_binary);
+}
+
+void Phone::make_root() const {
     if (keep_) {
         if (!fs::is_empty(root()) && !fs::exists(path(kMarker)))
             throw Unable(root() + " is not empty and was not made by rvd-lab");
@@ -105,14 +114,6 @@ void Phone::build(const std::string& daemon_binary) {
     } else if (mount("tmpfs", root().c_str(), "tmpfs", MS_NOSUID, "mode=0755") != 0) {
         forbid_errno("cannot mount the phone's root");
     }
-    make_tree();
-    show_machine();
-    show_daemon(daemon_binary);
-}
-
-void Phone::resume(const std::string& daemon_binary) {
-    show_machine();
-    show_daemon(daemon_binary);
 }
 
 // What a dynamic linker and a sanitizer's run-time library need of the machine.

@@ -28,8 +28,7 @@ class Phone {
     Phone(const Scenario& scenario, const std::string& directory, bool keep);
 
     // Builds the root, or resumes the one from before the machine went down.
-    void build(const std::string& daemon_binary);
-    void resume(const std::string& daemon_binary);
+    void build(const std::string& daemon_binary, bool resume);
 
     const std::string& root() const { return root_; }
     std::string path(const std::string& inside) const { return root_ + inside; }
@@ -49,8 +48,9 @@ class Phone {
     [[noreturn]] void become_daemon(const std::function<void()>& last) const;
 
   private:
-    void show_machine() const;
+    void make_root() const;
     void make_tree() const;
+    void show_machine() const;
     void show_daemon(const std::string& binary) const;
 
     const Scenario& scenario_;

@@ -17,10 +17,6 @@ namespace rvd::lab {
 
 namespace {
 
-void must(bool done, const std::string& what) {
-    if (!done) throw Forbidden("cannot " + what + ": " + strerror(errno));
-}
-
 // Whether the radio user exists here: a container's root may be the only one.
 bool has_user(uid_t user) {
     std::ifstream map("/proc/self/uid_map");
@@ -35,7 +31,7 @@ void map_user(uid_t user, gid_t group) {
     std::ofstream("/proc/self/setgroups") << "deny";
     std::ofstream("/proc/self/uid_map") << "0 " + std::to_string(user) + " 1";
     std::ofstream("/proc/self/gid_map") << "0 " + std::to_string(group) + " 1";
-    must(geteuid() == 0 && getegid() == 0, "become root of a user namespace");
+    if (geteuid() != 0 || getegid() != 0) forbid_errno("cannot become root of a user namespace");
 }
 
 }  // namespace
@@ -55,19 +51,19 @@ bool enter_namespaces(int kinds) {
                     "with the right to unshare and mount.");
         map_user(user, group);
     }
-    must(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
-         "keep mounts private (in a chroot, the root must be a mount point)");
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        forbid_errno("cannot keep mounts private (in a chroot, the root must be a mount point)");
     return real_root;
 }
 
 void bind_mount(const std::string& from, const std::string& to, bool read_only) {
     mount_attr attributes{};
     attributes.attr_set = MOUNT_ATTR_RDONLY;
-    must(mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
-         "bind " + from + " to " + to);
-    must(!read_only ||
-                 mount_setattr(-1, to.c_str(), AT_RECURSIVE, &attributes, sizeof(attributes)) == 0,
-         "make " + to + " read-only");
+    if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
+        forbid_errno("cannot bind " + from + " to " + to);
+    if (read_only &&
+        mount_setattr(-1, to.c_str(), AT_RECURSIVE, &attributes, sizeof(attributes)) != 0)
+        forbid_errno("cannot make " + to + " read-only");
 }
 
 void share(const std::string& path, const std::string& root, bool read_only) {

@@ -7,9 +7,8 @@
 #include <filesystem>
 #include <memory>
 
-#include "lab/device/device_stage.h"
 #include "lab/device/notebook.h"
-#include "lab/gate/gate.h"
+#include "lab/phone/phone.h"
 #include "lab/run/checks.h"
 #include "lab/run/summary.h"
 
@@ -74,22 +73,14 @@ class Run {
         const bool resumed = !options_.notebook.empty() && notes_.take(options_.notebook);
         std::filesystem::path binary = options_.daemon;
         if (!scenario_.program.empty()) binary.replace_filename(scenario_.program);
-        if (resumed) {
-            phone_.resume(binary);
-        } else {
-            phone_.build(binary);
-        }
+        phone_.build(binary, resumed);
         return resumed;
     }
 
     std::unique_ptr<RunStage> make_stage() {
-        const std::chrono::seconds patience(options_.timeout);
-        if (options_.device)
-            return make_device_stage(scenario_, phone_, story_,
-                                     {start_, resumed_ ? notes_.now : start_, patience,
-                                      !options_.notebook.empty(), options_.prepare});
-        return make_gate(scenario_, phone_, story_,
-                         {start_, options_.real_time, patience, options_.learn, options_.jitter});
+        if (!options_.device) return make_gate(scenario_, phone_, story_, options_, start_);
+        return make_device_stage(scenario_, phone_, story_, options_, start_,
+                                 resumed_ ? notes_.now : start_);
     }
 
     void listen() {

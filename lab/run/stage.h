@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "lab/modem/modem.h"
@@ -10,6 +11,9 @@
 #include "lab/scenario/scenario.h"
 
 namespace rvd::lab {
+
+class Phone;
+struct RunOptions;
 
 class RunStage : public Stage {
   public:
@@ -79,5 +83,14 @@ class RunStage : public Stage {
     std::string end_;
     std::multimap<Time, std::function<void()>> events_;
 };
+
+// The gate between the daemon and its kernel, and the stage on this machine's own kernel. The phone
+// is built; the run began at `start`, and it is `now` on the phone. These throw Unable, the second
+// also where the scenario wants of the kernel what a real one does not do on demand.
+std::unique_ptr<RunStage> make_gate(const Scenario& scenario, const Phone& phone, Story& story,
+                                    const RunOptions& options, Time start);
+std::unique_ptr<RunStage> make_device_stage(const Scenario& scenario, const Phone& phone,
+                                            Story& story, const RunOptions& options, Time start,
+                                            Time now);
 
 }  // namespace rvd::lab
