@@ -42,9 +42,8 @@ inline std::string read_whole(const std::filesystem::path& path) {
 // Plays a case and returns the directory that the daemon saved in.
 inline std::string play(const TemporaryDirectory& root, const std::string& file,
                         const std::string& name) {
-    const std::string command = std::string(RVD_LAB_BINARY) + " run --quiet --root '" +
-                                root.path().string() + "' --case '" + name + "' '" RVD_ROOT "/" +
-                                file + "' >/dev/null";
+    const std::string command = "'" RVD_LAB_BINARY "' run --quiet --root '" + root.path().string() +
+                                "' --case '" + name + "' '" RVD_ROOT "/" + file + "' >/dev/null";
     EXPECT_EQ(system(command.c_str()), 0) << command;
     return root.path().string();
 }
