@@ -19,7 +19,7 @@ Files closed_files(const Phone& phone, const std::vector<std::string>& open) {
     Files files;
     for (const char* place : {"/data", "/efs", "/mnt", "/dev/block"}) {
         for (const auto& entry : fs::recursive_directory_iterator(phone.path(place))) {
-            const std::string inside = entry.path().string().substr(phone.root().size());
+            const std::string inside = phone.inside(entry.path());
             if (entry.is_regular_file() && !std::binary_search(open.begin(), open.end(), inside))
                 files[inside] = read_file(entry.path());
         }

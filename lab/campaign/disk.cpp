@@ -54,7 +54,7 @@ Disk::Names Disk::look() {
             ScopedFd handle(open(entry.path().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
             struct stat status {};
             if (fstat(handle.get(), &status) != 0) continue;
-            names[entry.path().string().substr(phone_.root().size())] = status.st_ino;
+            names[phone_.inside(entry.path())] = status.st_ino;
             files_.try_emplace(status.st_ino, File{std::move(handle), ""});
         }
     }

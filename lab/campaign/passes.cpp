@@ -233,7 +233,8 @@ class Passes : public Conductor {
     }
 
     void choose_fault() {
-        play_->stage.recount_faults();
+        for (const Fault& fault : play_->scenario.faults)
+            fault.turn.seen = 0;
         auto& faults = play_->scenario.faults;
         for (Fault& fault : faults)
             fault.turn.nth = INT32_MAX;

@@ -72,9 +72,7 @@ class DeviceStage : public RunStage {
   public:
     DeviceStage(const Scenario& scenario, const Phone& phone, Story& story,
                 const RunOptions& options, Time start, Time now)
-        : RunStage(scenario, phone.partition(), story),
-          phone_(phone),
-          options_(options),
+        : RunStage(scenario, phone, story, options),
           is_phone_(!options.notebook.empty()),
           start_(start) {
         refuse_what_a_kernel_does_not(scenario);
@@ -104,10 +102,7 @@ class DeviceStage : public RunStage {
     }
 
     bool reboot() override {
-        if (!is_phone_) {
-            start_daemon();
-            return true;
-        }
+        if (!is_phone_) return RunStage::reboot();
         drain_kernel_log();
         check_logs();
         if (on_down) on_down(false);
@@ -121,6 +116,7 @@ class DeviceStage : public RunStage {
             run_due_events();
             if (end_.empty()) wait_for_something();
             if (end_.empty()) notice_end();
+            check_patience();
         }
         drain_kernel_log();
         if (end_ != "reboot") check_logs();
@@ -128,20 +124,15 @@ class DeviceStage : public RunStage {
         return end_;
     }
 
-    // Empty while threads save logs: their descriptors open and close at any time.
-    std::map<int, std::string> descriptors() const override {
-        std::map<int, std::string> open;
+    pid_t daemon() const override { return pid_; }
+
+    // Threads that save logs open and close descriptors at any time.
+    std::string path_of(int fd) const override {
         std::error_code none;
-        if (!alone()) return open;
-        for (const auto& entry : fs::directory_iterator(proc("fd"), none)) {
-            const int fd = atoi(entry.path().filename().c_str());
-            std::string path = fs::read_symlink(entry.path(), none);
-            if (path.rfind(phone_.root(), 0) == 0) path.erase(0, phone_.root().size());
-            if (path == boot_path_) path = "/dev/boot";
-            if (path == dump_path_) path = "/dev/dump";
-            if (fd > 2 && path != "/dev/kmsg") open[fd] = path;
-        }
-        return open;
+        if (!alone()) return "";
+        const std::string link = proc(("fd/" + std::to_string(fd)).c_str());
+        const std::string path = phone_.inside(fs::read_symlink(link, none));
+        return path == boot_path_ ? "/dev/boot" : path == dump_path_ ? "/dev/dump" : path;
     }
 
     Time now() const override {
@@ -212,10 +203,9 @@ class DeviceStage : public RunStage {
     // never answered.
     void go_down() {
         panics_ = false;
-        story_.tell("kernel", "", "panics: the device goes to upload mode");
         tell_kernel("/dev/kmsg", "<0>rvd-lab: panic: " + story_.crash_sentence + "\n");
         drain_kernel_log();
-        if (!on_upload || !on_upload()) end_ = "upload";
+        enter_upload_mode();
         if (!is_phone_) return;
         check_logs();
         if (on_down) on_down(true);
@@ -233,7 +223,6 @@ class DeviceStage : public RunStage {
     // The run ends when no event is pending and only the daemon's main thread is left, waiting.
     void notice_end() {
         if (now() > start_ + scenario_.limit) end_ = "limit";
-        if (Clock::now() - begin_ > std::chrono::seconds(options_.timeout)) end_ = "timeout";
         if (!end_.empty() || !events_.empty() || Clock::now() - last_activity_ < kStill || !alone())
             return;
         if (nodes_[0].awaits_hang_up() || nodes_[1].awaits_hang_up()) {
@@ -304,8 +293,6 @@ class DeviceStage : public RunStage {
         return "/proc/" + std::to_string(pid_) + "/" + file;
     }
 
-    const Phone& phone_;
-    const RunOptions& options_;
     const bool is_phone_;  // the machine
     const Time start_;
     const std::string boot_path_ = "/dev/" + scenario_.prefix() + "_boot0";
@@ -315,8 +302,7 @@ class DeviceStage : public RunStage {
     size_t android_start_;  // of the daemon's lines in the Android log
     int pid_ = -1, pidfd_ = -1;
     bool checked_ = false, panics_ = false;
-    const Clock::time_point begin_ = Clock::now();
-    Clock::time_point last_activity_ = begin_;
+    Clock::time_point last_activity_ = Clock::now();
 };
 
 }  // namespace

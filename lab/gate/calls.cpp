@@ -118,16 +118,15 @@ void Calls::transfer_part(const Call& call, size_t size) {
     // A packet cut on its way into the link is lost.
     if (!reads && links_.at(static_cast<int>(call.argument(0))) != nullptr)
         return daemon_.answer(call, static_cast<int64_t>(bytes.size()));
-    const int fd = daemon_.duplicate(static_cast<int>(call.argument(0)));
+    const ScopedFd file(daemon_.duplicate(static_cast<int>(call.argument(0))));
     ssize_t result = 0;
     if (!bytes.empty() && reads) {
-        result = read(fd, bytes.data(), bytes.size());
+        result = read(file.get(), bytes.data(), bytes.size());
         if (result > 0) memory.write(call.argument(1), bytes.data(), static_cast<size_t>(result));
     } else if (!bytes.empty() && memory.read(call.argument(1), bytes.data(), bytes.size())) {
-        result = write(fd, bytes.data(), bytes.size());
+        result = write(file.get(), bytes.data(), bytes.size());
     }
     daemon_.answer(call, result < 0 ? -errno : result);
-    close(fd);
 }
 
 std::string Calls::path_of(const Call& call) const {
@@ -150,8 +149,7 @@ std::string Calls::path_of_fd(int fd) const {
     const std::string name = links_.name_of(fd);
     if (!name.empty()) return name;
     std::error_code none;
-    const std::string path = std::filesystem::read_symlink(daemon_.link_of(fd), none);
-    return under(path, phone_.root()) ? path.substr(phone_.root().size()) : path;
+    return phone_.inside(std::filesystem::read_symlink(daemon_.link_of(fd), none));
 }
 
 // The daemon may change files only in these places.

@@ -13,8 +13,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
-
 // Newer than some headers: the thread that is answered runs at once, on the processor that
 // answered.
 #ifndef SECCOMP_IOCTL_NOTIF_SET_FLAGS
@@ -88,25 +86,24 @@ void Daemon::start(const Phone& phone, const Filter& filter, bool virtual_time) 
     if (pid_ < 0) fail_errno("cannot fork");
     if (pid_ == 0) phone.become_daemon([&] { hand_over_calls(filter); });
     await_stop(pid_);
-    pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-    listener_ = duplicate(kListener);
-    if (listener_ < 0) fail_errno("cannot take the daemon's system calls");
+    pidfd_.reset(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
+    listener_.reset(duplicate(kListener));
+    if (!listener_.valid()) fail_errno("cannot take the daemon's system calls");
     ptrace(PTRACE_CONT, pid_, nullptr, nullptr);
     await_stop(pid_);
     if (virtual_time) hide_shared_clock(pid_);
     ptrace(PTRACE_DETACH, pid_, nullptr, nullptr);
-    ioctl(listener_, SECCOMP_IOCTL_NOTIF_SET_FLAGS, SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP);
+    ioctl(listener(), SECCOMP_IOCTL_NOTIF_SET_FLAGS, SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP);
 }
 
 void Daemon::end() {
-    if (listener_ < 0) return;
     if (pid_ >= 0) {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
-    close(pidfd_);
-    close(listener_);
-    pid_ = pidfd_ = listener_ = -1;
+    pid_ = -1;
+    pidfd_.reset();
+    listener_.reset();
 }
 
 bool Daemon::ended(int& status) {
@@ -117,7 +114,7 @@ bool Daemon::ended(int& status) {
 
 bool Daemon::receive(seccomp_notif& notification) const {
     notification = {};
-    return seccomp_notify_receive(listener_, &notification) == 0;
+    return seccomp_notify_receive(listener(), &notification) == 0;
 }
 
 void Daemon::answer(const Call& call, int64_t result) const {
@@ -125,18 +122,18 @@ void Daemon::answer(const Call& call, int64_t result) const {
     const bool error = result < 0 && result >= -kLastErrno;
     seccomp_notif_resp response = {call.raw.id, error ? 0 : result,
                                    error ? static_cast<int32_t>(result) : 0, 0};
-    seccomp_notify_respond(listener_, &response);
+    seccomp_notify_respond(listener(), &response);
 }
 
 void Daemon::proceed(const Call& call) const {
     seccomp_notif_resp response = {call.raw.id, 0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE};
-    seccomp_notify_respond(listener_, &response);
+    seccomp_notify_respond(listener(), &response);
 }
 
 int Daemon::add(seccomp_notif_addfd add, const Call& call, int fd) const {
     add.id = call.raw.id;
     add.srcfd = static_cast<uint32_t>(fd);
-    const int number = ioctl(listener_, SECCOMP_IOCTL_NOTIF_ADDFD, &add);
+    const int number = ioctl(listener(), SECCOMP_IOCTL_NOTIF_ADDFD, &add);
     if (number < 0) fail_errno("cannot give the daemon a descriptor");
     return number;
 }
@@ -159,16 +156,7 @@ void Daemon::replace(const Call& served, int daemon_fd, int fd) const {
 }
 
 int Daemon::duplicate(int daemon_fd) const {
-    return static_cast<int>(syscall(SYS_pidfd_getfd, pidfd_, daemon_fd, 0));
-}
-
-std::vector<int> Daemon::descriptors() const {
-    std::vector<int> numbers;
-    std::error_code none;
-    for (const auto& entry :
-         std::filesystem::directory_iterator(fmt::format("/proc/{}/fd", pid_), none))
-        numbers.push_back(std::stoi(entry.path().filename()));
-    return numbers;
+    return static_cast<int>(syscall(SYS_pidfd_getfd, pidfd(), daemon_fd, 0));
 }
 
 std::string Daemon::link_of(int daemon_fd) const {

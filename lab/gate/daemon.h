@@ -10,6 +10,7 @@
 #include "lab/gate/table.h"
 #include "lab/modem/modem.h"
 #include "lab/phone/phone.h"
+#include "util/ScopedFd.h"
 
 namespace rvd::lab {
 
@@ -26,10 +27,7 @@ struct Call {
 
 class Daemon {
   public:
-    Daemon() = default;
     ~Daemon() { end(); }
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
 
     // With `virtual_time` no clock of the daemon's bypasses the filter. Throws Unable.
     void start(const Phone& phone, const Filter& filter, bool virtual_time);
@@ -37,8 +35,8 @@ class Daemon {
     bool ended(int& status);
 
     pid_t pid() const { return pid_; }
-    int pidfd() const { return pidfd_; }
-    int listener() const { return listener_; }  // where its calls come in
+    int pidfd() const { return pidfd_.get(); }
+    int listener() const { return listener_.get(); }  // where its calls come in
 
     bool receive(seccomp_notif& notification) const;
     void answer(const Call& call, int64_t result) const;
@@ -51,7 +49,6 @@ class Daemon {
 
     // One of its descriptors, as one of this process; and the path by which /proc shows it.
     int duplicate(int daemon_fd) const;
-    std::vector<int> descriptors() const;
     std::string link_of(int daemon_fd) const;
 
     // Whether a thread is one of its own; whether it waits for another one.
@@ -62,7 +59,7 @@ class Daemon {
     int add(seccomp_notif_addfd add, const Call& call, int fd) const;
 
     pid_t pid_ = -1;
-    int pidfd_ = -1, listener_ = -1;
+    ScopedFd pidfd_, listener_;
 };
 
 }  // namespace rvd::lab

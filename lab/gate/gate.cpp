@@ -38,9 +38,7 @@ class Gate : public RunStage {
   public:
     Gate(const Scenario& scenario, const Phone& phone, Story& story, const RunOptions& options,
          Time start)
-        : RunStage(scenario, phone.partition(), story),
-          phone_(phone),
-          options_(options),
+        : RunStage(scenario, phone, story, options),
           shapes_(calls_to_watch(scenario, !options.real_time, options.learn)),
           filter_(filter_for(shapes_)),
           clock_(start),
@@ -58,20 +56,9 @@ class Gate : public RunStage {
         tell_start();
     }
 
-    bool reboot() override {
-        start_daemon();
-        return true;
-    }
-
-    void recount_faults() override {
-        for (const Fault& fault : scenario_.faults)
-            fault.turn.seen = 0;
-    }
-
     void panic() override {
-        story_.tell("kernel", "", "panics: the device goes to upload mode");
         calls_.lose_device();
-        if (!on_upload || !on_upload()) stop("upload");
+        enter_upload_mode();
     }
 
     std::string serve() override {
@@ -88,16 +75,8 @@ class Gate : public RunStage {
         return end_;
     }
 
-    std::map<int, std::string> descriptors() const override {
-        std::map<int, std::string> open;
-        for (const int fd : daemon_.descriptors()) {
-            const std::string path = calls_.path_of_fd(fd);
-            if (fd > STDERR_FILENO && path != "/dev/kmsg") open[fd] = path;
-        }
-        return open;
-    }
-
     pid_t daemon() const override { return daemon_.pid(); }
+    std::string path_of(int fd) const override { return calls_.path_of_fd(fd); }
     Time now() const override { return clock_.now(); }
     void hang_up(Node node) override { links_.hang_up(node); }
     void end_hang_up() override { links_.end_hang_up(calls_.served()); }
@@ -211,13 +190,6 @@ class Gate : public RunStage {
         story_.set_time(now);
     }
 
-    void check_patience() {
-        if (steady_clock::now() - began_ <= std::chrono::seconds(options_.timeout)) return;
-        story_.violation(
-                fmt::format("the run took longer than {} s of real time", options_.timeout));
-        stop("timeout");
-    }
-
     // A daemon built for coverage writes its counters at exit.
     void let_daemon_exit() {
         if (daemon_.pid() < 0 || getenv("GCOV_PREFIX") == nullptr) return;
@@ -238,9 +210,6 @@ class Gate : public RunStage {
         if (options_.jitter > 0) usleep(static_cast<useconds_t>(options_.jitter));
     }
 
-    const Phone& phone_;
-    const RunOptions& options_;
-    const steady_clock::time_point began_ = steady_clock::now();
     const std::vector<CallShape> shapes_;
     const Filter filter_;
     std::map<int, const CallShape*> shape_of_;  // by number

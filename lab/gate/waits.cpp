@@ -49,13 +49,12 @@ short Calls::ready(const pollfd& entry) const {
     const Links::Link* link = links_.at(entry.fd);
     if (link != nullptr && !link->hung())
         return static_cast<short>(entry.events & (link->unread() > 0 ? POLLIN | POLLOUT : POLLOUT));
-    const int fd = daemon_.duplicate(entry.fd);
-    if (fd < 0) return POLLNVAL;
-    pollfd real = {fd, entry.events, 0};
+    const ScopedFd file(daemon_.duplicate(entry.fd));
+    if (!file.valid()) return POLLNVAL;
+    pollfd real = {file.get(), entry.events, 0};
     poll(&real, 1, 0);
     int unread = 0;
-    ioctl(fd, FIONREAD, &unread);
-    close(fd);
+    ioctl(file.get(), FIONREAD, &unread);
     return link != nullptr && unread == 0 ? POLLHUP : real.revents;
 }
 

@@ -32,6 +32,11 @@ class Phone {
 
     const std::string& root() const { return root_; }
     std::string path(const std::string& inside) const { return root_ + inside; }
+
+    // The other way round; a path outside of the root stays.
+    std::string inside(const std::string& path) const {
+        return path.compare(0, root_.size(), root_) == 0 ? path.substr(root_.size()) : path;
+    }
     const Partition& partition() const { return partition_; }
 
     // Bytes left on the scenario's data disk.

@@ -79,7 +79,7 @@ Texts find_files(const Phone& phone, const std::string& pattern) {
     std::error_code none;
     const fs::path directory = fs::path(phone.path(pattern)).parent_path();
     for (const auto& entry : fs::directory_iterator(directory, none)) {
-        const std::string inside = entry.path().string().substr(phone.root().size());
+        const std::string inside = phone.inside(entry.path());
         if (matches(pattern, inside)) found.push_back(inside);
     }
     std::sort(found.begin(), found.end());

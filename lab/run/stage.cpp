@@ -2,8 +2,34 @@
 
 #include <fmt/format.h>
 #include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "lab/phone/phone.h"
+#include "lab/run/run.h"
 
 namespace rvd::lab {
+
+RunStage::RunStage(const Scenario& scenario, const Phone& phone, Story& story,
+                   const RunOptions& options)
+    : scenario_(scenario),
+      phone_(phone),
+      story_(story),
+      options_(options),
+      modem_(make_modem({scenario, phone.partition(), *this, story})) {}
+
+std::map<int, std::string> RunStage::descriptors() const {
+    std::map<int, std::string> open;
+    std::error_code none;
+    for (const auto& entry :
+         std::filesystem::directory_iterator(fmt::format("/proc/{}/fd", daemon()), none)) {
+        const int fd = std::stoi(entry.path().filename());
+        const std::string path = path_of(fd);
+        if (fd > STDERR_FILENO && !path.empty() && path != "/dev/kmsg") open[fd] = path;
+    }
+    return open;
+}
 
 void RunStage::run_due_events() {
     while (end_.empty() && !events_.empty() && events_.begin()->first <= now()) {
@@ -11,6 +37,17 @@ void RunStage::run_due_events() {
         events_.erase(events_.begin());
         what();
     }
+}
+
+void RunStage::check_patience() {
+    if (std::chrono::steady_clock::now() - began_ <= std::chrono::seconds(options_.timeout)) return;
+    story_.violation(fmt::format("the run took longer than {} s of real time", options_.timeout));
+    stop("timeout");
+}
+
+void RunStage::enter_upload_mode() {
+    story_.tell("kernel", "", "panics: the device goes to upload mode");
+    if (!on_upload || !on_upload()) stop("upload");
 }
 
 void RunStage::tell_start() {

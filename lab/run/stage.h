@@ -1,6 +1,7 @@
 // A stage for a whole run: what the run needs beyond what the models need.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -17,10 +18,7 @@ struct RunOptions;
 
 class RunStage : public Stage {
   public:
-    RunStage(const Scenario& scenario, const Partition& partition, Story& story)
-        : scenario_(scenario),
-          story_(story),
-          modem_(make_modem({scenario, partition, *this, story})) {}
+    RunStage(const Scenario& scenario, const Phone& phone, Story& story, const RunOptions& options);
 
     Modem& modem() { return *modem_; }
 
@@ -29,7 +27,10 @@ class RunStage : public Stage {
 
     // Reboots the device. Returns false where the machine itself goes down: serve() returns
     // "reboot", and the run continues in another process.
-    virtual bool reboot() = 0;
+    virtual bool reboot() {
+        start_daemon();
+        return true;
+    }
 
     // Serves until the daemon exits ("exit N", "signal N"), waits without an end ("waits",
     // "parked"), reaches the limit ("limit"), or stop() is called. Ends the daemon.
@@ -40,12 +41,10 @@ class RunStage : public Stage {
         events_.emplace(now() + delay, std::move(what));
     }
 
-    // The daemon's descriptors with their paths; the nodes are "/dev/boot" and "/dev/dump".
-    virtual std::map<int, std::string> descriptors() const = 0;
-
-    // The daemon's process; and count calls for the scenario's faults anew. Only on the gate.
-    virtual pid_t daemon() const { return -1; }
-    virtual void recount_faults() {}
+    // The daemon's process, and its descriptors with their paths but for the standard ones and the
+    // kernel log; the nodes are "/dev/boot" and "/dev/dump".
+    virtual pid_t daemon() const = 0;
+    std::map<int, std::string> descriptors() const;
 
     // Called when the daemon begins to wait for a hang-up, and, on the gate, when its only thread
     // sleeps.
@@ -71,14 +70,22 @@ class RunStage : public Stage {
     void check_opens(Node node, size_t open);
 
   protected:
+    // The path of a descriptor of the daemon; "" where that can change at any time.
+    virtual std::string path_of(int fd) const = 0;
+
     void run_due_events();
+    void check_patience();  // ends a run that takes too much real time
+    void enter_upload_mode();
     void tell_start();
 
     // Takes the status that wait() gave for the daemon.
     void take_end(int status);
 
     const Scenario& scenario_;
+    const Phone& phone_;
     Story& story_;
+    const RunOptions& options_;
+    const std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
     const std::unique_ptr<Modem> modem_;
     std::string end_;
     std::multimap<Time, std::function<void()>> events_;
