@@ -1,6 +1,8 @@
 // The images that the driver takes into the modem's memory, each held against its file.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <map>
 
 #include "bootdump/lnkm.h"
@@ -12,18 +14,89 @@ class Images : private Scene {
   public:
     explicit Images(const Scene& scene) : Scene(scene) {}
 
-    // Takes a chunk; false where it cannot be read.
-    bool load(const cp_image& chunk, const Memory& memory);
+    // Takes a chunk; false where it cannot be read. The integrated modem's images come in chunks,
+    // the external modem's loader in one piece.
+    bool load(const cp_image& chunk, const Memory& memory) {
+        const uint64_t len = scenario.external() ? chunk.size : chunk.len;
+        if (!continues(chunk, len) && !begin(chunk)) return true;
+        if (chunk.m_offset + len > uint64_t{kModemOffsetMask} + 1 ||
+            bytes_.size() + len > chunk.size) {
+            story.violation("a chunk that goes beyond its image or the modem's memory");
+            return true;
+        }
+        Packet bytes(len);
+        if (!memory.read(chunk.image_addr, bytes.data(), len)) return false;
+        bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
+        story.advance_transfer(len);
+        if (complete() && !ended_) end();
+        return true;
+    }
 
-    void check(const cp_security_req& req);
+    void check(const cp_security_req& req) {
+        const auto& table = partition.table();
+        const auto found = loaded_.find(req.param1);
+        switch (req.mode) {
+            case SECURITY_NON_SECURE:
+                if (req.param1 != 0 || req.param2 != 0)
+                    story.violation("the non-secure request takes no parameters");
+                break;
+            case SECURITY_SECURE:
+            case SECURITY_DUMP:
+                if (table.size() < 2 || req.param1 != table[1].size)
+                    story.violation("a security request with another size of the boot image");
+                verified_ = true;
+                break;
+            case SECURITY_TOC:
+            case SECURITY_VSS:
+                if (req.param2 != 0 && (found == loaded_.end() || found->second != req.param2))
+                    story.violation("a security request for an image that was never loaded");
+                break;
+            default:
+                story.violation("a security request with an unknown mode");
+        }
+    }
 
     void expect_others() { image_ = nullptr, verified_ = false; }
     bool complete() const { return image_ != nullptr && bytes_.size() == image_->size; }
     bool verified() const { return verified_; }
 
   private:
-    bool begin(const cp_image& first);
-    void end();
+    // Whether a chunk follows the one before it.
+    bool continues(const cp_image& chunk, uint64_t len) const {
+        return image_ != nullptr && !scenario.external() && chunk.size == first_.size &&
+               chunk.b_offset == first_.b_offset && chunk.mode == first_.mode &&
+               chunk.m_offset == first_.m_offset + bytes_.size() &&
+               (bytes_.size() < chunk.size || len == 0);
+    }
+
+    bool begin(const cp_image& first) {
+        if (image_ != nullptr && !complete())
+            story.violation(image_name(*image_) + " was left incomplete");
+        image_ = scenario.external() ? partition.find(kTocBoot)
+                                     : partition.find(first.m_offset, first.b_offset, first.size);
+        if (image_ == nullptr || image_->size != first.size) {
+            story.violation("a chunk that belongs to no image of the table");
+            image_ = nullptr;
+            return false;
+        }
+        first_ = first;
+        bytes_.clear();
+        ended_ = false;
+        story.begin_transfer("image " + image_name(*image_), first.size);
+        return true;
+    }
+
+    void end() {
+        ended_ = true;
+        const std::string name = image_name(*image_);
+        const uint32_t place = first_.m_offset;  // a packed member cannot be referred to
+        story.tell("daemon", "driver",
+                   fmt::format("image {}, {} to 0x{:08x} of modem memory", name,
+                               human_size(bytes_.size()), place));
+        if (!partition.holds(*image_, bytes_))
+            story.violation(name + " in modem memory differs from its file");
+        loaded_[place] = first_.size;
+    }
 
     const toc_entry* image_ = nullptr;  // being loaded, or loaded last
     bool ended_ = false, verified_ = false;
