@@ -44,7 +44,7 @@ make_bare() {
     touch "$bare.made"
 }
 
-# The first process in a trial: gives the root a /dev of its own and runs the command there. It
+# The first process in a trial: gives the root /proc, /sys and a /dev of its own and runs the command there. It
 # survives the command's end on Ctrl-C, and then ends everything.
 enter() {
     local root=$1 node
@@ -52,6 +52,7 @@ enter() {
     mount --bind "$root" "$root"
     cd "$root" || exit
     mount -t proc proc proc
+    mount -t sysfs -o ro sysfs sys
     mount -t tmpfs -o mode=755 tmpfs dev
     for node in null zero full random urandom tty; do
         : >"dev/$node"
