@@ -79,12 +79,12 @@ done <<'TABLE'
 0|out:PASS|demo --brief --log booted --firmware image
 2|no table|demo --firmware /dev/null
 2|no flow.*did you mean "crash"|faults --only crsh
-2|"0" is not a whole number|run --jobs 0 demo.toml
-2|"-5" is not a whole number|faults --spread -5
+2|--jobs: Value 0 not in range|run --jobs 0 demo.toml
+2|--spread: Value -5 not in range|faults --spread -5
 2|cat not in \{fail,kill,cut\}|faults --kind cat
 2|storn not in|soak --shape storn
-2|not a whole number|soak --seed 99999999999999999999
-2|not a whole number|run --seed 1x demo.toml
+2|--seed: Value 9+ not in range|soak --seed 99999999999999999999
+2|--seed: Value 1x not in range|run --seed 1x demo.toml
 2|maybe not in|demo --color=maybe
 2|one run|run --log log demo.toml
 2|one run|faults --trace trace

@@ -6,10 +6,10 @@
 namespace rvd::lab {
 
 struct SoakOptions {
-    int64_t seed;
-    int passes;
-    std::string shape;  // what the seed makes: "mixed", "storm", "flap" or "liar"
-    int replays;        // so often the same story is told, and compared; 0: it is lived once
+    int64_t seed = 0;
+    int passes = 0;
+    std::string shape = "mixed";  // what the seed makes: "mixed", "storm", "flap" or "liar"
+    int replays = 0;  // so often the same story is told, and compared; 0: it is lived once
     RunOptions run;
 };
 

@@ -1,35 +1,17 @@
 #include "lab/cli/command_line.h"
 
 #include <fmt/core.h>
-#include <stdio.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <charconv>
 #include <filesystem>
 
 #include "lab/builtin.h"
-#include "lab/campaign/workers.h"
 #include "lab/cli/complaint.h"
 
 namespace rvd::lab {
 
 namespace {
-
-using Command = CommandLine::Command;
-
-// The word is a whole number within these bounds.
-CLI::Validator whole(int64_t least, int64_t most) {
-    const auto check = [=](const std::string& word) -> std::string {
-        int64_t value = 0;
-        const char* const end = word.data() + word.size();
-        const auto [at, error] = std::from_chars(word.data(), end, value);
-        if (error == std::errc() && at == end && value >= least && value <= most) return "";
-        return "\"" + word + "\" is not a whole number from " + std::to_string(least) + " to " +
-               std::to_string(most);
-    };
-    return {check, ""};
-}
 
 std::string default_daemon() {
     std::error_code none;
@@ -49,7 +31,7 @@ void add_run_options(CLI::App& app, CommandLine& line) {
             ->check(CLI::ExistingFile);
     app.add_option("--root", line.run.root, "keep the phone's files in this directory");
     app.add_option("--timeout", line.run.timeout, "seconds of real time a run may take (60)")
-            ->check(whole(1, 1'000'000));
+            ->check(CLI::Range(1, 1'000'000));
     app.add_option("--color", line.color, "colours in a story: auto, always or never (auto)")
             ->check(CLI::IsMember({"auto", "always", "never"}));
     app.add_option("--trace", line.trace, "write the story as trace events to this file");
@@ -58,16 +40,18 @@ void add_run_options(CLI::App& app, CommandLine& line) {
 }
 
 void add_seed(CLI::App& app, CommandLine& line) {
+    constexpr int64_t kLargest = 1'000'000'000'000'000'000;  // what is larger would be cut to fit
     app.add_option("--seed", line.seed, "seed of all content, instead of the scenario's")
-            ->check(whole(INT64_MIN, INT64_MAX));
+            ->check(CLI::Range(-kLargest, kLargest));
 }
 
 void add_jobs(CLI::App& app, CommandLine& line) {
-    app.add_option("--jobs", line.jobs, "how many at once (all processors)")->check(whole(1, 4096));
+    app.add_option("--jobs", line.jobs, "how many at once (all processors)")
+            ->check(CLI::Range(1, 4096));
 }
 
 void add_reporting(CLI::App& app, CommandLine& line) {
-    app.add_flag("--json", line.json, "results as JSON, instead of text");
+    app.add_flag("--json", line.reporting.json, "results as JSON, instead of text");
     app.add_option("--junit", line.junit, "write results as JUnit XML to this file");
 }
 
@@ -89,8 +73,8 @@ void add_run(CLI::App& app, CommandLine& line) {
     add_files(app, line);
     app.add_option("--case", line.only, "only cases of this name; '*' for anything");
     app.add_flag("--list", line.list, "name the cases, instead of running them");
-    app.add_flag("--quiet", line.quiet, "name only the cases that fail");
-    app.add_flag("--story", line.story, "tell the story of every case");
+    app.add_flag("--quiet", line.reporting.quiet, "name only the cases that fail");
+    app.add_flag("--story", line.reporting.story, "tell the story of every case");
     app.add_flag("--real-time", line.run.real_time,
                  "the real clock, and nothing between the daemon and its data");
     app.add_flag("--device", line.run.device,
@@ -104,7 +88,7 @@ void add_run(CLI::App& app, CommandLine& line) {
                    "given again, is in this file");
     app.add_option("--jitter", line.run.jitter,
                    "microseconds between two reads of what the daemon says; no story may change")
-            ->check(whole(0, 1'000'000));
+            ->check(CLI::Range(0, 1'000'000));
     add_reporting(app, line);
     add_jobs(app, line);
     add_seed(app, line);
@@ -115,37 +99,59 @@ void add_toc(CLI::App& app, CommandLine& line) {
     app.add_option("image", line.firmware, "the modem's firmware partition, or a copy of it")
             ->required()
             ->check(CLI::ExistingFile);
-    app.add_flag("--json", line.json, "as JSON, instead of text");
+    app.add_flag("--json", line.reporting.json, "as JSON, instead of text");
 }
 
 void add_faults(CLI::App& app, CommandLine& line) {
-    app.add_option("--only", line.only, "one flow; or FLOW:CALL:N:FAULT, one fault with its story");
-    app.add_option("--kind", line.kind,
+    app.add_option("--only", line.faults.only,
+                   "one flow; or FLOW:CALL:N:FAULT, one fault with its story");
+    app.add_option("--kind", line.faults.kind,
                    "fail each call; kill the daemon before and after it; cut the phone's power")
             ->check(CLI::IsMember({"fail", "kill", "cut"}));
-    app.add_option("--spread", line.spread, "so many of all faults, evenly chosen")
-            ->check(whole(1, 1'000'000));
-    app.add_flag("--list", line.list, "name the faults, instead of running them");
+    app.add_option("--spread", line.faults.spread, "so many of all faults, evenly chosen")
+            ->check(CLI::Range(1, 1'000'000));
+    app.add_flag("--list", line.faults.list, "name the faults, instead of running them");
     add_reporting(app, line);
     add_jobs(app, line);
     add_run_options(app, line);
 }
 
 void add_soak(CLI::App& app, CommandLine& line) {
-    app.add_option("--passes", line.passes, "how many (10000; of a story that is told again, 10)")
-            ->check(whole(1, 100'000'000));
+    app.add_option("--passes", line.soak.passes,
+                   "how many (10000; of a story that is told again, 10)")
+            ->check(CLI::Range(1, 100'000'000));
     app.add_option(
-               "--shape", line.shape,
+               "--shape", line.soak.shape,
                "what the passes are made of: mixed, of everything; storm, of crashes on a disk "
                "that fills; flap, of states that follow too fast; liar, of a boot loader's lies")
             ->check(CLI::IsMember({"mixed", "storm", "flap", "liar"}));
-    app.add_flag("--verify-replay{1000}", line.replays,
+    app.add_flag("--verify-replay{1000}", line.soak.replays,
                  "tell the same story so often, beside two busy loops, and compare");
-    app.add_flag("--story", line.story, "tell the story");
+    app.add_flag("--story", line.reporting.story, "tell the story");
     add_reporting(app, line);
     add_seed(app, line);
     add_run_options(app, line);
 }
+
+void add_keys(CLI::App& app, CommandLine& line) {
+    app.add_flag("--json", line.reporting.json, "as a JSON schema, which editors use");
+}
+
+constexpr struct {
+    const char *name, *help;
+    void (*add_options)(CLI::App&, CommandLine&);
+    int (*command)(CommandLine&);
+} kCommands[] = {
+        {"demo", "tell the story of a modem's life", add_demo, demo},
+        {"run", "run scenarios and check what they expect", add_run, run},
+        {"check", "read scenarios and say what is wrong with them", add_files, check},
+        {"toc", "read a firmware image's table of contents, and what each modem makes of it",
+         add_toc, toc},
+        {"faults", "fail every system call of the daemon, each in every way it can fail",
+         add_faults, faults},
+        {"soak", "live through pass after pass of events", add_soak, soak},
+        {"keys", "print what a scenario can say", add_keys, keys},
+};
 
 }  // namespace
 
@@ -157,33 +163,20 @@ std::optional<int> parse_command_line(int argc, char** argv, CommandLine& line) 
             "modem's driver and boot loader.");
     app.require_subcommand(0, 1);
     app.set_version_flag("--version", [&] { return versions(line.run.daemon); });
-    const auto add = [&](Command command, const char* name, const char* help) {
-        CLI::App* sub = app.add_subcommand(name, help);
-        sub->callback([&line, command] { line.command = command; });
-        return sub;
-    };
-    add_demo(*add(Command::demo, "demo", "tell the story of a modem's life"), line);
-    add_run(*add(Command::run, "run", "run scenarios and check what they expect"), line);
-    add_files(*add(Command::check, "check", "read scenarios and say what is wrong with them"),
-              line);
-    add_toc(*add(Command::toc, "toc",
-                 "read a firmware image's table of contents, and what each modem makes of it"),
-            line);
-    add_faults(*add(Command::faults, "faults",
-                    "fail every system call of the daemon, each in every way it can fail"),
-               line);
-    add_soak(*add(Command::soak, "soak", "live through pass after pass of events"), line);
-    add(Command::keys, "keys", "print what a scenario can say")
-            ->add_flag("--json", line.json, "as a JSON schema, which editors use");
+    for (const auto& each : kCommands) {
+        CLI::App* const command = app.add_subcommand(each.name, each.help);
+        command->callback([&] { line.command = each.command; });
+        each.add_options(*command, line);
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);
-        fprintf(stderr, "rvd-lab: %s\n", complaint(app, error).c_str());
+        fmt::print(stderr, "rvd-lab: {}\n", complaint(app, error));
         return kRefused;
     }
-    if (line.command != Command::none) return {};
-    fputs(app.help().c_str(), stdout);
+    if (line.command != nullptr) return {};
+    fmt::print("{}", app.help());
     return kHeld;
 }
 

@@ -1,31 +1,41 @@
-// The command line of rvd-lab, and the commands.
+// The command line of rvd-lab, and its commands.
 #pragma once
 
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "lab/run/run.h"
+#include "lab/campaign/faults.h"
+#include "lab/campaign/soak.h"
 
 namespace rvd::lab {
 
+// What the options of all commands say.
 struct CommandLine {
-    enum class Command { none, demo, run, check, toc, faults, soak, keys };
-    Command command = Command::none;
+    int (*command)(CommandLine&) = nullptr;
     RunOptions run;
-    std::string modem = "tq720", firmware, only, trace, picture, log, junit, color = "auto",
-                kind = "fail", shape = "mixed";
+    Reporting reporting;
+    FaultOptions faults;
+    SoakOptions soak;
+    std::string modem = "tq720", firmware, only, color = "auto";
+    std::string trace, picture, log, junit;  // names of files for results
     std::vector<std::string> files;
     std::optional<int64_t> seed;
-    int jobs = 1, spread = 0, passes = 0, replays = 0;
-    bool quiet = false, story = false, list = false, json = false, brief = false;
+    int jobs = 1;
+    bool list = false, brief = false;
 };
 
 // Returns an exit status where nothing is left to do: help or version is printed, or the error, on
 // standard error.
 std::optional<int> parse_command_line(int argc, char** argv, CommandLine& line);
 
-// Executes the command and returns the exit status. Throws Unable.
-int execute(CommandLine& line);
+// The commands. Each returns the exit status and throws Unable.
+int demo(CommandLine& line);
+int run(CommandLine& line);
+int check(CommandLine& line);
+int toc(CommandLine& line);
+int faults(CommandLine& line);
+int soak(CommandLine& line);
+int keys(CommandLine& line);
 
 }  // namespace rvd::lab

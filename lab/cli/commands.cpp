@@ -1,14 +1,10 @@
 #include <fmt/core.h>
-#include <sys/resource.h>
 #include <time.h>
 
 #include <nlohmann/json.hpp>
 
 #include "lab/builtin.h"
-#include "lab/campaign/faults.h"
-#include "lab/campaign/soak.h"
 #include "lab/cli/command_line.h"
-#include "lab/cli/toc.h"
 #include "lab/scenario/scenario.h"
 
 namespace rvd::lab {
@@ -17,26 +13,16 @@ using nlohmann::literals::operator""_json_pointer;
 
 namespace {
 
-constexpr rlim_t kOpenFiles = 64;  // more than a run needs
-
-void check_open_files() {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kOpenFiles)
-        throw Unable(fmt::format("{} open files are not enough: ulimit -n {}", limit.rlim_cur,
-                                 kOpenFiles));
-}
-
-// The options of a run with its result files open. Each holds the result of one run.
-RunOptions open_results(const CommandLine& line, bool many) {
+// Opens the files for results. The story, the picture and the log hold that of one run.
+void open_results(CommandLine& line, bool many) {
     if (many && !(line.trace + line.picture + line.log).empty())
         throw Unable("--trace, --picture and --log take one run: choose it with --case or --only");
-    RunOptions options = line.run;
-    options.trace = Output(line.trace);
-    options.picture = Output(line.picture);
-    options.log = Output(line.log);
-    options.look = look_for(stdout, line.color);
-    options.look.brief = line.brief;
-    return options;
+    line.run.trace = Output(line.trace);
+    line.run.picture = Output(line.picture);
+    line.run.log = Output(line.log);
+    line.run.look = look_for(stdout, line.color);
+    line.run.look.brief = line.brief;
+    line.reporting.junit = Output(line.junit);
 }
 
 std::vector<Job> chosen(const CommandLine& line) {
@@ -55,46 +41,8 @@ std::vector<Job> chosen(const CommandLine& line) {
     return jobs;
 }
 
-int demo(const CommandLine& line) {
-    for (Scenario& scenario : parse_scenarios(kDemoScenario, "demo.toml")) {
-        if (scenario.modem != line.modem) continue;
-        if (line.seed) scenario.seed = *line.seed;
-        if (!line.firmware.empty()) {
-            scenario.firmware = {};
-            scenario.firmware.image = line.firmware;
-        }
-        return tell_one({"demo", scenario, open_results(line, false)});
-    }
-    throw Unable("there is no demo of " + line.modem);
-}
-
-int run(const CommandLine& line, const Reporting& reporting) {
-    std::vector<Job> jobs = chosen(line);
-    if (line.list) {
-        for (const Job& job : jobs)
-            fmt::print("{}: {}\n", job.suite, job.scenario.name);
-        return kHeld;
-    }
-    const bool one = !line.run.notebook.empty();
-    if (jobs.size() > 1 && one) throw Unable("--notebook takes one case: choose it with --case");
-    const RunOptions options = open_results(line, jobs.size() > 1);
-    for (Job& job : jobs)
-        job.options = options;
-    const bool reported = reporting.json || reporting.junit;
-    if (one || (jobs.size() == 1 && line.story && !reported)) return tell_one(jobs[0]);
-    return run_all(jobs, line.run.device ? 1 : line.jobs, reporting);
-}
-
-int check(const CommandLine& line) {
-    for (const std::string& file : line.files)
-        fmt::print("{}: {} cases\n", file, read_scenarios(file).size());
-    return kHeld;
-}
-
-using Schema = nlohmann::ordered_json;
-
 // A line for each key of a table: "driver.answer[].request", and what it means.
-void print_keys(const Schema& table, const std::string& path) {
+void print_keys(const nlohmann::ordered_json& table, const std::string& path) {
     for (const auto& [name, key] : table["properties"].items()) {
         const std::string place = path + name;
         fmt::print("{:<28} {}\n", place, key["description"].get<std::string>());
@@ -105,53 +53,71 @@ void print_keys(const Schema& table, const std::string& path) {
     }
 }
 
-int keys(bool json) {
-    const Schema schema = scenario_schema();
-    if (json) {
+}  // namespace
+
+int demo(CommandLine& line) {
+    open_results(line, false);
+    for (Scenario& scenario : parse_scenarios(kDemoScenario, "demo.toml")) {
+        if (scenario.modem != line.modem) continue;
+        if (line.seed) scenario.seed = *line.seed;
+        if (!line.firmware.empty()) {
+            scenario.firmware = {};
+            scenario.firmware.image = line.firmware;
+        }
+        return tell_one({"demo", std::move(scenario), line.run});
+    }
+    throw Unable("there is no demo of " + line.modem);
+}
+
+int run(CommandLine& line) {
+    std::vector<Job> jobs = chosen(line);
+    if (line.list) {
+        for (const Job& job : jobs)
+            fmt::print("{}: {}\n", job.suite, job.scenario.name);
+        return kHeld;
+    }
+    const bool one = !line.run.notebook.empty();
+    if (jobs.size() > 1 && one) throw Unable("--notebook takes one case: choose it with --case");
+    open_results(line, jobs.size() > 1);
+    for (Job& job : jobs)
+        job.options = line.run;
+    const Reporting& to = line.reporting;
+    if (one || (jobs.size() == 1 && to.story && !to.json && !to.junit)) return tell_one(jobs[0]);
+    return run_all(jobs, line.run.device ? 1 : line.jobs, to);
+}
+
+int check(CommandLine& line) {
+    for (const std::string& file : line.files)
+        fmt::print("{}: {} cases\n", file, read_scenarios(file).size());
+    return kHeld;
+}
+
+int faults(CommandLine& line) {
+    open_results(line, line.faults.only.find(':') == std::string::npos);
+    line.faults.run = line.run;
+    line.faults.jobs = line.jobs;
+    line.faults.reporting = line.reporting;
+    line.faults.reporting.quiet = true;
+    return run_faults(line.faults);
+}
+
+int soak(CommandLine& line) {
+    line.run.story = line.reporting.story;
+    open_results(line, false);
+    line.soak.run = line.run;
+    line.soak.seed = line.seed.value_or(time(nullptr));
+    if (line.soak.passes == 0) line.soak.passes = line.soak.replays > 0 ? 10 : 10'000;
+    return run_soak(line.soak, line.reporting);
+}
+
+int keys(CommandLine& line) {
+    const nlohmann::ordered_json schema = scenario_schema();
+    if (line.reporting.json) {
         fmt::print("{}\n", schema.dump(1));
     } else {
         print_keys(schema, "");
     }
     return kHeld;
-}
-
-}  // namespace
-
-int execute(CommandLine& line) {
-    using Command = CommandLine::Command;
-    check_open_files();
-    const Reporting reporting = {line.json, line.quiet, line.story, Output(line.junit)};
-    switch (line.command) {
-        case Command::demo:
-            return demo(line);
-        case Command::run:
-            return run(line, reporting);
-        case Command::check:
-            return check(line);
-        case Command::toc:
-            return print_toc(line.firmware, line.json);
-        case Command::faults: {
-            const bool many = line.only.find(':') == std::string::npos;
-            return run_faults({open_results(line, many),
-                               line.only,
-                               line.spread,
-                               line.jobs,
-                               line.kind,
-                               line.list,
-                               {line.json, true, false, reporting.junit}});
-        }
-        case Command::soak:
-            line.run.story = line.story;
-            if (line.passes == 0) line.passes = line.replays > 0 ? 10 : 10'000;
-            return run_soak({line.seed.value_or(time(nullptr)), line.passes, line.shape,
-                             line.replays, open_results(line, false)},
-                            reporting);
-        case Command::keys:
-            return keys(line.json);
-        case Command::none:
-            break;
-    }
-    return kRefused;
 }
 
 }  // namespace rvd::lab

@@ -1,4 +1,4 @@
-#include "lab/cli/toc.h"
+// What is in a firmware image, and what each modem's daemon makes of it.
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -8,8 +8,7 @@
 
 #include "check/plan.h"
 #include "check/report.h"
-#include "lab/base.h"
-#include "lab/campaign/workers.h"
+#include "lab/cli/command_line.h"
 #include "main/Container.h"
 
 namespace rvd::lab {
@@ -107,13 +106,14 @@ void print(const Json& about) {
 
 }  // namespace
 
-int print_toc(const std::string& path, bool json) {
-    const ScopedFd image(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!image.valid()) fail_errno(path);
+// The exit status says whether a modem boots from the image.
+int toc(CommandLine& line) {
+    const ScopedFd image(open(line.firmware.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!image.valid()) fail_errno(line.firmware);
     setenv("RVD_ANDROID_LOG", "/dev/null", 1);
     check::Capture lines;
     const Json about = describe(image.get(), lines);
-    if (json) {
+    if (line.reporting.json) {
         fmt::print("{}\n", about.dump(1));
     } else {
         print(about);
