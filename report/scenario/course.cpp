@@ -10,6 +10,7 @@ namespace rvd::report {
 
 namespace {
 
+constexpr std::string_view kDeviceOff = "deviceOff = ";
 constexpr int64_t kBooting = 3, kOnline = 4;  // states of the driver's own
 
 bool waits(const Event& event) {
@@ -33,22 +34,21 @@ class Course {
     }
 
   private:
-    void happens(const std::string& when, const std::string& what, size_t at) {
-        draft_.timeline.push_back(fmt::format("{{ {}, {} }}", when, what));
+    void happens(Draft when, const Draft& what, size_t at) {
+        when.update(what);
+        draft_["timeline"].push_back(when);
         since_ = at;
     }
 
-    std::string line_at(size_t at) const {
-        const size_t said = times_said(events_, at, since_);
-        return fmt::format("line = {}{}", quoted(pattern_of(events_[at])),
-                           said > 1 ? fmt::format(", said = {}", said) : "");
-    }
+    Draft line_at(size_t at) const { return line_of("line", events_, at, since_); }
 
-    // "after = ...", as far as the lines have times.
-    std::string pause(size_t from, size_t to) const {
+    // So long behind this state of the run, as far as the lines have times.
+    Draft behind_state(const char* state, size_t from, size_t to) const {
         const KernelTime begin = events_[from].at, end = events_[to].at;
         const KernelTime span = begin == kNoTime || end == kNoTime ? 1'000'000 : end - begin;
-        return span <= 0 ? "" : fmt::format(", after = \"{} ms\"", (span + 999) / 1000);
+        Draft when = {{state, true}};
+        if (span > 0) when["after"] = fmt::format("{} ms", (span + 999) / 1000);
+        return when;
     }
 
     // The daemon was started again, from the lines about its debug level on.
@@ -62,10 +62,10 @@ class Course {
             const size_t last = begin - 1;
             const bool panicked = ends_with(events_[last].message, "Go to UPLOAD mode");
             const bool rebooted = panicked || events_[begin].device_started || properties_gone();
-            const std::string when = panicked               ? "upload = true" + pause(last, begin)
-                                     : waits(events_[last]) ? "waits = true" + pause(last, begin)
-                                                            : line_at(last);
-            happens(when, rebooted ? "reboot = true" : "restart = true", at_);
+            happens(panicked               ? behind_state("upload", last, begin)
+                    : waits(events_[last]) ? behind_state("waits", last, begin)
+                                           : line_at(last),
+                    {{rebooted ? "reboot" : "restart", true}}, at_);
             if (rebooted) {
                 state_ = 0;
                 device_off_ = "0";
@@ -100,7 +100,7 @@ class Course {
         if (const auto asked = number_after(message, "modem_status: ")) {
             if (!state_ && *asked >= 0) {
                 state_ = *asked;
-                if (*asked > 0) draft_.driver["state"] = fmt::format("{}", *asked);
+                if (*asked > 0) draft_["driver"]["state"] = *asked;
             } else if (*asked != before) {
                 status(*asked, at_ - 1);
             }
@@ -114,81 +114,77 @@ class Course {
     }
 
     void status(int64_t state, size_t behind) {
-        draft_.answers.push_back(fmt::format("{{ request = \"GET_CP_STATUS\", result = {}, {} }}",
-                                             state < 0 ? -5 : state, after(events_, behind)));
+        Draft answer = {{"request", "GET_CP_STATUS"}, {"result", state < 0 ? -5 : state}};
+        answer.update(line_of("after", events_, behind));
+        draft_["driver"]["answer"].push_back(answer);
     }
 
     void event_of_modem(int64_t state) {
-        const std::string set = device_off(wait_, at_);
-        happens("waits = true" + pause(wait_, at_),
-                fmt::format("state = {}{}", std::max<int64_t>(state, 0), set), wait_);
         state_ = std::max<int64_t>(state, 0);
+        change_state(*state_);
         if (state < 0) status(state, wait_);
     }
 
-    // The property, where the lines between two say another value than before.
-    std::string device_off(size_t from, size_t to) {
-        constexpr std::string_view kSaid = "deviceOff = ";
-        for (size_t at = from; at < to; at++) {
+    static Draft shutdown_set(const std::string& value) {
+        return {{"set", {{"sys.shutdown.requested", value}}}};
+    }
+
+    // While the daemon waits; the property too, where the lines since then say another value.
+    void change_state(int64_t state) {
+        Draft what = {{"state", state}};
+        for (size_t at = wait_; at < at_; at++) {
             const std::string& message = events_[at].message;
-            if (!starts_with(message, kSaid) || message.substr(kSaid.size()) == device_off_)
+            if (!starts_with(message, kDeviceOff) || behind(message, kDeviceOff) == device_off_)
                 continue;
-            device_off_ = message.substr(kSaid.size());
-            return fmt::format(", set = {{ \"sys.shutdown.requested\" = {} }}",
-                               quoted(device_off_));
+            device_off_ = behind(message, kDeviceOff);
+            what.update(shutdown_set(device_off_));
+            break;
         }
-        return "";
+        happens(behind_state("waits", wait_, at_), what, wait_);
     }
 
     void shutdown(const Event& event) {
-        if (says(event, "status_loop", "shutdown"))
-            happens("waits = true" + pause(wait_, at_), "state = 0" + device_off(wait_, at_),
-                    wait_);
-        if (!says(event, "main", "deviceOff = ")) return;
-        const std::string value = event.message.substr(event.message.find('=') + 2);
-        if (!booted())
-            draft_.properties["sys.shutdown.requested"] = value;
+        if (says(event, "status_loop", "shutdown")) change_state(0);
+        if (!says(event, "main", kDeviceOff)) return;
+        const std::string value = behind(event.message, kDeviceOff);
+        if (first_said(events_, "main", "Call boot") < at_)
+            happens(line_at(at_ - 1), shutdown_set(value), at_);
         else
-            happens(line_at(at_ - 1),
-                    fmt::format("set = {{ \"sys.shutdown.requested\" = {} }}", quoted(value)), at_);
-    }
-
-    bool booted() const {
-        return std::any_of(events_.begin(), events_.begin() + static_cast<ptrdiff_t>(at_),
-                           [](const Event& event) { return says(event, "main", "Call boot"); });
+            draft_["properties"]["sys.shutdown.requested"] = value;
     }
 
     // The property is looked at every 100 ms.
     void validated() {
         const KernelTime waited = events_[at_].at - events_[at_ - 1].at;
         if (events_[at_].at == kNoTime || events_[at_ - 1].at == kNoTime || waited <= 0) return;
-        draft_.properties["vendor.rvd.rfs_check_done"] = "0";
+        draft_["properties"]["vendor.rvd.rfs_check_done"] = "0";
         const KernelTime since_start = events_[at_].at - events_[0].at;
-        happens(fmt::format("at = \"{} ms\"", since_start / 1000 - 50),
-                "set = { \"vendor.rvd.rfs_check_done\" = \"1\" }", at_);
+        happens({{"at", fmt::format("{} ms", since_start / 1000 - 50)}},
+                {{"set", {{"vendor.rvd.rfs_check_done", "1"}}}}, at_);
     }
 
     void end() {
-        const Event& last = *std::find_if(events_.rbegin(), events_.rend(), [](const Event& event) {
+        const auto said = std::find_if(events_.rbegin(), events_.rend(), [](const Event& event) {
             return event.step == "status_loop" || event.step == "main" ||
                    event.step == "parseArgs" || event.step == "boot" || event.step == "dump" ||
                    event.failure || ends_with(event.message, "UPLOAD mode") ||
                    event.step == "check_debug_level";
         });
+        const Event& last = said == events_.rend() ? events_.back() : *said;
         if (waits(last))
-            draft_.end = "waits";
+            draft_["expect"]["end"] = "waits";
         else if (ends_with(last.message, "Go to UPLOAD mode"))
-            draft_.end = "upload";
+            draft_["expect"]["end"] = "upload";
         else if (last.message == "Cp boot Oneshot" || says(last, "main", "Start Radio"))
-            draft_.end = "exit 0";
+            draft_["expect"]["end"] = "exit 0";
         else if (last.message == "Unknown modem")
-            draft_.end = "exit 234";
+            draft_["expect"]["end"] = "exit 234";
         else if (last.message == "shutdown" || starts_with(last.message, "deviceOff") ||
                  starts_with(last.message, "hang rvd") || starts_with(last.message, "Invaild"))
-            draft_.end = "parked";
+            draft_["expect"]["end"] = "parked";
         else {
-            happens(line_at(events_.size() - 1), "stop = true", events_.size() - 1);
-            draft_.end = "stop";
+            happens(line_at(events_.size() - 1), {{"stop", true}}, events_.size() - 1);
+            draft_["expect"]["end"] = "stop";
         }
     }
 

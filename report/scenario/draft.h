@@ -1,7 +1,7 @@
 // What the parts of a scenario are put together from; for this directory only.
 #pragma once
 
-#include <map>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -10,16 +10,9 @@
 namespace rvd::report {
 
 using Events = std::vector<Event>;
-using Keys = std::map<std::string, std::string>;  // with their values as TOML has them
 
-struct Draft {
-    std::string modem, start, end;
-    std::string prefix;  // of the modem's files
-    std::vector<std::string> args, cmdline;
-    std::map<std::string, std::string> properties, files;  // texts
-    Keys phone, firmware, driver, dump, regions;
-    std::vector<std::string> answers, loader, faults, timeline;  // tables within a line
-};
+// The scenario's one case, by the keys of the file. Their order is that of the file.
+using Draft = nlohmann::ordered_json;
 
 // What the phone and its modem were before anything failed.
 void describe_phone(const Events& events, Draft& draft);
@@ -30,9 +23,6 @@ void describe_failures(const Events& events, const Report& report, Draft& draft)
 
 // What happened to the phone, and how the evidence ends.
 void describe_course(const Events& events, Draft& draft);
-
-std::string quoted(std::string_view text);
-std::string inline_table(const Keys& keys);
 
 // Bytes of the longest file of this kind, as far as there is one.
 uint64_t saved_size(const Report& report, Kind kind, const std::string& detail = "");
@@ -45,15 +35,12 @@ size_t first_said(const Events& events, std::string_view step, std::string_view 
                   size_t from = 0);
 
 // The message behind its start.
-std::string_view behind(const std::string& message, std::string_view start);
+std::string behind(const std::string& message, std::string_view start);
 
 // Matches the line whatever its descriptor's number and its file's time are.
 std::string pattern_of(const Event& event);
 
-// How many lines from `from` to `at`, both included, match the pattern of the last.
-size_t times_said(const Events& events, size_t at, size_t from = 0);
-
-// The keys that put a deviation behind the line at `at`.
-std::string after(const Events& events, size_t at);
+// The line at `at` under this key, and its number among those from `from` on that look the same.
+Draft line_of(const char* key, const Events& events, size_t at, size_t from = 0);
 
 }  // namespace rvd::report

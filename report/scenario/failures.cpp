@@ -131,18 +131,21 @@ class Failures {
         }
     }
 
-    std::string anchor() const { return at_ == 0 ? "" : ", " + after(events_, at_ - 1); }
-
-    void answer(const std::string& request, int64_t result) {
-        draft_.answers.push_back(
-                fmt::format("{{ request = \"{}\", result = {}{} }}", request, result, anchor()));
+    // Behind the line before this one.
+    Draft anchored(Draft table) const {
+        if (at_ > 0) table.update(line_of("after", events_, at_ - 1));
+        return table;
     }
 
-    void fault(const char* call, const std::string& path, const std::string& what,
+    void answer(const std::string& request, int64_t result) {
+        draft_["driver"]["answer"].push_back(anchored({{"request", request}, {"result", result}}));
+    }
+
+    void fault(const char* call, const std::string& path, const char* key, const Draft& value,
                int64_t nth = 1) {
-        draft_.faults.push_back(
-                fmt::format("{{ call = \"{}\", path = {}, {}{}{} }}", call, quoted(path), what,
-                            nth > 1 ? fmt::format(", nth = {}", nth) : "", anchor()));
+        Draft table = {{"call", call}, {"path", path}, {key, value}};
+        if (nth > 1) table["nth"] = nth;
+        draft_["fault"].push_back(anchored(table));
     }
 
     void failed_call(const Event& event, std::string_view error) {
@@ -164,7 +167,7 @@ class Failures {
         if (name == nullptr || usual || ends_with(message, "std_udl_poll fail")) return;
         for (const Call& call : kCalls) {
             if (message.find(call.said) == std::string::npos) continue;
-            return fault(call.name, place_of(event, call.name), fmt::format("error = \"{}\"", name),
+            return fault(call.name, place_of(event, call.name), "error", name,
                          std::max<int64_t>(1, number_after(message, "seq# ").value_or(1)));
         }
     }
@@ -222,7 +225,7 @@ class Failures {
         const std::string& message = event.message;
         for (const Silent& silent : kSilent) {
             if (says(event, silent.step, silent.start))
-                fault(silent.call, silent.path, fmt::format("error = \"{}\"", silent.error));
+                fault(silent.call, silent.path, "error", silent.error);
         }
         if (says(event, "status_loop", "cp off ioctl fail")) {
             const int64_t result = number_after(message, "err=").value_or(-1);
@@ -235,15 +238,17 @@ class Failures {
             // Only the last piece of an image is shorter than the others.
             const bool sent = std::string_view(key) == "ERR! sent ";
             const bool last = !sent && wanted.value_or(0) % piece_ != 0;
-            fault(sent ? "write" : "read", sent ? "/dev/boot" : image_path(),
-                  fmt::format("cut = {}", *count), last ? pieces_ : 1);
+            fault(sent ? "write" : "read", sent ? "/dev/boot" : image_path(), "cut", *count,
+                  last ? pieces_ : 1);
         }
     }
 
     // A word or frame that was not as it must be; it was sent behind the last request.
-    void deviation(const std::string& at, const std::string& what) {
-        draft_.loader.push_back(
-                fmt::format("{{ at = \"{}\", {}, {} }}", at, what, after(events_, word_)));
+    void deviation(const std::string& at, const Draft& what) {
+        Draft table = {{"at", at}};
+        table.update(what);
+        table.update(line_of("after", events_, word_));
+        draft_["loader"].push_back(table);
     }
 
     void loader(const Event& event) {
@@ -252,40 +257,38 @@ class Failures {
             return unsigned_after(message, key).value_or(0);
         };
         if (says(event, "std_udl_req_resp", "ERR! resp "))
-            deviation(fmt::format("0x{:04X}", number("exp ")),
-                      fmt::format("say = 0x{:X}", number("resp ")));
+            deviation(fmt::format("0x{:04X}", number("exp ")), {{"say", number("resp ")}});
         if (says(event, "std_udl_poll", "ERR! poll fail") && message.back() == ')' &&
             message.find(", ") + message.find("!=") != 2 * std::string::npos)
-            silence(message.find("TIMEOUT") != std::string::npos ? "silent = true"
-                                                                 : "hang_up = true");
+            silence(message.find("TIMEOUT") != std::string::npos ? "silent" : "hang_up");
         if (!says(event, "std_ul_recv_data", "ERR! [step ")) return;
         const uint32_t step = number("[step ");
         const auto at = [&](uint32_t frame) { return fmt::format("{}.{}", step, frame); };
         if (number_after(message, "frame of ") && !number_after(message, "seq# "))
-            deviation(at(next_frame()), fmt::format("cut = {}", number("frame of ")));
-        if (number_after(message, "cmd "))
-            deviation(at(next_frame()), fmt::format("say = 0x{:X}", number("cmd ")));
+            deviation(at(next_frame()), {{"cut", number("frame of ")}});
+        if (number_after(message, "cmd ")) deviation(at(next_frame()), {{"say", number("cmd ")}});
         if (number_after(message, "curr_frame "))
-            deviation(at(number("seqn ")), fmt::format("curr_frame = {}", number("curr_frame ")));
+            deviation(at(number("seqn ")), {{"curr_frame", number("curr_frame ")}});
         if (number_after(message, " len "))
             deviation(at(number("seq# ")),
-                      fmt::format("len = {}, cut = {}", number(" len "), number("frame of ")));
+                      {{"len", number(" len ")}, {"cut", number("frame of ")}});
     }
 
     // What the boot loader owed is told by the lines behind.
     void silence(const char* kind) {
+        const Draft what = {{kind, true}};
         for (size_t at = at_ + 1; at < std::min(at_ + 5, events_.size()); at++) {
             const Event& event = events_[at];
             if (const auto word = number_after(event.message, "expected:"))
-                return deviation(fmt::format("0x{:04X}", *word), kind);
+                return deviation(fmt::format("0x{:04X}", *word), what);
             if (event.message.find("INFO std_ul") != std::string::npos)
-                return deviation("info", kind);
+                return deviation("info", what);
             if (event.message.find("REASON std_ul") != std::string::npos)
-                return deviation("reason", kind);
+                return deviation("reason", what);
             if (event.step != "std_ul_recv_data") continue;
             return deviation(fmt::format("{}.{}", number_after(event.message, "[step ").value_or(1),
                                          next_frame()),
-                             kind);
+                             what);
         }
     }
 

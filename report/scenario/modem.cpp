@@ -1,9 +1,9 @@
 // The modem before anything went wrong: its firmware's table of contents, and what it has to give
 // at a dump.
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include "protocol/link.h"
@@ -22,7 +22,7 @@ class Firmware {
         if (event.step != "prepare_boot_args") return;
         const std::string& message = event.message;
         if (const auto count = unsigned_after(message, "Total TOC count is "))
-            draft.firmware["toc_count"] = fmt::format("{}", *count);
+            draft["firmware"]["toc_count"] = *count;
         if (starts_with(message, "ERR! invalid TOC: No TOC")) entries_[0] = "NONE";
         if (const auto last = number_after(message, "ERR! last stage ")) {
             for (int64_t i = 0; i <= std::min<int64_t>(*last, 15); i++)
@@ -35,8 +35,8 @@ class Firmware {
         std::string table;
         for (const auto& [index, entry] : entries_)
             table += (table.empty() ? "" : " ") + entry;
-        if (!table.empty()) draft.firmware["table"] = quoted(table);
-        if (nonsense_) draft.firmware["truncate"] = fmt::format("{}", end_);
+        if (!table.empty()) draft["firmware"]["table"] = table;
+        if (nonsense_) draft["firmware"]["truncate"] = end_;
     }
 
   private:
@@ -80,15 +80,15 @@ class SilentReset {
     void take(const Event& event) {
         constexpr std::string_view kInvalid = "Crash info string was invalid(";
         if (says(event, "alloc_srinfo", kInvalid)) {
-            const auto mark = number_after("0x" + std::string(behind(event.message, kInvalid)), "");
+            const auto mark = number_after("0x" + behind(event.message, kInvalid), "");
             if (!mark || *mark == 0) return;
             std::string text = "{\"";
             for (unsigned shift = 0; shift < 32; shift += 8)
                 text += static_cast<char>(*mark >> shift);
-            draft_.driver["srinfo"] = quoted(text);
+            draft_["driver"]["srinfo"] = text;
         }
         if (says(event, "create_srinfo_directory", "") || says(event, "create_srinfo_last", ""))
-            draft_.driver.emplace("srinfo", quoted(R"({"JVER":1})"));
+            draft_["driver"].emplace("srinfo", R"({"JVER":1})");
         const auto brace = number_after(event.message, "store to ascii text (");
         if (brace) keep_record(static_cast<size_t>(*brace) + 1);
         const auto size = number_after(event.message, "store to hex ascii text size=(");
@@ -104,7 +104,7 @@ class SilentReset {
             }
         }
         text.insert(text.size() - 1, std::max(length, text.size()) - text.size(), ' ');
-        draft_.driver["srinfo"] = quoted(text);
+        draft_["driver"]["srinfo"] = text;
     }
 
     const Report& report_;
@@ -123,10 +123,8 @@ void describe_regions(const Events& events, const Report& report, Draft& draft) 
         if (message.find("std_ul_rx_frame fail (ret -5)") != std::string::npos) cut.insert(region);
     }
     for (const auto& [name, size] : announced) {
-        Keys keys = {{"size", fmt::format("{}", size)}};
-        if (cut.count(name) > 0)
-            keys["delivers"] = fmt::format("{}", saved_size(report, Kind::kRegion, name));
-        draft.regions[name] = inline_table(keys);
+        Draft& keys = draft["driver"]["regions"][name] = {{"size", size}};
+        if (cut.count(name) > 0) keys["delivers"] = saved_size(report, Kind::kRegion, name);
     }
 }
 
@@ -168,17 +166,17 @@ class Dump {
             steps.back() = rest;
         }
         if (steps.empty()) steps.push_back(1);
-        draft.dump["steps"] = fmt::format("[{}]", fmt::join(steps, ", "));
-        if (sum != size) draft.dump["announce_size"] = fmt::format("{}", size);
-        if (steps.size() != number) draft.dump["announce_steps"] = fmt::format("{}", number);
+        draft["dump"]["steps"] = steps;
+        if (sum != size) draft["dump"]["announce_size"] = size;
+        if (steps.size() != number) draft["dump"]["announce_steps"] = number;
         std::string origin, reason;
-        if (take_apart(sentence_, origin, reason)) draft.driver["reason"] = quoted(reason);
+        if (take_apart(sentence_, origin, reason)) draft["driver"]["reason"] = reason;
         const size_t colon = origin == "CP" ? reason.find(": ") : std::string::npos;
         std::string text = colon == std::string::npos ? "" : reason.substr(colon + 2);
         const bool announced_other = length == 0 || length > 4096;
-        if (announced_other) draft.dump["announce_reason"] = fmt::format("{}", length);
+        if (announced_other) draft["dump"]["announce_reason"] = length;
         text.resize(announced_other ? std::max<size_t>(text.size(), 1) : length, ' ');
-        draft.dump["reason"] = quoted(text);
+        draft["dump"]["reason"] = text;
     }
 
   private:
@@ -193,13 +191,13 @@ void describe_driver(const Events& events, Draft& draft) {
     bool uploads = false;
     for (const Event& event : events) {
         if (says(event, "std_dump_write_versions", kVersion))
-            draft.driver["version"] = quoted(behind(event.message, kVersion));
+            draft["driver"]["version"] = behind(event.message, kVersion);
         if (const auto owner = number_after(event.message, "reason owner:"))
-            draft.driver["owner"] = fmt::format("{}", *owner);
+            draft["driver"]["owner"] = *owner;
         // Behind a panic comes the device's start, if anything.
         const bool starts = event.step == "get_cmdline_str" || event.device_started ||
                             event.step == "check_debug_level" || event.step == "check_debug_cp_opt";
-        if (uploads && !starts && !event.failure) draft.driver["panic"] = quoted("returns");
+        if (uploads && !starts && !event.failure) draft["driver"]["panic"] = "returns";
         uploads = ends_with(event.message, "Go to UPLOAD mode");
     }
 }

@@ -1,6 +1,7 @@
 // The phone before anything went wrong: how the daemon was started, the kernel's command line,
 // properties, files and room.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 
@@ -55,7 +56,7 @@ void add_option(const std::string& message, std::vector<std::string>& args) {
     constexpr std::string_view kPartition = "set partition number : ";
     constexpr std::string_view kNumbered = "partition path : /dev/block/mmcblk0p";
     if (starts_with(message, kPartition))
-        args.insert(args.end(), {"-P", std::string(behind(message, kPartition))});
+        args.insert(args.end(), {"-P", behind(message, kPartition)});
     if (starts_with(message, kNumbered) && args.size() > 1) args[args.size() - 2] = "-p";
     for (const Option& known : kOptions) {
         if (!starts_with(message, known.line)) continue;
@@ -69,36 +70,43 @@ void add_option(const std::string& message, std::vector<std::string>& args) {
 }
 
 // The options of the daemon's first start; without any it would only print its usage.
-void describe_start(const Events& events, Draft& draft) {
-    std::vector<std::string>& args = draft.args;
+std::vector<std::string> options(const Events& events) {
+    std::vector<std::string> args;
     const size_t second = first_said(events, "main", "Start Radio",
                                      first_said(events, "main", "Start Radio") + 1);
     for (size_t at = 0; at < second; at++) {
         if (events[at].step == "parseArgs") add_option(events[at].message, args);
     }
-    const bool external = std::find(args.begin(), args.end(), "vk880") != args.end();
-    draft.modem = external ? "vk880" : "tq720";
-    draft.prefix = external ? "nr" : "umts";
     if (args.empty()) args = {"-T", "x"};
     if (events.back().step == "parseArgs" && args.back() != "none") args.emplace_back("-h");
-    for (const Event& event : events) {
-        if (draft.start.empty() && event.clock >= 0 && event.at != kNoTime)
-            draft.start = format_time(event.clock - event.at / 1'000'000);
-        if (const auto type = number_after(event.message, "Modem type = "))
-            draft.modem = *type == 2 ? "vk880" : "tq720";
-    }
+    return args;
 }
 
-void describe_kernel(const Events& events, Draft& draft) {
+bool is_external(const Draft& draft) {
+    return draft["args"].dump().find("vk880") != std::string::npos;
+}
+
+std::string prefix(const Draft& draft) {
+    return is_external(draft) ? "nr" : "umts";
+}
+
+void describe_start(const Events& events, Draft& draft) {
     constexpr std::string_view kFound = "find str ";
+    draft["args"] = options(events);
+    draft["modem"] = is_external(draft) ? "vk880" : "tq720";
+    std::vector<std::string> words;
     for (const Event& event : events) {
-        if (event.step != "get_cmdline_str") continue;
         const std::string& message = event.message;
+        if (!draft.contains("start") && event.clock >= 0 && event.at != kNoTime)
+            draft["start"] = format_time(event.clock - event.at / 1'000'000);
+        if (const auto type = number_after(message, "Modem type = "))
+            draft["modem"] = *type == 2 ? "vk880" : "tq720";
+        if (event.step != "get_cmdline_str") continue;
         const std::string word =
                 message.substr(kFound.size(), message.rfind(" form ") - kFound.size());
-        if (std::find(draft.cmdline.begin(), draft.cmdline.end(), word) == draft.cmdline.end())
-            draft.cmdline.push_back(word);
+        if (std::find(words.begin(), words.end(), word) == words.end()) words.push_back(word);
     }
+    draft["cmdline"] = fmt::format("{}", fmt::join(words, " "));
 }
 
 bool has(const std::string& message, const char* text) {
@@ -124,10 +132,10 @@ void describe_boot_before(const Events& events, Draft& draft) {
         const bool lost = event.step == "save_logs_thread", first_boot = at < booted;
         crashed |= tells_of_a_crash(event);
         if (has(event.message, "/cp_boot_done_") || (lost && !first_boot))
-            draft.properties["vendor.rvd.boot_done"] = "1";
+            draft["properties"]["vendor.rvd.boot_done"] = "1";
         else if (has(event.message, "/cp_boot_") || (lost && first_boot) ||
                  (event.step == "create_directory" && !crashed && first_boot))
-            draft.properties["vendor.rvd.reset_done"] = "1";
+            draft["properties"]["vendor.rvd.reset_done"] = "1";
     }
 }
 
@@ -138,80 +146,79 @@ void describe_properties(const Events& events, Draft& draft) {
     };
     for (const Event& event : events) {
         if (const auto option = number_after(event.message, "overwritten by prop="))
-            draft.properties["persist.vendor.rvd.debug_cp_opt"] = fmt::format("{}", *option);
+            draft["properties"]["persist.vendor.rvd.debug_cp_opt"] = std::to_string(*option);
         if (says(event, "check_vtc_sales_code", kSalesCode))
-            draft.properties.emplace("ro.vtc.sales_code", behind(event.message, kSalesCode));
+            draft["properties"].emplace("ro.vtc.sales_code", behind(event.message, kSalesCode));
     }
     if (said("boot", "NV validation TIMEOUT") < events.size())
-        draft.properties["vendor.rvd.rfs_check_done"] = "0";
+        draft["properties"]["vendor.rvd.rfs_check_done"] = "0";
     if (said("load_cp_images", "stage[") < said("boot", "Request Security"))
-        draft.properties["vendor.rvd.first_xmit_done"] = "1";
+        draft["properties"]["vendor.rvd.first_xmit_done"] = "1";
     const size_t no_reset = said("", "CP_DEBUG NORESET");
     if (no_reset < said("", "CP_DEBUG NORESET prop set") &&
         no_reset < said("status_loop", "CP status_loop start"))
-        draft.properties["vendor.rvd.cpboot"] = "1";
+        draft["properties"]["vendor.rvd.cpboot"] = "1";
     describe_boot_before(events, draft);
 }
 
 // A silent-reset record that waits since before the first start.
-void describe_waiting_record(const Events& events, Draft& draft) {
-    const std::string path = fmt::format("{}/err/last_sr_info_{}", kDirectory, draft.prefix);
+void describe_waiting_record(const Events& events, const std::string& prefix, Draft& files) {
+    const std::string path = fmt::format("{}/err/last_sr_info_{}", kDirectory, prefix);
     const size_t restored =
             first_said(events, "restore_srinfo", "",
                        first_said(events, "store_srinfo", "srinfo_last file exist"));
     if (restored >= first_said(events, "write_srinfo_last", "store to")) return;
     const std::string& message = events[restored].message;
-    if (message == "last_sr_info file read fail") draft.files[path] = "";
-    if (starts_with(message, "done = ")) draft.files[path] = "x";
-    if (starts_with(message, "sr_info_last open")) draft.files[path + "/"] = "";
+    if (message == "last_sr_info file read fail") files[path] = "";
+    if (starts_with(message, "done = ")) files[path] = "x";
+    if (starts_with(message, "sr_info_last open")) files[path + "/"] = "";
 }
 
 void describe_files(const Events& events, Draft& draft) {
     constexpr char kFactory[] = "/efs/factory.prop", kRecords[] = "srinfo log size : ";
     const std::string made = fmt::format("log path ({}) created", kDirectory);
     bool is_made = false, counted = false;
+    Draft files;
     for (const Event& event : events) {
         const std::string& message = event.message;
         if (const auto count = number_after(message, "sim_count: "))
-            draft.files[kFactory] = fmt::format("SIMSLOTCOUNT={}\n", *count);
-        if (says(event, "get_factory_prop", "can't find")) draft.files[kFactory] = "x";
-        if (says(event, "getNvFd", "ERR! no NV(")) draft.firmware["nv_size"] = "-1";
+            files[kFactory] = fmt::format("SIMSLOTCOUNT={}\n", *count);
+        if (says(event, "get_factory_prop", "can't find")) files[kFactory] = "x";
+        if (says(event, "getNvFd", "ERR! no NV(")) draft["firmware"]["nv_size"] = -1;
         if (says(event, "create_srinfo_directory", "(/"))
-            draft.files[message.substr(1, message.find(')') - 1)] = "";
+            files[message.substr(1, message.find(')') - 1)] = "";
         is_made |= ends_with(message, made);
         const bool found = says(event, "check_log_directory", "Block size") ||
                            ends_with(message, "changed(0)") || ends_with(message, "/err) created");
-        if (found && !is_made) draft.files[std::string(kDirectory) + "/"] = "";
+        if (found && !is_made) files[std::string(kDirectory) + "/"] = "";
         const auto size = number_after(message, kRecords);
         if (size && *size > 0 && !counted)
-            draft.phone["fillers"] =
-                    fmt::format("{{ \"{}/sr_info_{}\" = {} }}", kDirectory, draft.prefix, *size);
+            draft["phone"]["fillers"][fmt::format("{}/sr_info_{}", kDirectory, prefix(draft))] =
+                    *size;
         counted |= size.has_value();
     }
-    describe_waiting_record(events, draft);
+    describe_waiting_record(events, prefix(draft), files);
+    draft["phone"]["files"] = files;
 }
 
 void describe_room(const Events& events, Draft& draft) {
-    Keys free;
+    Draft& phone = draft["phone"];
     bool checked = false, grouped = false;
     for (const Event& event : events) {
         const bool log = event.step == "check_log_directory";
         const auto megabytes = number_after(event.message, log ? "freespace " : "(free blocks) = ");
         if (megabytes && *megabytes != kUsualFreeMb)
-            free.emplace(quoted(event.message.substr(0, event.message.find(':'))),
-                         fmt::format("{}", *megabytes));
+            phone["free"].emplace(event.message.substr(0, event.message.find(':')), *megabytes);
         checked |= log && megabytes;
         grouped |= has(event.message, " gid(");
     }
-    if (!free.empty()) draft.phone["free"] = inline_table(free);
-    if (checked && !grouped) draft.phone["log_group"] = "false";
+    if (checked && !grouped) phone["log_group"] = false;
 }
 
 }  // namespace
 
 void describe_phone(const Events& events, Draft& draft) {
     describe_start(events, draft);
-    describe_kernel(events, draft);
     describe_properties(events, draft);
     describe_files(events, draft);
     describe_room(events, draft);
