@@ -9,6 +9,7 @@
 #include "report/print/json.h"
 #include "report/print/picture.h"
 #include "report/print/screen.h"
+#include "report/scenario/scenario.h"
 #include "util/ScopedFd.h"
 
 using namespace rvd::report;
@@ -35,6 +36,7 @@ void read_log(Sink sink, const std::string& text) {
         events.push_back(event);
     });
     find_troubles(events);
+    if (!events.empty()) scenario({}, events);
     const std::vector<Entry> told = tell(events);
     // Nothing that a terminal or a browser would obey.
     for (const char c : screen(told, {false}) + picture(text, messages_of(told)))

@@ -120,6 +120,35 @@ TEST(RecordLog, DamageIsNamedWithItsOffset) {
     }
 }
 
+TEST(People, ReadSizesAndTimes) {
+    struct {
+        uint64_t bytes;
+        const char* text;
+    } const sizes[] = {{0, "0 bytes"},          {1, "1 byte"},
+                       {1023, "1023 bytes"},    {1024, "1 KiB"},
+                       {31232, "30.5 KiB"},     {1u << 20, "1 MiB"},
+                       {UINT32_MAX, "4.0 GiB"}, {uint64_t{2048} << 30, "2048 GiB"}};
+    for (const auto& row : sizes)
+        EXPECT_EQ(people_size(row.bytes), row.text);
+    struct {
+        KernelTime micros;
+        const char *span, *stamp;
+    } const times[] = {{0, "0 ms", "0.000000"},
+                       {999'999, "999 ms", "0.999999"},
+                       {14'000'000, "14 s", "14.000000"},
+                       {34'400'001, "34.4 s", "34.400001"},
+                       {125'000'000, "2 min 5 s", "125.000000"},
+                       {3'660'000'000, "1 h 1 min", "3660.000000"}};
+    for (const auto& row : times) {
+        EXPECT_EQ(people_span(row.micros), row.span);
+        EXPECT_EQ(people_stamp(row.micros), row.stamp);
+    }
+    for (const char* time :
+         {"2020-02-30", "2020-1-1", "2020-10-01 24:00", "2020-10-01 12", "12:31"})
+        EXPECT_FALSE(parse_time(time)) << time;
+    EXPECT_EQ(parse_time("2020-10-01T12:31"), *parse_time("2020-10-01") + 751 * 60);
+}
+
 TEST(ForeignText, IsEscapedBeforeItReachesATerminal) {
     EXPECT_EQ(printable("a\033[31mb\r\n\x9b\x7f"), "a\\x1b[31mb\\x0d\\x0a\\x9b\\x7f");
     EXPECT_EQ(printable("caf\xc3\xa9 \xe2\x82\xac"), "caf\xc3\xa9 \xe2\x82\xac");

@@ -104,6 +104,7 @@ expect 0 out:lost "$report" --picture demo.svg demo
 python3 -c 'import xml.dom.minidom as dom; dom.parse("demo.svg")' || fail "the picture is no XML"
 expect 1 out:lost "$report" --picture hostile.svg hostile
 grep -qE '<(script|a|image|foreignObject)|href|onload' demo.svg hostile.svg && fail "a picture with a script or a link"
+# shellcheck disable=SC2016
 expect 2 'cannot write the report' sh -c 'exec "$0" demo >/dev/full' "$report"
 "$report" --timeline demo 2>err | head -n 1 >out
 [[ ! -s err ]] || fail "a closed pipe is an error: $(cat err)"

@@ -64,12 +64,12 @@ Files whole_crash() {
             {kAfter, kernel_log(kCrashLines)}};
 }
 
-Report report_of(const Files& files) {
+Report report_of(const Files& files, Depth depth = Depth::kWhole) {
     const TemporaryDirectory directory;
     for (const auto& [name, content] : files)
         directory.write(name, content);
     Evidence evidence(directory.path().string());
-    return examine(evidence);
+    return examine(evidence, depth);
 }
 
 const Verdict& verdict_of(const Report& report, const std::string& name) {
@@ -111,6 +111,8 @@ TEST(Verdicts, OneThingWrongAtATime) {
              false, "1 byte behind its end are of an older file"},
             {"no dump", kDump, "", State::kEmpty, true, "2.9 KiB missing, in step 1, frame 1 of 2"},
             {"region cut", kVss, std::string(40, 'v'), State::kShort, true, "60 bytes missing"},
+            {"sentence with the end of an older one", kInfo, std::string(kSentence) + "xyz",
+             State::kStaleTail, false, "3 bytes behind its end are of an older file"},
             {"sentence cut", kInfo, ": CP Crash by CP - UM", State::kShort, true,
              "9 bytes missing"},
             {"another sentence", kInfo, ": CP Crash by RIL - x", State::kUnverified, false,
@@ -132,6 +134,148 @@ TEST(Verdicts, OneThingWrongAtATime) {
         EXPECT_EQ(verdict.lost, row.lost) << row.what;
         EXPECT_EQ(verdict.why, row.why) << row.what;
     }
+}
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    const size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return text.replace(at, from.size(), to);
+}
+
+// A crash whose lines are others, in the crash text log as in the kernel's.
+Files crash_of(const std::string& lines) {
+    Files files = whole_crash();
+    files[kLog] = lines;
+    files[kAfter] = kernel_log(lines);
+    return files;
+}
+
+TEST(Verdicts, LinesThatTellOfLess) {
+    const std::string complete =
+            kCrashLines.substr(kCrashLines.find("std_ul_recv_data: [step 1] s"));
+    const std::string stopped =
+            replaced(kCrashLines, complete,
+                     "std_ul_recv_data: ERR! [step 1] std_ul_rx_frame fail (ret -5)\n"
+                     "dump: ERR! std_dump_receive_cp_dump fail\n");
+    const std::string no_region = replaced(
+            kCrashLines,
+            "/data/vendor/log/rvd/cpcrash_vss_dump_umts_20201001-1232.log Complete! (100 bytes)",
+            "ERR! std_ul_rx_frame fail (ret -5)");
+    const std::string empty_region =
+            replaced(replaced(kCrashLines, "size:100", "size:0"), "(100 bytes)", "(0 bytes)");
+    struct {
+        const char* what;
+        std::string lines;
+        const char* name;
+        size_t size;
+        State state;
+        bool lost;
+        const char* why;
+    } const rows[] = {
+            {"dump that stopped", stopped, kDump, 2048, State::kShort, true,
+             "952 bytes missing, stopped in step 1, frame 2 of 2"},
+            {"dump that stopped at once", stopped, kDump, 0, State::kEmpty, true,
+             "the dump stopped before its first frame"},
+            {"dump that stopped, of the announced length", stopped, kDump, 3000, State::kShort,
+             true, "stopped in step 1, frame 2 of 2"},
+            {"region that stopped", no_region, kVss, 40, State::kShort, true,
+             "60 bytes missing, \"get_log_dump: ERR! std_ul_rx_frame fail (ret -5)\""},
+            {"region that stopped, of the announced length", no_region, kVss, 100, State::kShort,
+             true, "not said to be complete"},
+            {"region announced as empty", empty_region, kVss, 0, State::kEmpty, false,
+             "the driver announced 0 bytes"},
+            {"no sentence", kCrashLines, kInfo, 0, State::kEmpty, true,
+             "the driver gave no reason"},
+    };
+    for (const auto& row : rows) {
+        Files files = crash_of(row.lines);
+        files[row.name] = std::string(row.size, 'x');
+        const Report report = report_of(files);
+        const Verdict& verdict = verdict_of(report, row.name);
+        EXPECT_EQ(verdict.state, row.state) << row.what;
+        EXPECT_EQ(verdict.lost, row.lost) << row.what;
+        EXPECT_EQ(verdict.why, row.why) << row.what;
+        EXPECT_EQ(report_of(files, Depth::kList).anything_lost(), report.anything_lost())
+                << row.what;
+    }
+    EXPECT_EQ(report_of(crash_of(stopped)).incidents.at(0).stopped,
+              "std_ul_recv_data: ERR! [step 1] std_ul_rx_frame fail (ret -5), then dump: ERR! "
+              "std_dump_receive_cp_dump fail");
+}
+
+TEST(Verdicts, WithoutAKernelLogTheCrashLogSpeaksForItself) {
+    Files files = whole_crash();
+    files.erase(kAfter);
+    files[kLog] += "std_dump_rec";
+    const Report report = report_of(files);
+    EXPECT_EQ(verdict_of(report, kLog).why, "it ends within a line");
+    EXPECT_EQ(verdict_of(report, kVss).state, State::kComplete);
+    EXPECT_EQ(verdict_of(report, kDump).state, State::kComplete);
+    EXPECT_EQ(verdict_of(report, kInfo).why, "no kernel log has the sentence");
+    EXPECT_EQ(report.incidents.at(0).daemon_version, "RVD-V3-20200928R1");
+}
+
+TEST(Verdicts, OfSilentResetRecords) {
+    const std::string record =
+            "[2020-10-01 12:31:50]\n"
+            "0000:00000000 00000000 00000000 00000000 ................\n"
+            "0010:564a227b 7d225245 00000000 00000000 {\"JVER\"}........\n\n";
+    struct {
+        const char *what, *name;
+        std::string content;
+        State state;
+        bool lost;
+    } const rows[] = {
+            {"as long as its lines say", "sr_info_umts", record + record, State::kComplete, false},
+            {"a record is gone", "sr_info_umts", record, State::kShort, true},
+            {"cut in a record", "sr_info_umts", record + record.substr(0, 60), State::kShort, true},
+            {"a record has come since", "sr_info_umts", record + record + record,
+             State::kUnverified, false},
+            {"no record yet", "sr_info_umts", "", State::kUnverified, false},
+            {"put aside too early", ".sr_info_umts.bak", record, State::kShort, true},
+            {"waiting", "err/last_sr_info_umts", "{\"JVER\"}", State::kComplete, false},
+            {"waiting, cut", "err/last_sr_info_umts", "{\"JVER\"", State::kShort, true},
+            {"waiting, with more behind it", "err/last_sr_info_umts", "{}x", State::kStaleTail,
+             false},
+            {"waiting, empty", "err/last_sr_info_umts", "", State::kEmpty, true},
+    };
+    for (const auto& row : rows) {
+        Files files = whole_crash();
+        files[row.name] = row.content;
+        files["android.log"] =
+                "D/boot: rvd: open_srinfo_file: srinfo log size : " +
+                std::to_string(record.size()) +
+                "\nD/boot: rvd: write_srinfo_file: store to hex ascii text size=(24)\n";
+        const Report report = report_of(files);
+        for (const JudgedFile& file : report.others) {
+            if (file.file.path != row.name) continue;
+            EXPECT_EQ(file.verdict.state, row.state) << row.what << ": " << file.verdict.why;
+            EXPECT_EQ(file.verdict.lost, row.lost) << row.what;
+        }
+        EXPECT_EQ(report.others.size(), 2u);
+        // A record is its crash's where it came during it.
+        const bool records = *row.name == 's' && !row.content.empty();
+        EXPECT_EQ(report.incidents.at(0).records.empty(), !records && *row.name != '.') << row.what;
+    }
+}
+
+uint64_t bytes_read() {
+    const std::string io = read_whole("/proc/self/io");
+    return std::stoull(io.substr(io.find("rchar: ") + 7));
+}
+
+TEST(Verdicts, ADumpIsJudgedWithoutBeingRead) {
+    constexpr char kMost[] = "saved = 4294967295";
+    const TemporaryDirectory directory;
+    for (const auto& [name, content] : crash_of(replaced(kCrashLines, "saved = 3000", kMost)))
+        directory.write(name, content);
+    std::filesystem::resize_file(directory.path() / kDump, UINT32_MAX);
+    const uint64_t before = bytes_read();
+    Evidence evidence(directory.path().string());
+    const Report report = examine(evidence);
+    EXPECT_LT(bytes_read() - before, 1u << 20);
+    EXPECT_EQ(verdict_of(report, kDump).state, State::kComplete);
+    EXPECT_EQ(verdict_of(report, kDump).expected, UINT32_MAX);
 }
 
 TEST(Verdicts, EachFileThatIsGoneIsMissed) {
