@@ -137,6 +137,84 @@ if unshare -Ur true 2>/dev/null; then
         'mount -t tmpfs -o size=20m tmpfs tmp && exec "$0" demo --root tmp/phone' "$lab"
 fi
 
+# Every check of a run fails where it should: by cases that expect otherwise, and by a daemon that
+# leaks a descriptor.
+cat >wrong.toml <<'TOML'
+[[case]]
+name = "expects otherwise"
+expect.log = ["no such line"]
+expect.no_log = ["main: *"]
+expect.requests = ["POWER_OFF"]
+expect.no_requests = ["POWER_ON"]
+expect.story = ["9 s POWER_ON"]
+expect.whole_story = true
+expect.times = { "main: Call boot start" = 7 }
+expect.properties = { "vendor.rvd.boot_done" = "5" }
+expect.end = "parked"
+expect.lasts = "3 s"
+expect.absent = ["/sys/power/wake_un*"]
+expect.files = [{ path = "x*", number = 2 },
+    { path = "/sys/power/wake_lock", size = 1, mode = "0600", text = "a*", equals = "erased" },
+    { path = "/mnt/vendor/efs/nv_data.bin", equals = "dump" }]
+fault = [{ call = "open", path = "/none", error = "EIO" }]
+loader = [{ at = "9.9", silent = true }]
+driver.answer = [{ request = "POWER_OFF", result = 1 }]
+timeline = [{ line = "never", state = 1 }]
+
+[[case]]
+name = "expects no error"
+firmware.table = "BOOT MAIN"
+limit = "500 ms"
+expect.end = "limit"
+expect.times = { "boot: ERR!*" = 1 }
+TOML
+printf '[[case]]\nname = "leaks"\nexpect.end = "exit 0"\n' >leaks.toml
+cat >leaky <<'PYTHON'
+#!/usr/bin/python3
+import fcntl, os, time
+os.open("/dev/kmsg", os.O_WRONLY)
+os.open("/data/left", os.O_CREAT)
+boot = os.open("/dev/umts_boot0", os.O_RDWR)
+fcntl.ioctl(boot, 0x6F19)  # POWER_ON
+os.close(boot)
+time.sleep(1)
+os.write(1, b"a runtime error: of a sanitizer\n")
+PYTHON
+chmod +x leaky
+{
+    "$lab" run --jobs 1 wrong.toml
+    "$lab" run --daemon leaky leaks.toml
+} | sed -n 's/^  FAIL: [0-9.]* s: //p' >out
+cat >wanted <<'END'
+the run ended before the timeline did
+the fault in open /none never triggered
+the answer to POWER_OFF was never given
+the loader's deviation at 9.9 never triggered
+no line "no such line" after the start
+unexpected line "main: *"
+no request "POWER_OFF" after the start
+unexpected request "POWER_ON"
+no fact "9 s POWER_ON" after the start
+109 lines and requests, not 1
+expected 7 times, found 1: main: Call boot start
+expected 2 files, found 0: /data/vendor/log/rvd/x*
+/sys/power/wake_lock has 5 bytes, not 1
+/sys/power/wake_lock has mode 0644, not 0600
+/sys/power/wake_lock doesn't read "a*"
+/sys/power/wake_lock differs from what the modem sent (erased)
+/mnt/vendor/efs/nv_data.bin differs from what the modem sent (dump)
+/sys/power/wake_unlock exists
+property vendor.rvd.boot_done is "1", not "5"
+the run ended with "waits", not "parked"
+the run lasted 0.000000 s
+unexpected error: prepare_boot_args: ERR! invalid TOC: No TOC
+open changes /data/left
+descriptor 4 is open at power-on: /data/left
+descriptor 4 is left open: /data/left
+a runtime error: of a sanitizer
+END
+diff wanted out || fail "a check holds that should not, or another one fails"
+
 # A brief story, and colours where they are wanted.
 "$lab" demo --brief --color=always >out
 (($(wc -l <out) <= 36)) || fail "the brief story has $(wc -l <out) lines"
