@@ -73,7 +73,7 @@ class Unpacking {
             const uint64_t end = static_cast<uint64_t>(offset) + length;
             count(length);
             if (holds_text(file.name.kind) && end <= kTextLimit) {
-                kept->resize(std::max<size_t>(kept->size(), end));
+                kept->resize(end);
                 std::copy_n(static_cast<const char*>(block), length,
                             kept->data() + static_cast<size_t>(offset));
             }

@@ -90,11 +90,6 @@ void take_failure(const Line& line, KernelLog& log, std::string& cause) {
     log.failed_step = std::string(line.whole);
 }
 
-void take_announcement_line(const Line& line, KernelLog& log) {
-    if (const auto size = unsigned_after(line.message, "dump_size = ")) log.dump_size = *size;
-    if (const auto steps = unsigned_after(line.message, "num_steps = ")) log.dump_steps = *steps;
-}
-
 bool begins_dump(const Line& line, const CrashLog& so_far) {
     return line.tag == "std_dump_write_versions" &&
            (so_far.lines.empty() ||
@@ -107,7 +102,6 @@ void begin_dump(KernelLog& log) {
     log.sentence.clear();
     log.owner.reset();
     log.dump_size.reset();
-    log.dump_steps.reset();
 }
 
 // What was last heard of a boot before a crash.
@@ -179,7 +173,7 @@ KernelLog read_kernel_log(std::string_view text) {
         if (line.tag == "get_log_dump") cause.clear();
         take_failure(line, log, cause);
         if (line.tag == "make_cp_crash_reason") take_reason_line(line, log);
-        if (line.tag == "std_ul_recv_info") take_announcement_line(line, log);
+        if (const auto size = unsigned_after(line.message, "dump_size = ")) log.dump_size = *size;
         if (line.tag == "get_log_dump" && starts_with(line.message, "name:")) {
             const std::string_view name = line.message.substr(5);
             log.regions.emplace_back(name.substr(0, name.find(' ')));

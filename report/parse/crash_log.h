@@ -55,7 +55,7 @@ struct KernelLog {
     CrashLog dump;         // the lines that the crash text log has as well
     std::string sentence;  // ": CP Crash by ..."; empty: not logged
     std::optional<int64_t> owner;
-    std::optional<uint64_t> dump_size, dump_steps;
+    std::optional<uint64_t> dump_size;
     std::vector<std::string> regions;  // asked for, by name
     std::string failure, failed_step;  // what ended the dump, and the step it failed
 };

@@ -1,4 +1,5 @@
 // Names, lines and records, good and bad.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "report/evidence/evidence.h"
@@ -72,6 +73,23 @@ TEST(Lines, AreTheDaemonsFromEverySink) {
         EXPECT_EQ(line->tag, row.tag);
         EXPECT_EQ(line->message, row.message);
     }
+    struct {
+        const char* line;
+        bool fails;
+    } const results[] = {{"(ERR! I/O error) a: x", true},
+                         {"a: ERR! x", true},
+                         {"a: x ERR!", false},
+                         {"(ERR! Success) a: log path (/x) gid(1007) changed(0)", false},
+                         {"(ERR! Success) a: log path (/x) gid(1007) changed(-1)", true}};
+    for (const auto& row : results)
+        EXPECT_EQ(parse_line(Sink::kCrashLog, row.line)->fails(), row.fails) << row.line;
+    // A save ends with a zero byte, another may follow in the same file; a log may have come by
+    // mail.
+    std::string seen;
+    each_line(Sink::kKernel,
+              std::string("[1.000000] lnkm: rvd: a: x\n\0[2.000000] lnkm: rvd: b: y\r\n", 56),
+              [&](const Line& line) { seen += std::string(line.whole) + ';'; });
+    EXPECT_EQ(seen, "a: x;b: y;");
     EXPECT_FALSE(parse_line(Sink::kKernel, "<6>[1.000000] lnkm: modem is up"));
     EXPECT_FALSE(parse_line(Sink::kAndroid, "D/boot: something: else"));
     EXPECT_FALSE(parse_line(Sink::kCrashLog, "a sentence with: a colon"));
@@ -118,6 +136,19 @@ TEST(RecordLog, DamageIsNamedWithItsOffset) {
         EXPECT_EQ(read_records(text.replace(row.at, row.cut.size(), row.in_place)).damage,
                   row.damage);
     }
+}
+
+TEST(RecordLog, ShowsBytesAsTheDaemonDoesAndEndsSomewhere) {
+    const std::string header = "[2020-10-01 12:31:06]\n";
+    EXPECT_EQ(
+            read_records(header + "0000:7e7d2221 20414243 00000000 ff800000 .\"}.CBA.........\n\n")
+                    .damage,
+            "");
+    std::string rows;
+    for (int at = 0; at <= 4096; at += 16)
+        rows += fmt::format("{:04x}:00000000 00000000 00000000 00000000 ................\n", at);
+    EXPECT_EQ(read_records(header + rows + "\n").damage,
+              "more rows than a record has at offset 14870");
 }
 
 TEST(People, ReadSizesAndTimes) {

@@ -45,6 +45,10 @@ TEST(Messages, AWordIsAnsweredUnlessALineSaysOtherwise) {
                     "daemon > loader: 0x900D: DONE of stage 0, asked",
                     "! loader > daemon: 0xA00C: CRC of stage 0, answered instead of DONE of stage "
                     "0, answered"}));
+    EXPECT_EQ(shown(said({"std_udl_req_resp: request:0x00009D00", "boot: x"})).back(),
+              "loader > daemon: 0xAD00: START of stage 13 (dump), answered");
+    EXPECT_EQ(shown(said({"_save_logs: /data/vendor/log/rvd/rvd_only_umts.log"})),
+              (std::vector<std::string>{"daemon > phone: rvd_only_umts.log"}));
     // A step of the dump is answered with frames, not with a word.
     EXPECT_EQ(shown(said({"std_udl_req_resp: request:0x00009D01",
                           "std_udl_poll: ERR! poll fail (events 0x1, TIMEOUT)"})),
@@ -64,6 +68,21 @@ TEST(Pictures, ForeignTextIsEscaped) {
               std::string::npos);
     for (const char c : svg)
         EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= 0x20);
+}
+
+TEST(Pictures, ATimeStandsOnceAndANoteWhereThereIsRoom) {
+    Message note;
+    note.at = 1'500'000;
+    note.from = note.to = Actor::kPhone;
+    note.text = "left";
+    Message other = note;
+    other.from = other.to = Actor::kLoader;
+    other.text = "right";
+    const std::string svg = picture("", {note, other});
+    EXPECT_NE(svg.find("text-anchor=\"start\">left<"), std::string::npos);
+    EXPECT_NE(svg.find("x=\"1130\" y=\"124\" text-anchor=\"end\">right<"), std::string::npos);
+    EXPECT_NE(svg.find("1.500000"), std::string::npos);
+    EXPECT_EQ(svg.find("1.500000"), svg.rfind("1.500000"));
 }
 
 TEST(Pictures, EndSomewhere) {

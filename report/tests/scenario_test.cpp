@@ -89,8 +89,8 @@ TEST(Scenario, SaysWhatLinesTell) {
              "loader = [{ at = \"0xA00D\", silent = true, after"},
             {"a request that the driver refused, the second time it said so",
              {"boot: x", "main: y", "boot: x",
-              "(ERR! Input/output error) a: ERR! IOCTL_POWER_ON fail (-1)"},
-             "answer = [{ request = \"POWER_ON\", result = -5, after = \"boot: x*\", said = 2 }]"},
+              "(ERR! No such device) a: ERR! IOCTL_POWER_ON fail (-1)"},
+             "answer = [{ request = \"POWER_ON\", result = -19, after = \"boot: x*\", said = 2 }]"},
             {"a call that failed",
              {"main: x", "(ERR! No space left on device) write_srinfo_file: write fail"},
              "fault = [{ call = \"write\", path = \"*/sr_info_*\", error = \"ENOSPC\", after = "

@@ -30,18 +30,37 @@ TEST(Merging, SavesThatOverlapAndLogsWithoutTimesGiveOneOrder) {
     const TemporaryDirectory directory;
     directory.write("cp_boot_umts_202010011230_10.log",
                     kernel_lines({{1, "main: a"}, {10, "main: b"}, {10, "main: b"}}));
-    directory.write(
-            "cp_boot_done_umts_202010011230_20.log",
-            kernel_lines({{10, "main: b"}, {10, "main: b"}, {20, "main: c"}, {20, "main: e"}}));
+    directory.write("cp_boot_done_umts_202010011230_20.log", kernel_lines({{10, "main: b"},
+                                                                           {10, "main: b"},
+                                                                           {10, "main: -"},
+                                                                           {20, "main: c"},
+                                                                           {20, "main: e"}}));
     // The kernel has started anew.
     directory.write("cp_boot_umts_202010011240_01.log", kernel_lines({{1, "main: f"}}));
+    EXPECT_EQ(merged(directory),
+              (std::vector<std::string>{"main: a", "main: b", "main: b", "main: -", "main: c",
+                                        "main: e", "* main: f"}));
     directory.write("android.log",
                     "D/boot: rvd: main: a\nD/boot: rvd: main: b\nD/boot: rvd: main: b\n"
-                    "D/boot: rvd: main: c\nD/boot: rvd: main: d\nD/boot: rvd: main: e\n"
+                    "D/boot: rvd: main: -\nD/boot: rvd: main: c\nD/boot: rvd: main: d\nD/boot: "
+                    "rvd: main: e\n"
                     "D/boot: rvd: main: f\nD/boot: rvd: main: g\n");
     EXPECT_EQ(merged(directory),
-              (std::vector<std::string>{"main: a", "main: b", "main: b", "main: c", "main: d",
-                                        "main: e", "* main: f", "main: g"}));
+              (std::vector<std::string>{"main: a", "main: b", "main: b", "main: -", "main: c",
+                                        "main: d", "main: e", "* main: f", "main: g"}));
+}
+
+TEST(Merging, ALineThatStandsFurtherOnAsWellIsNotTakenForIt) {
+    const TemporaryDirectory directory;
+    directory.write("cp_boot_umts_202010011230_10.log",
+                    kernel_lines({{1, "main: a"}, {2, "main: c"}, {10, "main: b"}}));
+    directory.write("android.log",
+                    "D/boot: rvd: main: a\nD/boot: rvd: main: b\nD/boot: rvd: main: c\n"
+                    "D/boot: rvd: main: b\n");
+    // Said by the crash before as well.
+    directory.write("cpcrash_umts_log_20201001-1231.log", "main: c\n");
+    EXPECT_EQ(merged(directory),
+              (std::vector<std::string>{"main: a", "main: b", "main: c", "main: b", "main: c"}));
 }
 
 std::vector<Event> events_of(std::initializer_list<std::pair<int, const char*>> lines) {
@@ -60,6 +79,9 @@ TEST(Telling, CountsRepetitionsAndSaysSilences) {
         std::vector<std::string> told;
     } const rows[] = {
             {events_of({{0, "a"}, {9, "b"}, {39, "c"}}), {"a", "b", "30 s of silence", "c"}},
+            {events_of({{0, "a"}, {10, "b"}}), {"a", "10 s of silence", "b"}},
+            {events_of({{0, "x"}, {0, "x"}, {0, "x"}, {0, "x"}, {0, "x"}, {0, "x"}}),
+             {"x", "the line before 5 times more"}},
             {events_of({{0, "main: Call boot start"},
                         {0, "main: start boot fail"},
                         {1, "main: Call boot start"},

@@ -4,6 +4,7 @@
 #include <map>
 
 #include "report/incident/incident.h"
+#include "report/print/json.h"
 #include "report/tests/support.h"
 
 namespace rvd::report {
@@ -44,8 +45,11 @@ std::string kernel_log(const std::string& crash_lines) {
             "<6>[   20.000000] lnkm: rvd: main: Boot up process done!!!\n"
             "<6>[   77.000000] lnkm: rvd: status_loop: CP status CRASH\n";
     std::istringstream lines(crash_lines);
-    for (std::string line; std::getline(lines, line);)
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("get_log_dump: size:") == 0)
+            text += "<6>[   78.000000] lnkm: rvd: get_log_dump: name:vss (1)\n";
         text += "<6>[   78.000000] lnkm: rvd: " + line + "\n";
+    }
     text += "<6>[   79.000000] lnkm: rvd: make_cp_crash_reason: reason owner:0\n"
             "<6>[   79.000000] lnkm: rvd: make_cp_crash_reason: CP CRASH" +
             std::string(kSentence) +
@@ -203,6 +207,31 @@ TEST(Verdicts, LinesThatTellOfLess) {
               "std_dump_receive_cp_dump fail");
 }
 
+TEST(Json, HasWhatTheReportHas) {
+    Files files = whole_crash();
+    files[kVss] = "v";
+    const std::string text = json(report_of(files), {}, {});
+    for (const char* part :
+         {"\"schema\": 1,", "\"anything_lost\": true,", "\"kind\": \"crash\",",
+          "\"modem\": \"umts\",", "\"type\": \"tq720\",", "\"time\": \"2020-10-01 12:31:17\",",
+          "\"time_to_the_minute\": false,", "\"kernel_time\": 77.0,", "\"since_modem_boot\": 57.0,",
+          "\"failed_boot_step\": null,", "\"dump_tried_again\": false,", "\"who\": \"CP\",",
+          "\"owner\": 0,", "\"reason\": \"UMTS: abort\",", "\"driver_version\": \"lnkm 4.19\",",
+          "\"daemon_version\": \"RVD-V3-20200928R1\",", "\"dump_stopped\": null,",
+          "\"region\": \"vss\",\n          \"size\": 1,\n          \"expected_size\": 100,\n"
+          "          \"verdict\": \"short\",\n          \"why\": \"99 bytes missing\","})
+        EXPECT_NE(text.find(part), std::string::npos) << part << text;
+}
+
+TEST(Verdicts, TheLastTryOfAMinuteCounts) {
+    Files files = whole_crash();
+    files["cpcrash_umts_dump_fail_202010011231_40.log"] = kernel_log(
+            "std_dump_write_versions: LNKM version: x\ndump: ERR! ostra_dump_boot fail\n");
+    const Report report = report_of(files);
+    EXPECT_EQ(report.incidents.at(0).stopped, "");
+    EXPECT_EQ(verdict_of(report, kLog).state, State::kComplete);
+}
+
 TEST(Verdicts, WithoutAKernelLogTheCrashLogSpeaksForItself) {
     Files files = whole_crash();
     files.erase(kAfter);
@@ -213,6 +242,23 @@ TEST(Verdicts, WithoutAKernelLogTheCrashLogSpeaksForItself) {
     EXPECT_EQ(verdict_of(report, kDump).state, State::kComplete);
     EXPECT_EQ(verdict_of(report, kInfo).why, "no kernel log has the sentence");
     EXPECT_EQ(report.incidents.at(0).daemon_version, "RVD-V3-20200928R1");
+
+    // A region that fails is left, so it is not what stopped the dump.
+    files[kLog] = kCrashLines.substr(0, kCrashLines.find("std_ul_recv_info")) +
+                  "std_ul_rx_frame: ERR! DUMP std_udl_poll fail\ndump: ERR! ostra_dump_boot fail\n";
+    EXPECT_EQ(report_of(files).incidents.at(0).stopped, "dump: ERR! ostra_dump_boot fail");
+}
+
+TEST(Verdicts, ACrashInTheBootIsNotAfterIt) {
+    Files files = whole_crash();
+    files[kBefore] = replaced(kernel_log(""), "status_loop: CP status CRASH\n",
+                              "main: Call boot start\n"
+                              "<6>[   76.000000] lnkm: rvd: boot: ERR! Handshake fail\n"
+                              "<6>[   77.000000] lnkm: rvd: main: CP Crash when CP booting..\n");
+    const Report report = report_of(files);
+    EXPECT_EQ(report.incidents.at(0).boot_step, "ERR! Handshake fail");
+    EXPECT_EQ(report.incidents.at(0).since_boot, kNoTime);
+    EXPECT_EQ(report.incidents.at(0).kernel_time, 77'000'000);
 }
 
 TEST(Verdicts, OfSilentResetRecords) {
@@ -225,8 +271,10 @@ TEST(Verdicts, OfSilentResetRecords) {
         std::string content;
         State state;
         bool lost;
+        size_t logged = 139;  // as long as the log was before the last record
     } const rows[] = {
             {"as long as its lines say", "sr_info_umts", record + record, State::kComplete, false},
+            {"begun anew", "sr_info_umts", record, State::kComplete, false, 65537},
             {"a record is gone", "sr_info_umts", record, State::kShort, true},
             {"cut in a record", "sr_info_umts", record + record.substr(0, 60), State::kShort, true},
             {"a record has come since", "sr_info_umts", record + record + record,
@@ -243,8 +291,7 @@ TEST(Verdicts, OfSilentResetRecords) {
         Files files = whole_crash();
         files[row.name] = row.content;
         files["android.log"] =
-                "D/boot: rvd: open_srinfo_file: srinfo log size : " +
-                std::to_string(record.size()) +
+                "D/boot: rvd: open_srinfo_file: srinfo log size : " + std::to_string(row.logged) +
                 "\nD/boot: rvd: write_srinfo_file: store to hex ascii text size=(24)\n";
         const Report report = report_of(files);
         for (const JudgedFile& file : report.others) {
@@ -253,9 +300,23 @@ TEST(Verdicts, OfSilentResetRecords) {
             EXPECT_EQ(file.verdict.lost, row.lost) << row.what;
         }
         EXPECT_EQ(report.others.size(), 2u);
-        // A record is its crash's where it came during it.
+        // A record is its crash's where it came during it, and the modem's.
         const bool records = *row.name == 's' && !row.content.empty();
         EXPECT_EQ(report.incidents.at(0).records.empty(), !records && *row.name != '.') << row.what;
+    }
+}
+
+TEST(Verdicts, ARecordBelongsToTheCrashOfItsModemAndTime) {
+    for (const char* time : {"12:30:00", "12:31:50", "12:34:02", "12:34:03"}) {
+        for (const char* name : {"sr_info_umts", "sr_info_nr"}) {
+            Files files = whole_crash();
+            files[name] = std::string("[2020-10-01 ") + time +
+                          "]\n0000:00000000 00000000 00000000 00000000 ................\n\n";
+            const bool during = time == std::string("12:31:50") || time == std::string("12:34:02");
+            EXPECT_EQ(report_of(files).incidents.at(0).records.size(),
+                      during && name == std::string("sr_info_umts") ? 1u : 0u)
+                    << time << ' ' << name;
+        }
     }
 }
 
@@ -305,6 +366,7 @@ TEST(Verdicts, ALinkIsNotFollowedAndAnUnknownNameIsNamed) {
     Evidence evidence(directory.path().string());
     const Report report = examine(evidence);
     EXPECT_EQ(verdict_of(report, kInfo).state, State::kUnreadable);
+    EXPECT_EQ(verdict_of(report, kInfo).why, "a link, which is not followed");
     EXPECT_EQ(report.incidents.at(0).sentence, kSentence);
     ASSERT_EQ(report.others.size(), 1u);
     EXPECT_EQ(report.others[0].verdict.state, State::kUnknownName);
