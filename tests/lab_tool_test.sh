@@ -155,7 +155,8 @@ expect.lasts = "3 s"
 expect.absent = ["/sys/power/wake_un*"]
 expect.files = [{ path = "x*", number = 2 },
     { path = "/sys/power/wake_lock", size = 1, mode = "0600", text = "a*", equals = "erased" },
-    { path = "/mnt/vendor/efs/nv_data.bin", equals = "dump" }]
+    { path = "/mnt/vendor/efs/nv_data.bin", size = 65536, equals = "dump" },
+    { path = "/run/rvd/output", equals = "vss" }]
 fault = [{ call = "open", path = "/none", error = "EIO" }]
 loader = [{ at = "9.9", silent = true }]
 driver.answer = [{ request = "POWER_OFF", result = 1 }]
@@ -203,6 +204,7 @@ expected 2 files, found 0: /data/vendor/log/rvd/x*
 /sys/power/wake_lock doesn't read "a*"
 /sys/power/wake_lock differs from what the modem sent (erased)
 /mnt/vendor/efs/nv_data.bin differs from what the modem sent (dump)
+/run/rvd/output differs from what the modem sent (vss)
 /sys/power/wake_unlock exists
 property vendor.rvd.boot_done is "1", not "5"
 the run ended with "waits", not "parked"

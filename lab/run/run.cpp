@@ -6,11 +6,13 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <set>
 
 #include "lab/device/notebook.h"
 #include "lab/phone/phone.h"
 #include "lab/run/checks.h"
-#include "lab/run/summary.h"
+
+namespace fs = std::filesystem;
 
 namespace rvd::lab {
 
@@ -32,6 +34,36 @@ Scenario on_real_kernel(Scenario scenario, bool is_phone) {
     auto& requests = expect.requests;
     requests.erase(std::remove_if(requests.begin(), requests.end(), to_kernel), requests.end());
     return scenario;
+}
+
+// A line for each file in the log directory with its size.
+std::set<std::string> saved_files(const fs::path& directory) {
+    std::set<std::string> lines;
+    std::error_code none;
+    for (const auto& entry : fs::recursive_directory_iterator(directory, none)) {
+        if (entry.is_regular_file())
+            lines.insert(fmt::format("  {:<50} {:>12}\n",
+                                     entry.path().lexically_relative(directory).string(),
+                                     human_size(entry.file_size())));
+    }
+    return lines;
+}
+
+void print_summary(const Phone& phone, const Story& story, const Conduct& conduct, bool brief) {
+    fmt::print("\nThe run ended with \"{}\" after {:.3f} s of the phone's time.\n", conduct.end,
+               seconds(conduct.lasted));
+    const auto files = saved_files(phone.path(kLogDirectory));
+    if (brief) {
+        fmt::print("It saved {} files; without --brief they are listed.\n", files.size());
+    } else {
+        fmt::print("\n{}\nFiles in {}\n{}", story.transfer_summary(), kLogDirectory,
+                   fmt::join(files, ""));
+    }
+    const std::string& reason = story.crash_sentence;
+    if (!reason.empty())
+        fmt::print("\nThe reason of the kernel panic\n  {}\n",
+                   reason.substr(std::min(reason.find_first_not_of(": "), reason.size())));
+    fmt::print("\n");
 }
 
 // One run; play() is its order.
@@ -71,7 +103,7 @@ class Run {
     // Returns whether the run continues after the machine went down.
     bool prepare_phone() {
         const bool resumed = !options_.notebook.empty() && notes_.take(options_.notebook);
-        std::filesystem::path binary = options_.daemon;
+        fs::path binary = options_.daemon;
         if (!scenario_.program.empty()) binary.replace_filename(scenario_.program);
         phone_.build(binary, resumed);
         return resumed;

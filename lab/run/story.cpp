@@ -15,11 +15,7 @@ constexpr uint64_t kLongTransfer = 16 << 20;
 }  // namespace
 
 Story::Story(FILE* out, const Look& look, Time start)
-    : out_(out), printer_(out, look, start), start_(start), now_(start) {}
-
-void Story::begin(const std::string& about) {
-    if (out_ != nullptr) printer_.begin(about);
-}
+    : printer_(out, look, start), start_(start), now_(start) {}
 
 void Story::recall(std::vector<std::string> log, std::vector<std::string> requests,
                    std::vector<std::string> violations) {
@@ -39,7 +35,7 @@ void Story::forget() {
 
 void Story::tell(const char* from, const char* to, const std::string& text) {
     told_.push_back({now_ - start_, from, to, text});
-    if (out_ != nullptr) printer_.line(now_, from, to, text);
+    printer_.line(now_, from, to, text);
 }
 
 void Story::log_line(int level, const std::string& text) {

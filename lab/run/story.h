@@ -21,7 +21,7 @@ class Story {
     Story(FILE* out, const Look& look, Time start);
 
     // The first lines: what the story is about.
-    void begin(const std::string& about);
+    void begin(const std::string& about) { printer_.begin(about); }
 
     void set_time(Time now) { now_ = now; }
 
@@ -97,7 +97,6 @@ class Story {
     void keep_fact(const std::string& text);
     void keep_in_ring(int level, const std::string& text);
 
-    FILE* out_;
     StoryPrinter printer_;
     Time start_, now_;
     std::vector<std::string> log_, requests_, facts_, violations_;

@@ -81,15 +81,16 @@ Look look_for(FILE* out, const std::string& colours) {
 }
 
 void StoryPrinter::begin(const std::string& about) {
+    if (out_ == nullptr) return;
     print("", colour(kBold), about);
     print("", "",
           "A line: seconds on the phone's clock, who (-> to whom), what. daemon: rvd itself; "
-          "driver, "
-          "loader: models of the kernel's modem driver and of the modem's boot loader; phone, "
-          "kernel: what surrounds them.");
+          "driver, loader: models of the kernel's modem driver and of the modem's boot loader; "
+          "phone, kernel: what surrounds them.");
 }
 
 void StoryPrinter::line(Time now, const char* from, const char* to, const std::string& text) {
+    if (out_ == nullptr) return;
     const auto found =
             std::find_if(std::begin(kPatterns), std::end(kPatterns), [&](const Pattern& pattern) {
                 return strcmp(pattern.from, from) == 0 && matches(pattern.text, text);

@@ -27,7 +27,7 @@ bool is_capable_terminal(int fd);
 
 class StoryPrinter {
   public:
-    // Times are printed relative to `start`.
+    // Times are printed relative to `start`. With `out` null nothing is printed.
     StoryPrinter(FILE* out, const Look& look, Time start) : out_(out), look_(look), start_(start) {}
 
     // Prints what the story is about, and a legend of the columns.

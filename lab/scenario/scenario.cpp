@@ -17,7 +17,6 @@ namespace rvd::lab {
 namespace {
 
 constexpr int64_t kLargestFile = 16 << 20;
-constexpr char kLogDirectory[] = "/data/vendor/log/rvd/";
 
 std::vector<std::string> errno_names() {
     std::vector<std::string> names;
@@ -312,10 +311,13 @@ void add_defaults(Scenario& s) {
     int64_t size = 16'000;
     for (const char* name : kRegionNames)
         s.driver.regions.emplace(name, Region{size += 10'000, {}, 4096});
+    const auto complete = [](std::string& path) {
+        if (path[0] != '/') path = fmt::format("{}/{}", kLogDirectory, path);
+    };
     for (FileExpectation& file : s.expect.files)
-        file.path.insert(0, file.path[0] == '/' ? "" : kLogDirectory);
+        complete(file.path);
     for (std::string& path : s.expect.absent)
-        path.insert(0, path[0] == '/' ? "" : kLogDirectory);
+        complete(path);
 }
 
 // Refuses an end that the run cannot reach, and a case without expectations.

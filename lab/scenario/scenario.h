@@ -12,6 +12,8 @@
 
 namespace rvd::lab {
 
+constexpr char kLogDirectory[] = "/data/vendor/log/rvd";
+
 // Selects some of a series of equal things: `count` of them from the nth on (0: all). With `after`
 // the series begins after the `said`th line of the daemon's log that matches.
 struct Turn {
