@@ -27,7 +27,7 @@ constexpr Time kQuiet = 200 * kSecond;
 // Waits are not seen with the real clock; none of the daemon's waits for the modem is longer.
 constexpr Time kRealQuiet = 35 * kSecond;
 
-// After so long without a call, packets of the running thread are read: a node's buffer may be
+// After so long without a call, what the running thread sends is queued: a node's buffer may be
 // full.
 constexpr int kRunnerPatienceMs = 2;
 

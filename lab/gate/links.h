@@ -44,8 +44,7 @@ class Links {
     const Link* at(int daemon_fd) const;
     std::string name_of(int daemon_fd) const;
 
-    // Makes room in the daemon's links, while a thread of it runs; the order of its lines and
-    // packets is not known yet.
+    // Queues what the daemon has logged and sent, so that a thread that runs finds room.
     void receive();
 
     // Delivers the lines that the daemon has logged, then the packets that it has sent.
