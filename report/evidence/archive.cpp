@@ -50,7 +50,7 @@ class Unpacking {
         } else if (archive_entry_filetype(entry) != AE_IFREG) {
             file.trouble = "not a file";
         } else if (file.name.kind != Kind::kUnknown) {
-            read_content(file);
+            read_content(entry, file);
         } else if (archive_entry_size_is_set(entry)) {
             file.size = static_cast<uint64_t>(archive_entry_size(entry));
         }
@@ -58,7 +58,14 @@ class Unpacking {
     }
 
   private:
-    void read_content(File& file) {
+    void read_content(archive_entry* entry, File& file) {
+        // What is not in the archive of a file with holes has no block of its own.
+        if (archive_entry_size_is_set(entry))
+            file.size = static_cast<uint64_t>(archive_entry_size(entry));
+        if (file.size > kFileLimit) {
+            file.trouble = "longer than any file of rvd: not unpacked";
+            return;
+        }
         auto kept = std::make_shared<std::string>();
         const void* block = nullptr;
         size_t length = 0;

@@ -140,7 +140,11 @@ class Course {
             what.update(shutdown_set(device_off_));
             break;
         }
-        happens(behind_state("waits", wait_, at_), what, wait_);
+        // Lines are counted from the event on: copies of the kernel log are saved while it waits.
+        size_t since = wait_;
+        while (since < at_ && events_[since].at < events_[at_].at)
+            since++;
+        happens(behind_state("waits", wait_, at_), what, since);
     }
 
     void shutdown(const Event& event) {

@@ -14,11 +14,17 @@ cases=$2/tests/scenarios
 "$1/rvd-lab" run --quiet --root silent --case 'the modem falls silent in the middle' "$cases/dump_link.toml" >/dev/null || exit 1
 saved=demo/data/vendor/log/rvd
 dump=cpcrash_umts_dump_20201001-1231.log
-mkdir empty cut hostile damaged
+mkdir empty cut hostile damaged holes bomb
 tar czf whole.tar.gz -C "$saved" .
 tar cf half.tar -C "$saved" .
 truncate -s 100K half.tar
 cp -r "$saved"/. cut
+cp -r "$saved"/. holes
+truncate -s 0 "holes/$dump"
+truncate -s 129M "holes/$dump"
+tar cSf holes.tar -C holes .
+truncate -s 5G "bomb/$dump"
+tar cSzf bomb.tar.gz -C bomb .
 truncate -s 100M "cut/$dump"
 printf ': CP Crash by CP - \033]0;x\007\033[2J\342\200\256evil<script>' >hostile/cpcrash_umts_info_tq720_20201001-1231.log
 head -c 300000 /dev/urandom >hostile/cpcrash_umts_log_20201001-1231.log
@@ -79,6 +85,8 @@ done <<'TABLE'
 0|out:^nothing was lost$|whole.zip
 1|out:^lost: cpcrash_umts_dump_20201001-1231.log short$|cut
 1|out:dump_20201001.* short: 29 MiB missing, in step 2, frame 2049 of 16384|cut
+0|out:^nothing was lost$|holes.tar
+1|out:unreadable: longer than any file of rvd|bomb.tar.gz
 1|out:^lost: sr_info_umts unreadable; last_sr_info_umts unreadable$|outside.tar
 1|out:why +.x1b]0;x.x07.x1b.2J.xe2.x80.xaeevil<script>$|hostile
 1|out:"means": "the modem.s boot loader has been silent for 30 s"|--json silent
@@ -100,6 +108,11 @@ done <<'TABLE'
 TABLE
 [[ $(find . -type f | grep -vE '^./(out|err)$' | sort) == "$before" ]] || fail "files were written: $(find . -newer err)"
 
+# Without the Android log too, a scenario leads to the end of the evidence.
+"$report" scenario whole.tar.gz >made.toml
+expect 0 'out:1 passed' "$1/rvd-lab" run made.toml
+"$report" scenario hostile >made.toml
+expect 0 'out:made.toml: 1 case' "$1/rvd-lab" check made.toml
 expect 0 out:lost "$report" --picture demo.svg demo
 python3 -c 'import xml.dom.minidom as dom; dom.parse("demo.svg")' || fail "the picture is no XML"
 expect 1 out:lost "$report" --picture hostile.svg hostile
