@@ -40,30 +40,30 @@ std::optional<Node> node_at(const std::string& path) {
 void Calls::handle(const Call& call) {
     const auto serve = call.shape->serve;
     const bool waits = serve == &Calls::serve_poll || serve == &Calls::serve_sleep;
-    if (!waits && serve != &Calls::serve_clock) clock_.note_activity();
+    if (!waits && serve != &Calls::serve_clock) clock.note_activity();
     if (!apply_fault(call)) (this->*serve)(call);
 }
 
 void Calls::look(const Call& call) {
     if (call.shape->watch == Watch::always) check_path(call, path_of(call));
-    daemon_.proceed(call);
+    daemon.proceed(call);
 }
 
 void Calls::end_thread(const Call& call) {
-    clock_.gone(call.tid());
-    daemon_.proceed(call);
+    clock.gone(call.tid());
+    daemon.proceed(call);
 }
 
 void Calls::serve_sync(const Call& call) {
-    story_.request("kernel", "sync");
-    daemon_.answer(call, 0);
+    story.request("kernel", "sync");
+    daemon.answer(call, 0);
 }
 
 // Answers with a record where an argument points.
 void Calls::answer_with(const Call& call, int argument, const void* record, size_t size,
                         int64_t result) {
     const bool written = call.memory().write(call.argument(argument), record, size);
-    daemon_.answer(call, written ? result : -EFAULT);
+    daemon.answer(call, written ? result : -EFAULT);
 }
 
 // The daemon's own code begins when it opens the kernel log. Calls before that belong to the C
@@ -72,9 +72,9 @@ const Fault* Calls::due_fault(const Call& call) {
     const std::string& family = call.shape->family;
     in_main_ = in_main_ || path_of(call) == "/dev/kmsg";
     const int time = ++times_[family];
-    if (in_main_ && stage_.on_call) stage_.on_call(family, time, path_of(call), fd_of(call));
+    if (in_main_ && stage.on_call) stage.on_call(family, time, path_of(call), fd_of(call));
     const Fault* due = nullptr;
-    for (const Fault& fault : scenario_.faults) {
+    for (const Fault& fault : scenario.faults) {
         if (fault.call != family) continue;
         if (fault.path != "*" && !matches(fault.path, path_of(call))) continue;
         if (!in_main_) {
@@ -89,23 +89,24 @@ const Fault* Calls::due_fault(const Call& call) {
 bool Calls::apply_fault(const Call& call) {
     const Fault* fault = due_fault(call);
     if (fault == nullptr) return false;
-    if (stage_.on_fault) stage_.on_fault(*fault);
-    if (fault->stop == Fault::Stop::before) clock_.hold(call, kNever);
+    if (stage.on_fault) stage.on_fault(*fault);
+    if (fault->stop == Fault::Stop::before) clock.hold(call, kNever);
     if (fault->stop != Fault::Stop::no) return fault->stop == Fault::Stop::before;
     const std::string what = fault->hang_up ? "hang-up" : fault->cut ? "cut short" : fault->error;
-    story_.tell("kernel", "daemon", fmt::format("{} {}: {}", fault->call, path_of(call), what));
-    const Links::Link* link = links_.at(fd_of(call));
+    story.tell("kernel", "daemon", fmt::format("{} {}: {}", fault->call, path_of(call), what));
+    const Links::Link* link = links.at(fd_of(call));
     if (fault->hang_up) {
-        if (link != nullptr) links_.hang_up(*link->node);
+        if (link != nullptr) links.hang_up(*link->node);
         return false;
     }
-    if (call.shape->serve == &Calls::serve_ioctl && link != nullptr) modem_.lost(call.argument(1));
+    if (call.shape->serve == &Calls::serve_ioctl && link != nullptr)
+        stage.modem().lost(call.argument(1));
     if (fault->cut) {
         transfer_part(call, static_cast<size_t>(*fault->cut));
     } else if (call.name() == "brk") {
-        daemon_.answer(call, 0);  // brk() reports no errno
+        daemon.answer(call, 0);  // brk() reports no errno
     } else {
-        daemon_.answer(call, -errno_number(fault->error));
+        daemon.answer(call, -errno_number(fault->error));
     }
     return true;
 }
@@ -116,9 +117,9 @@ void Calls::transfer_part(const Call& call, size_t size) {
     std::vector<char> bytes(std::min<size_t>(size, call.argument(2)));
     const bool reads = call.name() == "read";
     // A packet cut on its way into the link is lost.
-    if (!reads && links_.at(static_cast<int>(call.argument(0))) != nullptr)
-        return daemon_.answer(call, static_cast<int64_t>(bytes.size()));
-    const ScopedFd file(daemon_.duplicate(static_cast<int>(call.argument(0))));
+    if (!reads && links.at(static_cast<int>(call.argument(0))) != nullptr)
+        return daemon.answer(call, static_cast<int64_t>(bytes.size()));
+    const ScopedFd file(daemon.duplicate(static_cast<int>(call.argument(0))));
     ssize_t result = 0;
     if (!bytes.empty() && reads) {
         result = read(file.get(), bytes.data(), bytes.size());
@@ -126,7 +127,7 @@ void Calls::transfer_part(const Call& call, size_t size) {
     } else if (!bytes.empty() && memory.read(call.argument(1), bytes.data(), bytes.size())) {
         result = write(file.get(), bytes.data(), bytes.size());
     }
-    daemon_.answer(call, result < 0 ? -errno : result);
+    daemon.answer(call, result < 0 ? -errno : result);
 }
 
 std::string Calls::path_of(const Call& call) const {
@@ -146,10 +147,10 @@ int Calls::fd_of(const Call& call) const {
 }
 
 std::string Calls::path_of_fd(int fd) const {
-    const std::string name = links_.name_of(fd);
+    const std::string name = links.name_of(fd);
     if (!name.empty()) return name;
     std::error_code none;
-    return phone_.inside(std::filesystem::read_symlink(daemon_.link_of(fd), none));
+    return phone.inside(std::filesystem::read_symlink(daemon.link_of(fd), none));
 }
 
 // The daemon may change files only in these places.
@@ -161,61 +162,61 @@ void Calls::check_path(const Call& call, const std::string& path) {
     const bool own = std::any_of(std::begin(places), std::end(places),
                                  [&](const char* place) { return under(path, place); });
     if (!own && (coverage == nullptr || !under(path, coverage)))
-        story_.violation(call.shape->family + " changes " + path);
+        story.violation(call.shape->family + " changes " + path);
 }
 
 void Calls::serve_open(const Call& call) {
     const std::string path = path_of(call);
-    const auto& missing = scenario_.missing;
+    const auto& missing = scenario.missing;
     if (std::find(missing.begin(), missing.end(), path) != missing.end())
-        return daemon_.proceed(call);
+        return daemon.proceed(call);
     const auto node = node_at(path);
-    if (node) return stage_.check_opens(*node, links_.open(call, node));
-    if (path == "/dev/kmsg") return void(links_.open(call, {}));
+    if (node) return stage.check_opens(*node, links.open(call, node));
+    if (path == "/dev/kmsg") return void(links.open(call, {}));
     const uint64_t flags = call.argument(call.shape->path + 1);
     if ((flags & (O_WRONLY | O_RDWR | O_CREAT)) != 0) check_path(call, path);
-    daemon_.proceed(call);
+    daemon.proceed(call);
 }
 
 void Calls::serve_ioctl(const Call& call) {
-    const Links::Link* link = links_.at(static_cast<int>(call.argument(0)));
-    if (link == nullptr) return daemon_.proceed(call);
+    const Links::Link* link = links.at(static_cast<int>(call.argument(0)));
+    if (link == nullptr) return daemon.proceed(call);
     served_ = &call;
     const int64_t result =
-            modem_.request(*link->node, call.argument(1), call.argument(2), call.memory());
+            stage.modem().request(*link->node, call.argument(1), call.argument(2), call.memory());
     served_ = nullptr;
-    if (device_gone_) return clock_.hold(call, kNever);
-    daemon_.answer(call, result);
+    if (device_gone_) return clock.hold(call, kNever);
+    daemon.answer(call, result);
 }
 
 void Calls::serve_syslog(const Call& call) {
     const int action = static_cast<int>(call.argument(0));
-    if (action == kRingSize) return daemon_.answer(call, 1 << 20);
+    if (action == kRingSize) return daemon.answer(call, 1 << 20);
     if (action != kRingReadAll) {
-        story_.violation(fmt::format("kernel log action {}", action));
-        return daemon_.answer(call, -EINVAL);
+        story.violation(fmt::format("kernel log action {}", action));
+        return daemon.answer(call, -EINVAL);
     }
-    std::string ring = story_.ring();
-    if (scenario_.ring) {
-        const auto size = static_cast<size_t>(*scenario_.ring);
+    std::string ring = story.ring();
+    if (scenario.ring) {
+        const auto size = static_cast<size_t>(*scenario.ring);
         for (int line = 0; ring.size() < size; line++)
             ring += fmt::format("<6>[    0.000000] filler: line {} of the kernel's log\n", line);
         ring.resize(size);
     }
     const size_t room = std::min<size_t>(ring.size(), call.argument(2));
     const char* latest = ring.data() + ring.size() - room;
-    story_.tell("kernel", "daemon", "log ring, " + human_size(room));
+    story.tell("kernel", "daemon", "log ring, " + human_size(room));
     answer_with(call, 1, latest, room, static_cast<int64_t>(room));
 }
 
 void Calls::serve_statfs(const Call& call) {
     const std::string path = path_of(call);
     struct statfs record {};
-    if (statfs(phone_.path(path).c_str(), &record) != 0) return daemon_.answer(call, -errno);
+    if (statfs(phone.path(path).c_str(), &record) != 0) return daemon.answer(call, -errno);
     int64_t free = kPlentyMb << 20;
-    if (scenario_.disk && under(path, "/data")) free = phone_.disk_room();
+    if (scenario.disk && under(path, "/data")) free = phone.disk_room();
     size_t longest = 0;
-    for (const auto& [prefix, megabytes] : scenario_.free_mb) {
+    for (const auto& [prefix, megabytes] : scenario.free_mb) {
         if (!under(path, prefix) || prefix.size() < longest) continue;
         longest = prefix.size();
         free = megabytes << 20;
@@ -241,25 +242,25 @@ void Calls::serve_identity(const Call& call) {
                 data[1].inheritable, data[0].inheritable);
     }
     const bool about_file = call.shape->path >= 0;
-    if (!about_file) story_.request("kernel", words);
-    const bool missing = about_file && access(phone_.path(path_of(call)).c_str(), F_OK) != 0;
-    if (phone_.real_root() || missing) return daemon_.proceed(call);
-    daemon_.answer(call, 0);
+    if (!about_file) story.request("kernel", words);
+    const bool missing = about_file && access(phone.path(path_of(call)).c_str(), F_OK) != 0;
+    if (phone.real_root() || missing) return daemon.proceed(call);
+    daemon.answer(call, 0);
 }
 
 void Calls::serve_clone(const Call& call) {
     uint64_t flags = call.argument(0);
     if (call.name() == "clone3") call.memory().read(call.argument(0), &flags, sizeof(flags));
-    if ((flags & CLONE_THREAD) != 0) clock_.born();
-    daemon_.proceed(call);
+    if ((flags & CLONE_THREAD) != 0) clock.born();
+    daemon.proceed(call);
 }
 
 // The write that fills the virtual disk is short; later ones fail with ENOSPC.
 void Calls::serve_write(const Call& call) {
-    if (!scenario_.disk || !under(path_of(call), "/data/")) return daemon_.proceed(call);
-    const auto room = static_cast<uint64_t>(phone_.disk_room());
-    if (call.argument(2) <= room) return daemon_.proceed(call);
-    if (room == 0) return daemon_.answer(call, -ENOSPC);
+    if (!scenario.disk || !under(path_of(call), "/data/")) return daemon.proceed(call);
+    const auto room = static_cast<uint64_t>(phone.disk_room());
+    if (call.argument(2) <= room) return daemon.proceed(call);
+    if (room == 0) return daemon.answer(call, -ENOSPC);
     transfer_part(call, room);
 }
 

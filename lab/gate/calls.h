@@ -16,18 +16,20 @@
 
 namespace rvd::lab {
 
-class Calls {
+// What a call is served with.
+struct CallScene {
+    const Scenario& scenario;
+    const Phone& phone;
+    Story& story;
+    RunStage& stage;
+    Daemon& daemon;
+    Clock& clock;
+    Links& links;
+};
+
+class Calls : private CallScene {
   public:
-    Calls(const Scenario& scenario, const Phone& phone, Story& story, RunStage& stage,
-          Daemon& daemon, Clock& clock, Links& links)
-        : scenario_(scenario),
-          phone_(phone),
-          story_(story),
-          stage_(stage),
-          modem_(stage.modem()),
-          daemon_(daemon),
-          clock_(clock),
-          links_(links) {}
+    explicit Calls(const CallScene& scene) : CallScene(scene) {}
 
     void restart() { in_main_ = device_gone_ = false; }
 
@@ -59,7 +61,7 @@ class Calls {
     void serve_clone(const Call& call);
     void end_thread(const Call& call);
     void look(const Call& call);  // checks the path, where it is always watched
-    void pass(const Call& call) { daemon_.proceed(call); }
+    void pass(const Call& call) { daemon.proceed(call); }
 
   private:
     bool apply_fault(const Call& call);
@@ -72,15 +74,6 @@ class Calls {
     int fd_of(const Call& call) const;
     std::vector<pollfd> polled(const Call& call) const;
     short ready(const pollfd& entry) const;
-
-    const Scenario& scenario_;
-    const Phone& phone_;
-    Story& story_;
-    RunStage& stage_;
-    Modem& modem_;
-    Daemon& daemon_;
-    Clock& clock_;
-    Links& links_;
 
     const Call* served_ = nullptr;
     std::map<std::string, int> times_;  // of each call, as on_call counts them

@@ -43,7 +43,7 @@ class Gate : public RunStage {
           filter_(filter_for(shapes_)),
           clock_(start),
           links_(daemon_, clock_, story, modem()),
-          calls_(scenario, phone, story, *this, daemon_, clock_, links_) {
+          calls_({scenario, phone, story, *this, daemon_, clock_, links_}) {
         for (const CallShape& shape : shapes_)
             shape_of_.emplace(shape.number, &shape);
     }

@@ -22,19 +22,19 @@ Time from_timespec(const timespec& time) {
 }  // namespace
 
 void Calls::serve_sleep(const Call& call) {
-    if (call.name() == "pause") return clock_.hold(call, kNever);
+    if (call.name() == "pause") return clock.hold(call, kNever);
     const bool chosen = call.name() == "clock_nanosleep";
     timespec span{};
     if (!call.memory().read(call.argument(chosen ? 2 : 0), &span, sizeof(span)))
-        return daemon_.answer(call, -EFAULT);
-    Time deadline = clock_.now() + from_timespec(span);
+        return daemon.answer(call, -EFAULT);
+    Time deadline = clock.now() + from_timespec(span);
     if (chosen && (call.argument(1) & TIMER_ABSTIME) != 0) {
         deadline = from_timespec(span);
-        if (call.argument(0) != CLOCK_REALTIME) deadline += clock_.start() - kUptime;
+        if (call.argument(0) != CLOCK_REALTIME) deadline += clock.start() - kUptime;
     }
-    clock_.hold(call, deadline);
-    const bool alone = clock_.threads().size() == 1;
-    if (alone && stage_.on_sleep) stage_.on_sleep(deadline - clock_.now());
+    clock.hold(call, deadline);
+    const bool alone = clock.threads().size() == 1;
+    if (alone && stage.on_sleep) stage.on_sleep(deadline - clock.now());
 }
 
 std::vector<pollfd> Calls::polled(const Call& call) const {
@@ -46,10 +46,10 @@ std::vector<pollfd> Calls::polled(const Call& call) const {
 // A node that hung up shows POLLHUP once all input is read, unlike a socket at its end of file.
 short Calls::ready(const pollfd& entry) const {
     if (entry.fd < 0) return 0;
-    const Links::Link* link = links_.at(entry.fd);
+    const Links::Link* link = links.at(entry.fd);
     if (link != nullptr && !link->hung())
         return static_cast<short>(entry.events & (link->unread() > 0 ? POLLIN | POLLOUT : POLLOUT));
-    const ScopedFd file(daemon_.duplicate(entry.fd));
+    const ScopedFd file(daemon.duplicate(entry.fd));
     if (!file.valid()) return POLLNVAL;
     pollfd real = {file.get(), entry.events, 0};
     poll(&real, 1, 0);
@@ -81,17 +81,17 @@ void Calls::serve_poll(const Call& call) {
     } else if (static_cast<int>(call.argument(2)) >= 0) {
         timeout = static_cast<int>(call.argument(2)) * kMillisecond;
     }
-    links_.pump_all();
+    links.pump_all();
     if (finish_poll(call)) return;
-    if (timeout == 0) return daemon_.answer(call, 0);
-    clock_.hold(call, timeout == kNever ? kNever : clock_.now() + timeout);
+    if (timeout == 0) return daemon.answer(call, 0);
+    clock.hold(call, timeout == kNever ? kNever : clock.now() + timeout);
     const std::vector<pollfd> fds = polled(call);
     const bool for_hang_up = timeout == kNever && !fds.empty() && (fds[0].events & POLLIN) == 0;
-    if (for_hang_up && stage_.on_wait) stage_.on_wait();
+    if (for_hang_up && stage.on_wait) stage.on_wait();
 }
 
 void Calls::expire(const Call& call) {
-    if (call.shape->serve != &Calls::serve_poll) return daemon_.answer(call, 0);
+    if (call.shape->serve != &Calls::serve_poll) return daemon.answer(call, 0);
     std::vector<pollfd> fds = polled(call);
     for (pollfd& entry : fds)
         entry.revents = 0;
@@ -99,7 +99,7 @@ void Calls::expire(const Call& call) {
 }
 
 void Calls::serve_clock(const Call& call) {
-    const Time now = clock_.now();
+    const Time now = clock.now();
     if (call.name() == "time") {
         const time_t seconds = now / kSecond;
         return answer_with(call, 0, &seconds, call.argument(0) != 0 ? sizeof(seconds) : 0, seconds);
@@ -108,11 +108,11 @@ void Calls::serve_clock(const Call& call) {
         const timeval time = {now / kSecond, now % kSecond / 1000};
         return answer_with(call, 0, &time, sizeof(time));
     }
-    const auto clock = static_cast<clockid_t>(call.argument(0));
-    if (clock == CLOCK_PROCESS_CPUTIME_ID || clock == CLOCK_THREAD_CPUTIME_ID)
-        return daemon_.proceed(call);
-    const bool wall = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
-    const Time shown = wall ? now : now - clock_.start() + kUptime;
+    const auto which = static_cast<clockid_t>(call.argument(0));
+    if (which == CLOCK_PROCESS_CPUTIME_ID || which == CLOCK_THREAD_CPUTIME_ID)
+        return daemon.proceed(call);
+    const bool wall = which == CLOCK_REALTIME || which == CLOCK_REALTIME_COARSE;
+    const Time shown = wall ? now : now - clock.start() + kUptime;
     const timespec time = {shown / kSecond, shown % kSecond};
     answer_with(call, 1, &time, sizeof(time));
 }
