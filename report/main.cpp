@@ -67,7 +67,7 @@ int report(const CommandLine& line) {
 
 DeviceTime time_given(const std::string& text) {
     const auto time = parse_time(text);
-    if (!time) throw Unreadable(text + ": no time; \"2020-10-01\" and \"2020-10-01 12:31\" are");
+    if (!time) throw Unreadable(text + ": not a time like \"2020-10-01\" or \"2020-10-01 12:31\"");
     return *time;
 }
 
@@ -125,9 +125,10 @@ int execute(int argc, char** argv) {
     app.set_version_flag("--version", "rvd-report " RVD_VERSION);
     app.footer(
             "Examples:\n"
-            "  rvd-report /data/vendor/log/rvd         what happened, and what is whole of it\n"
+            "  rvd-report /data/vendor/log/rvd         what happened, and which files are "
+            "complete\n"
             "  rvd-report --timeline pulled.tar.gz     every line in order\n"
-            "  rvd-report list --incomplete archive/   the crashes that something is lost of\n"
+            "  rvd-report list --incomplete archive/   the crashes with lost files\n"
             "Exit status: 0 all complete, 1 something lost, 2 could not read.");
     app.get_formatter()->column_width(28);
     add_evidence(app, line.path);
@@ -140,10 +141,13 @@ int execute(int argc, char** argv) {
     CLI::App* list_command = app.add_subcommand("list", "one line for each incident");
     add_evidence(*list_command, line.path)->required();
     list_command->add_option("--since", line.since, "from this time on: 2020-10-01 12:31");
-    list_command->add_option("--reason", line.selection.reason, "with this text in the reason");
-    list_command->add_flag("--incomplete", line.selection.incomplete, "that something is lost of");
+    list_command->add_option("--reason", line.selection.reason,
+                             "only with this text in the reason");
+    list_command->add_flag("--incomplete", line.selection.incomplete,
+                           "only incidents with lost files");
 
-    CLI::App* diff_command = app.add_subcommand("diff", "two crashes side by side, the last ones");
+    CLI::App* diff_command =
+            app.add_subcommand("diff", "the last crashes of two directories, side by side");
     add_evidence(*diff_command, line.path, "first")->required();
     add_evidence(*diff_command, line.other, "second")->required();
     diff_command->add_option("--first-until", line.until_a, "the last crash up to this time");

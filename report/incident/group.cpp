@@ -156,7 +156,7 @@ class Incidents {
     std::map<DeviceTime, Incident> by_time_;
 };
 
-// What begins an incident comes first; what is put to one follows in its own order.
+// Files that begin an incident come before those that are added to one.
 int rank(Kind kind) {
     if (names_a_dump(kind)) return 0;
     if (kind == Kind::kKernelBefore) return 1;

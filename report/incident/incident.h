@@ -84,7 +84,7 @@ Report group(std::vector<File> files, const std::string& path);
 
 // Verdicts, cause and versions of one incident from its own files.
 void judge(Incident& incident, const Evidence& evidence, Depth depth);
-// Of a file that belongs to none. `records_size` is what the lines about it come to, if any do.
+// Of a file of no incident. `records_size` is the length that lines give the log of silent resets.
 Verdict judge_other(File& file, const Evidence& evidence, std::optional<uint64_t> records_size,
                     Records& records);
 

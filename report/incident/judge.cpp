@@ -35,7 +35,7 @@ Verdict against(uint64_t size, uint64_t expected, const std::string& detail = ""
     if (size > expected)
         verdict = {State::kStaleTail,
                    false,
-                   people_size(size - expected) + " behind its end are of an older file",
+                   people_size(size - expected) + " at its end left over from an older file",
                    {}};
     verdict.expected = expected;
     return verdict;
@@ -156,10 +156,11 @@ class Judgement {
         if (whole && said.lines[lines.size() - 1] == lines.back()) {
             const size_t tail = text.size() - said.line_ends[lines.size() - 1];
             return {State::kStaleTail, false,
-                    people_size(tail) + " behind its end are of an older file", text.size() - tail};
+                    people_size(tail) + " at its end left over from an older file",
+                    text.size() - tail};
         }
         if (end != text.size()) return lost(State::kShort, "it ends within a line");
-        return unverified("it ends otherwise than the kernel log says");
+        return unverified("its end differs from the kernel log");
     }
 
     const RegionLog* region_said(const std::string& name) const {
@@ -178,7 +179,7 @@ class Judgement {
             const std::string why = said->failure.empty() ? "" : "\"" + said->failure + "\"";
             const Verdict verdict = against(file.size, said->announced, why);
             // As long as announced without the line for it.
-            return verdict.lost ? verdict : lost(State::kShort, "not said to be complete");
+            return verdict.lost ? verdict : lost(State::kShort, "no line says that it is complete");
         }
         return against(file.size, *said->saved);
     }

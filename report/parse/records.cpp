@@ -30,7 +30,7 @@ char shown(char c) {
 
 // "0010:564a227b 3a225245 72222c31 6f736165 {"JVER":1,"reaso"; says what is wrong with it.
 std::string take_row(std::string_view row, std::string& data) {
-    if (row.size() != kRowLength) return "a row of another length";
+    if (row.size() != kRowLength) return "a row of the wrong length";
     const auto offset = hex(row.substr(0, 4));
     if (!offset || row[4] != ':') return "not a row";
     if (*offset != data.size()) return "a row out of order";
@@ -82,7 +82,7 @@ Records read_records(std::string_view text) {
             open->offset = at;
             const auto time = parse_time(line.substr(1, kHeaderLength - 2));
             if (time) open->time = *time;
-            if (!time) damaged("a time that is none");
+            if (!time) damaged("an invalid time");
         } else if (open == nullptr) {
             damaged("a row of no record");
         } else if (const std::string wrong = take_row(line, open->data); !wrong.empty()) {

@@ -121,7 +121,7 @@ std::string meaning_of(const Line& line) {
     if (const auto resp = word_after(line.message, "resp ")) {
         const auto exp = word_after(line.message, "exp ");
         const std::string said = link_word(*resp);
-        return (said.empty() ? "no word of the link" : said) + " instead of " +
+        return (said.empty() ? "not a word of the link" : said) + " instead of " +
                link_word(exp.value_or(0));
     }
     for (const std::string_view before : {"request:", "command = ", "(req:"}) {

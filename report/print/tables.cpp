@@ -73,7 +73,7 @@ std::map<std::string, std::string> files_by_kind(const Incident& incident) {
         const Kind kind = file.file.name.kind;
         const std::string& region = kind == Kind::kRegion ? file.file.name.detail : "";
         std::string what = state_name(file.verdict.state);
-        // A log's length is chance.
+        // The length of a log differs from run to run.
         if ((kind == Kind::kDump || kind == Kind::kRegion) && file.verdict.state != State::kMissing)
             what = people_size(file.file.size) + ", " + what;
         std::string& slot = files[kind_name(kind) + (region.empty() ? "" : " " + region)];

@@ -292,7 +292,7 @@ class Failures {
         }
     }
 
-    // Of the step: its first frame is told of, and the dump's file tells how many came.
+    // The first frame of a step has a line of its own; the dump's file says how many more came.
     uint32_t next_frame() const {
         uint64_t saved = 0;
         bool begun = false;

@@ -127,8 +127,8 @@ TEST(RecordLog, DamageIsNamedWithItsOffset) {
             {27, "00000001", "0000000g", "not a row at offset 22"},
             {80, "0010", "0020", "a row out of order at offset 80"},
             {121, "ABC", "ABX", "a row whose text is not that of its words at offset 80"},
-            {1, "2020", "2o2o", "a time that is none at offset 0"},
-            {22, "0000:", "0000", "a row of another length at offset 22"},
+            {1, "2020", "2o2o", "an invalid time at offset 0"},
+            {22, "0000:", "0000", "a row of the wrong length at offset 22"},
     };
     for (const auto& row : rows) {
         std::string text = whole;

@@ -78,7 +78,7 @@ done <<'TABLE'
 2|nothing in it was left by rvd|empty
 2|hostile/cpcrash_umts_info|hostile/cpcrash_umts_info_tq720_20201001-1231.log
 2|half.tar: .*[Tt]runcated|half.tar
-2|no time;|list --since yesterday demo
+2|yesterday: not a time|list --since yesterday demo
 2|cannot write none/x.svg: No such|--picture none/x.svg demo
 0|out:^nothing was lost$|demo
 0|out:^nothing was lost$|whole.tar.gz

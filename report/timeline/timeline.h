@@ -19,7 +19,7 @@ struct Event {
 
 std::vector<Event> merge_lines(Report& report, const Evidence& evidence);
 
-// A timeline as people tell it: a silence is said, a repetition counted.
+// A timeline with its silences named and its repetitions counted.
 struct Entry {
     enum class Kind { kEvent, kSilence, kRepetition, kStart } kind = Kind::kEvent;
     const Event* event = nullptr;
