@@ -15,14 +15,6 @@
 
 namespace rvd::lab {
 
-void fail_errno(const std::string& what) {
-    throw Unable(what + ": " + strerror(errno));
-}
-
-void forbid_errno(const std::string& what) {
-    throw Forbidden(what + ": " + strerror(errno));
-}
-
 std::string human_size(uint64_t bytes) {
     auto value = static_cast<double>(bytes);
     const char* const units[] = {"bytes", "KiB", "MiB", "GiB"};

@@ -1,11 +1,12 @@
-// What every room of the lab uses: virtual time, errors, text, seeded content, whole files.
+// What every room of the lab uses: virtual time, text, seeded content, whole files.
 #pragma once
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "lab/errors.h"
 
 namespace rvd::lab {
 
@@ -16,20 +17,6 @@ constexpr Time kSecond = 1'000'000'000;
 constexpr Time kNever = INT64_MAX;
 
 using Packet = std::vector<uint8_t>;
-
-// Input, or a machine, with which no run is possible; the text says what to do.
-struct Unable : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-// This machine's kernel does not allow what the lab needs.
-struct Forbidden : Unable {
-    using Unable::Unable;
-};
-
-// These throw "what: strerror(errno)".
-[[noreturn]] void fail_errno(const std::string& what);
-[[noreturn]] void forbid_errno(const std::string& what);
 
 std::string human_size(uint64_t bytes);  // "1 MiB"
 

@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "lab/base.h"
+#include "lab/errors.h"
 
 namespace fs = std::filesystem;
 

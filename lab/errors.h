@@ -1,0 +1,23 @@
+// Why no run is possible.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace rvd::lab {
+
+// Input, or a machine, with which no run is possible; the text says what to do.
+struct Unable : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// This machine's kernel does not allow what the lab needs.
+struct Forbidden : Unable {
+    using Unable::Unable;
+};
+
+// These throw "what: strerror(errno)".
+[[noreturn]] void fail_errno(const std::string& what);
+[[noreturn]] void forbid_errno(const std::string& what);
+
+}  // namespace rvd::lab
