@@ -3,28 +3,10 @@
 #
 #   tests/collect_test.sh BUILD-DIRECTORY SOURCE-DIRECTORY
 set -uo pipefail
-build=$(realpath "$1")
-source=$(realpath "$2")
+# shellcheck source=tests/support/tool.sh
+. "$(dirname "$0")/support/tool.sh"
 collect=$source/scripts/collect
 scenarios=$source/lab/scenarios/device.toml
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
-failures=0
-
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
-
-# expect STATUS PATTERN COMMAND...
-expect() {
-    local status=$1 pattern=$2 got=0
-    shift 2
-    "$@" >out 2>&1 </dev/null || got=$?
-    ((got == status)) || fail "status $got, not $status: $*: $(tail -n 3 out)"
-    grep -qE -- "$pattern" out || fail "no \"$pattern\" from: $*: $(cat out)"
-}
 
 mkdir bin
 cat >bin/adb <<'END'
@@ -48,24 +30,24 @@ expect 2 'no phone answers' "$collect"
 export PHONE=$work/phone
 expect 2 'usage' "$collect" --remove
 expect 2 'megabytes' "$collect" --quota 1G
-expect 0 'rvd-report all.tar.gz' "$collect" -o all.tar.gz
+expect 0 'out:rvd-report all.tar.gz' "$collect" -o all.tar.gz
 tar -xzf all.tar.gz
 (cd rvd-2* && sha256sum --quiet -c SHA256SUMS) || fail "the sums are wrong"
 diff -r rvd-2*/rvd "$saved" || fail "files differ"
 for part in getprop.txt dmesg.txt logcat_radio.txt 'rvd '; do
     grep -qE "^$part +ok" rvd-2*/MANIFEST || fail "no $part in the manifest"
 done
-expect 0 'prefetch abort in task L1C' "$build/rvd-report" all.tar.gz
+expect 0 'out:prefetch abort in task L1C' "$build/rvd-report" all.tar.gz
 
 # What cannot be had is named; a file that changes meanwhile too.
 cp tools/dmesg dmesg
 printf '#!/bin/sh\nexit 1\n' >tools/dmesg
-expect 1 '^dmesg.txt +FAILED' "$collect" -o some.tar.gz
+expect 1 'out:^dmesg.txt +FAILED' "$collect" -o some.tar.gz
 cp dmesg tools/dmesg
 printf '#!/bin/sh\nsha256sum "$@" && echo more >>rvd/sr_info_umts\n' >tools/find
 sed -i 's/sha256sum "$@"/\/usr\/bin\/find "$@"/' tools/find
 chmod +x tools/find
-expect 1 '^rvd/sr_info_umts$' "$collect" -o changed.tar.gz
+expect 1 'out:^rvd/sr_info_umts$' "$collect" -o changed.tar.gz
 rm tools/find
 
 # The quota: whole crashes, the oldest first; the latest, records and what waits stay.
@@ -76,15 +58,14 @@ for name in cpcrash_umts_dump_20190101-0001 cpcrash_umts_log_20190101-0001 \
     head -c 1500000 /dev/zero >"$saved/$name.log"
 done
 before=$(find "$saved" -type f | wc -l)
-expect 0 'would remove rvd/cpcrash_umts_dump_20190101-0001.log' "$collect" -o q.tar.gz --quota 6
+expect 0 'out:would remove rvd/cpcrash_umts_dump_20190101-0001.log' "$collect" -o q.tar.gz --quota 6
 ! grep -q 20190202 out || fail "more than the quota asks for: $(cat out)"
 [[ $(find "$saved" -type f | wc -l) == "$before" ]] || fail "removed unasked"
-expect 0 'removed rvd/cpcrash_umts_klog_after_201901010001_59.log' "$collect" -o q.tar.gz --quota 6 --remove
+expect 0 'out:removed rvd/cpcrash_umts_klog_after_201901010001_59.log' "$collect" -o q.tar.gz --quota 6 --remove
 [[ $(find "$saved" -type f | wc -l) == $((before - 3)) ]] || fail "removed others"
-expect 0 'are left' "$collect" -o q.tar.gz --quota 0 --remove
+expect 0 'out:are left' "$collect" -o q.tar.gz --quota 0 --remove
 [[ -e $saved/sr_info_umts && -e $saved/err/last_sr_info_umts && ! -e $saved/cpcrash_umts_dump_20190202-0002.log ]] ||
     fail "quota 0 left $(ls "$saved")"
 compgen -G "$saved/cpcrash_umts_dump_20*.log" >/dev/null || fail "the latest crash is gone"
 
-((failures == 0)) && echo "evidence is collected and vacuumed as expected"
-((failures == 0))
+verdict "evidence is collected and vacuumed as expected"

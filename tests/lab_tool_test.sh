@@ -5,18 +5,17 @@
 #   tests/lab_tool_test.sh BUILD-DIRECTORY SOURCE-DIRECTORY
 # shellcheck disable=SC2015,SC2016,SC2181
 set -uo pipefail
-lab=$1/rvd-lab
 unset NO_COLOR TMPDIR
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
+# shellcheck source=tests/support/tool.sh
+. "$(dirname "$0")/support/tool.sh"
+lab=$build/rvd-lab
 mkdir shared tmp closed
 touch closed/file
 chmod 1777 shared
 ln -s "$work/victim" shared/link
 ln -s "$work/target" link
 printf '[[case]]\nmodme = "x"\n' >misspelt.toml
-cp "$2/lab/scenarios/demo.toml" demo.toml
+cp "$source/lab/scenarios/demo.toml" demo.toml
 python3 - <<'PYTHON'
 import struct
 table = b"".join(struct.pack("<12s5I", *row) for row in (
@@ -31,23 +30,8 @@ open("protected", "wb").write(table.ljust(4096, b"\0"))
 PYTHON
 truncate -s 200M image
 export TMPDIR=$work/tmp
-failures=0
 
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
-
-# expect STATUS PATTERN COMMAND...: the pattern is one of the error's, or of the output where it is
-# quoted as "out:PATTERN".
-expect() {
-    local status=$1 pattern=$2 where=err
-    shift 2
-    "$@" >out 2>err </dev/null
-    local got=$?
-    [[ $pattern == out:* ]] && where=out && pattern=${pattern#out:}
-    ((got == status)) || fail "status $got, not $status: $*: $(tail -n 1 err)"
-    grep -qE -- "$pattern" "$where" || fail "no \"$pattern\" in $where of: $*: $(head -n 3 $where)"
+always() {
     ! grep -q '^rvd-lab: ' out || fail "an error on standard output: $*"
 }
 
@@ -237,5 +221,4 @@ done
 expect 0 'out:PASS' "$lab" run --case 'demo tq*' demo.toml
 compgen -G "$TMPDIR/rvd-lab.*" && fail "left behind: $(ls "$TMPDIR")"
 
-((failures == 0)) && echo "all of the command line is as expected"
-((failures == 0))
+verdict "all of the command line is as expected"

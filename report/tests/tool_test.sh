@@ -4,14 +4,13 @@
 #
 #   report/tests/tool_test.sh BUILD-DIRECTORY SOURCE-DIRECTORY
 set -uo pipefail
-report=$1/rvd-report
 unset NO_COLOR
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
-cases=$2/tests/scenarios
-"$1/rvd-lab" demo --brief --root demo >/dev/null || exit 1
-"$1/rvd-lab" run --quiet --root silent --case 'the modem falls silent in the middle' "$cases/dump_link.toml" >/dev/null || exit 1
+# shellcheck source=tests/support/tool.sh
+. "$(dirname "$0")/../../tests/support/tool.sh"
+report=$build/rvd-report
+cases=$source/tests/scenarios
+"$build/rvd-lab" demo --brief --root demo >/dev/null || exit 1
+"$build/rvd-lab" run --quiet --root silent --case 'the modem falls silent in the middle' "$cases/dump_link.toml" >/dev/null || exit 1
 saved=demo/data/vendor/log/rvd
 dump=cpcrash_umts_dump_20201001-1231.log
 mkdir empty cut hostile damaged holes bomb
@@ -44,23 +43,8 @@ with tarfile.open("outside.tar", "w") as archive:
     link.type, link.linkname = tarfile.SYMTYPE, "/etc/passwd"
     archive.addfile(link)
 PYTHON
-failures=0
 
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
-
-# expect STATUS PATTERN COMMAND...: the pattern is one of the error's, or of the output where it is
-# quoted as "out:PATTERN".
-expect() {
-    local status=$1 pattern=$2 where=err
-    shift 2
-    "$@" >out 2>err </dev/null
-    local got=$?
-    [[ $pattern == out:* ]] && where=out && pattern=${pattern#out:}
-    ((got == status)) || fail "status $got, not $status: $*: $(tail -n 1 err)"
-    grep -qE -- "$pattern" "$where" || fail "no \"$pattern\" in $where of: $*: $(head -n 3 $where)"
+always() {
     ! LC_ALL=C grep -qP '[\x00-\x08\x0b-\x1f\x7f]' out err || fail "control characters from: $*"
 }
 
@@ -110,9 +94,9 @@ TABLE
 
 # Without the Android log too, a scenario leads to the end of the evidence.
 "$report" scenario whole.tar.gz >made.toml
-expect 0 'out:1 passed' "$1/rvd-lab" run made.toml
+expect 0 'out:1 passed' "$build/rvd-lab" run made.toml
 "$report" scenario hostile >made.toml
-expect 0 'out:made.toml: 1 case' "$1/rvd-lab" check made.toml
+expect 0 'out:made.toml: 1 case' "$build/rvd-lab" check made.toml
 expect 0 out:lost "$report" --picture demo.svg demo
 python3 -c 'import xml.dom.minidom as dom; dom.parse("demo.svg")' || fail "the picture is no XML"
 expect 1 out:lost "$report" --picture hostile.svg hostile
@@ -133,7 +117,7 @@ grep -q $'\033' out && fail "colours against NO_COLOR"
 
 # What the shell completes is what the help says.
 # shellcheck source=/dev/null
-source "$2/docs/completion/rvd.bash"
+source "$source/docs/completion/rvd.bash"
 complete_words() {
     COMP_WORDS=("$report" "$@") COMP_CWORD=$#
     _rvd
@@ -142,5 +126,4 @@ complete_words() {
 [[ $(complete_words rec) == records && $(complete_words list --inc) == --incomplete &&
     $(complete_words --pic) == --picture ]] || fail "completion: $(complete_words '')"
 
-((failures == 0)) && echo "all of the command line is as expected"
-((failures == 0))
+verdict "all of the command line is as expected"
