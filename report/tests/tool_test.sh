@@ -26,12 +26,14 @@ truncate -s 5G "bomb/$dump"
 tar cSzf bomb.tar.gz -C bomb .
 truncate -s 100M "cut/$dump"
 printf ': CP Crash by CP - \033]0;x\007\033[2J\342\200\256evil<script>' >hostile/cpcrash_umts_info_tq720_20201001-1231.log
-head -c 300000 /dev/urandom >hostile/cpcrash_umts_log_20201001-1231.log
-head -c 300000 /dev/urandom >hostile/cpcrash_umts_klog_after_202010011231_20.log
 touch "hostile/$(printf 'x\033[31m')"
 tail -n +2 "$saved/sr_info_umts" >damaged/sr_info_umts
 python3 - <<'PYTHON'
-import pathlib, tarfile, zipfile
+import pathlib, random, tarfile, zipfile
+noise = random.Random(1)
+for name in "log_20201001-1231", "klog_after_202010011231_20":
+    pathlib.Path(f"hostile/cpcrash_umts_{name}.log").write_bytes(
+        b"main: \x1b[2J\n" + noise.randbytes(300000))
 saved = pathlib.Path("demo/data/vendor/log/rvd")
 with zipfile.ZipFile("whole.zip", "w", zipfile.ZIP_DEFLATED) as archive:
     for file in sorted(saved.iterdir()):
