@@ -192,6 +192,7 @@ void Trial::judge(Conduct& conduct) {
         return count_from(0, run.requests, "SET_SRINFO *");
     };
     if (records(conduct) < records(clean_)) violation("a record was not handed back");
+    conduct = {};  // nobody learns from it
 }
 
 void Trial::check_end(const Conduct& conduct) {
@@ -212,11 +213,11 @@ void Trial::check_end(const Conduct& conduct) {
 
 void Trial::check_complete(const Files& files) {
     for (const auto& [path, content] : before_) {
+        if (!damaged(path, content, clean_.files, files)) continue;
         // A crash file has the minute of its crash in its name: another one within it takes its
         // place.
         const std::string opened = "*: " + path + " opened (fd *";
-        const bool saved_again = count_from(0, play_->story.log(), opened.c_str()) > 1;
-        if (damaged(path, content, clean_.files, files) && !saved_again)
+        if (count_from(0, play_->story.log(), opened.c_str()) < 2)
             violation(path + " was complete before");
     }
 }
