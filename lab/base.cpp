@@ -97,6 +97,10 @@ std::string read_file(const std::string& path) {
     return content.str();
 }
 
+std::string read_file(int fd) {
+    return read_file(fmt::format("/proc/self/fd/{}", fd));
+}
+
 void write_file(const std::string& path, const std::string& content) {
     const std::string draft = path + ".new";
     const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;

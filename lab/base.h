@@ -33,6 +33,7 @@ void fill_seeded(uint64_t seed, uint64_t offset, void* out, size_t size);
 int errno_number(const std::string& name);  // 0 where there is no such name
 
 std::string read_file(const std::string& path);  // empty where it cannot be read
+std::string read_file(int fd);                   // all of it, wherever its position is
 
 // Replaces a file at once and follows no link. Throws Unable.
 void write_file(const std::string& path, const std::string& content);

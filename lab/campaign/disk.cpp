@@ -43,7 +43,7 @@ struct stat Disk::File::status() const {
 }
 
 std::string Disk::File::content() const {
-    return read_file(fmt::format("/proc/self/fd/{}", handle.get()));
+    return read_file(handle.get());
 }
 
 // The names there are now.

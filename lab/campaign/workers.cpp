@@ -10,8 +10,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "lab/campaign/workplace.h"
 
@@ -27,10 +29,9 @@ using Clock = std::chrono::steady_clock;
 struct Worker {
     size_t job;
     Outcome outcome;
-    Workplace place;
     Clock::time_point start;
-    FILE* output;  // null: the lab's own
-    FILE* answer;  // violations and conduct
+    ScopedFd output;  // none: the lab's own
+    ScopedFd answer;  // violations and conduct
 };
 
 // The signals that this process takes between the runs, and gives back to each.
@@ -58,27 +59,32 @@ class Signals {
     sigset_t taken_, before_;
 };
 
-FILE* make_file() {
-    const int fd = memfd_create("rvd-lab", MFD_CLOEXEC);
-    FILE* const file = fd < 0 ? nullptr : fdopen(fd, "w+");
-    if (file == nullptr) fail_errno("cannot keep what a run says");
+ScopedFd make_file() {
+    ScopedFd file(memfd_create("rvd-lab", MFD_CLOEXEC));
+    if (!file.valid()) fail_errno("cannot keep what a run says");
     return file;
 }
 
-std::string take_all(FILE* from) {
-    std::string text(static_cast<size_t>(lseek(fileno(from), 0, SEEK_END)), '\0');
-    rewind(from);
-    text.resize(fread(text.data(), 1, text.size(), from));
-    fclose(from);
-    return text;
+// A phone that is kept has a directory of its own where there are several.
+RunOptions options_for(const Job& job, const Workplace& place) {
+    RunOptions options = job.options;
+    options.keep = !options.root.empty();
+    options.root = place.path();
+    if (!options.keep || job.direct) return options;
+    std::string leaf = job.scenario.name;
+    std::replace(leaf.begin(), leaf.end(), '/', '_');
+    std::replace(leaf.begin(), leaf.end(), ' ', '-');
+    options.root += "/" + leaf;
+    std::filesystem::create_directory(options.root);
+    return options;
 }
 
 // As a run's process: what it leaves in `answer` is what its outcome is made of.
-int work(const Job& job, const RunOptions& options, FILE* answer) {
+int work(const Job& job, const Workplace& place, int answer) {
     int status = kHeld;
     Result result;
     try {
-        result = run_scenario(job.scenario, options);
+        result = run_scenario(job.scenario, options_for(job, place));
         if (!result.violations.empty()) status = kNotHeld;
         if (fflush(stdout) != 0 || ferror(stdout) != 0) fail_errno("cannot write the story");
     } catch (const Reboots&) {
@@ -87,36 +93,14 @@ int work(const Job& job, const RunOptions& options, FILE* answer) {
         status = dynamic_cast<const Forbidden*>(&error) != nullptr ? kForbidden : kRefused;
         result.violations = {error.what()};
     }
-    if (!options.learn) result.conduct = {};
+    if (!job.options.learn) result.conduct = {};
     const auto bytes =
             nlohmann::json::to_cbor({{"wrong", result.violations}, {"conduct", result.conduct}});
-    fwrite(bytes.data(), 1, bytes.size(), answer);
-    fflush(answer);
+    if (write(answer, bytes.data(), bytes.size()) < 0) perror("rvd-lab");
     return status;
 }
 
-std::string leaf_of(std::string name) {
-    std::replace(name.begin(), name.end(), '/', '_');
-    std::replace(name.begin(), name.end(), ' ', '-');
-    return name;
-}
-
-Worker make_worker(size_t number, const Job& job) {
-    const std::string& root = job.options.root;
-    const bool own = root.empty() || job.direct;
-    // Each part has a name: a compiler frees some of them twice where one in a braced list throws.
-    Workplace place(own ? root : root + "/" + leaf_of(job.scenario.name));
-    Outcome outcome;
-    outcome.suite = job.suite;
-    outcome.name = job.scenario.name;
-    FILE* const output = job.direct ? nullptr : make_file();
-    return {number, std::move(outcome), std::move(place), Clock::now(), output, make_file()};
-}
-
-pid_t start(const Job& job, const Signals& signals, const Worker& worker) {
-    RunOptions options = job.options;
-    options.keep = !options.root.empty();
-    options.root = worker.place.path();
+pid_t start(const Job& job, const Workplace& place, const Signals& signals, const Worker& worker) {
     fflush(stdout);
     const pid_t pid = fork();
     if (pid < 0) fail_errno("cannot fork");
@@ -124,8 +108,8 @@ pid_t start(const Job& job, const Signals& signals, const Worker& worker) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGPIPE, SIG_DFL);
     signals.give_back();
-    if (worker.output != nullptr) dup2(fileno(worker.output), STDOUT_FILENO);
-    const int status = work(job, options, worker.answer);
+    if (worker.output.valid()) dup2(worker.output.get(), STDOUT_FILENO);
+    const int status = work(job, place, worker.answer.get());
     fflush(stdout);
     _exit(status);
 }
@@ -133,14 +117,14 @@ pid_t start(const Job& job, const Signals& signals, const Worker& worker) {
 void finish(Worker& worker, int status) {
     Outcome& outcome = worker.outcome;
     outcome.spent = Clock::now() - worker.start;
-    if (worker.output != nullptr) outcome.output = take_all(worker.output);
-    const std::string answer = take_all(worker.answer);
+    const bool direct = !worker.output.valid();
+    if (!direct) outcome.output = read_file(worker.output.get());
     if (WIFEXITED(status)) {
         outcome.status = WEXITSTATUS(status);
-        const auto said = nlohmann::json::from_cbor(answer);
+        const auto said = nlohmann::json::from_cbor(read_file(worker.answer.get()));
         said.at("wrong").get_to(outcome.violations);
         said.at("conduct").get_to(outcome.conduct);
-    } else if (const int number = WTERMSIG(status); number == SIGPIPE && !worker.output) {
+    } else if (const int number = WTERMSIG(status); number == SIGPIPE && direct) {
         outcome.status = kSignal + number;  // whoever read the story has had enough of it
     } else {
         outcome.status = kNotHeld;
@@ -153,8 +137,8 @@ void finish(Worker& worker, int status) {
 
 int run_each(size_t count, int jobs, const std::function<Job(size_t)>& make,
              const std::function<void(size_t, Outcome&)>& done, const std::function<void()>& tick) {
-    sweep_workplaces();
     const Signals signals;
+    std::optional<Workplace> place;
     std::map<pid_t, Worker> workers;
     int interrupted = 0;
     size_t started = 0;
@@ -162,8 +146,15 @@ int run_each(size_t count, int jobs, const std::function<Job(size_t)>& make,
     while (more() || !workers.empty()) {
         while (more() && workers.size() < static_cast<size_t>(jobs)) {
             const Job job = make(started);
-            Worker worker = make_worker(started++, job);
-            const pid_t pid = start(job, signals, worker);
+            if (!place) place.emplace(job.options.root);
+            Worker worker{started++,
+                          {},
+                          Clock::now(),
+                          job.direct ? ScopedFd() : make_file(),
+                          make_file()};
+            worker.outcome.suite = job.suite;
+            worker.outcome.name = job.scenario.name;
+            const pid_t pid = start(job, *place, signals, worker);
             workers.emplace(pid, std::move(worker));
         }
         if (const int signal = signals.wait(); signal != 0 && signal != SIGCHLD) {

@@ -27,7 +27,7 @@ struct Job {
 
 // What a run came to.
 struct Outcome {
-    std::string suite, name;
+    std::string suite = {}, name = {};
     int status = kHeld;
     std::chrono::duration<double> spent{0};  // real time
     std::vector<std::string> violations;     // or why there was no run

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <utility>
 
 #include "lab/base.h"
 
@@ -19,6 +18,7 @@ namespace rvd::lab {
 namespace {
 
 constexpr char kPrefix[] = "rvd-lab.";
+constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 fs::path temporary_directory() {
     const char* const named = getenv("TMPDIR");
@@ -27,6 +27,17 @@ fs::path temporary_directory() {
     const fs::path path = fs::temp_directory_path(error);
     if (error) throw Unable("the directory for temporary files: TMPDIR names none");
     return path;
+}
+
+// Removes the temporary directories of runs that were killed. They are empty: what was in them was
+// gone with the run's namespace.
+void sweep() {
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator(temporary_directory(), none)) {
+        if (entry.path().filename().string().find(kPrefix) != 0) continue;
+        const ScopedFd lock(open(entry.path().c_str(), kDirectory));
+        if (flock(lock.get(), LOCK_EX | LOCK_NB) == 0) rmdir(entry.path().c_str());
+    }
 }
 
 bool others_write(const fs::path& directory) {
@@ -54,41 +65,23 @@ Workplace::Workplace(const std::string& named) : path_(named), temporary_(named.
         if (!lock()) throw Unable(path_ + " is in use by another run");
         return;
     }
+    sweep();
     do {  // another run may sweep it before it is locked
         path_ = temporary_directory() / (std::string(kPrefix) + "XXXXXX");
         if (mkdtemp(path_.data()) == nullptr) fail_errno("cannot make " + path_);
     } while (!lock());
 }
 
-Workplace::Workplace(Workplace&& from) noexcept
-    : path_(from.path_), temporary_(from.temporary_), lock_(std::exchange(from.lock_, -1)) {}
-
 Workplace::~Workplace() {
-    if (lock_ < 0) return;
     if (temporary_) rmdir(path_.c_str());
-    close(lock_);
 }
 
 bool Workplace::lock() {
-    lock_ = open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    lock_.reset(open(path_.c_str(), kDirectory));
+    if (!lock_.valid() && errno != ENOENT) fail_errno("cannot use " + path_);
     struct stat status {};
-    if (lock_ >= 0 && flock(lock_, LOCK_EX | LOCK_NB) == 0 && fstat(lock_, &status) == 0 &&
-        status.st_nlink > 0)
-        return true;
-    if (lock_ < 0 && errno != ENOENT) fail_errno("cannot use " + path_);
-    close(std::exchange(lock_, -1));
-    return false;
-}
-
-void sweep_workplaces() {
-    std::error_code none;
-    for (const auto& entry : fs::directory_iterator(temporary_directory(), none)) {
-        if (entry.path().filename().string().find(kPrefix) != 0) continue;
-        const int fd = open(entry.path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        // Only empty ones can be removed: the phone itself was gone with the run's namespace.
-        if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0) rmdir(entry.path().c_str());
-        if (fd >= 0) close(fd);
-    }
+    return lock_.valid() && flock(lock_.get(), LOCK_EX | LOCK_NB) == 0 &&
+           fstat(lock_.get(), &status) == 0 && status.st_nlink > 0;
 }
 
 Output::Output(const std::string& path) : path_(path) {

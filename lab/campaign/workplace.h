@@ -1,19 +1,23 @@
-// Where runs put things on this machine: the directory a phone is built in, and the files that the
-// user names for results.
+// Where runs put things on this machine: the directory that phones are built in, and the files that
+// the user names for results.
 #pragma once
 
 #include <string>
 
+#include "util/ScopedFd.h"
+
 namespace rvd::lab {
 
-// A directory for one phone, locked while its run lives.
+// A directory that is locked while this object or a process that was forked from it lives. Phones
+// that are not kept share it: each is mounted there in a namespace of its own.
 class Workplace {
   public:
     // The one named, which stays; where none is named, a temporary one, gone with this object.
     // Throws Unable, also where another run has it.
     explicit Workplace(const std::string& named);
-    Workplace(Workplace&& from) noexcept;
     ~Workplace();
+    Workplace(const Workplace&) = delete;
+    Workplace& operator=(const Workplace&) = delete;
 
     const std::string& path() const { return path_; }
 
@@ -21,12 +25,9 @@ class Workplace {
     bool lock();
 
     std::string path_;
-    bool temporary_;
-    int lock_ = -1;
+    const bool temporary_;
+    ScopedFd lock_;
 };
-
-// Removes the temporary directories of runs that were killed.
-void sweep_workplaces();
 
 // A file for results. It is opened before the run and keeps its content until there are some; a
 // device or a pipe is written as it is. No link is followed that somebody else could have made.
