@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -62,6 +63,18 @@ void start_guardian() {
     while (read(life[0], &none, sizeof(none)) < 0 && errno == EINTR) {
     }
     _exit(0);
+}
+
+// Shows the phone's own processes, among which a sanitizer looks for its threads. Their numbers are
+// those of a child's namespace, not of this process's.
+bool mount_proc(const std::string& at) {
+    const pid_t pid = fork();
+    if (pid < 0) fail_errno("cannot fork");
+    if (pid == 0) _exit(mount("proc", at.c_str(), "proc", 0, nullptr) != 0);
+    int status = -1;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status == 0;
 }
 
 // The variables that the platform libraries read, and those of sanitizers and coverage.
@@ -120,8 +133,11 @@ void Phone::make_root() const {
 void Phone::show_machine() const {
     for (const char* path : {"/usr", "/lib", "/lib64", "/bin", "/etc/ld.so.cache"})
         share(path, root(), true);
-    for (const char* path : {"/proc", "/dev/null", "/dev/zero", "/dev/urandom"})
+    for (const char* path : {"/dev/null", "/dev/zero", "/dev/urandom"})
         share(path, root());
+    make_directory(path("/proc"));
+    // In a container the kernel may refuse it; its own processes take that place.
+    if (!mount_proc(path("/proc"))) share("/proc", root());
     if (const char* prefix = getenv("GCOV_PREFIX")) share(prefix, root());
     bind_mount(path(kCmdline), path("/proc/cmdline"), true);
 }
