@@ -30,6 +30,10 @@ std::string owner_of(const struct stat& status) {
     return text("owner %u:%u, mode %04o", status.st_uid, status.st_gid, status.st_mode & 07777);
 }
 
+std::string directory_of(const char* path) {
+    return std::string(path, strrchr(path, '/'));
+}
+
 // Why a file does not open, and what to do; `missing` is the advice where there is none.
 std::string refusal(const char* path, int error, const char* missing) {
     struct stat status = {};
@@ -136,13 +140,18 @@ void check_nv(Report& report, const std::vector<Entry>& table, bool& bootable) {
                                     [](const Entry& e) { return has_name(e, kTocNv); });
     if (entry == table.end()) return;
     const uint64_t wanted = uint64_t{entry->b_off} + entry->size;
+    const std::string directory = directory_of(args->nv_data_path);
+    const bool makeable = access(directory.c_str(), W_OK | X_OK) == 0;
     const ScopedFd nv = open_file(
             report, "NV file", args->nv_data_path, O_RDONLY,
-            "mount its partition, or name its directory with -n; on a new phone the first boot "
-            "makes it");
+            makeable
+                    ? "mount its partition, or name its directory with -n; on a new phone the "
+                      "first boot makes it"
+                    : "mount its partition, or name its directory with -n; no boot can make it, as "
+                      "the directory is missing or not writable");
     if (!nv.valid()) {
         // A boot makes the file that is missing, and opens no other.
-        bootable = bootable && access(args->nv_data_path, F_OK) != 0;
+        bootable = bootable && makeable && access(args->nv_data_path, F_OK) != 0;
         return;
     }
     const uint64_t size = size_of(nv.get());
@@ -155,7 +164,7 @@ void check_nv(Report& report, const std::vector<Entry>& table, bool& bootable) {
 bool check_firmware(Report& report, Capture& lines) {
     const RvdArgs* args = Container::getRvdArgs();
     const ScopedFd partition = open_file(report, "partition", args->partition_path, O_RDONLY,
-                                         "name it with -P or -p: ls /dev/block/by-name");
+                                         "name it with -P, a path below /dev/block, or -p");
     if (!partition.valid()) return false;
     const Plan plan = make_plan(partition.get(), CP_BOOT_MODE_NORMAL, lines);
     std::string stages;
@@ -193,7 +202,7 @@ void check_kernel_log(Report& report) {
 
 void check_storage(Report& report, Capture& lines) {
     const char* directory = Log::get_log_dir();
-    const std::string above = std::string(directory, strrchr(directory, '/'));
+    const std::string above = directory_of(directory);
     const char* writable = access(directory, F_OK) == 0 ? directory : above.c_str();
     const bool held = access(writable, W_OK | X_OK) == 0;
     report.add("log directory", held,
