@@ -80,6 +80,16 @@ std::string difference(const Request& request, int result, const void* argument)
     }
 }
 
+std::string out_of_place(short shown, const Request& request) {
+    const bool may_hang =
+            request.number == IOCTL_GET_CP_STATUS || request.number == IOCTL_POWER_OFF;
+    if ((shown & POLLHUP) != 0 && !may_hang)
+        return text("hangs up before %s, which ends a boot or a dump", request.name);
+    if ((shown & POLLIN) != 0 && request.number == IOCTL_GET_LOG_DUMP)
+        return "has more to read than the region's size";
+    return "";
+}
+
 bool tells_of_event(short shown, int before, int after) {
     return (shown & POLLHUP) != 0 && after != before;
 }

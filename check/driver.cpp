@@ -39,17 +39,11 @@ void report_chunks() {
     chunks = 0;
 }
 
-// Looks at the node before a request. A hang-up may stand until the state is read, and the modem
-// may be powered off meanwhile. Only a region has an announced size.
 void look_at_node(int fd, const Request& request) {
     pollfd node = {fd, POLLIN, 0};
     poll(&node, 1, 0);
-    const bool may_hang =
-            request.number == IOCTL_GET_CP_STATUS || request.number == IOCTL_POWER_OFF;
-    if ((node.revents & POLLHUP) != 0 && !may_hang)
-        reported->no("node", text("hangs up before %s, which ends a boot or a dump", request.name));
-    if (node.revents == POLLIN && request.number == IOCTL_GET_LOG_DUMP)
-        reported->no("dump node", "has more to read than the region's size");
+    const std::string wrong = out_of_place(node.revents, request);
+    if (!wrong.empty()) reported->no("node", wrong);
 }
 
 int observe(int fd, const Request& request, void* argument) {

@@ -140,6 +140,26 @@ TEST_F(Check, AnAnswerOfTheDriverIsHeldAgainstWhatTheDaemonReliesOn) {
     EXPECT_EQ(check::find_request(IOCTL_TRIGGER_KERNEL_PANIC), nullptr);
 }
 
+TEST_F(Check, ANodeIsHeldAgainstTheRequestThatFollows) {
+    const std::string hangs = "hangs up before ", more = "has more to read than the region's size";
+    const struct {
+        short shown;
+        unsigned number;
+        std::string wrong;
+    } cases[] = {
+            {0, IOCTL_GET_LOG_DUMP, ""},
+            {POLLIN, IOCTL_GET_LOG_DUMP, more},
+            {POLLIN, IOCTL_POWER_RESET, ""},
+            {POLLHUP, IOCTL_POWER_RESET, hangs + "POWER_RESET, which ends a boot or a dump"},
+            {POLLIN | POLLHUP, IOCTL_GET_LOG_DUMP,
+             hangs + "GET_LOG_DUMP, which ends a boot or a dump"},
+            {POLLIN | POLLHUP, IOCTL_GET_CP_STATUS, ""},
+            {POLLHUP, IOCTL_POWER_OFF, ""},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(check::out_of_place(c.shown, *check::find_request(c.number)), c.wrong);
+}
+
 TEST_F(Check, AHangUpWithAnotherStateIsAnEvent) {
     EXPECT_TRUE(check::tells_of_event(POLLHUP, 4, 2));
     EXPECT_TRUE(check::tells_of_event(POLLHUP | POLLIN, 4, 2));
