@@ -13,7 +13,7 @@ ROOT = HERE.parent
 ROOMS = ("main", "bootdump", "protocol", "srinfo", "log", "util")
 
 # What the platform labels itself; which label, check_policy.py finds out.
-PLATFORM_PATHS = {"/data", "/dev/kmsg", "/efs/factory.prop", "/proc/cmdline",
+PLATFORM_PATHS = {"/data", "/dev/kmsg", "/efs/factory.prop", "/proc/cmdline", "/proc/self/fd/%d",
                   "/sys/power/wake_lock", "/sys/power/wake_unlock"}
 PLATFORM_PROPERTIES = {"ro.hardware.chipname", "sys.powerctl", "sys.shutdown.requested"}
 # What a capability is for: the daemon keeps more of them than it uses.

@@ -23,7 +23,8 @@ DEFAULT_LABELS = {"device", "block_device", "vendor_file", "vendor_data_file", "
 # vendor_init.
 PROPERTY_SETTERS = {"ro.hardware.chipname": "vendor_init", "ro.vtc.sales_code": "init"}
 # What the daemon does beyond paths and properties, by the call that does it.
-CALLS = {"klogctl(": ("kernel", "system", "syslog_read")}
+CALLS = {"klogctl(": ("kernel", "system", "syslog_read"),
+         "linkat(": ("modem_nv_file", "file", "link")}
 # What a command of an .rc file does to its path, as vendor_init.
 COMMAND_RIGHTS = {"chown": ["setattr"], "chmod": ["setattr"], "mkdir": ["create"],
                   "restorecon_recursive": ["relabelto"]}
@@ -98,6 +99,9 @@ def needed_for_paths(full, labels, paths):
     directories = {check.parent(path) for path in paths} & paths | {"/data"}
     needed = {}
     for path in paths:
+        if path.startswith("/proc/self/fd/"):
+            needed[("rvd", "lnk_file", "read")] = path
+            continue
         klass, kind = kind_of(path, directories)
         label = label_of(full, labels, path, kind)
         if path == "/data":

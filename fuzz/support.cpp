@@ -116,6 +116,8 @@ RVD_CALL(off_t, lseek, (int fd, off_t offset, int from), (fd, offset, from))
 RVD_CALL(int, fsync, (int fd), (fd))
 RVD_CALL(int, ftruncate, (int fd, off_t size), (fd, size))
 RVD_CALL(int, rename, (const char* from, const char* to), (from, to))
+RVD_CALL(int, linkat, (int from, const char* path, int to, const char* name, int flags),
+         (from, path, to, name, flags))
 RVD_CALL(int, mkdir, (const char* path, mode_t mode), (path, mode))
 
 int __real_open(const char* path, int flags, mode_t mode);

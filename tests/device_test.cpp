@@ -36,6 +36,10 @@ TEST_F(Device, AMissingNvFileIsMadeErasedInOneWriteOrInBlocks) {
     fs::remove(nv);
     EXPECT_EQ(Util::create_empty_nv(nv.c_str(), 0), -14);
     EXPECT_EQ(last_said(), "create_empty_nv: ERR! wrong size(0)");
+    EXPECT_EQ(Util::create_empty_nv(nv.c_str(), kSize), -14);
+    EXPECT_EQ(last_said(), "! create_empty_nv: ERR! NV(" + nv + ") link fail");
+    EXPECT_EQ(read_file(nv), "");
+    fs::remove(nv);
     {
         const FullDisk disk(kSize - 1);
         EXPECT_EQ(Util::create_empty_nv(nv.c_str(), kSize), -14);

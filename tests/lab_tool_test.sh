@@ -86,7 +86,7 @@ done <<'TABLE'
 0|out:^PASS +demo tq720|run --case "demo tq*" --junit junit.xml demo.toml
 0|out:"result": "PASS"|run --case "demo tq*" --json demo.toml
 0|out:^boot:write:[0-9]+:after$|faults --kind kill --only boot --list
-0|out:^first-boot:rename:1:part$|faults --kind cut --only first-boot --list
+0|out:^first-boot:link:1:part$|faults --kind cut --only first-boot --list
 0|out:1 passed, 0 failed|soak --passes 3 --seed 1 --log soak.log
 0|out:1 passed, 0 failed|soak --passes 2 --seed 1 --verify-replay=2
 TABLE

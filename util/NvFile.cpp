@@ -4,6 +4,7 @@
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -21,7 +22,6 @@ namespace {
 constexpr mode_t kNvMode = 0660;
 constexpr int kErased = 0xFF;
 constexpr uint64_t kSmallBlock = uint64_t{64} * 1024;
-constexpr size_t kMadePathSize = kPathSize + sizeof(".new");
 // Sizes come from a signed 32-bit field; a larger one is a negative size that was widened.
 constexpr uint64_t kMaxNvSize = INT_MAX;
 
@@ -31,6 +31,25 @@ bool open_nv(const char* path, int* fd) {
     Log::info("getNvFd", "NV(%s) opened (fd %d)\n", path, opened);
     *fd = opened;
     return true;
+}
+
+// Opens a new file that has no name before give_name(), so that a power cut leaves all of it or
+// nothing. On a file system without such files it has its name at once.
+int open_new(const char* path, bool* named) {
+    constexpr int kFlags = O_RDWR | O_SYNC | O_CLOEXEC;
+    char directory[kPathSize] = ".";
+    const char* const slash = strrchr(path, '/');
+    if (slash != nullptr) copy_text(directory, path, static_cast<size_t>(slash + 1 - path));
+    const int unnamed = open(directory, O_TMPFILE | kFlags, kNvMode);
+    *named = unnamed < 0 && errno == EOPNOTSUPP;
+    if (!*named) return unnamed;
+    return open(path, O_CREAT | O_EXCL | O_NOFOLLOW | kFlags, kNvMode);
+}
+
+bool give_name(int fd, const char* path) {
+    char unnamed[32];
+    format_text(unnamed, "/proc/self/fd/%d", fd);
+    return linkat(AT_FDCWD, unnamed, AT_FDCWD, path, AT_SYMLINK_FOLLOW) == 0;
 }
 
 // In one write where memory for it is available: each write waits for the storage.
@@ -81,13 +100,8 @@ bool Util::getNvFd(cp_boot_mode mode, const char* path, int size, int* fd) {
 
 int Util::create_empty_nv(const char* path, uint64_t size) {
     Log::info("create_empty_nv", "create NV(%s)\n", path);
-    // Later boots use the file as it is. It gets its name when it is complete, or has failed: a
-    // power cut in between leaves none, and the next boot makes it.
-    char made[kMadePathSize];
-    format_text(made, "%s.new", path);
-    const ScopedFd nv(
-            open(made, O_RDWR | O_CREAT | O_TRUNC | O_SYNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
-                 kNvMode));
+    bool named = false;
+    const ScopedFd nv(open_new(path, &named));
     if (!nv.valid()) {
         Log::error("create_empty_nv", "ERR! NV(%s) open fail\n", path);
         return -EFAULT;
@@ -98,12 +112,13 @@ int Util::create_empty_nv(const char* path, uint64_t size) {
     } else {
         result = fill_erased(nv.get(), path, size);
     }
-    if (rename(made, path) < 0) {
-        Log::error("create_empty_nv", "ERR! NV(%s) rename fail\n", path);
+    // Also after a failure: later boots use the file as it is.
+    if (!named && !give_name(nv.get(), path)) {
+        Log::error("create_empty_nv", "ERR! NV(%s) link fail\n", path);
         return -EFAULT;
     }
     if (result < 0) return result;
-    // The content is durable since it was written; ext4 and f2fs write the new name with this.
+    // The content is durable since it was written; ext4 and f2fs write the name with this.
     if (fsync(nv.get()) < 0) {
         Log::error("create_empty_nv", "ERR! fsync(nv_fd) fail\n");
     } else {

@@ -46,16 +46,19 @@ std::string Disk::File::content() const {
     return read_file(handle.get());
 }
 
+Disk::File& Disk::keep(ScopedFd handle) {
+    File file{std::move(handle), ""};
+    return files_.try_emplace(file.status().st_ino, std::move(file)).first->second;
+}
+
 // The names there are now.
 Disk::Names Disk::look() {
     Names names;
     for (const char* place : kPlaces) {
         for (const auto& entry : fs::recursive_directory_iterator(phone_.path(place))) {
             ScopedFd handle(open(entry.path().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-            struct stat status {};
-            if (fstat(handle.get(), &status) != 0) continue;
-            names[phone_.inside(entry.path())] = status.st_ino;
-            files_.try_emplace(status.st_ino, File{std::move(handle), ""});
+            if (handle.valid())
+                names[phone_.inside(entry.path())] = keep(std::move(handle)).status().st_ino;
         }
     }
     return names;
@@ -67,22 +70,22 @@ void Disk::flush_all() {
         file.durable = file.content();
 }
 
-// A directory's flush makes all changes of names before it durable, as they are in one journal.
-void Disk::flush(const std::string& path) {
-    const Names names = look();
-    const auto found = names.find(path);
-    if (found == names.end()) return;
-    File& file = files_.at(found->second);
-    file.durable = file.content();
-    if (S_ISDIR(file.status().st_mode)) names_ = names;
-}
-
-void Disk::call(const std::string& name, const std::string& path, const std::string& fdinfo) {
+void Disk::call(const std::string& name, const std::string& path, pid_t daemon, int fd) {
     if (effect_) std::exchange(effect_, nullptr)();
     if (name == "sync") effect_ = [this] { flush_all(); };
-    if (!holds(path)) return;
-    if (name == "fsync" || (name == "write" && is_synchronous(fdinfo)))
-        effect_ = [this, path] { flush(path); };
+    if (!holds(path) || (name != "fsync" && name != "write")) return;
+    const auto shown = [&](const char* what) {
+        return fmt::format("/proc/{}/{}/{}", daemon, what, fd);
+    };
+    if (name == "write" && !is_synchronous(shown("fdinfo"))) return;
+    File& file = keep(ScopedFd(open(shown("fd").c_str(), O_PATH | O_CLOEXEC)));
+    effect_ = [this, &file] { flush(file); };
+}
+
+// A directory's flush makes all changes of names before it durable, as they are in one journal.
+void Disk::flush(File& file) {
+    file.durable = file.content();
+    if (S_ISDIR(file.status().st_mode)) names_ = look();
 }
 
 void Disk::cut(Unflushed survives, uint64_t seed) {

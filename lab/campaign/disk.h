@@ -22,9 +22,9 @@ class Disk {
     // All that is there now is durable.
     explicit Disk(const Phone& phone);
 
-    // The daemon is about to make a call; its calls before have returned. `fdinfo` is the kernel's
-    // file about the call's descriptor.
-    void call(const std::string& name, const std::string& path, const std::string& fdinfo);
+    // The daemon is about to make a call, maybe on one of its descriptors; its calls before have
+    // returned.
+    void call(const std::string& name, const std::string& path, pid_t daemon, int fd);
 
     // The power goes before the call that is about to be made.
     void cut(Unflushed survives, uint64_t seed);
@@ -43,7 +43,8 @@ class Disk {
     using Names = std::map<std::string, ino_t>;
 
     Names look();
-    void flush(const std::string& path);
+    File& keep(ScopedFd handle);
+    void flush(File& file);
     void flush_all();
     std::string surviving(const File& file, Unflushed survives);
     void rewrite(const Names& names, Unflushed survives);

@@ -32,6 +32,7 @@ const std::map<std::string, std::vector<const char*>> kWays = {
         {"unlink", {"EACCES", "EIO", "EROFS"}},
         {"rmdir", {"EACCES", "EIO", "EROFS"}},
         {"rename", {"EACCES", "EIO", "ENOSPC"}},
+        {"link", {"EACCES", "EIO", "ENOSPC"}},
         {"chmod", {"EPERM", "EIO", "EROFS"}},
         {"chown", {"EPERM", "EIO", "EROFS"}},
         {"readdir", {"EIO", "ENOMEM"}},
@@ -53,15 +54,14 @@ const std::map<std::string, std::vector<const char*>> kWays = {
 
 // Calls that the C library makes for itself, on memory that it has and between threads.
 const std::set<std::string> kLibrary = {
-        "munmap",       "mprotect",  "madvise",           "futex",
-        "getpid",       "gettid",    "connect",           "rt_sigprocmask",
-        "rt_sigaction", "socket",    "fstatfs",           "getuid",
-        "geteuid",      "getrandom", "prlimit64",         "access",
-        "fcntl",        "link",      "sched_getaffinity", "sigaltstack"};
+        "munmap",  "mprotect", "madvise",           "futex",        "getpid",
+        "gettid",  "connect",  "rt_sigprocmask",    "rt_sigaction", "socket",
+        "fstatfs", "getuid",   "geteuid",           "getrandom",    "prlimit64",
+        "access",  "fcntl",    "sched_getaffinity", "sigaltstack"};
 
-const std::set<std::string> kChanging = {"open",   "write", "ioctl", "rename",
-                                         "unlink", "rmdir", "mkdir", "ftruncate",
-                                         "fsync",  "sync",  "chmod", "chown"};
+const std::set<std::string> kChanging = {"open",   "write", "ioctl", "rename",    "link",
+                                         "unlink", "rmdir", "mkdir", "ftruncate", "fsync",
+                                         "sync",   "chmod", "chown"};
 
 constexpr char kHangUp[] = "hang-up";
 
@@ -88,9 +88,10 @@ struct Planned {
 // What no later pass can mend. An NV file is never made anew, whatever is in it; and a root that
 // could not become the radio user has lost the right to make one in the radio user's directory.
 bool leaves_stuck(const std::string& flow, const MadeCall& made, const std::string& way) {
-    const bool partly = made.call == "write" && made.path == "/mnt/vendor/efs/nv_data.bin.new" &&
+    const bool partly = made.call == "write" && made.path == "/mnt/vendor/efs/#unnamed" &&
                         (way == "EIO" || way == "ENOSPC");
-    return flow == "first-boot" && (partly || made.call == "setuid");
+    const bool root = made.call == "setuid" && way[0] == 'E';
+    return flow == "first-boot" && (partly || root);
 }
 
 // Whether a call on this path can fail this way.

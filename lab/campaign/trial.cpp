@@ -68,8 +68,7 @@ void Trial::call(const std::string& name, const std::string& path, int fd) {
         violation(path + " is removed before it is handed back");
     if (name == "write" && path == kWakeLockPath) locked_ = true;
     if (name == "write" && path == kWakeUnlockPath) locked_ = false;
-    if (disk_)
-        disk_->call(name, path, fmt::format("/proc/{}/fdinfo/{}", play_->stage.daemon(), fd));
+    if (disk_) disk_->call(name, path, play_->stage.daemon(), fd);
 }
 
 void Trial::line(const std::string& text) {

@@ -150,7 +150,9 @@ std::string Calls::path_of_fd(int fd) const {
     const std::string name = links.name_of(fd);
     if (!name.empty()) return name;
     std::error_code none;
-    return phone.inside(std::filesystem::read_symlink(daemon.link_of(fd), none));
+    const std::string path = phone.inside(std::filesystem::read_symlink(daemon.link_of(fd), none));
+    // The kernel shows a file that has no name as "#" and its inode's number, which no run repeats.
+    return matches("*/#* (deleted)", path) ? path.substr(0, path.rfind('#')) + "#unnamed" : path;
 }
 
 // The daemon may change files only in these places.

@@ -38,6 +38,7 @@ const CallShape kShapes[] = {
         {"rename", "rename", Watch::always, &Calls::look, 0},
         {"renameat", "rename", Watch::always, &Calls::look, 1},
         {"renameat2", "rename", Watch::always, &Calls::look, 1},
+        {"linkat", "link", Watch::always, &Calls::look, 3},
 
         {"poll", "poll", Watch::virtual_time, &Calls::serve_poll},
         {"ppoll", "poll", Watch::virtual_time, &Calls::serve_poll},
