@@ -27,6 +27,7 @@ constexpr Call kCalls[] = {
         {"not emptied", "ftruncate"},
         {"fsync", "fsync"},
         {"rename", "rename"},
+        {"link fail", "link"},
         {"statfs", "statfs"},
         {"stat fail", "stat"},
         {"read fail", "read"},
@@ -58,7 +59,7 @@ constexpr Place kPlaces[] = {
         {"std_ul_recv_info", "*/cpcrash_*_info_*"},
         {"std_ul_recv_data", "*/cpcrash_*_dump_2*"},
         {"std_dump_receive_cp_dump", "*/cpcrash_*_dump_2*"},
-        {"create_empty_nv", "*nv*"},
+        {"create_empty_nv", "*/#unnamed"},
         {"create_directory", "/data/vendor/log/rvd"},
         {"open_srinfo_file", "*/sr_info_*"},
         {"write_srinfo_file", "*/sr_info_*"},
@@ -195,7 +196,7 @@ class Failures {
     std::string place_of(const Event& event, std::string_view call) const {
         const std::string& message = event.message;
         const std::string path = path_in(message);
-        // A new NV file has another name at first.
+        // A new NV file has no name at first.
         if (event.step == "create_empty_nv" && !path.empty())
             return path.substr(0, path.rfind('/')) + "/*";
         if (!path.empty()) return path;
