@@ -37,9 +37,8 @@ bool open_nv(const char* path, int* fd) {
 // nothing. On a file system without such files it has its name at once.
 int open_new(const char* path, bool* named) {
     constexpr int kFlags = O_RDWR | O_SYNC | O_CLOEXEC;
-    char directory[kPathSize] = ".";
-    const char* const slash = strrchr(path, '/');
-    if (slash != nullptr) copy_text(directory, path, static_cast<size_t>(slash + 1 - path));
+    char directory[kPathSize];
+    copy_text(directory, path, static_cast<size_t>(strrchr(path, '/') + 1 - path));
     const int unnamed = open(directory, O_TMPFILE | kFlags, kNvMode);
     *named = unnamed < 0 && errno == EOPNOTSUPP;
     if (!*named) return unnamed;

@@ -15,9 +15,10 @@ class Util {
     // needs none (dump mode, or no path configured). False: nothing is stored.
     static bool getNvFd(cp_boot_mode mode, const char* path, int size, int* fd);
 
-    // Makes a file of `size` bytes of 0xFF at `path`, where none is. It appears there when it is
-    // complete, or of unknown length when it has failed. Returns 0, -12 when there is no memory for
-    // it (or `size` is beyond any NV image), -14 on every other failure.
+    // Makes a file of `size` bytes of 0xFF at `path`, where none is; `path` names its directory,
+    // too. It appears there when it is complete, or of unknown length when it has failed. Returns
+    // 0, -12 when there is no memory for it (or `size` is beyond any NV image), -14 on every other
+    // failure.
     static int create_empty_nv(const char* path, uint64_t size);
 
     // Becomes the radio user and keeps the capabilities the daemon needs. Must run before any
