@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -112,6 +113,7 @@ extern "C" {
 
 RVD_CALL(ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
 RVD_CALL(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
+RVD_CALL(ssize_t, writev, (int fd, const iovec* blocks, int count), (fd, blocks, count))
 RVD_CALL(off_t, lseek, (int fd, off_t offset, int from), (fd, offset, from))
 RVD_CALL(int, fsync, (int fd), (fd))
 RVD_CALL(int, ftruncate, (int fd, off_t size), (fd, size))

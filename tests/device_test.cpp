@@ -10,29 +10,31 @@ class Device : public Phone {
     ProtocolVelo protocol_;
 };
 
-TEST_F(Device, AMissingNvFileIsMadeErasedInOneWriteOrInBlocks) {
+TEST_F(Device, AMissingNvFileIsMadeErasedWhateverItsSize) {
     constexpr int kSize = 3 * 64 * 1024 + 1;
     const std::string nv = path("nv");
-    for (const size_t limit : {SIZE_MAX, size_t{64} * 1024}) {
-        fs::remove(nv);
-        int fd = -2;
-        largest_block = limit;
-        const bool made = Util::getNvFd(CP_BOOT_MODE_NORMAL, nv.c_str(), kSize, &fd);
-        largest_block = SIZE_MAX;
-        EXPECT_TRUE(made);
-        EXPECT_TRUE(read_file(nv) == std::string(kSize, '\xFF'));
-        struct stat status = {};
-        stat(nv.c_str(), &status);
-        EXPECT_EQ(status.st_mode & 07777, 0660u);
-        EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
-        EXPECT_THAT(said(),
-                    ElementsAre("getNvFd: ERR! no NV(" + nv + ") file",
-                                "create_empty_nv: create NV(" + nv + ")",
-                                "create_empty_nv: NV(" + nv + ") saved 196609 bytes",
-                                "getNvFd: NV(" + nv + ") opened (fd " + std::to_string(fd) + ")"));
-        EXPECT_EQ(list(kScratch), Lines{"nv"});
-        close(fd);
-    }
+    int fd = -2;
+    EXPECT_TRUE(Util::getNvFd(CP_BOOT_MODE_NORMAL, nv.c_str(), kSize, &fd));
+    EXPECT_TRUE(read_file(nv) == std::string(kSize, '\xFF'));
+    struct stat status = {};
+    stat(nv.c_str(), &status);
+    EXPECT_EQ(status.st_mode & 07777, 0660u);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
+    EXPECT_THAT(said(),
+                ElementsAre("getNvFd: ERR! no NV(" + nv + ") file",
+                            "create_empty_nv: create NV(" + nv + ")",
+                            "create_empty_nv: NV(" + nv + ") saved 196609 bytes",
+                            "getNvFd: NV(" + nv + ") opened (fd " + std::to_string(fd) + ")"));
+    EXPECT_EQ(list(kScratch), Lines{"nv"});
+    close(fd);
+
+    fs::remove(nv);
+    largest_block = 64 * 1024;
+    constexpr int kLarge = 64 * 1024 * 1024 + 1;  // more than a call writes
+    EXPECT_EQ(Util::create_empty_nv(nv.c_str(), kLarge), 0);
+    largest_block = SIZE_MAX;
+    EXPECT_EQ(fs::file_size(nv), kLarge);
+
     fs::remove(nv);
     EXPECT_EQ(Util::create_empty_nv(nv.c_str(), 0), -14);
     EXPECT_EQ(last_said(), "create_empty_nv: ERR! wrong size(0)");

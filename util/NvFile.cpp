@@ -4,13 +4,13 @@
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "log/Log.h"
 #include "util/Heap.h"
-#include "util/Io.h"
 #include "util/ScopedFd.h"
 #include "util/Text.h"
 #include "util/Util.h"
@@ -21,7 +21,8 @@ namespace {
 
 constexpr mode_t kNvMode = 0660;
 constexpr int kErased = 0xFF;
-constexpr uint64_t kSmallBlock = uint64_t{64} * 1024;
+constexpr uint64_t kBlock = uint64_t{64} * 1024;
+constexpr int kBlocks = 1024;  // the kernel takes no more
 // Sizes come from a signed 32-bit field; a larger one is a negative size that was widened.
 constexpr uint64_t kMaxNvSize = INT_MAX;
 
@@ -51,26 +52,27 @@ bool give_name(int fd, const char* path) {
     return linkat(AT_FDCWD, unnamed, AT_FDCWD, path, AT_SYMLINK_FOLLOW) == 0;
 }
 
-// In one write where memory for it is available: each write waits for the storage.
+// One call writes up to 64 MiB, all from the same block: each call waits for the storage, and the
+// size of an image that a table makes up is not asked of the memory.
 int fill_erased(int fd, const char* path, uint64_t size) {
-    uint64_t block_size = size;
-    HeapPtr<char> block = size <= kMaxNvSize ? heap_bytes(size) : nullptr;
-    if (!block && size <= kMaxNvSize) {
-        block_size = std::min(size, kSmallBlock);
-        block = heap_bytes(block_size);
-    }
+    const HeapPtr<char> block = size <= kMaxNvSize ? heap_bytes(kBlock) : nullptr;
     if (!block) {
         Log::info("create_empty_nv", "ERR! malloc(%ld) fail\n", static_cast<long>(size));
         return -ENOMEM;
     }
-    memset(block.get(), kErased, block_size);
-    for (uint64_t done = 0; done < size;) {
-        const size_t length = std::min(size - done, block_size);
-        if (write_all(fd, block.get(), length) < 0) {
+    memset(block.get(), kErased, kBlock);
+    for (uint64_t left = size; left > 0;) {
+        iovec blocks[kBlocks];
+        int count = 0;
+        for (uint64_t end = left; end > 0 && count < kBlocks; end -= blocks[count++].iov_len)
+            blocks[count] = {block.get(), std::min(end, kBlock)};
+        const ssize_t written = writev(fd, blocks, count);
+        if (written == 0) errno = ENOSPC;
+        if (written == 0 || (written < 0 && errno != EINTR)) {
             Log::error("create_empty_nv", "NV(%s) write fail\n", path);
             return -EFAULT;
         }
-        done += length;
+        if (written > 0) left -= static_cast<uint64_t>(written);
     }
     return 0;
 }

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <numeric>
 #include <optional>
 
 #include "bootdump/lnkm.h"
@@ -33,6 +34,11 @@ std::optional<Node> node_at(const std::string& path) {
     if (path.find("_boot") != std::string::npos) return Node::boot;
     if (path.find("_ramdump") != std::string::npos) return Node::dump;
     return {};
+}
+
+size_t length_of(const std::vector<iovec>& buffers) {
+    return std::accumulate(buffers.begin(), buffers.end(), size_t{0},
+                           [](size_t sum, const iovec& buffer) { return sum + buffer.iov_len; });
 }
 
 }  // namespace
@@ -114,10 +120,20 @@ bool Calls::apply_fault(const Call& call) {
     return true;
 }
 
+// The daemon's memory that a read or a write is about.
+std::vector<iovec> Calls::buffers(const Call& call) const {
+    if (call.name() != "writev")
+        return {{reinterpret_cast<void*>(call.argument(1)), call.argument(2)}};
+    std::vector<iovec> list(call.argument(2));
+    call.memory().read(call.argument(1), list.data(), list.size() * sizeof(iovec));
+    return list;
+}
+
 // Does a short read or write on the daemon's open file, whose position both processes share.
 void Calls::transfer_part(const Call& call, size_t size) {
     const Memory memory = call.memory();
-    std::vector<char> bytes(std::min<size_t>(size, call.argument(2)));
+    const std::vector<iovec> theirs = buffers(call);
+    std::vector<char> bytes(std::min(size, length_of(theirs)));
     const bool reads = call.name() == "read";
     // A packet cut on its way into the link is lost.
     if (!reads && links.at(static_cast<int>(call.argument(0))) != nullptr)
@@ -127,7 +143,7 @@ void Calls::transfer_part(const Call& call, size_t size) {
     if (!bytes.empty() && reads) {
         result = read(file.get(), bytes.data(), bytes.size());
         if (result > 0) memory.write(call.argument(1), bytes.data(), static_cast<size_t>(result));
-    } else if (!bytes.empty() && memory.read(call.argument(1), bytes.data(), bytes.size())) {
+    } else if (!bytes.empty() && memory.gather(theirs, bytes.data(), bytes.size())) {
         result = write(file.get(), bytes.data(), bytes.size());
     }
     daemon.answer(call, result < 0 ? -errno : result);
@@ -264,7 +280,7 @@ void Calls::serve_clone(const Call& call) {
 void Calls::serve_write(const Call& call) {
     if (!scenario.disk || !under(path_of(call), "/data/")) return daemon.proceed(call);
     const auto room = static_cast<uint64_t>(phone.disk_room());
-    if (call.argument(2) <= room) return daemon.proceed(call);
+    if (length_of(buffers(call)) <= room) return daemon.proceed(call);
     if (room == 0) return daemon.answer(call, -ENOSPC);
     transfer_part(call, room);
 }

@@ -66,6 +66,7 @@ class Calls : private CallScene {
   private:
     bool apply_fault(const Call& call);
     const Fault* due_fault(const Call& call);
+    std::vector<iovec> buffers(const Call& call) const;
     void transfer_part(const Call& call, size_t size);
     void answer_with(const Call& call, int argument, const void* record, size_t size,
                      int64_t result = 0);

@@ -56,6 +56,7 @@ const CallShape kShapes[] = {
 
         {"read", "read", Watch::faults, &Calls::look, -1, 0},
         {"write", "write", Watch::faults, &Calls::serve_write, -1, 0},
+        {"writev", "write", Watch::faults, &Calls::serve_write, -1, 0},
         {"lseek", "lseek", Watch::faults, &Calls::look, -1, 0},
         {"fsync", "fsync", Watch::faults, &Calls::look, -1, 0},
         {"ftruncate", "ftruncate", Watch::faults, &Calls::look, -1, 0},

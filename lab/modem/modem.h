@@ -32,6 +32,13 @@ class Memory {
         return copy(process_vm_writev, address, const_cast<void*>(data), size);
     }
 
+    // The first bytes of several ranges together.
+    bool gather(const std::vector<iovec>& ranges, void* out, size_t size) const {
+        const iovec here = {out, size};
+        return process_vm_readv(pid_, &here, 1, ranges.data(), ranges.size(), 0) ==
+               static_cast<ssize_t>(size);
+    }
+
     // A text up to its NUL, at most a path's length. The page behind its first one may be missing.
     std::string text(uint64_t address) const {
         constexpr size_t kPage = 4096;
