@@ -1,4 +1,5 @@
-// Keeps the daemon's log lines while its code runs here, instead of writing them to the kernel log.
+// Collects the log lines of the daemon's code that runs in this process, in place of the kernel
+// log.
 #pragma once
 
 #include <string>
@@ -8,7 +9,7 @@
 
 namespace rvd::check {
 
-// One at a time. The Android log is not affected.
+// Only one may exist at a time. The Android log is not affected.
 class Capture {
   public:
     Capture();
@@ -16,7 +17,7 @@ class Capture {
     Capture(const Capture&) = delete;
     Capture& operator=(const Capture&) = delete;
 
-    // The lines since the last call, as "tag: text"; an error's begins with "(ERR! reason) ".
+    // The lines since the last call, as "tag: text"; errors begin with "(ERR! reason) ".
     std::vector<std::string> take();
 
   private:

@@ -58,9 +58,9 @@ std::string detail(const Request& request, const void* argument) {
     }
 }
 
-std::string difference(const Request& request, int result, const void* argument) {
+std::string wrong_answer(const Request& request, int result, const void* argument) {
     if (result < 0) return strerror(errno);
-    if (request.zero_alone && result != 0) return "0 alone is success";
+    if (request.only_zero_succeeds && result != 0) return "only 0 is success";
     switch (request.number) {
         case IOCTL_GET_SRINFO: {
             const uint32_t length = static_cast<const srinfo_buf*>(argument)->len;
@@ -80,18 +80,18 @@ std::string difference(const Request& request, int result, const void* argument)
     }
 }
 
-std::string out_of_place(short shown, const Request& request) {
-    const bool may_hang =
+std::string wrong_events(short revents, const Request& request) {
+    const bool may_hang_up =
             request.number == IOCTL_GET_CP_STATUS || request.number == IOCTL_POWER_OFF;
-    if ((shown & POLLHUP) != 0 && !may_hang)
+    if ((revents & POLLHUP) != 0 && !may_hang_up)
         return text("hangs up before %s, which ends a boot or a dump", request.name);
-    if ((shown & POLLIN) != 0 && request.number == IOCTL_GET_LOG_DUMP)
+    if ((revents & POLLIN) != 0 && request.number == IOCTL_GET_LOG_DUMP)
         return "has more to read than the region's size";
     return "";
 }
 
-bool tells_of_event(short shown, int before, int after) {
-    return (shown & POLLHUP) != 0 && after != before;
+bool is_event(short revents, int state_before, int state_after) {
+    return (revents & POLLHUP) != 0 && state_after != state_before;
 }
 
 }  // namespace rvd::check

@@ -1,5 +1,5 @@
-// Tests the driver: runs the daemon's own boot and dump, and compares every answer with what the
-// daemon relies on.
+// Tests the driver: runs the daemon's own boot and dump, and checks every answer against the
+// contract.
 #pragma once
 
 #include "check/capture.h"
@@ -7,10 +7,10 @@
 
 namespace rvd::check {
 
-// What the test does; to be shown before it is agreed to.
+// Describes the test to the user, who has to agree to it.
 extern const char kDriverTest[];
 
-// Boots the modem, waits for an event, dumps it and powers it off. No kernel panic is asked for.
+// Boots the modem, waits for an event, dumps it and powers it off. Does not panic the kernel.
 void check_driver_contract(Report& report, Capture& lines);
 
 }  // namespace rvd::check

@@ -1,4 +1,4 @@
-// SELinux: the labels of what the daemon opens, and the domain of one that runs.
+// SELinux: the labels of the files that the daemon opens, and the domain of a running daemon.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -16,7 +16,7 @@ namespace rvd::check {
 
 namespace {
 
-// Made by a kernel that has SELinux, also where it is not mounted.
+// Exists on every kernel with SELinux, mounted or not.
 constexpr char kSelinux[] = "/sys/fs/selinux";
 
 void check_label(Report& report, const char* path, const char* type) {
@@ -25,12 +25,13 @@ void check_label(Report& report, const char* path, const char* type) {
     const std::string wanted = text("u:object_r:%s:s0", type);
     const std::string what = text("label of %s", path);
     report.add(what.c_str(), label == wanted,
-               label == wanted ? label
-                               : text("\"%s\" instead of %s; file_contexts, then restorecon -v %s",
-                                      label, wanted.c_str(), path));
+               label == wanted
+                       ? label
+                       : text("\"%s\" instead of %s; fix file_contexts, then restorecon -v %s",
+                              label, wanted.c_str(), path));
 }
 
-// The daemon that runs beside this program, or "".
+// The /proc directory of the running daemon, or "".
 std::string daemon_process() {
     std::string found;
     DIR* processes = opendir("/proc");
@@ -74,7 +75,8 @@ void check_labels(Report& report) {
     const std::string domain = first_line((process + "/attr/current").c_str());
     const bool held = domain.compare(0, 10, "u:r:rvd:s0") == 0;
     report.add("domain of the running daemon", held,
-               held ? domain : "\"" + domain + "\" instead of u:r:rvd:s0; the label of its file");
+               held ? domain
+                    : "\"" + domain + "\" instead of u:r:rvd:s0; check the label of its file");
 }
 
 }  // namespace rvd::check

@@ -23,7 +23,7 @@ namespace rvd::check {
 
 namespace {
 
-constexpr int kRingSize = 10;  // klogctl's action
+constexpr int kReadAll = 3, kRingSize = 10;  // actions of klogctl()
 constexpr uid_t kRadioUser = 1001;
 
 std::string owner_of(const struct stat& status) {
@@ -34,7 +34,7 @@ std::string directory_of(const char* path) {
     return std::string(path, strrchr(path, '/'));
 }
 
-// Why a file does not open, and what to do; `missing` is the advice where there is none.
+// Why a file does not open, and what to do; `missing` is the advice for a missing file.
 std::string refusal(const char* path, int error, const char* missing) {
     struct stat status = {};
     if (error == ENOENT || error == ENODEV || error == ENXIO)
@@ -68,7 +68,8 @@ struct Links : BootDump {
 
 void check_links(Report& report, Capture& lines) {
     const int result = Links::check_links(Container::getRvdArgs()->modem_type == MODEM_TYPE_VK880);
-    report.add("links", result == 0, joined(lines.take()) + (result == 0 ? "" : ": -b, -m"));
+    report.add("links", result == 0,
+               joined(lines.take()) + (result == 0 ? "" : "; name another with -b or -m"));
 }
 
 void check_user(Report& report) {
@@ -91,8 +92,9 @@ void check_user(Report& report) {
     if (geteuid() != user)
         report.no("user", text("%u instead of %u; start as root, with SETUID", geteuid(), user));
     else if (!missing.empty())
-        report.no("user", text("%u lacks%s; start as root, the service's capabilities name them",
-                               user, missing.c_str()));
+        report.no("user",
+                  text("%u lacks%s; start as root, and list them in the service's capabilities",
+                       user, missing.c_str()));
     else
         report.ok("user", text("%u, capabilities %016llx", user, effective));
 }
@@ -114,7 +116,8 @@ void check_group(Report& report) {
 // Returns whether both nodes open.
 bool check_driver(Report& report) {
     const RvdArgs* args = Container::getRvdArgs();
-    constexpr char kMissing[] = "load the driver (dmesg | grep lnkm), or name it with -B or -D";
+    constexpr char kMissing[] =
+            "load the driver (dmesg | grep lnkm), or name another node with -B or -D";
     const ScopedFd boot =
             open_file(report, "boot node", args->boot_node, O_RDWR | O_NONBLOCK, kMissing);
     const ScopedFd dump =
@@ -144,21 +147,20 @@ void check_nv(Report& report, const std::vector<Entry>& table, bool& bootable) {
     const bool makeable = access(directory.c_str(), W_OK | X_OK) == 0;
     const ScopedFd nv = open_file(
             report, "NV file", args->nv_data_path, O_RDONLY,
-            makeable
-                    ? "mount its partition, or name its directory with -n; on a new phone the "
-                      "first boot makes it"
-                    : "mount its partition, or name its directory with -n; no boot can make it, as "
-                      "the directory is missing or not writable");
+            makeable ? "mount its partition, or name its directory with -n; on a new phone the "
+                       "first boot creates it"
+                     : "mount its partition, or name its directory with -n; no boot can create it: "
+                       "the directory is missing or not writable");
     if (!nv.valid()) {
-        // A boot makes the file that is missing, and opens no other.
+        // A boot creates a missing file; one that exists and does not open stops it.
         bootable = bootable && makeable && access(args->nv_data_path, F_OK) != 0;
         return;
     }
     const uint64_t size = size_of(nv.get());
     report.add("NV length", size >= wanted,
-               text("%llu bytes, the table has %llu%s", static_cast<unsigned long long>(size),
+               text("%llu bytes, the table says %llu%s", static_cast<unsigned long long>(size),
                     static_cast<unsigned long long>(wanted),
-                    size >= wanted ? "" : "; another phone's file, or a write that was cut off"));
+                    size >= wanted ? "" : "; another phone's file, or an interrupted write"));
 }
 
 bool check_firmware(Report& report, Capture& lines) {
@@ -172,9 +174,9 @@ bool check_firmware(Report& report, Capture& lines) {
         stages += " " + row.name;
     bool bootable = plan.refusals.empty();
     report.add("table", bootable,
-               bootable
-                       ? text("%zu stages:%s", plan.rows.size(), stages.c_str())
-                       : joined(plan.refusals) + "; flash it again, or -P names another partition");
+               bootable ? text("%zu stages:%s", plan.rows.size(), stages.c_str())
+                        : joined(plan.refusals) +
+                                  "; flash it again, or name another partition with -P");
     check_nv(report, read_table(partition.get()), bootable);
     return bootable;
 }
@@ -191,13 +193,12 @@ void check_kernel_log(Report& report) {
                                          "boot with printk.devkmsg=on");
     const int size = klogctl(kRingSize, nullptr, 0);
     char latest[512];
-    const bool read = size > 0 && klogctl(3, latest, sizeof(latest)) >= 0;
-    report.add(
-            "kernel log", read,
-            !read ? text("%s; CAP_SYSLOG, and the policy's syslog_read", strerror(errno))
-            : size >= Log::kRingSize
-                    ? text("%d bytes", size)
-                    : text("%d bytes, of which a save takes all; log_buf_len=1M holds more", size));
+    const bool read = size > 0 && klogctl(kReadAll, latest, sizeof(latest)) >= 0;
+    report.add("kernel log", read,
+               !read ? text("%s; needs CAP_SYSLOG, and syslog_read in the policy", strerror(errno))
+               : size >= Log::kRingSize
+                       ? text("%d bytes", size)
+                       : text("%d bytes, less than a save holds; log_buf_len=1M keeps more", size));
 }
 
 void check_storage(Report& report, Capture& lines) {
@@ -205,9 +206,10 @@ void check_storage(Report& report, Capture& lines) {
     const std::string above = directory_of(directory);
     const char* writable = access(directory, F_OK) == 0 ? directory : above.c_str();
     const bool held = access(writable, W_OK | X_OK) == 0;
-    report.add("log directory", held,
-               held ? writable
-                    : refusal(writable, errno, "make it; on a phone rvd.rc does, at post-fs-data"));
+    report.add(
+            "log directory", held,
+            held ? writable
+                 : refusal(writable, errno, "create it; on a phone rvd.rc does, at post-fs-data"));
     if (!held) return;
     lines.take();
     const bool room = Log::check_log_directory(writable) == 0 &&
@@ -245,7 +247,7 @@ bool check_phone(Report& report, Capture& lines) {
         check_writable(report, "wake lock", kWakeLockPath, "the kernel needs CONFIG_PM_WAKELOCKS");
         check_writable(report, "wake unlock", kWakeUnlockPath,
                        "the kernel needs CONFIG_PM_WAKELOCKS");
-        check_writable(report, "SIM-count file", kSimCountPath, "the driver makes it");
+        check_writable(report, "SIM-count file", kSimCountPath, "the driver creates it");
     }
     check_properties(report);
     check_labels(report);

@@ -1,4 +1,4 @@
-// What the daemon finds on this phone: read-only, as the user that the daemon becomes.
+// Checks everything that the daemon needs on this phone, read-only and as the daemon's user.
 #pragma once
 
 #include "check/capture.h"
@@ -6,12 +6,12 @@
 
 namespace rvd::check {
 
-// The arguments are in the registry. Returns whether driver, firmware and NV data allow a boot.
+// Takes the arguments from the registry. Returns whether driver, firmware and NV file allow a boot.
 bool check_phone(Report& report, Capture& lines);
 
 void check_labels(Report& report);
 
-// Of a file; "" where it cannot be read.
+// The first line of a file, or "" if it cannot be read.
 std::string first_line(const char* path);
 
 }  // namespace rvd::check

@@ -17,7 +17,7 @@ namespace {
 
 constexpr char kNothing[] = "/dev/null";
 
-// Puts the image in the partition's place, and /dev/null in that of the boot node and NV files.
+// Points the partition to the image, and the boot node and NV files to /dev/null.
 void put_image(int image, RvdArgs& args) {
     format_text(args.boot_node, "%s", kNothing);
     format_text(args.partition_path, "/proc/self/fd/%d", image);
@@ -26,7 +26,7 @@ void put_image(int image, RvdArgs& args) {
     }
 }
 
-// Names the row after the entry with its offset, its size and its source.
+// The row, named after the entry with the same offset, size and source.
 Row row_of(const std_boot_args& boot, unsigned index) {
     const std_dload_control& planned = boot.dload[index];
     const auto* entry =
@@ -38,7 +38,7 @@ Row row_of(const std_boot_args& boot, unsigned index) {
             planned.fd == boot.fd[BOOT_FD_PARTITION]};
 }
 
-// Rows that a boot walks, in order. Of the external modem's the first goes through the driver.
+// The rows of a boot, in order. The external modem's first row goes through the driver.
 std::vector<Row> rows_of(const std_boot_args& boot, bool external) {
     std::vector<Row> rows;
     const auto end = static_cast<unsigned>(boot.max_stage) + (external ? 0 : 1);
@@ -71,7 +71,7 @@ std::string cut_off(const Span& span, uint64_t size) {
                 span.end, size);
 }
 
-// Finds rows whose load fails whatever the driver answers, and rows that overwrite each other.
+// Finds rows that cannot be loaded whatever the driver answers, and rows that overlap in memory.
 void examine_rows(Plan& plan, uint64_t size, bool has_memory) {
     std::vector<Span> memory;
     for (const Row& row : plan.rows) {
@@ -111,7 +111,7 @@ Plan make_plan(int image, cp_boot_mode mode, Capture& lines) {
     BootDump& modem = *Container::getBootDump();
     const RvdArgs before = args;
     const bool external = args.modem_type == MODEM_TYPE_VK880;
-    static ProtocolVelo protocol;  // is asked for the protected NV file
+    static ProtocolVelo protocol;  // the plan asks it for the protected NV file
     if (Container::getProtocol() == nullptr) Container::setProtocol(&protocol);
     put_image(image, args);
     lines.take();

@@ -1,4 +1,4 @@
-// What was found: a line each, "OK" or "NO" with what to do; or all of it as JSON at the end.
+// The results: one line each, "OK" or "NO" with what to do, or all of them as JSON at the end.
 #pragma once
 
 #include <stdio.h>
@@ -29,14 +29,13 @@ class Report {
     std::vector<Finding> findings_;
 };
 
-// Asks on standard error whether to do what the text says. Only an answer that begins with "y" is a
-// yes.
+// Asks on standard error whether to do what the text says. An answer that begins with "y" is a yes.
 bool agreed(const char* text, FILE* answer);
 
-// Formats a text, cut at 512 bytes.
+// Formats a text of at most 511 bytes; a longer one is cut.
 std::string text(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// Control characters and bytes beyond ASCII, as in a broken table's names, become "?".
+// Replaces control characters and non-ASCII bytes by "?".
 std::string printable(std::string text);
 
 std::string joined(const std::vector<std::string>& texts);

@@ -1,4 +1,4 @@
-// rvd-check: says what keeps the daemon from working on this phone.
+// rvd-check: reports what keeps the daemon from working on this phone.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -25,16 +25,16 @@ constexpr int kHeld = 0, kNotHeld = 1, kRefused = 2;
 
 constexpr char kUsage[] =
         "Usage: rvd-check [--json] [--driver [--yes]] OPTION...\n"
-        "Looks at everything that the daemon needs, as the user that it becomes, and changes "
-        "nothing:\n"
-        "a line each, OK, or NO with what to do. OPTION... are the daemon's, as in its .rc file.\n"
-        " --json    all of it as JSON\n"
-        " --driver  then boot and dump the modem, to test its driver; asks before it does\n"
+        "Checks everything that the daemon needs, as the user it runs as, and changes nothing.\n"
+        "Prints a line for each check: OK, or NO with what to do. OPTION... are those of the\n"
+        "daemon, as in its .rc file.\n"
+        " --json    print all of it as JSON\n"
+        " --driver  then boot and dump the modem to test its driver; asks first\n"
         " --yes     do not ask\n";
 
 struct Choice {
     bool json = false, driver = false, yes = false, help = false;
-    int words = 1;  // of the command line, that are not the daemon's
+    int words = 1;  // of the command line: the program's name and its own options
 };
 
 Choice read_choice(int argc, char** argv) {
@@ -55,7 +55,7 @@ Choice read_choice(int argc, char** argv) {
     return choice;
 }
 
-// Root alone opens the kernel log for writing.
+// Only root can open the kernel log for writing.
 void check_kernel_log_node(Report& report) {
     const ScopedFd node(open("/dev/kmsg", O_RDWR | O_CLOEXEC));
     report.add("/dev/kmsg", node.valid(),
@@ -75,16 +75,17 @@ void check_debug_level(Report& report, Capture& lines) {
                                : from + ": nothing of a crash is saved; boot with "
                                         "androidboot.debug_level=0x4945");
     if (cp_debug != CP_DEBUG_NONE)
-        report.no("debug option",
-                  text("%d: persist.vendor.rvd.debug_cp_opt or kro_debug.cp= holds the modem's "
-                       "boots or resets back",
-                       cp_debug));
+        report.no(
+                "debug option",
+                text("%d: set by persist.vendor.rvd.debug_cp_opt or kro_debug.cp=, it changes how "
+                     "the modem is booted and reset",
+                     cp_debug));
 }
 
 void check_driver(Report& report, Capture& lines, bool asked) {
     const Property service("init.svc.rvd", "");
     if (strcmp(service.text(), "running") == 0)
-        return report.no("driver test", "the daemon runs; first: stop rvd");
+        return report.no("driver test", "not run: the daemon is running; stop rvd first");
     if (asked || agreed(kDriverTest, stdin)) check_driver_contract(report, lines);
 }
 
@@ -111,7 +112,7 @@ int main(int argc, char** argv) {
     if ((args->options & OPT_ROOT) == 0) Util::switch_user();
     const bool bootable = check_phone(report, lines);
     if (choice.driver && bootable) check_driver(report, lines, choice.yes);
-    if (choice.driver && !bootable) report.no("driver test", "not run: first mend what is above");
+    if (choice.driver && !bootable) report.no("driver test", "not run: fix the lines above first");
     report.finish();
     return report.all_ok() ? kHeld : kNotHeld;
 }

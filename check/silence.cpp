@@ -1,5 +1,5 @@
-// Replaces two functions that the daemon's code calls: this program adds nothing to the radio log,
-// which is evidence, and runs no test actions, which write and remove files.
+// Replaces two functions that the daemon's code calls: this program writes nothing to the radio
+// log, which is evidence, and runs no test actions, which write and remove files.
 #include <log/log.h>
 
 #include "util/Util.h"

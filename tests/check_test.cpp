@@ -1,6 +1,5 @@
-// rvd-check where the virtual phone has no way to make a line say NO: SELinux's labels are
-// attributes of files here, the processes of the machine are a directory in place of /proc, and the
-// driver's answers are records.
+// Lines of rvd-check that a scenario cannot make say NO: SELinux labels (extended attributes here),
+// other processes (a directory mounted over /proc), and the records of the driver.
 #include <poll.h>
 #include <sys/mount.h>
 #include <sys/xattr.h>
@@ -14,12 +13,12 @@ namespace {
 
 using Check = Phone;
 
-// What a check prints, by line.
-template <class Look>
-Lines printed(const Look& look) {
+// The lines that a check prints.
+template <class Function>
+Lines printed(const Function& check) {
     testing::internal::CaptureStdout();
-    check::Report report(false);
-    look(report);
+    rvd::check::Report report(false);
+    check(report);
     std::istringstream text(testing::internal::GetCapturedStdout());
     Lines lines;
     for (std::string line; std::getline(text, line);)
@@ -27,7 +26,7 @@ Lines printed(const Look& look) {
     return lines;
 }
 
-// A kernel with SELinux and a single process.
+// Looks like a kernel with SELinux and a single process.
 class SelinuxKernel {
   public:
     SelinuxKernel(int number, const std::string& process, const std::string& domain) {
@@ -50,7 +49,7 @@ void set_label(const std::string& path, const std::string& type) {
     EXPECT_EQ(setxattr(path.c_str(), "security.selinux", label.data(), label.size(), 0), 0) << path;
 }
 
-TEST_F(Check, EveryFileHasTheLabelOfThePolicy) {
+TEST_F(Check, ReportsEachFileWithAWrongLabel) {
     use_modem("tq720");
     RvdArgs& args = *Container::getRvdArgs();
     strcpy(args.partition_path, path("partition").c_str());
@@ -77,13 +76,13 @@ TEST_F(Check, EveryFileHasTheLabelOfThePolicy) {
         EXPECT_EQ(lines.size(), 1 + std::size(files));
         EXPECT_THAT(lines, Contains("NO  label of " + file +
                                     ": \"u:object_r:device:s0\" instead of u:object_r:" + type +
-                                    ":s0; file_contexts, then restorecon -v " + file));
+                                    ":s0; fix file_contexts, then restorecon -v " + file));
         set_label(file, type);
     }
     fs::remove_all("/vendor");
 }
 
-TEST_F(Check, ARunningDaemonIsInItsOwnDomain) {
+TEST_F(Check, ReportsARunningDaemonInAnotherDomain) {
     use_modem("tq720");
     const struct {
         int number;
@@ -91,8 +90,8 @@ TEST_F(Check, ARunningDaemonIsInItsOwnDomain) {
     } cases[] = {
             {42, "rvd", "u:r:rvd:s0", "OK  domain of the running daemon: u:r:rvd:s0"},
             {42, "rvd", "u:r:init:s0",
-             "NO  domain of the running daemon: \"u:r:init:s0\" instead of u:r:rvd:s0; the label "
-             "of its file"},
+             "NO  domain of the running daemon: \"u:r:init:s0\" instead of u:r:rvd:s0; check the "
+             "label of its file"},
             {42, "init", "u:r:init:s0", nullptr},
             {getpid(), "rvd", "u:r:su:s0", nullptr},
     };
@@ -106,7 +105,7 @@ TEST_F(Check, ARunningDaemonIsInItsOwnDomain) {
     }
 }
 
-TEST_F(Check, AnAnswerOfTheDriverIsHeldAgainstWhatTheDaemonReliesOn) {
+TEST_F(Check, NamesWhatIsWrongWithAnAnswerOfTheDriver) {
     constexpr uint32_t kMost = kSrinfoDataSize;
     srinfo_buf records[] = {{0, {}}, {kMost, {}}, {kMost + 1, {}}};
     cp_crash_reason reasons[2] = {};
@@ -128,22 +127,22 @@ TEST_F(Check, AnAnswerOfTheDriverIsHeldAgainstWhatTheDaemonReliesOn) {
             {IOCTL_GET_LNKM_VERSION, 0, versions[0], ""},
             {IOCTL_GET_LNKM_VERSION, 0, versions[1], "the version is empty"},
             {IOCTL_POWER_ON, 1, nullptr, ""},
-            {IOCTL_POWER_OFF, 1, nullptr, "0 alone is success"},
-            {IOCTL_LOAD_CP_IMAGE, 1, nullptr, "0 alone is success"},
+            {IOCTL_POWER_OFF, 1, nullptr, "only 0 is success"},
+            {IOCTL_LOAD_CP_IMAGE, 1, nullptr, "only 0 is success"},
     };
     for (const auto& c : cases) {
         errno = EACCES;
         const check::Request* request = check::find_request(c.number);
         ASSERT_NE(request, nullptr);
-        EXPECT_EQ(check::difference(*request, c.result, c.argument), c.wrong) << request->name;
+        EXPECT_EQ(check::wrong_answer(*request, c.result, c.argument), c.wrong) << request->name;
     }
     EXPECT_EQ(check::find_request(IOCTL_TRIGGER_KERNEL_PANIC), nullptr);
 }
 
-TEST_F(Check, ANodeIsHeldAgainstTheRequestThatFollows) {
+TEST_F(Check, NamesWhatIsWrongWithTheEventsOfANodeBeforeARequest) {
     const std::string hangs = "hangs up before ", more = "has more to read than the region's size";
     const struct {
-        short shown;
+        short revents;
         unsigned number;
         std::string wrong;
     } cases[] = {
@@ -157,17 +156,17 @@ TEST_F(Check, ANodeIsHeldAgainstTheRequestThatFollows) {
             {POLLHUP, IOCTL_POWER_OFF, ""},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(check::out_of_place(c.shown, *check::find_request(c.number)), c.wrong);
+        EXPECT_EQ(check::wrong_events(c.revents, *check::find_request(c.number)), c.wrong);
 }
 
-TEST_F(Check, AHangUpWithAnotherStateIsAnEvent) {
-    EXPECT_TRUE(check::tells_of_event(POLLHUP, 4, 2));
-    EXPECT_TRUE(check::tells_of_event(POLLHUP | POLLIN, 4, 2));
-    EXPECT_FALSE(check::tells_of_event(POLLHUP, 4, 4));
-    EXPECT_FALSE(check::tells_of_event(POLLERR, 4, 2));
+TEST_F(Check, TakesAHangUpWithANewStateForAnEvent) {
+    EXPECT_TRUE(check::is_event(POLLHUP, 4, 2));
+    EXPECT_TRUE(check::is_event(POLLHUP | POLLIN, 4, 2));
+    EXPECT_FALSE(check::is_event(POLLHUP, 4, 4));
+    EXPECT_FALSE(check::is_event(POLLERR, 4, 2));
 }
 
-TEST_F(Check, OnlyAYesStartsTheDriverTest) {
+TEST_F(Check, StartsTheDriverTestOnlyAfterAYes) {
     const std::pair<const char*, bool> answers[] = {
             {"y\n", true}, {"yes\n", true}, {"n\n", false}, {"\n", false}, {"Y\n", false}};
     for (const auto& [answer, yes] : answers) {
