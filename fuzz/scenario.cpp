@@ -58,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             require(!scenario.dump.steps.empty() && scenario.driver.regions.size() == 6);
             put_files(scenario);
         }
-    } catch (const Unable& refusal) {
+    } catch (const Error& refusal) {
         require(std::string(refusal.what()).rfind("input", 0) == 0);
     }
     return 0;

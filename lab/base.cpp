@@ -108,7 +108,7 @@ void write_file(const std::string& path, const std::string& content) {
     const auto size = static_cast<ssize_t>(content.size());
     const bool written = fd >= 0 && write(fd, content.data(), content.size()) == size;
     if (fd < 0 || close(fd) != 0 || !written || rename(draft.c_str(), path.c_str()) != 0)
-        fail_errno("cannot write " + path);
+        throw_errno("cannot write " + path);
 }
 
 }  // namespace rvd::lab

@@ -35,7 +35,7 @@ int errno_number(const std::string& name);  // 0 where there is no such name
 std::string read_file(const std::string& path);  // empty where it cannot be read
 std::string read_file(int fd);                   // all of it, wherever its position is
 
-// Replaces a file at once and follows no link. Throws Unable.
+// Replaces a file at once and follows no link. Throws Error.
 void write_file(const std::string& path, const std::string& content);
 
 }  // namespace rvd::lab

@@ -5,12 +5,12 @@
 
 namespace rvd::lab {
 
-void fail_errno(const std::string& what) {
-    throw Unable(what + ": " + strerror(errno));
+void throw_errno(const std::string& what) {
+    throw Error(what + ": " + strerror(errno));
 }
 
-void forbid_errno(const std::string& what) {
-    throw Forbidden(what + ": " + strerror(errno));
+void throw_unsupported_errno(const std::string& what) {
+    throw Unsupported(what + ": " + strerror(errno));
 }
 
 }  // namespace rvd::lab

@@ -7,17 +7,17 @@
 namespace rvd::lab {
 
 // Input, or a machine, with which no run is possible; the text says what to do.
-struct Unable : std::runtime_error {
+struct Error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
 // This machine's kernel does not allow what the lab needs.
-struct Forbidden : Unable {
-    using Unable::Unable;
+struct Unsupported : Error {
+    using Error::Error;
 };
 
 // These throw "what: strerror(errno)".
-[[noreturn]] void fail_errno(const std::string& what);
-[[noreturn]] void forbid_errno(const std::string& what);
+[[noreturn]] void throw_errno(const std::string& what);
+[[noreturn]] void throw_unsupported_errno(const std::string& what);
 
 }  // namespace rvd::lab

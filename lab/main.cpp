@@ -17,7 +17,7 @@ void check_open_files() {
     constexpr rlim_t kEnough = 64;
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kEnough)
-        throw Unable(
+        throw Error(
                 fmt::format("{} open files are not enough: ulimit -n {}", limit.rlim_cur, kEnough));
 }
 
@@ -30,11 +30,11 @@ int main(int argc, char** argv) try {
     check_open_files();
     const int status = line.command(line);
     if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
-    if (errno == EPIPE) return kSignal + SIGPIPE;
-    fail_errno("cannot write to standard output");
+    if (errno == EPIPE) return kSignalBase + SIGPIPE;
+    throw_errno("cannot write to standard output");
 } catch (const std::exception& error) {
     const auto* failed = dynamic_cast<const std::system_error*>(&error);
-    if (failed != nullptr && failed->code().value() == EPIPE) return kSignal + SIGPIPE;
+    if (failed != nullptr && failed->code().value() == EPIPE) return kSignalBase + SIGPIPE;
     fmt::print(stderr, "rvd-lab: {}\n", error.what());
-    return dynamic_cast<const Forbidden*>(&error) != nullptr ? kForbidden : kRefused;
+    return dynamic_cast<const Unsupported*>(&error) != nullptr ? kUnsupported : kError;
 }

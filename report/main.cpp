@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <fstream>
 
-#include "lab/cli/complaint.h"
+#include "lab/cli/parse_error.h"
 #include "report/print/json.h"
 #include "report/print/people.h"
 #include "report/print/picture.h"
@@ -166,7 +166,7 @@ int execute(int argc, char** argv) {
             throw CLI::RequiredError("evidence");
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);
-        throw Unreadable(rvd::lab::complaint(app, error));
+        throw Unreadable(rvd::lab::parse_error_message(app, error));
     }
     if (list_command->parsed()) return list(line);
     if (diff_command->parsed()) return diff(line);

@@ -89,7 +89,7 @@ std::string refusal_of(const std::string& text) {
     try {
         parse_scenarios(text, "f.toml");
         return "accepted";
-    } catch (const Unable& refusal) {
+    } catch (const Error& refusal) {
         return refusal.what();
     }
 }

@@ -16,7 +16,7 @@ namespace rvd::lab {
 namespace {
 
 constexpr size_t kSector = 512;
-constexpr const char* kPlaces[] = {"/data", "/efs", "/mnt"};
+constexpr const char* kMountPoints[] = {"/data", "/efs", "/mnt"};
 
 bool is_synchronous(const std::string& fdinfo) {
     const std::string text = read_file(fdinfo);
@@ -30,76 +30,77 @@ Disk::Disk(const Phone& phone) : phone_(phone) {
     flush_all();
 }
 
-bool Disk::holds(const std::string& path) {
-    return std::any_of(std::begin(kPlaces), std::end(kPlaces), [&](const std::string& place) {
-        return path.compare(0, place.size() + 1, place + "/") == 0;
-    });
+bool Disk::contains(const std::string& path) {
+    return std::any_of(std::begin(kMountPoints), std::end(kMountPoints),
+                       [&](const std::string& mount_point) {
+                           return path.compare(0, mount_point.size() + 1, mount_point + "/") == 0;
+                       });
 }
 
 struct stat Disk::File::status() const {
     struct stat status {};
-    if (fstat(handle.get(), &status) != 0) fail_errno("a file of the phone");
+    if (fstat(fd.get(), &status) != 0) throw_errno("a file of the phone");
     return status;
 }
 
 std::string Disk::File::content() const {
-    return read_file(handle.get());
+    return read_file(fd.get());
 }
 
-Disk::File& Disk::keep(ScopedFd handle) {
-    File file{std::move(handle), ""};
+Disk::File& Disk::track(ScopedFd fd) {
+    File file{std::move(fd), ""};
     return files_.try_emplace(file.status().st_ino, std::move(file)).first->second;
 }
 
 // The names there are now.
-Disk::Names Disk::look() {
+Disk::Names Disk::current_names() {
     Names names;
-    for (const char* place : kPlaces) {
-        for (const auto& entry : fs::recursive_directory_iterator(phone_.path(place))) {
-            ScopedFd handle(open(entry.path().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-            if (handle.valid())
-                names[phone_.inside(entry.path())] = keep(std::move(handle)).status().st_ino;
+    for (const char* mount_point : kMountPoints) {
+        for (const auto& entry : fs::recursive_directory_iterator(phone_.path(mount_point))) {
+            ScopedFd fd(open(entry.path().c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+            if (fd.valid())
+                names[phone_.inside(entry.path())] = track(std::move(fd)).status().st_ino;
         }
     }
     return names;
 }
 
 void Disk::flush_all() {
-    names_ = look();
+    names_ = current_names();
     for (auto& [inode, file] : files_)
         file.durable = file.content();
 }
 
-void Disk::call(const std::string& name, const std::string& path, pid_t daemon, int fd) {
-    if (effect_) std::exchange(effect_, nullptr)();
-    if (name == "sync") effect_ = [this] { flush_all(); };
-    if (!holds(path) || (name != "fsync" && name != "write")) return;
-    const auto shown = [&](const char* what) {
+void Disk::on_call(const std::string& name, const std::string& path, pid_t daemon, int fd) {
+    if (pending_effect_) std::exchange(pending_effect_, nullptr)();
+    if (name == "sync") pending_effect_ = [this] { flush_all(); };
+    if (!contains(path) || (name != "fsync" && name != "write")) return;
+    const auto proc_path = [&](const char* what) {
         return fmt::format("/proc/{}/{}/{}", daemon, what, fd);
     };
-    if (name == "write" && !is_synchronous(shown("fdinfo"))) return;
-    File& file = keep(ScopedFd(open(shown("fd").c_str(), O_PATH | O_CLOEXEC)));
-    effect_ = [this, &file] { flush(file); };
+    if (name == "write" && !is_synchronous(proc_path("fdinfo"))) return;
+    File& file = track(ScopedFd(open(proc_path("fd").c_str(), O_PATH | O_CLOEXEC)));
+    pending_effect_ = [this, &file] { flush(file); };
 }
 
 // A directory's flush makes all changes of names before it durable, as they are in one journal.
 void Disk::flush(File& file) {
     file.durable = file.content();
-    if (S_ISDIR(file.status().st_mode)) names_ = look();
+    if (S_ISDIR(file.status().st_mode)) names_ = current_names();
 }
 
-void Disk::cut(Unflushed survives, uint64_t seed) {
-    effect_ = nullptr;
+void Disk::cut(Survival survival, uint64_t seed) {
+    pending_effect_ = nullptr;
     random_.seed(seed);
-    const Names names = look();
+    const Names names = current_names();
     // Of a part, all names: one whose content is missing does the most harm.
-    rewrite(survives == Unflushed::nothing ? names_ : names, survives);
+    rewrite(survival == Survival::nothing ? names_ : names, survival);
 }
 
-std::string Disk::surviving(const File& file, Unflushed survives) {
+std::string Disk::content_after_cut(const File& file, Survival survival) {
     const std::string now = file.content();
-    if (survives == Unflushed::all) return now;
-    if (survives == Unflushed::nothing || now == file.durable) return file.durable;
+    if (survival == Survival::all) return now;
+    if (survival == Survival::nothing || now == file.durable) return file.durable;
     std::string content = file.durable;
     if (now.size() < content.size() && random_() % 2 == 0) content.resize(now.size());
     for (size_t at = 0; at < now.size(); at += kSector) {
@@ -111,9 +112,9 @@ std::string Disk::surviving(const File& file, Unflushed survives) {
     return content;
 }
 
-void Disk::rewrite(const Names& names, Unflushed survives) {
-    for (const char* place : kPlaces) {
-        for (const auto& entry : fs::directory_iterator(phone_.path(place)))
+void Disk::rewrite(const Names& names, Survival survival) {
+    for (const char* mount_point : kMountPoints) {
+        for (const auto& entry : fs::directory_iterator(phone_.path(mount_point)))
             fs::remove_all(entry.path());
     }
     for (const auto& [inside, inode] : names) {  // a directory before what is in it
@@ -123,11 +124,11 @@ void Disk::rewrite(const Names& names, Unflushed survives) {
         if (S_ISDIR(status.st_mode)) {
             fs::create_directory(path);
         } else {
-            write_file(path, surviving(file, survives));
+            write_file(path, content_after_cut(file, survival));
         }
         if (chown(path.c_str(), status.st_uid, status.st_gid) != 0 ||
             chmod(path.c_str(), status.st_mode & 07777) != 0)
-            fail_errno("the phone's " + inside);
+            throw_errno("the phone's " + inside);
     }
 }
 

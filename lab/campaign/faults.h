@@ -13,17 +13,17 @@ struct FaultOptions {
     int jobs = 1;
     std::string kind = "fail";  // or "kill" or "cut"
     bool list = false;          // the names of the faults, instead of running them
-    Reporting reporting;
+    ReportOptions reporting;
 };
 
 // Reports what failed, and a table. Returns the exit status.
 int run_faults(const FaultOptions& options);
 
 // The ways in which a call can fail on some path: an errno, "short", "end" or "hang-up". Throws
-// Unable where none is known.
-const std::vector<const char*>& ways_to_fail(const std::string& call);
+// Error where none is known.
+const std::vector<const char*>& failures_of(const std::string& call);
 
 // The fault that a way is, at the nth such call.
-Fault make_fault(const std::string& call, int nth, const std::string& way);
+Fault make_fault(const std::string& call, int nth, const std::string& failure);
 
 }  // namespace rvd::lab

@@ -50,52 +50,52 @@ bool interrupted() {
     return sigtimedwait(&signals, nullptr, &now) > 0;
 }
 
-class Passes : public Conductor {
+class Passes : public RunController {
   public:
-    Passes(int64_t seed, const std::string& shape, int count, Figures& figures)
-        : random_(static_cast<uint64_t>(seed)), shape_(shape), count_(count), figures_(figures) {}
+    Passes(int64_t seed, const std::string& shape, int count, SoakCounters& counters)
+        : random_(static_cast<uint64_t>(seed)), shape_(shape), count_(count), counters_(counters) {}
 
-    void begin(Play& play) override {
-        Conductor::begin(play);
+    void begin(RunContext& run) override {
+        RunController::begin(run);
         const sigset_t held = interruptions();
         sigprocmask(SIG_BLOCK, &held, nullptr);
     }
 
-    void fault(const Fault&) override { disturb(); }
+    void on_fault(const Fault&) override { disturb(); }
 
-    void line(const std::string& text) override {
-        figures_.dumps += matches("*: DUMP DATA saved", text);
-        if (!full_at_.empty() && matches(full_at_, text)) fill_disk();
+    void on_line(const std::string& text) override {
+        counters_.dumps += matches("*: DUMP DATA saved", text);
+        if (!fill_at_line_.empty() && matches(fill_at_line_, text)) fill_disk();
     }
 
     // The daemon waits for the modem: a pass has come to its rest.
-    void waits() override {
-        auto& timeline = play_->scenario.timeline;
-        const size_t position = play_->timeline.position();
+    void on_wait() override {
+        auto& timeline = run_->scenario.timeline;
+        const size_t position = run_->timeline.position();
         if (timeline.size() > position && timeline[position].waits) return;
         timeline.resize(position);
         check_descriptors();
         check_nv();
         check_files();
         check_process();
-        play_->story.forget();
-        figures_.passes++;
+        run_->story.clear();
+        counters_.passes++;
         const bool last = ++played_ == count_;
-        if (last || interrupted() || !play_->story.violations().empty()) return stop();
-        figures_.lived = play_->stage.now() - play_->scenario.start;
+        if (last || interrupted() || !run_->story.violations().empty()) return stop();
+        counters_.lived = run_->backend.now() - run_->scenario.start;
         choose_pass();
     }
 
-    void judge(Conduct& conduct) override { check_expectations(*play_, conduct); }
+    void check(RunRecord& record) override { check_expectations(*run_, record); }
 
   private:
     void stop() {
-        play_->scenario.expect.files.clear();  // each pass has taken them away
-        play_->stage.stop("stop");
+        run_->scenario.expect.files.clear();  // each pass has taken them away
+        run_->backend.stop("stop");
     }
 
     void check_descriptors() {
-        const auto open = play_->stage.descriptors();
+        const auto open = run_->backend.descriptors();
         for (const auto& [fd, path] : open) {
             if (path != kAndroidLog && path != "/dev/boot")
                 violation(fmt::format("descriptor {} is left open: {}", fd, path));
@@ -104,7 +104,7 @@ class Passes : public Conductor {
     }
 
     void check_nv() {
-        const std::string nv = read_file(play_->phone.path(play_->scenario.nv_path()));
+        const std::string nv = read_file(run_->phone.path(run_->scenario.nv_path()));
         if (nv_.empty()) nv_ = nv;
         if (nv != nv_) violation("the NV file has changed");
     }
@@ -112,41 +112,41 @@ class Passes : public Conductor {
     // What was collected is right as far as it goes, and whole where nothing was in the way.
     void check_files() {
         // A liar's words decide what of a frame is data.
-        if (shape_ != "liar") check_collected(*play_);
-        if (crashed_ && short_of_space_) check_refused();
-        if (crashed_ && !disturbed_ && !short_of_space_) {
-            Conduct pass;
-            pass.end = play_->scenario.expect.end;
-            check_expectations(*play_, pass);
-            figures_.whole++;
+        if (shape_ != "liar") check_collected(*run_);
+        if (has_crash_ && short_of_space_) check_refused();
+        if (has_crash_ && !disturbed_ && !short_of_space_) {
+            RunRecord pass;
+            pass.end = run_->scenario.expect.end;
+            check_expectations(*run_, pass);
+            counters_.whole++;
         }
-        take_logs_away();
-        fs::resize_file(play_->phone.path(kAndroidLog), 0);  // or it fills the memory
+        remove_logs();
+        fs::resize_file(run_->phone.path(kAndroidLog), 0);  // or it fills the memory
     }
 
     std::vector<std::string> saved() const {
         std::vector<std::string> files;
         std::error_code none;
-        for (const auto& entry : fs::recursive_directory_iterator(play_->phone.path(kLogs), none)) {
+        for (const auto& entry : fs::recursive_directory_iterator(run_->phone.path(kLogs), none)) {
             if (entry.is_regular_file()) files.push_back(entry.path());
         }
         return files;
     }
 
     // What they held stays on the storm's disk.
-    void take_logs_away() {
+    void remove_logs() {
         int64_t bytes = 0;
         for (const std::string& file : saved())
             bytes += static_cast<int64_t>(fs::file_size(file));
-        figures_.bytes += bytes;
-        kept_ += bytes;
-        fs::remove_all(play_->phone.path(kLogs));
+        counters_.bytes += bytes;
+        other_data_ += bytes;
+        fs::remove_all(run_->phone.path(kLogs));
     }
 
     // Without the space for a dump the device goes to its upload mode, and nothing of it is saved.
     void check_refused() {
-        figures_.refused++;
-        const auto& requests = play_->story.requests();
+        counters_.refused++;
+        const auto& requests = run_->story.requests();
         if (std::none_of(requests.begin(), requests.end(), [](const std::string& request) {
                 return matches("TRIGGER_KERNEL_PANIC \"Not enough freespace\"*", request);
             }))
@@ -157,26 +157,26 @@ class Passes : public Conductor {
     }
 
     void check_process() {
-        const pid_t daemon = play_->stage.daemon();
+        const pid_t daemon = run_->backend.daemon();
         const std::string status = read_file(fmt::format("/proc/{}/status", daemon));
         const auto number = [&](const char* name) {
             return strtol(status.c_str() + status.find(name) + strlen(name), nullptr, 10);
         };
         const long used = number("VmHWM:"), threads = number("Threads:");
         if (threads > 1 + kSaving) violation(fmt::format("the daemon has {} threads", threads));
-        if (daemon != daemon_) age_ = 0;
+        if (daemon != daemon_) daemon_passes_ = 0;
         daemon_ = daemon;
-        if (age_++ <= kSettled) settled_ = used;
-        if (used > settled_ + kMoreMemory)
+        if (daemon_passes_++ <= kSettled) settled_memory_ = used;
+        if (used > settled_memory_ + kMoreMemory)
             violation(fmt::format("the daemon needs {} KiB, after {} passes {} KiB", used, kSettled,
-                                  settled_));
+                                  settled_memory_));
     }
 
-    void violation(const std::string& text) { play_->story.violation(text); }
+    void violation(const std::string& text) { run_->story.violation(text); }
 
     void disturb() {
         disturbed_ = true;
-        figures_.disturbances++;
+        counters_.disturbances++;
     }
 
     int below(int64_t limit) {
@@ -189,9 +189,9 @@ class Passes : public Conductor {
     }
 
     void choose_pass() {
-        crashed_ = short_of_space_ = false;
-        full_at_.clear();
-        const auto& quirks = play_->scenario.loader;
+        has_crash_ = short_of_space_ = false;
+        fill_at_line_.clear();
+        const auto& quirks = run_->scenario.loader;
         disturbed_ = std::any_of(quirks.begin(), quirks.end(),
                                  [](const Quirk& quirk) { return !quirk.at.empty(); });
         if (shape_ == "mixed") mix();
@@ -207,7 +207,7 @@ class Passes : public Conductor {
     }
 
     void choose_events() {
-        auto& timeline = play_->scenario.timeline;
+        auto& timeline = run_->scenario.timeline;
         static const int states[] = {1, 2, 9, 3};
         Event event;
         event.waits = true;
@@ -218,11 +218,11 @@ class Passes : public Conductor {
             event.state = states[below(3)];
         }
         if (once_in(10)) event.set["vendor.rvd.first_xmit_done"] = std::to_string(below(2));
-        crashed_ = event.state == 2;
+        has_crash_ = event.state == 2;
         if (once_in(200)) {
             event.state.reset();
             (once_in(2) ? event.restart : event.reboot) = true;
-            crashed_ = false;
+            has_crash_ = false;
         }
         timeline.push_back(event);
         if (!once_in(300)) return;
@@ -233,26 +233,26 @@ class Passes : public Conductor {
     }
 
     void choose_fault() {
-        for (const Fault& fault : play_->scenario.faults)
-            fault.turn.seen = 0;
-        auto& faults = play_->scenario.faults;
+        for (const Fault& fault : run_->scenario.faults)
+            fault.trigger.seen = 0;
+        auto& faults = run_->scenario.faults;
         for (Fault& fault : faults)
-            fault.turn.nth = INT32_MAX;
+            fault.trigger.nth = INT32_MAX;
         if (once_in(2)) return;
         Fault& fault = faults[static_cast<size_t>(below(std::size(kFaulty)))];
-        const auto& ways = ways_to_fail(fault.call);
+        const auto& ways = failures_of(fault.call);
         fault = make_fault(fault.call, 1 + below(fault.call == "ioctl" ? 30 : 200),
                            ways[static_cast<size_t>(below(static_cast<int>(ways.size())))]);
         if (!fault.cut) return;
         // Files alone come in parts: a packet is taken whole.
         fault.path = fault.call == "write" ? "/data/*" : "/dev/block/*";
-        fault.turn.nth = 1 + below(10);
+        fault.trigger.nth = 1 + below(10);
     }
 
     // The boot loader misbehaves for a while.
     void choose_quirk() {
         Quirk quirk;
-        if (once_in(3)) quirk.say = below(1 << 16);
+        if (once_in(3)) quirk.word = below(1 << 16);
         quirk.silent = once_in(6);
         quirk.hang_up = once_in(6);
         quirk.twice = once_in(4);
@@ -263,39 +263,39 @@ class Passes : public Conductor {
     // The boot loader may hold on to a quirk: it stays where it is, and ends without a place.
     void misbehave(size_t place, const Quirk& quirk) {
         disturb();
-        Quirk& here = play_->scenario.loader[place];
+        Quirk& here = run_->scenario.loader[place];
         here = quirk;
-        here.turn.count = 0;
+        here.trigger.count = 0;
         here.at = kQuirky[place];
-        play_->stage.later(kQuirkLasts, [&here] { here.at.clear(); });
+        run_->backend.later(kQuirkLasts, [&here] { here.at.clear(); });
     }
 
     // A crash every few seconds, on a disk that other data fills as well, until somebody empties
     // it. Now and then it is full in the middle of a dump.
     void storm() {
-        Scenario& scenario = play_->scenario;
-        kept_ += below(30) * kMega;
-        if (kept_ > kDisk) kept_ = 0;
-        scenario.disk = kDisk - kept_;
+        Scenario& scenario = run_->scenario;
+        other_data_ += below(30) * kMega;
+        if (other_data_ > kDisk) other_data_ = 0;
+        scenario.disk = kDisk - other_data_;
         // The limit is not crossed within a pass.
-        const int64_t room = play_->phone.disk_room();
+        const int64_t room = run_->phone.disk_room();
         if (room >= kLeastFree && room < kLeastFree + kWritten) *scenario.disk -= kWritten;
         short_of_space_ = room < kLeastFree + kWritten;
         static const char* const moments[] = {"get_log_dump: name:vss *", "*: DUMP INFO saved",
                                               "_save_logs: save dmesg begin*"};
-        if (once_in(4)) full_at_ = one_of(moments);
+        if (once_in(4)) fill_at_line_ = one_of(moments);
         Event crash;
-        crash.waits = crashed_ = true;
+        crash.waits = has_crash_ = true;
         crash.after = below(5'000) * kMillisecond;
         crash.state = once_in(2) ? 2 : 9;
         scenario.timeline.push_back(crash);
     }
 
     void fill_disk() {
-        full_at_.clear();
+        fill_at_line_.clear();
         disturb();
-        auto& disk = play_->scenario.disk;
-        *disk -= play_->phone.disk_room() - below(8'000);
+        auto& disk = run_->scenario.disk;
+        *disk -= run_->phone.disk_room() - below(8'000);
     }
 
     // States follow each other faster than they can be read; the last one ends the pass.
@@ -306,7 +306,7 @@ class Passes : public Conductor {
             static const int states[] = {1, 2, 9, 3, 0, 4, 42};
             const int state = i + 1 < changes ? one_of(states) : states[below(3)];
             after += below(once_in(4) ? 3'000 : 3) * kMillisecond;
-            play_->stage.later(after, [this, state] { play_->modem.change_state(state); });
+            run_->backend.later(after, [this, state] { run_->modem.change_state(state); });
             disturb();
         }
     }
@@ -317,8 +317,8 @@ class Passes : public Conductor {
         for (size_t place = 0; place < std::size(kQuirky); place++) {
             if (once_in(2)) continue;
             Quirk quirk;
-            quirk.turn.nth = 1 + below(3);
-            if (once_in(2)) quirk.say = below(1 << 16);
+            quirk.trigger.nth = 1 + below(3);
+            if (once_in(2)) quirk.word = below(1 << 16);
             if (once_in(2)) quirk.curr_frame = below(1 << (1 + below(30)));
             if (once_in(2)) quirk.len = below(1 << (1 + below(30)));
             if (once_in(4)) quirk.cut = below(64);
@@ -332,16 +332,16 @@ class Passes : public Conductor {
     const std::string shape_;
     const int count_;
     int played_ = 0;
-    Figures& figures_;
-    bool crashed_ = false;    // the pass has a crash in it
+    SoakCounters& counters_;
+    bool has_crash_ = false;  // the pass has a crash in it
     bool disturbed_ = false;  // and something that may keep it from being saved
     bool short_of_space_ = false;
-    std::string full_at_;  // the line at which the disk is full
-    int64_t kept_ = 0;     // bytes that the storm's disk keeps, the logs of earlier passes too
+    std::string fill_at_line_;  // the line at which the disk is full
+    int64_t other_data_ = 0;    // bytes that the storm's disk keeps, the logs of earlier passes too
     std::string nv_;
     pid_t daemon_ = -1;
-    int age_ = 0;       // of the daemon, in passes
-    long settled_ = 0;  // KiB
+    int daemon_passes_ = 0;    // of the daemon, in passes
+    long settled_memory_ = 0;  // KiB
 };
 
 }  // namespace
@@ -363,9 +363,9 @@ Scenario soak_scenario(const std::string& shape) {
     return scenario;
 }
 
-std::shared_ptr<Conductor> make_passes(int64_t seed, const std::string& shape, int count,
-                                       Figures& figures) {
-    return std::make_shared<Passes>(seed, shape, count, figures);
+std::shared_ptr<RunController> make_passes(int64_t seed, const std::string& shape, int count,
+                                           SoakCounters& counters) {
+    return std::make_shared<Passes>(seed, shape, count, counters);
 }
 
 }  // namespace rvd::lab

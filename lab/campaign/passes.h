@@ -10,7 +10,7 @@
 namespace rvd::lab {
 
 // How far a soak is.
-struct Figures {
+struct SoakCounters {
     std::atomic<int> passes{0}, dumps{0}, whole{0}, refused{0}, disturbances{0};
     std::atomic<int64_t> bytes{0};  // saved
     std::atomic<Time> lived{0};     // of the phone's time
@@ -19,7 +19,7 @@ struct Figures {
 // The first flow with a crash, with room for what is to come.
 Scenario soak_scenario(const std::string& shape);
 
-std::shared_ptr<Conductor> make_passes(int64_t seed, const std::string& shape, int count,
-                                       Figures& figures);
+std::shared_ptr<RunController> make_passes(int64_t seed, const std::string& shape, int count,
+                                           SoakCounters& counters);
 
 }  // namespace rvd::lab

@@ -16,7 +16,7 @@ constexpr auto kOnTerminal = std::chrono::milliseconds(200);
 constexpr auto kElsewhere = std::chrono::seconds(30);
 
 const char* word_for(int status) {
-    return status == kHeld ? "PASS" : status == kNotHeld ? "FAIL" : "ERROR";
+    return status == kPassed ? "PASS" : status == kFailed ? "FAIL" : "ERROR";
 }
 
 std::string escaped(const std::string& text) {
@@ -37,22 +37,22 @@ void print_violations(const Outcome& outcome) {
 }  // namespace
 
 void Report::print(const Outcome& outcome) const {
-    if (to_.json || (to_.quiet && outcome.status == kHeld)) return;
+    if (to_.json || (to_.quiet && outcome.status == kPassed)) return;
     fmt::print("{:<5} {}\n", word_for(outcome.status), outcome.name);
-    if (outcome.status != kHeld || to_.story) fmt::print("{}", outcome.output);
-    if (outcome.status != kRefused) print_violations(outcome);
+    if (outcome.status != kPassed || to_.story) fmt::print("{}", outcome.output);
+    if (outcome.status != kError) print_violations(outcome);
     fflush(stdout);
-    if (outcome.status == kRefused) fmt::print(stderr, "rvd-lab: {}\n", outcome.violations.at(0));
+    if (outcome.status == kError) fmt::print(stderr, "rvd-lab: {}\n", outcome.violations.at(0));
 }
 
 void Report::add(Outcome& outcome) {
-    if (outcome.status == kForbidden) rethrow(outcome);
-    const bool held = outcome.status == kHeld;
-    (held ? passed_ : failed_)++;
-    if (!held && status_ != kNotHeld) status_ = outcome.status;
+    if (outcome.status == kUnsupported) throw_if_not_run(outcome);
+    const bool passed = outcome.status == kPassed;
+    (passed ? passed_ : failed_)++;
+    if (!passed && status_ != kFailed) status_ = outcome.status;
     print(outcome);
-    if (held) outcome.output.clear();
-    outcome.conduct = {};
+    if (passed) outcome.output.clear();
+    outcome.record = {};
     outcomes_.push_back(std::move(outcome));
 }
 
@@ -64,9 +64,9 @@ std::string Report::junit() const {
     for (const Outcome& outcome : outcomes_) {
         xml += fmt::format("<testcase classname=\"{}\" name=\"{}\" time=\"{:.3f}\">",
                            escaped(outcome.suite), escaped(outcome.name), outcome.spent.count());
-        if (outcome.status != kHeld) {
+        if (outcome.status != kPassed) {
             xml += fmt::format("<{0}>{1}</{0}><system-out>{2}</system-out>",
-                               outcome.status == kNotHeld ? "failure" : "error",
+                               outcome.status == kFailed ? "failure" : "error",
                                escaped(fmt::format("{}\n", fmt::join(outcome.violations, "\n"))),
                                escaped(outcome.output));
         }
@@ -75,10 +75,10 @@ std::string Report::junit() const {
     return xml + "</testsuite>\n";
 }
 
-int Report::finish(int signal, const nlohmann::json& figures) {
+int Report::finish(int signal, const nlohmann::json& counters) {
     if (to_.junit) to_.junit.write(junit());
     if (to_.json) {
-        nlohmann::json all = figures;
+        nlohmann::json all = counters;
         all.update({{"command", command_},
                     {"version", kVersion},
                     {"passed", passed_},
@@ -95,7 +95,7 @@ int Report::finish(int signal, const nlohmann::json& figures) {
     } else {
         fmt::print("{} passed, {} failed{}\n", passed_, failed_, signal ? "; interrupted" : "");
     }
-    return signal != 0 ? kSignal + signal : status_;
+    return signal != 0 ? kSignalBase + signal : status_;
 }
 
 Progress::Progress(std::string what, size_t total)
@@ -122,7 +122,7 @@ void Progress::show(size_t done, size_t failed) {
                terminal_ ? "\033[K" : "\n");
 }
 
-int run_all(const std::vector<Job>& runs, int jobs, const Reporting& reporting) {
+int run_all(const std::vector<Job>& runs, int jobs, const ReportOptions& reporting) {
     Report report("run", reporting);
     const int signal = run_each(
             runs.size(), jobs, [&](size_t i) { return runs[i]; },
@@ -130,19 +130,19 @@ int run_all(const std::vector<Job>& runs, int jobs, const Reporting& reporting) 
     return report.finish(signal, nlohmann::json::object());
 }
 
-int tell_one(Job job) {
+int run_one(Job job) {
     job.direct = job.options.summary = true;
-    int status = kHeld;
+    int status = kPassed;
     const auto done = [&](size_t, Outcome& outcome) {
-        rethrow(outcome);
+        throw_if_not_run(outcome);
         status = outcome.status;
-        if (status > kNotHeld) return;
+        if (status > kFailed) return;
         print_violations(outcome);
-        fmt::print("{}\n", status == kHeld ? "PASS: all expected events occurred" : "FAIL");
+        fmt::print("{}\n", status == kPassed ? "PASS: all expected events occurred" : "FAIL");
     };
     const int signal = run_each(
             1, 1, [&](size_t) { return job; }, done);
-    return signal != 0 ? kSignal + signal : status;
+    return signal != 0 ? kSignalBase + signal : status;
 }
 
 }  // namespace rvd::lab

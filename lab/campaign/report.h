@@ -5,38 +5,38 @@
 #include <nlohmann/json_fwd.hpp>
 #include <vector>
 
+#include "lab/campaign/work_directory.h"
 #include "lab/campaign/workers.h"
-#include "lab/campaign/workplace.h"
 
 namespace rvd::lab {
 
-struct Reporting {
+struct ReportOptions {
     bool json = false;   // to standard output, instead of text
     bool quiet = false;  // text of those alone that fail
     bool story = false;  // the story of those that pass, too
-    Output junit;
+    OutputFile junit;
 };
 
 class Report {
   public:
-    Report(std::string command, Reporting to) : command_(std::move(command)), to_(to) {}
+    Report(std::string command, ReportOptions to) : command_(std::move(command)), to_(to) {}
 
     void add(Outcome& outcome);
     size_t failed() const { return failed_; }
 
     // Writes everything out, `figures` with it, and returns the exit status. A `signal` is what
     // interrupted the command.
-    int finish(int signal, const nlohmann::json& figures);
+    int finish(int signal, const nlohmann::json& counters);
 
   private:
     void print(const Outcome& outcome) const;
     std::string junit() const;
 
     std::string command_;
-    Reporting to_;
+    ReportOptions to_;
     std::vector<Outcome> outcomes_;
     size_t passed_ = 0, failed_ = 0;
-    int status_ = kHeld;
+    int status_ = kPassed;
 };
 
 // How far a long command is, on standard error: a line that is renewed on a terminal, elsewhere one
@@ -62,9 +62,9 @@ class Progress {
 
 // Runs all, several at once, with a line for each and the story of those that fail. Returns the
 // exit status.
-int run_all(const std::vector<Job>& runs, int jobs, const Reporting& reporting);
+int run_all(const std::vector<Job>& runs, int jobs, const ReportOptions& reporting);
 
 // Runs one, with its story as it happens. Returns the exit status.
-int tell_one(Job job);
+int run_one(Job job);
 
 }  // namespace rvd::lab

@@ -21,11 +21,11 @@ namespace {
 constexpr int kSlowestPass = 2;  // seconds of real time
 
 // In memory that the run's process shares with the lab's.
-Figures& share_figures() {
-    void* const page = mmap(nullptr, sizeof(Figures), PROT_READ | PROT_WRITE,
+SoakCounters& share_counters() {
+    void* const page = mmap(nullptr, sizeof(SoakCounters), PROT_READ | PROT_WRITE,
                             MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (page == MAP_FAILED) fail_errno("no memory for the figures");
-    return *new (page) Figures;
+    if (page == MAP_FAILED) throw_errno("no memory for the figures");
+    return *new (page) SoakCounters;
 }
 
 // A process that keeps a core busy until it is killed.
@@ -65,14 +65,14 @@ int replay(Job job, int replays, Outcome& sum) {
     job.options.story = true;
     const BusyLoop one, other;
     std::string first;
-    size_t told = 0;
+    size_t done = 0;
     const auto count = static_cast<size_t>(replays);
     Progress progress("replays", count);
     const auto compare = [&](size_t, Outcome& outcome) {
-        rethrow(outcome);
+        throw_if_not_run(outcome);
         const std::string& story = outcome.output;
-        if (told++ == 0) first = story;
-        if (outcome.status != kHeld) sum.violations.push_back("a replay fails");
+        if (done++ == 0) first = story;
+        if (outcome.status != kPassed) sum.violations.push_back("a replay fails");
         if (story == first) return;
         sum.violations.push_back(fmt::format("\"{}\" instead of \"{}\"",
                                              different_line(story, first),
@@ -80,27 +80,27 @@ int replay(Job job, int replays, Outcome& sum) {
     };
     const int signal = run_each(
             count, 2, [&](size_t) { return job; }, compare,
-            [&] { progress.show(told, sum.violations.size()); });
-    sum.status = sum.violations.empty() ? kHeld : kNotHeld;
+            [&] { progress.show(done, sum.violations.size()); });
+    sum.status = sum.violations.empty() ? kPassed : kFailed;
     return signal;
 }
 
 // Lives it once. Returns the signal that interrupted it, or 0.
-int live(const Job& job, int passes, const Figures& figures, Outcome& outcome) {
+int live(const Job& job, int passes, const SoakCounters& counters, Outcome& outcome) {
     Progress progress("passes", static_cast<size_t>(passes));
     return run_each(
             1, 1, [&](size_t) { return job; },
             [&](size_t, Outcome& ended) { outcome = std::move(ended); },
-            [&] { progress.show(static_cast<size_t>(figures.passes), 0); });
+            [&] { progress.show(static_cast<size_t>(counters.passes), 0); });
 }
 
 }  // namespace
 
-int run_soak(const SoakOptions& options, const Reporting& reporting) {
-    Figures& figures = share_figures();
+int run_soak(const SoakOptions& options, const ReportOptions& reporting) {
+    SoakCounters& counters = share_counters();
     RunOptions run = options.run;
     run.timeout = std::max(run.timeout, options.passes * kSlowestPass);
-    run.conductor = make_passes(options.seed, options.shape, options.passes, figures);
+    run.controller = make_passes(options.seed, options.shape, options.passes, counters);
     const Job job{"soak", soak_scenario(options.shape), run, run.story};
 
     if (!reporting.json)
@@ -112,14 +112,14 @@ int run_soak(const SoakOptions& options, const Reporting& reporting) {
         signal = replay(job, options.replays, outcome);
         table["replays"] = options.replays;
     } else {
-        signal = live(job, options.passes, figures, outcome);
-        table.update({{"passes", figures.passes.load()},
-                      {"dumps", figures.dumps.load()},
-                      {"saved_whole", figures.whole.load()},
-                      {"refused", figures.refused.load()},
-                      {"disturbances", figures.disturbances.load()},
-                      {"bytes", figures.bytes.load()},
-                      {"lived_seconds", figures.lived / kSecond},
+        signal = live(job, options.passes, counters, outcome);
+        table.update({{"passes", counters.passes.load()},
+                      {"dumps", counters.dumps.load()},
+                      {"saved_whole", counters.whole.load()},
+                      {"refused", counters.refused.load()},
+                      {"disturbances", counters.disturbances.load()},
+                      {"bytes", counters.bytes.load()},
+                      {"lived_seconds", counters.lived / kSecond},
                       {"wall_seconds", std::lround(outcome.spent.count())}});
     }
     if (!reporting.json) {

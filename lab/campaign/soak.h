@@ -14,6 +14,6 @@ struct SoakOptions {
 };
 
 // Returns the exit status.
-int run_soak(const SoakOptions& options, const Reporting& reporting);
+int run_soak(const SoakOptions& options, const ReportOptions& reporting);
 
 }  // namespace rvd::lab

@@ -24,7 +24,7 @@ constexpr Time kRepeated = 120 * kSecond;
 // What the daemon says once a file is saved, and the files that it says it of.
 constexpr struct {
     const char *line, *files;
-} kSaved[] = {
+} kReports[] = {
         {"get_log_dump: * Complete! *", "*/cpcrash_*_dump_[a-z]*"},
         {"*: DUMP INFO saved", "*/cpcrash_*_info_*"},
         {"*: DUMP DATA saved", "*/cpcrash_*_dump_[0-9]*"},
@@ -44,56 +44,57 @@ int64_t count_from(size_t first, const std::vector<std::string>& texts, const ch
 
 // Complete is complete: more may be appended, what was moved is whole in its new place, and what
 // the clean run replaces or removes may be replaced or removed.
-bool damaged(const std::string& path, const std::string& content, const Files& clean,
+bool damaged(const std::string& path, const std::string& content, const Files& baseline,
              const Files& files) {
-    const auto wanted = clean.find(path), now = files.find(path);
-    if (now == files.end() && wanted == clean.end()) return false;
-    if (now != files.end() && wanted != clean.end() && now->second == wanted->second) return false;
+    const auto wanted = baseline.find(path), now = files.find(path);
+    if (now == files.end() && wanted == baseline.end()) return false;
+    if (now != files.end() && wanted != baseline.end() && now->second == wanted->second)
+        return false;
     return std::none_of(files.begin(), files.end(),
                         [&](const auto& file) { return begins_with(file.second, content); });
 }
 
 }  // namespace
 
-void Trial::begin(Play& play) {
-    Conductor::begin(play);
-    if (kind_ != Kind::cut) return;
-    disk_.emplace(play.phone);
-    saved_ = closed_files(play.phone, {});
+void Trial::begin(RunContext& run) {
+    RunController::begin(run);
+    if (kind_ != FaultKind::cut) return;
+    disk_.emplace(run.phone);
+    reported_ = closed_files(run.phone, {});
 }
 
-void Trial::call(const std::string& name, const std::string& path, int fd) {
-    if (name == "unlink") saved_.erase(path);
-    if (name == "unlink" && path == record() && handed_back() == 0)
+void Trial::on_call(const std::string& name, const std::string& path, int fd) {
+    if (name == "unlink") reported_.erase(path);
+    if (name == "unlink" && path == record_path() && handed_back() == 0)
         violation(path + " is removed before it is handed back");
     if (name == "write" && path == kWakeLockPath) locked_ = true;
     if (name == "write" && path == kWakeUnlockPath) locked_ = false;
-    if (disk_) disk_->call(name, path, play_->stage.daemon(), fd);
+    if (disk_) disk_->on_call(name, path, run_->backend.daemon(), fd);
 }
 
-void Trial::line(const std::string& text) {
+void Trial::on_line(const std::string& text) {
     if (!disk_) return;
-    for (const auto& [line, files] : kSaved) {
+    for (const auto& [line, files] : kReports) {
         if (!matches(line, text)) continue;
-        for (auto& [path, content] : closed_files(play_->phone, {})) {
-            if (matches(files, path)) saved_[path] = content;
+        for (auto& [path, content] : closed_files(run_->phone, {})) {
+            if (matches(files, path)) reported_[path] = content;
         }
     }
 }
 
-void Trial::fault(const Fault&) {
-    if (kind_ == Kind::fail) {
-        before_ = closed_files(play_->phone, open_paths(play_->stage));
+void Trial::on_fault(const Fault&) {
+    if (kind_ == FaultKind::fail) {
+        before_ = closed_files(run_->phone, open_paths(run_->backend));
     } else {
-        play_->stage.later(0, [this] { stop(); });
+        run_->backend.later(0, [this] { stop(); });
     }
 }
 
 void Trial::stop() {
     repeat_first_event();
     stopped_in_pass_ = true;
-    lines_ = play_->story.log().size();
-    if (kind_ == Kind::cut) {
+    lines_ = run_->story.log().size();
+    if (kind_ == FaultKind::cut) {
         cut_power();
     } else {
         kill_daemon();
@@ -101,17 +102,17 @@ void Trial::stop() {
 }
 
 void Trial::repeat_first_event() {
-    auto& timeline = play_->scenario.timeline;
+    auto& timeline = run_->scenario.timeline;
     if (timeline.empty() || !timeline[0].set.empty()) return;
     const Event again = timeline[0];
-    timeline.insert(timeline.begin() + static_cast<ptrdiff_t>(play_->timeline.position()), again);
+    timeline.insert(timeline.begin() + static_cast<ptrdiff_t>(run_->timeline.position()), again);
 }
 
 void Trial::cut_power() {
-    const Phone& phone = play_->phone;
-    play_->story.tell("phone", "", "loses its power");
-    before_ = reported_and_there();
-    disk_->cut(survives_, lines_);
+    const Phone& phone = run_->phone;
+    run_->story.add_message("phone", "", "loses its power");
+    before_ = intact_reported_files();
+    disk_->cut(survival_, lines_);
     disk_.reset();
     // Now: the next crash may be saved under the same names.
     for (const auto& [path, content] : before_) {
@@ -119,53 +120,53 @@ void Trial::cut_power() {
             violation(path + " was reported as saved");
     }
     phone.clear_properties();
-    play_->modem.reboot();
-    play_->stage.reboot();
+    run_->modem.reboot();
+    run_->backend.reboot();
 }
 
 // What was reported and has not been written over since.
-Files Trial::reported_and_there() const {
+Files Trial::intact_reported_files() const {
     Files files;
-    for (const auto& [path, content] : saved_) {
-        if (begins_with(read_file(play_->phone.path(path)), content)) files.emplace(path, content);
+    for (const auto& [path, content] : reported_) {
+        if (begins_with(read_file(run_->phone.path(path)), content)) files.emplace(path, content);
     }
     return files;
 }
 
 void Trial::kill_daemon() {
-    play_->story.tell("phone", "daemon", "kills it");
-    before_ = closed_files(play_->phone, open_paths(play_->stage));
-    boots_ = strtol(play_->phone.property(kCounter).c_str(), nullptr, 10);
-    play_->stage.start_daemon();
+    run_->story.add_message("phone", "daemon", "kills it");
+    before_ = closed_files(run_->phone, open_paths(run_->backend));
+    boots_ = strtol(run_->phone.property(kCounter).c_str(), nullptr, 10);
+    run_->backend.start_daemon();
 }
 
-void Trial::waits() {
-    if (kind_ == Kind::fail) return;
+void Trial::on_wait() {
+    if (kind_ == FaultKind::fail) return;
     if (locked_) violation("the daemon waits, and the wake lock is held");
     check_records();
-    requests_ = play_->story.requests().size();
+    requests_ = run_->story.requests().size();
     stopped_in_pass_ = false;
 }
 
 // Where a record waits to be handed back.
-std::string Trial::record() const {
-    return "/data/vendor/log/rvd/err/last_sr_info_" + play_->scenario.prefix();
+std::string Trial::record_path() const {
+    return "/data/vendor/log/rvd/err/last_sr_info_" + run_->scenario.prefix();
 }
 
 // So often in this pass.
 int64_t Trial::handed_back() const {
-    return count_from(requests_, play_->story.requests(), "SET_SRINFO *");
+    return count_from(requests_, run_->story.requests(), "SET_SRINFO *");
 }
 
 void Trial::check_records() {
-    const auto& requests = play_->story.requests();
+    const auto& requests = run_->story.requests();
     const int64_t fetched = count_from(requests_, requests, "GET_SRINFO len=[1-9]*");
     const int64_t handed = handed_back();
     const bool right = stopped_in_pass_ ? handed <= 2 : handed == std::min<int64_t>(fetched, 1);
     if (!right) violation(fmt::format("a record is handed back {} times", handed));
-    if (std::filesystem::exists(play_->phone.path(record())))
-        violation(record() + " is still there once the boot is over");
-    const std::string& text = play_->scenario.driver.srinfo;
+    if (std::filesystem::exists(run_->phone.path(record_path())))
+        violation(record_path() + " is still there once the boot is over");
+    const std::string& text = run_->scenario.driver.srinfo;
     const std::string whole = fmt::format("SET_SRINFO len={} {}", text.size(), text);
     for (size_t i = requests_; i < requests.size(); i++) {
         if (matches("SET_SRINFO *", requests[i]) && requests[i] != whole)
@@ -173,50 +174,50 @@ void Trial::check_records() {
     }
 }
 
-void Trial::judge(Conduct& conduct) {
-    check_faults(*play_);
-    check_end(conduct);
-    check_complete(conduct.files);
+void Trial::check(RunRecord& record) {
+    check_faults(*run_);
+    check_end(record);
+    check_complete(record.files);
     // A cut may leave sectors of zeros in what was not reported.
-    if (kind_ != Kind::cut || survives_ == Disk::Unflushed::all) check_collected(*play_);
-    if (kind_ == Kind::fail) return;
-    check_whole(*play_);
+    if (kind_ != FaultKind::cut || survival_ == Disk::Survival::all) check_collected(*run_);
+    if (kind_ == FaultKind::fail) return;
+    check_whole(*run_);
     check_counter();
-    if (conduct.end == clean_.end && conduct.modem != clean_.modem)
-        violation(fmt::format("the modem is left in state {}", conduct.modem));
-    for (const auto& [path, content] : conduct.files) {
+    if (record.end == baseline_.end && record.modem != baseline_.modem)
+        violation(fmt::format("the modem is left in state {}", record.modem));
+    for (const auto& [path, content] : record.files) {
         if (matches("*.new", path)) violation("an unfinished " + path + " is left");
     }
-    const auto records = [](const Conduct& run) {
+    const auto records = [](const RunRecord& run) {
         return count_from(0, run.requests, "SET_SRINFO *");
     };
-    if (records(conduct) < records(clean_)) violation("a record was not handed back");
-    conduct = {};  // nobody learns from it
+    if (records(record) < records(baseline_)) violation("a record was not handed back");
+    record = {};  // nobody learns from it
 }
 
-void Trial::check_end(const Conduct& conduct) {
+void Trial::check_end(const RunRecord& record) {
     // A shutdown that was not heard of leaves the daemon waiting.
-    const bool deaf = clean_.end == "parked" && conduct.end == "waits";
-    if (conduct.end != clean_.end && !deaf)
-        violation("the run ended with \"" + conduct.end + "\", not \"" + clean_.end + "\"");
-    const Time longer = kind_ == Kind::fail ? kGrace : clean_.lasted + kRepeated;
-    if (conduct.lasted > clean_.lasted + longer)
-        violation(fmt::format("the run lasted {} s, not about {} s", conduct.lasted / kSecond,
-                              clean_.lasted / kSecond));
+    const bool missed_shutdown = baseline_.end == "parked" && record.end == "waits";
+    if (record.end != baseline_.end && !missed_shutdown)
+        violation("the run ended with \"" + record.end + "\", not \"" + baseline_.end + "\"");
+    const Time longer = kind_ == FaultKind::fail ? kGrace : baseline_.lasted + kRepeated;
+    if (record.lasted > baseline_.lasted + longer)
+        violation(fmt::format("the run lasted {} s, not about {} s", record.lasted / kSecond,
+                              baseline_.lasted / kSecond));
     std::vector<std::string> more;
-    std::set_difference(conduct.open.begin(), conduct.open.end(), clean_.open.begin(),
-                        clean_.open.end(), std::back_inserter(more));
+    std::set_difference(record.open.begin(), record.open.end(), baseline_.open.begin(),
+                        baseline_.open.end(), std::back_inserter(more));
     for (const std::string& path : more)
         violation("left open: " + path);
 }
 
 void Trial::check_complete(const Files& files) {
     for (const auto& [path, content] : before_) {
-        if (!damaged(path, content, clean_.files, files)) continue;
+        if (!damaged(path, content, baseline_.files, files)) continue;
         // A crash file has the minute of its crash in its name: another one within it takes its
         // place.
         const std::string opened = "*: " + path + " opened (fd *";
-        if (count_from(0, play_->story.log(), opened.c_str()) < 2)
+        if (count_from(0, run_->story.log(), opened.c_str()) < 2)
             violation(path + " was complete before");
     }
 }
@@ -224,8 +225,8 @@ void Trial::check_complete(const Files& files) {
 // Each boot since is counted, from where the count was; a reboot begins anew.
 void Trial::check_counter() {
     const int64_t wanted =
-            boots_ + count_from(lines_, play_->story.log(), "status_loop: CP status_loop start *");
-    const std::string seen = play_->phone.property(kCounter);
+            boots_ + count_from(lines_, run_->story.log(), "status_loop: CP status_loop start *");
+    const std::string seen = run_->phone.property(kCounter);
     if (strtol(seen.c_str(), nullptr, 10) != wanted)
         violation(fmt::format("{} boots are counted as \"{}\"", wanted, seen));
 }

@@ -17,41 +17,41 @@
 
 namespace rvd::lab {
 
-enum class Kind { fail, kill, cut };
+enum class FaultKind { fail, kill, cut };
 
-class Trial : public Conductor {
+class Trial : public RunController {
   public:
     // `survives` is for a cut.
-    Trial(Kind kind, Disk::Unflushed survives, Conduct clean)
-        : kind_(kind), survives_(survives), clean_(std::move(clean)) {}
+    Trial(FaultKind kind, Disk::Survival survival, RunRecord baseline)
+        : kind_(kind), survival_(survival), baseline_(std::move(baseline)) {}
 
-    void begin(Play& play) override;
-    void call(const std::string& name, const std::string& path, int fd) override;
-    void line(const std::string& text) override;
-    void waits() override;
-    void fault(const Fault& fault) override;
-    void judge(Conduct& conduct) override;
+    void begin(RunContext& run) override;
+    void on_call(const std::string& name, const std::string& path, int fd) override;
+    void on_line(const std::string& text) override;
+    void on_wait() override;
+    void on_fault(const Fault& fault) override;
+    void check(RunRecord& record) override;
 
   private:
     void stop();
     void cut_power();
     void kill_daemon();
-    Files reported_and_there() const;
+    Files intact_reported_files() const;
     void repeat_first_event();
 
-    std::string record() const;
+    std::string record_path() const;
     int64_t handed_back() const;
-    void check_end(const Conduct& conduct);
+    void check_end(const RunRecord& record);
     void check_complete(const Files& files);
     void check_records();
     void check_counter();
-    void violation(const std::string& text) { play_->story.violation(text); }
+    void violation(const std::string& text) { run_->story.violation(text); }
 
-    const Kind kind_;
-    const Disk::Unflushed survives_;
-    const Conduct clean_;
+    const FaultKind kind_;
+    const Disk::Survival survival_;
+    const RunRecord baseline_;
     std::optional<Disk> disk_;
-    Files saved_;          // as the daemon has reported them
+    Files reported_;       // as the daemon has reported them
     Files before_;         // what was complete when the fault came
     int64_t boots_ = 0;    // as the daemon had counted them at the stop
     size_t lines_ = 0;     // logged before the stop

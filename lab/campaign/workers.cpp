@@ -15,12 +15,12 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "lab/campaign/workplace.h"
+#include "lab/campaign/work_directory.h"
 
 namespace rvd::lab {
 
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(MadeCall, call, time, path, place)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Conduct, end, lasted, open, requests, modem, files, calls)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(RecordedCall, name, nth, path, last_line)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(RunRecord, end, lasted, open, requests, modem, files, calls)
 
 namespace {
 
@@ -30,43 +30,43 @@ struct Worker {
     size_t job;
     Outcome outcome;
     Clock::time_point start;
-    ScopedFd output;  // none: the lab's own
-    ScopedFd answer;  // violations and conduct
+    ScopedFd output;       // none: the lab's own
+    ScopedFd report_file;  // violations and conduct
 };
 
 // The signals that this process takes between the runs, and gives back to each.
 class Signals {
   public:
     Signals() {
-        sigemptyset(&taken_);
+        sigemptyset(&blocked_);
         for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD})
-            sigaddset(&taken_, signal);
-        sigprocmask(SIG_BLOCK, &taken_, &before_);
+            sigaddset(&blocked_, signal);
+        sigprocmask(SIG_BLOCK, &blocked_, &before_);
     }
-    ~Signals() { give_back(); }
+    ~Signals() { restore(); }
     Signals(const Signals&) = delete;
     Signals& operator=(const Signals&) = delete;
 
-    void give_back() const { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+    void restore() const { sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
     // The one that came within a second; 0 where none did.
     int wait() const {
         const timespec second = {1, 0};
-        return std::max(sigtimedwait(&taken_, nullptr, &second), 0);
+        return std::max(sigtimedwait(&blocked_, nullptr, &second), 0);
     }
 
   private:
-    sigset_t taken_, before_;
+    sigset_t blocked_, before_;
 };
 
-ScopedFd make_file() {
+ScopedFd make_memory_file() {
     ScopedFd file(memfd_create("rvd-lab", MFD_CLOEXEC));
-    if (!file.valid()) fail_errno("cannot keep what a run says");
+    if (!file.valid()) throw_errno("cannot keep what a run says");
     return file;
 }
 
 // A phone that is kept has a directory of its own where there are several.
-RunOptions options_for(const Job& job, const Workplace& place) {
+RunOptions options_for(const Job& job, const WorkDirectory& place) {
     RunOptions options = job.options;
     options.keep = !options.root.empty();
     options.root = place.path();
@@ -80,36 +80,37 @@ RunOptions options_for(const Job& job, const Workplace& place) {
 }
 
 // As a run's process: what it leaves in `answer` is what its outcome is made of.
-int work(const Job& job, const Workplace& place, int answer) {
-    int status = kHeld;
+int run_in_child(const Job& job, const WorkDirectory& place, int report_file) {
+    int status = kPassed;
     Result result;
     try {
         result = run_scenario(job.scenario, options_for(job, place));
-        if (!result.violations.empty()) status = kNotHeld;
-        if (fflush(stdout) != 0 || ferror(stdout) != 0) fail_errno("cannot write the story");
+        if (!result.violations.empty()) status = kFailed;
+        if (fflush(stdout) != 0 || ferror(stdout) != 0) throw_errno("cannot write the story");
     } catch (const Reboots&) {
-        status = kReboots;
+        status = kRebooting;
     } catch (const std::exception& error) {
-        status = dynamic_cast<const Forbidden*>(&error) != nullptr ? kForbidden : kRefused;
+        status = dynamic_cast<const Unsupported*>(&error) != nullptr ? kUnsupported : kError;
         result.violations = {error.what()};
     }
-    if (!job.options.learn) result.conduct = {};
+    if (!job.options.record_calls) result.record = {};
     const auto bytes =
-            nlohmann::json::to_cbor({{"wrong", result.violations}, {"conduct", result.conduct}});
-    if (write(answer, bytes.data(), bytes.size()) < 0) perror("rvd-lab");
+            nlohmann::json::to_cbor({{"wrong", result.violations}, {"conduct", result.record}});
+    if (write(report_file, bytes.data(), bytes.size()) < 0) perror("rvd-lab");
     return status;
 }
 
-pid_t start(const Job& job, const Workplace& place, const Signals& signals, const Worker& worker) {
+pid_t start(const Job& job, const WorkDirectory& place, const Signals& signals,
+            const Worker& worker) {
     fflush(stdout);
     const pid_t pid = fork();
-    if (pid < 0) fail_errno("cannot fork");
+    if (pid < 0) throw_errno("cannot fork");
     if (pid > 0) return pid;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGPIPE, SIG_DFL);
-    signals.give_back();
+    signals.restore();
     if (worker.output.valid()) dup2(worker.output.get(), STDOUT_FILENO);
-    const int status = work(job, place, worker.answer.get());
+    const int status = run_in_child(job, place, worker.report_file.get());
     fflush(stdout);
     _exit(status);
 }
@@ -121,13 +122,13 @@ void finish(Worker& worker, int status) {
     if (!direct) outcome.output = read_file(worker.output.get());
     if (WIFEXITED(status)) {
         outcome.status = WEXITSTATUS(status);
-        const auto said = nlohmann::json::from_cbor(read_file(worker.answer.get()));
-        said.at("wrong").get_to(outcome.violations);
-        said.at("conduct").get_to(outcome.conduct);
+        const auto report = nlohmann::json::from_cbor(read_file(worker.report_file.get()));
+        report.at("wrong").get_to(outcome.violations);
+        report.at("conduct").get_to(outcome.record);
     } else if (const int number = WTERMSIG(status); number == SIGPIPE && direct) {
-        outcome.status = kSignal + number;  // whoever read the story has had enough of it
+        outcome.status = kSignalBase + number;  // whoever read the story has had enough of it
     } else {
-        outcome.status = kNotHeld;
+        outcome.status = kFailed;
         outcome.violations = {
                 fmt::format("the run was ended by signal {} ({})", number, sigdescr_np(number))};
     }
@@ -138,7 +139,7 @@ void finish(Worker& worker, int status) {
 int run_each(size_t count, int jobs, const std::function<Job(size_t)>& make,
              const std::function<void(size_t, Outcome&)>& done, const std::function<void()>& tick) {
     const Signals signals;
-    std::optional<Workplace> place;
+    std::optional<WorkDirectory> place;
     std::map<pid_t, Worker> workers;
     int interrupted = 0;
     size_t started = 0;
@@ -150,8 +151,8 @@ int run_each(size_t count, int jobs, const std::function<Job(size_t)>& make,
             Worker worker{started++,
                           {},
                           Clock::now(),
-                          job.direct ? ScopedFd() : make_file(),
-                          make_file()};
+                          job.direct ? ScopedFd() : make_memory_file(),
+                          make_memory_file()};
             worker.outcome.suite = job.suite;
             worker.outcome.name = job.scenario.name;
             const pid_t pid = start(job, *place, signals, worker);
@@ -179,9 +180,9 @@ int run_each(size_t count, int jobs, const std::function<Job(size_t)>& make,
     return interrupted;
 }
 
-void rethrow(const Outcome& outcome) {
-    if (outcome.status == kForbidden) throw Forbidden(outcome.violations.at(0));
-    if (outcome.status == kRefused) throw Unable(outcome.violations.at(0));
+void throw_if_not_run(const Outcome& outcome) {
+    if (outcome.status == kUnsupported) throw Unsupported(outcome.violations.at(0));
+    if (outcome.status == kError) throw Error(outcome.violations.at(0));
 }
 
 }  // namespace rvd::lab

@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "lab/builtin.h"
-#include "lab/cli/complaint.h"
+#include "lab/cli/parse_error.h"
 
 namespace rvd::lab {
 
@@ -172,12 +172,12 @@ std::optional<int> parse_command_line(int argc, char** argv, CommandLine& line) 
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);
-        fmt::print(stderr, "rvd-lab: {}\n", complaint(app, error));
-        return kRefused;
+        fmt::print(stderr, "rvd-lab: {}\n", parse_error_message(app, error));
+        return kError;
     }
     if (line.command != nullptr) return {};
     fmt::print("{}", app.help());
-    return kHeld;
+    return kPassed;
 }
 
 }  // namespace rvd::lab

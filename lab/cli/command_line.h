@@ -14,7 +14,7 @@ namespace rvd::lab {
 struct CommandLine {
     int (*command)(CommandLine&) = nullptr;
     RunOptions run;
-    Reporting reporting;
+    ReportOptions reporting;
     FaultOptions faults;
     SoakOptions soak;
     std::string modem = "tq720", firmware, only, color = "auto";
@@ -29,7 +29,7 @@ struct CommandLine {
 // standard error.
 std::optional<int> parse_command_line(int argc, char** argv, CommandLine& line);
 
-// The commands. Each returns the exit status and throws Unable.
+// The commands. Each returns the exit status and throws Error.
 int demo(CommandLine& line);
 int run(CommandLine& line);
 int check(CommandLine& line);

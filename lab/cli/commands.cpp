@@ -16,13 +16,13 @@ namespace {
 // Opens the files for results. The story, the picture and the log hold that of one run.
 void open_results(CommandLine& line, bool many) {
     if (many && !(line.trace + line.picture + line.log).empty())
-        throw Unable("--trace, --picture and --log take one run: choose it with --case or --only");
-    line.run.trace = Output(line.trace);
-    line.run.picture = Output(line.picture);
-    line.run.log = Output(line.log);
-    line.run.look = look_for(stdout, line.color);
-    line.run.look.brief = line.brief;
-    line.reporting.junit = Output(line.junit);
+        throw Error("--trace, --picture and --log take one run: choose it with --case or --only");
+    line.run.trace = OutputFile(line.trace);
+    line.run.picture = OutputFile(line.picture);
+    line.run.log = OutputFile(line.log);
+    line.run.style = choose_style(stdout, line.color);
+    line.run.style.brief = line.brief;
+    line.reporting.junit = OutputFile(line.junit);
 }
 
 std::vector<Job> chosen(const CommandLine& line) {
@@ -37,7 +37,7 @@ std::vector<Job> chosen(const CommandLine& line) {
         }
     }
     if (jobs.empty())
-        throw Unable("no case is called \"" + line.only + "\"" + did_you_mean(line.only, names));
+        throw Error("no case is called \"" + line.only + "\"" + did_you_mean(line.only, names));
     return jobs;
 }
 
@@ -64,9 +64,9 @@ int demo(CommandLine& line) {
             scenario.firmware = {};
             scenario.firmware.image = line.firmware;
         }
-        return tell_one({"demo", std::move(scenario), line.run});
+        return run_one({"demo", std::move(scenario), line.run});
     }
-    throw Unable("there is no demo of " + line.modem);
+    throw Error("there is no demo of " + line.modem);
 }
 
 int run(CommandLine& line) {
@@ -74,22 +74,22 @@ int run(CommandLine& line) {
     if (line.list) {
         for (const Job& job : jobs)
             fmt::print("{}: {}\n", job.suite, job.scenario.name);
-        return kHeld;
+        return kPassed;
     }
     const bool one = !line.run.notebook.empty();
-    if (jobs.size() > 1 && one) throw Unable("--notebook takes one case: choose it with --case");
+    if (jobs.size() > 1 && one) throw Error("--notebook takes one case: choose it with --case");
     open_results(line, jobs.size() > 1);
     for (Job& job : jobs)
         job.options = line.run;
-    const Reporting& to = line.reporting;
-    if (one || (jobs.size() == 1 && to.story && !to.json && !to.junit)) return tell_one(jobs[0]);
+    const ReportOptions& to = line.reporting;
+    if (one || (jobs.size() == 1 && to.story && !to.json && !to.junit)) return run_one(jobs[0]);
     return run_all(jobs, line.run.device ? 1 : line.jobs, to);
 }
 
 int check(CommandLine& line) {
     for (const std::string& file : line.files)
         fmt::print("{}: {} cases\n", file, read_scenarios(file).size());
-    return kHeld;
+    return kPassed;
 }
 
 int faults(CommandLine& line) {
@@ -117,7 +117,7 @@ int keys(CommandLine& line) {
     } else {
         print_keys(schema, "");
     }
-    return kHeld;
+    return kPassed;
 }
 
 }  // namespace rvd::lab

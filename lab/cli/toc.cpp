@@ -109,7 +109,7 @@ void print(const Json& about) {
 // The exit status says whether a modem boots from the image.
 int toc(CommandLine& line) {
     const ScopedFd image(open(line.firmware.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!image.valid()) fail_errno(line.firmware);
+    if (!image.valid()) throw_errno(line.firmware);
     setenv("RVD_ANDROID_LOG", "/dev/null", 1);
     check::Capture lines;
     const Json about = describe(image.get(), lines);
@@ -119,9 +119,9 @@ int toc(CommandLine& line) {
         print(about);
     }
     for (const Json& plan : about["plans"]) {
-        if (plan["refusals"].empty()) return kHeld;
+        if (plan["refusals"].empty()) return kPassed;
     }
-    return kNotHeld;
+    return kFailed;
 }
 
 }  // namespace rvd::lab

@@ -22,7 +22,7 @@ namespace rvd::lab {
 
 class DeviceNode {
   public:
-    // Makes the device. Throws Unable.
+    // Makes the device. Throws Error.
     DeviceNode(Node node, const std::string& path, Modem& modem) : node_(node), modem_(modem) {
         const std::string device = "DEVNAME=" + path.substr(path.rfind('/') + 1);
         const char* words[] = {device.c_str()};
@@ -35,19 +35,20 @@ class DeviceNode {
                 Operations::read, Operations::write, nullptr,         Operations::release,
                 nullptr,          Operations::ioctl, Operations::poll};
         const int cuse = ::open("/dev/cuse", O_RDWR | O_CLOEXEC);
-        if (cuse < 0) forbid_errno("/dev/cuse can't be opened (is the module \"cuse\" loaded?)");
+        if (cuse < 0)
+            throw_unsupported_errno("/dev/cuse can't be opened (is the module \"cuse\" loaded?)");
         session_ = cuse_lowlevel_new(&args, &info, &operations, this);
         if (session_ == nullptr ||
             fuse_session_mount(session_, ("/dev/fd/" + std::to_string(cuse)).c_str()) != 0)
-            throw Forbidden("no session of CUSE for " + path);
-        serve();  // the device is there once the kernel's greeting is answered
+            throw Unsupported("no session of CUSE for " + path);
+        process_message();  // the device is there once the kernel's greeting is answered
     }
 
     // Readable while there are messages.
     int fd() const { return fuse_session_fd(session_); }
 
     // Serves one message. The result of a request is sent by answer().
-    void serve() {
+    void process_message() {
         fuse_buf message{};
         if (fuse_session_receive_buf(session_, &message) > 0)
             fuse_session_process_buf(session_, &message);
@@ -66,28 +67,28 @@ class DeviceNode {
 
     void hang_up() {
         for (Open& open : opens_) {
-            open.hung = true;
+            open.hung_up = true;
             open.awaits_hang_up = false;
             wake(open);
         }
     }
 
     // Of the descriptor with the request in hand.
-    void end_hang_up() {
-        if (requesting_ != nullptr) requesting_->hung = false;
+    void clear_hang_up() {
+        if (requesting_ != nullptr) requesting_->hung_up = false;
     }
 
-    void flush() {
+    void discard_unread() {
         for (Open& open : opens_)
             open.packet.reset();
     }
 
-    void pump() {
+    void send_packets() {
         if (!opens_.empty() && fill(opens_.back())) wake(opens_.back());
     }
 
     // Answers all callers, which have been killed.
-    void abandon() {
+    void fail_pending() {
         answer();
         hang_up();
     }
@@ -100,7 +101,7 @@ class DeviceNode {
 
   private:
     struct Open {
-        bool hung = false;
+        bool hung_up = false;
         bool awaits_hang_up = false;        // and nothing else
         std::optional<Packet> packet = {};  // the modem's next, not read yet
         fuse_req* reader = nullptr;         // waits for it, with so much room
@@ -138,7 +139,7 @@ class DeviceNode {
         // One read takes one packet; what does not fit is lost.
         static void read(fuse_req_t req, size_t size, off_t, fuse_file_info* file) {
             Open& open = open_of(file);
-            const bool ready = node(req).fill(open) || open.hung;
+            const bool ready = node(req).fill(open) || open.hung_up;
             if (!ready && (file->flags & O_NONBLOCK) != 0) return void(fuse_reply_err(req, EAGAIN));
             open.reader = req;
             open.room = size;
@@ -152,8 +153,8 @@ class DeviceNode {
 
         static void write(fuse_req_t req, const char* data, size_t size, off_t,
                           fuse_file_info* file) {
-            if (open_of(file).hung) return void(fuse_reply_err(req, EPIPE));
-            node(req).modem_.received(node(req).node_, Packet(data, data + size));
+            if (open_of(file).hung_up) return void(fuse_reply_err(req, EPIPE));
+            node(req).modem_.receive(node(req).node_, Packet(data, data + size));
             fuse_reply_write(req, size);
         }
 
@@ -171,11 +172,11 @@ class DeviceNode {
         static void poll(fuse_req_t req, fuse_file_info* file, fuse_pollhandle* poller) {
             Open& open = open_of(file);
             unsigned events = node(req).fill(open) ? POLLIN | POLLRDNORM : 0;
-            events |= open.hung ? POLLHUP : POLLOUT | POLLWRNORM;
+            events |= open.hung_up ? POLLHUP : POLLOUT | POLLWRNORM;
             if (open.poller != nullptr) fuse_pollhandle_destroy(open.poller);
             open.poller = poller;
             open.awaits_hang_up =
-                    poller != nullptr && !open.hung && (file->poll_events & POLLIN) == 0;
+                    poller != nullptr && !open.hung_up && (file->poll_events & POLLIN) == 0;
             fuse_reply_poll(req, events);
         }
     };
@@ -183,8 +184,8 @@ class DeviceNode {
     // The modem sends to the newest descriptor. Asked for its next packet it may hang up instead.
     bool fill(Open& open) {
         Packet packet;
-        if (!open.packet && !open.hung && &open == &opens_.back() && modem_.next(node_, packet) &&
-            !open.hung)
+        if (!open.packet && !open.hung_up && &open == &opens_.back() &&
+            modem_.next_packet(node_, packet) && !open.hung_up)
             open.packet = std::move(packet);
         return open.packet.has_value();
     }

@@ -19,23 +19,24 @@ namespace rvd::lab {
 
 class KernelLog {
   public:
-    // Reads what comes from now on. Throws Unable.
+    // Reads what comes from now on. Throws Error.
     KernelLog() : fd_(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
         if (read_file("/proc/sys/kernel/printk_devkmsg") != "on\n")
-            throw Forbidden("the kernel's log loses records; run: sysctl kernel.printk_devkmsg=on");
-        if (fd_ < 0 || lseek(fd_, 0, SEEK_END) < 0) fail_errno("cannot read the kernel's log");
+            throw Unsupported(
+                    "the kernel's log loses records; run: sysctl kernel.printk_devkmsg=on");
+        if (fd_ < 0 || lseek(fd_, 0, SEEK_END) < 0) throw_errno("cannot read the kernel's log");
     }
 
     int fd() const { return fd_; }  // readable while there are records
 
-    // Passes on the next of the daemon's records; false if there is none now. Throws Unable where
+    // Passes on the next of the daemon's records; false if there is none now. Throws Error where
     // records were lost.
     bool next(int& level, std::string& text) {
         char record[8192];
         for (;;) {
             const ssize_t n = read(fd_, record, sizeof(record));
             if (n < 0 && errno == EPIPE)
-                throw Unable("the kernel's log ran over before it was read");
+                throw Error("the kernel's log ran over before it was read");
             if (n <= 0) return false;
             level = atoi(record) & kLevelMask;
             text = text_of(std::string(record, static_cast<size_t>(n)));

@@ -15,28 +15,28 @@ struct Notebook {
     Time start = 0, now = 0;
     size_t position = 0;    // in the timeline
     bool panicked = false;  // rather than rebooted
-    std::string crash_sentence;
+    std::string panic_reason;
     std::vector<std::string> log, requests, violations;
     std::vector<int64_t> answers;  // how often each of the scenario's answers was asked for
 
     // Reads and removes the file. False if there is none.
-    bool take(const std::string& path);
+    bool load(const std::string& path);
 
-    // On the disk when this returns. Throws Unable.
-    void store(const std::string& path) const;
+    // On the disk when this returns. Throws Error.
+    void save(const std::string& path) const;
 };
 
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Notebook, start, now, position, panicked, crash_sentence, log,
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Notebook, start, now, position, panicked, panic_reason, log,
                                    requests, violations, answers)
 
-inline bool Notebook::take(const std::string& path) {
+inline bool Notebook::load(const std::string& path) {
     const auto notes = nlohmann::json::parse(read_file(path), nullptr, false);
     unlink(path.c_str());
     if (!notes.is_discarded()) notes.get_to(*this);
     return !notes.is_discarded();
 }
 
-inline void Notebook::store(const std::string& path) const {
+inline void Notebook::save(const std::string& path) const {
     write_file(path, nlohmann::json(*this).dump());
     sync();
 }

@@ -29,7 +29,7 @@ bool under(const std::string& path, const std::string& prefix) {
     return path.compare(0, prefix.size(), prefix) == 0;
 }
 
-std::optional<Node> node_at(const std::string& path) {
+std::optional<Node> node_of(const std::string& path) {
     if (!under(path, "/dev/")) return {};
     if (path.find("_boot") != std::string::npos) return Node::boot;
     if (path.find("_ramdump") != std::string::npos) return Node::dump;
@@ -44,74 +44,75 @@ size_t length_of(const std::vector<iovec>& buffers) {
 }  // namespace
 
 void Calls::handle(const Call& call) {
-    const auto serve = call.shape->serve;
-    const bool waits = serve == &Calls::serve_poll || serve == &Calls::serve_sleep;
-    if (!waits && serve != &Calls::serve_clock) clock.note_activity();
-    if (!apply_fault(call)) (this->*serve)(call);
+    const auto handler = call.info->handler;
+    const bool waits = handler == &Calls::handle_poll || handler == &Calls::handle_sleep;
+    if (!waits && handler != &Calls::handle_clock) scheduler.note_activity();
+    if (!inject_fault(call)) (this->*handler)(call);
 }
 
-void Calls::look(const Call& call) {
-    if (call.shape->watch == Watch::always) check_path(call, path_of(call));
-    daemon.proceed(call);
+void Calls::check_and_continue(const Call& call) {
+    if (call.info->when == Intercept::always) check_path(call, path_of(call));
+    daemon.continue_call(call);
 }
 
 void Calls::end_thread(const Call& call) {
-    clock.gone(call.tid());
-    daemon.proceed(call);
+    scheduler.remove(call.tid());
+    daemon.continue_call(call);
     // A busy machine may show it for a while, and whoever counts threads would count it.
     while (call.tid() != daemon.pid() && daemon.has_thread(call.tid()))
         usleep(50);
 }
 
-void Calls::serve_sync(const Call& call) {
+void Calls::handle_sync(const Call& call) {
     story.request("kernel", "sync");
     daemon.answer(call, 0);
 }
 
 // Answers with a record where an argument points.
-void Calls::answer_with(const Call& call, int argument, const void* record, size_t size,
-                        int64_t result) {
+void Calls::answer_with_record(const Call& call, int argument, const void* record, size_t size,
+                               int64_t result) {
     const bool written = call.memory().write(call.argument(argument), record, size);
     daemon.answer(call, written ? result : -EFAULT);
 }
 
 // The daemon's own code begins when it opens the kernel log. Calls before that belong to the C
 // library's start-up: they are counted but never failed.
-const Fault* Calls::due_fault(const Call& call) {
-    const std::string& family = call.shape->family;
+const Fault* Calls::find_fault(const Call& call) {
+    const std::string& family = call.info->family;
     in_main_ = in_main_ || path_of(call) == "/dev/kmsg";
-    const int time = ++times_[family];
-    if (in_main_ && stage.on_call) stage.on_call(family, time, path_of(call), fd_of(call));
+    const int time = ++counts_[family];
+    if (in_main_ && backend.on_call) backend.on_call(family, time, path_of(call), fd_of(call));
     const Fault* due = nullptr;
     for (const Fault& fault : scenario.faults) {
         if (fault.call != family) continue;
         if (fault.path != "*" && !matches(fault.path, path_of(call))) continue;
         if (!in_main_) {
-            fault.turn.seen++;
-        } else if (fault.turn.takes() && due == nullptr) {
+            fault.trigger.seen++;
+        } else if (fault.trigger.fires() && due == nullptr) {
             due = &fault;
         }
     }
     return due;
 }
 
-bool Calls::apply_fault(const Call& call) {
-    const Fault* fault = due_fault(call);
+bool Calls::inject_fault(const Call& call) {
+    const Fault* fault = find_fault(call);
     if (fault == nullptr) return false;
-    if (stage.on_fault) stage.on_fault(*fault);
-    if (fault->stop == Fault::Stop::before) clock.hold(call, kNever);
+    if (backend.on_fault) backend.on_fault(*fault);
+    if (fault->stop == Fault::Stop::before) scheduler.wait_in(call, kNever);
     if (fault->stop != Fault::Stop::no) return fault->stop == Fault::Stop::before;
     const std::string what = fault->hang_up ? "hang-up" : fault->cut ? "cut short" : fault->error;
-    story.tell("kernel", "daemon", fmt::format("{} {}: {}", fault->call, path_of(call), what));
-    const Links::Link* link = links.at(fd_of(call));
+    story.add_message("kernel", "daemon",
+                      fmt::format("{} {}: {}", fault->call, path_of(call), what));
+    const Links::Link* link = links.find(fd_of(call));
     if (fault->hang_up) {
         if (link != nullptr) links.hang_up(*link->node);
         return false;
     }
-    if (call.shape->serve == &Calls::serve_ioctl && link != nullptr)
-        stage.modem().lost(call.argument(1));
+    if (call.info->handler == &Calls::handle_ioctl && link != nullptr)
+        backend.modem().request_failed(call.argument(1));
     if (fault->cut) {
-        transfer_part(call, static_cast<size_t>(*fault->cut));
+        transfer_partially(call, static_cast<size_t>(*fault->cut));
     } else if (call.name() == "brk") {
         daemon.answer(call, 0);  // brk() reports no errno
     } else {
@@ -130,15 +131,15 @@ std::vector<iovec> Calls::buffers(const Call& call) const {
 }
 
 // Does a short read or write on the daemon's open file, whose position both processes share.
-void Calls::transfer_part(const Call& call, size_t size) {
+void Calls::transfer_partially(const Call& call, size_t size) {
     const Memory memory = call.memory();
     const std::vector<iovec> theirs = buffers(call);
     std::vector<char> bytes(std::min(size, length_of(theirs)));
     const bool reads = call.name() == "read";
     // A packet cut on its way into the link is lost.
-    if (!reads && links.at(static_cast<int>(call.argument(0))) != nullptr)
+    if (!reads && links.find(static_cast<int>(call.argument(0))) != nullptr)
         return daemon.answer(call, static_cast<int64_t>(bytes.size()));
-    const ScopedFd file(daemon.duplicate(static_cast<int>(call.argument(0))));
+    const ScopedFd file(daemon.copy_fd(static_cast<int>(call.argument(0))));
     ssize_t result = 0;
     if (!bytes.empty() && reads) {
         result = read(file.get(), bytes.data(), bytes.size());
@@ -151,25 +152,25 @@ void Calls::transfer_part(const Call& call, size_t size) {
 
 std::string Calls::path_of(const Call& call) const {
     std::string path;
-    if (call.shape->path >= 0) path = call.memory().text(call.argument(call.shape->path));
+    if (call.info->path >= 0) path = call.memory().text(call.argument(call.info->path));
     if (path.empty() && fd_of(call) >= 0) path = path_of_fd(fd_of(call));
     return path;
 }
 
 // The descriptor that a call is about, or -1; of several that are polled, the first.
 int Calls::fd_of(const Call& call) const {
-    if (call.shape->serve == &Calls::serve_poll) {
+    if (call.info->handler == &Calls::handle_poll) {
         const std::vector<pollfd> fds = polled(call);
         return fds.empty() ? -1 : fds[0].fd;
     }
-    return call.shape->fd < 0 ? -1 : static_cast<int>(call.argument(call.shape->fd));
+    return call.info->fd < 0 ? -1 : static_cast<int>(call.argument(call.info->fd));
 }
 
 std::string Calls::path_of_fd(int fd) const {
     const std::string name = links.name_of(fd);
     if (!name.empty()) return name;
     std::error_code none;
-    const std::string path = phone.inside(std::filesystem::read_symlink(daemon.link_of(fd), none));
+    const std::string path = phone.inside(std::filesystem::read_symlink(daemon.fd_path(fd), none));
     // The kernel shows a file that has no name as "#" and its inode's number, which no run repeats.
     return matches("*/#* (deleted)", path) ? path.substr(0, path.rfind('#')) + "#unnamed" : path;
 }
@@ -183,34 +184,34 @@ void Calls::check_path(const Call& call, const std::string& path) {
     const bool own = std::any_of(std::begin(places), std::end(places),
                                  [&](const char* place) { return under(path, place); });
     if (!own && (coverage == nullptr || !under(path, coverage)))
-        story.violation(call.shape->family + " changes " + path);
+        story.violation(call.info->family + " changes " + path);
 }
 
-void Calls::serve_open(const Call& call) {
+void Calls::handle_open(const Call& call) {
     const std::string path = path_of(call);
     const auto& missing = scenario.missing;
     if (std::find(missing.begin(), missing.end(), path) != missing.end())
-        return daemon.proceed(call);
-    const auto node = node_at(path);
-    if (node) return stage.check_opens(*node, links.open(call, node));
+        return daemon.continue_call(call);
+    const auto node = node_of(path);
+    if (node) return backend.check_open_count(*node, links.open(call, node));
     if (path == "/dev/kmsg") return void(links.open(call, {}));
-    const uint64_t flags = call.argument(call.shape->path + 1);
+    const uint64_t flags = call.argument(call.info->path + 1);
     if ((flags & (O_WRONLY | O_RDWR | O_CREAT)) != 0) check_path(call, path);
-    daemon.proceed(call);
+    daemon.continue_call(call);
 }
 
-void Calls::serve_ioctl(const Call& call) {
-    const Links::Link* link = links.at(static_cast<int>(call.argument(0)));
-    if (link == nullptr) return daemon.proceed(call);
-    served_ = &call;
+void Calls::handle_ioctl(const Call& call) {
+    const Links::Link* link = links.find(static_cast<int>(call.argument(0)));
+    if (link == nullptr) return daemon.continue_call(call);
+    request_ = &call;
     const int64_t result =
-            stage.modem().request(*link->node, call.argument(1), call.argument(2), call.memory());
-    served_ = nullptr;
-    if (device_gone_) return clock.hold(call, kNever);
+            backend.modem().request(*link->node, call.argument(1), call.argument(2), call.memory());
+    request_ = nullptr;
+    if (device_lost_) return scheduler.wait_in(call, kNever);
     daemon.answer(call, result);
 }
 
-void Calls::serve_syslog(const Call& call) {
+void Calls::handle_syslog(const Call& call) {
     const int action = static_cast<int>(call.argument(0));
     if (action == kRingSize) return daemon.answer(call, 1 << 20);
     if (action != kRingReadAll) {
@@ -226,11 +227,11 @@ void Calls::serve_syslog(const Call& call) {
     }
     const size_t room = std::min<size_t>(ring.size(), call.argument(2));
     const char* latest = ring.data() + ring.size() - room;
-    story.tell("kernel", "daemon", "log ring, " + human_size(room));
-    answer_with(call, 1, latest, room, static_cast<int64_t>(room));
+    story.add_message("kernel", "daemon", "log ring, " + human_size(room));
+    answer_with_record(call, 1, latest, room, static_cast<int64_t>(room));
 }
 
-void Calls::serve_statfs(const Call& call) {
+void Calls::handle_statfs(const Call& call) {
     const std::string path = path_of(call);
     struct statfs record {};
     if (statfs(phone.path(path).c_str(), &record) != 0) return daemon.answer(call, -errno);
@@ -246,10 +247,10 @@ void Calls::serve_statfs(const Call& call) {
     record.f_bfree = static_cast<fsblkcnt_t>(free / kBlock);
     record.f_bavail = record.f_bfree - record.f_bfree / 20;
     record.f_blocks = record.f_bfree * 4;
-    answer_with(call, 1, &record, sizeof(record));
+    answer_with_record(call, 1, &record, sizeof(record));
 }
 
-void Calls::serve_identity(const Call& call) {
+void Calls::handle_identity(const Call& call) {
     const std::string& name = call.name();
     std::string words = name;
     if (name == "prctl") words += fmt::format(" keepcaps {}", call.argument(1));
@@ -262,27 +263,27 @@ void Calls::serve_identity(const Call& call) {
                 data[1].effective, data[0].effective, data[1].permitted, data[0].permitted,
                 data[1].inheritable, data[0].inheritable);
     }
-    const bool about_file = call.shape->path >= 0;
+    const bool about_file = call.info->path >= 0;
     if (!about_file) story.request("kernel", words);
     const bool missing = about_file && access(phone.path(path_of(call)).c_str(), F_OK) != 0;
-    if (phone.real_root() || missing) return daemon.proceed(call);
+    if (phone.real_root() || missing) return daemon.continue_call(call);
     daemon.answer(call, 0);
 }
 
-void Calls::serve_clone(const Call& call) {
+void Calls::handle_clone(const Call& call) {
     uint64_t flags = call.argument(0);
     if (call.name() == "clone3") call.memory().read(call.argument(0), &flags, sizeof(flags));
-    if ((flags & CLONE_THREAD) != 0) clock.born();
-    daemon.proceed(call);
+    if ((flags & CLONE_THREAD) != 0) scheduler.expect_thread();
+    daemon.continue_call(call);
 }
 
 // The write that fills the virtual disk is short; later ones fail with ENOSPC.
-void Calls::serve_write(const Call& call) {
-    if (!scenario.disk || !under(path_of(call), "/data/")) return daemon.proceed(call);
+void Calls::handle_write(const Call& call) {
+    if (!scenario.disk || !under(path_of(call), "/data/")) return daemon.continue_call(call);
     const auto room = static_cast<uint64_t>(phone.disk_room());
-    if (length_of(buffers(call)) <= room) return daemon.proceed(call);
+    if (length_of(buffers(call)) <= room) return daemon.continue_call(call);
     if (room == 0) return daemon.answer(call, -ENOSPC);
-    transfer_part(call, room);
+    transfer_partially(call, room);
 }
 
 }  // namespace rvd::lab

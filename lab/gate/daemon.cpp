@@ -48,11 +48,11 @@ void await_stop(pid_t child) {
     waitpid(child, &status, 0);
     if (WIFSTOPPED(status)) return;
     const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 0;
-    if (code == kNoTrace) throw Forbidden("this machine does not let a process trace its child");
+    if (code == kNoTrace) throw Unsupported("this machine does not let a process trace its child");
     if (code == kNoFilter)
-        throw Forbidden("this kernel offers no seccomp user notification (Linux 5.5 or later)");
-    throw Unable(std::string("the daemon cannot be executed: ") +
-                 (code != 0 ? strerror(code) : "it was killed"));
+        throw Unsupported("this kernel offers no seccomp user notification (Linux 5.5 or later)");
+    throw Error(std::string("the daemon cannot be executed: ") +
+                (code != 0 ? strerror(code) : "it was killed"));
 }
 
 // The C library asks the kernel's shared page for the time unless it has no address for it. The new
@@ -64,7 +64,7 @@ void hide_shared_clock(pid_t pid) {
     uint64_t at = info.stack_pointer;
     const auto next = [&] {
         uint64_t word = 0;
-        if (!memory.read(at, &word, sizeof(word))) fail_errno("cannot read the daemon's stack");
+        if (!memory.read(at, &word, sizeof(word))) throw_errno("cannot read the daemon's stack");
         at += sizeof(word);
         return word;
     };
@@ -75,7 +75,7 @@ void hide_shared_clock(pid_t pid) {
     for (uint64_t type = next(); type != AT_NULL; next(), type = next()) {
         const uint64_t ignore = AT_IGNORE;
         if (type == AT_SYSINFO_EHDR && !memory.write(at - sizeof(type), &ignore, sizeof(ignore)))
-            fail_errno("cannot write the daemon's stack");
+            throw_errno("cannot write the daemon's stack");
     }
 }
 
@@ -83,12 +83,12 @@ void hide_shared_clock(pid_t pid) {
 
 void Daemon::start(const Phone& phone, const Filter& filter, bool virtual_time) {
     pid_ = fork();
-    if (pid_ < 0) fail_errno("cannot fork");
+    if (pid_ < 0) throw_errno("cannot fork");
     if (pid_ == 0) phone.become_daemon([&] { hand_over_calls(filter); });
     await_stop(pid_);
     pidfd_.reset(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
-    listener_.reset(duplicate(kListener));
-    if (!listener_.valid()) fail_errno("cannot take the daemon's system calls");
+    listener_.reset(copy_fd(kListener));
+    if (!listener_.valid()) throw_errno("cannot take the daemon's system calls");
     ptrace(PTRACE_CONT, pid_, nullptr, nullptr);
     await_stop(pid_);
     if (virtual_time) hide_shared_clock(pid_);
@@ -125,7 +125,7 @@ void Daemon::answer(const Call& call, int64_t result) const {
     seccomp_notify_respond(listener(), &response);
 }
 
-void Daemon::proceed(const Call& call) const {
+void Daemon::continue_call(const Call& call) const {
     seccomp_notif_resp response = {call.raw.id, 0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE};
     seccomp_notify_respond(listener(), &response);
 }
@@ -134,12 +134,12 @@ int Daemon::add(seccomp_notif_addfd add, const Call& call, int fd) const {
     add.id = call.raw.id;
     add.srcfd = static_cast<uint32_t>(fd);
     const int number = ioctl(listener(), SECCOMP_IOCTL_NOTIF_ADDFD, &add);
-    if (number < 0) fail_errno("cannot give the daemon a descriptor");
+    if (number < 0) throw_errno("cannot give the daemon a descriptor");
     return number;
 }
 
-int Daemon::give(const Call& call, int fd) const {
-    const uint64_t flags = call.argument(call.shape->path + 1);
+int Daemon::install_fd(const Call& call, int fd) const {
+    const uint64_t flags = call.argument(call.info->path + 1);
     fcntl(fd, F_SETFL, flags & O_NONBLOCK);
     seccomp_notif_addfd added{};
     added.flags = SECCOMP_ADDFD_FLAG_SEND;
@@ -147,19 +147,19 @@ int Daemon::give(const Call& call, int fd) const {
     return add(added, call, fd);
 }
 
-void Daemon::replace(const Call& served, int daemon_fd, int fd) const {
+void Daemon::replace_fd(const Call& request, int daemon_fd, int fd) const {
     seccomp_notif_addfd added{};
     added.flags = SECCOMP_ADDFD_FLAG_SETFD;
     added.newfd = static_cast<uint32_t>(daemon_fd);
     added.newfd_flags = O_CLOEXEC;
-    add(added, served, fd);
+    add(added, request, fd);
 }
 
-int Daemon::duplicate(int daemon_fd) const {
+int Daemon::copy_fd(int daemon_fd) const {
     return static_cast<int>(syscall(SYS_pidfd_getfd, pidfd(), daemon_fd, 0));
 }
 
-std::string Daemon::link_of(int daemon_fd) const {
+std::string Daemon::fd_path(int daemon_fd) const {
     return fmt::format("/proc/{}/fd/{}", pid_, daemon_fd);
 }
 

@@ -22,53 +22,53 @@ namespace {
 using std::chrono::steady_clock;
 
 // A daemon that only sleeps for so long, with no event pending, has parked.
-constexpr Time kQuiet = 200 * kSecond;
+constexpr Time kParkedAfter = 200 * kSecond;
 
 // Waits are not seen with the real clock; none of the daemon's waits for the modem is longer.
-constexpr Time kRealQuiet = 35 * kSecond;
+constexpr Time kRealIdle = 35 * kSecond;
 
 // After so long without a call, what the running thread sends is queued: a node's buffer may be
 // full.
-constexpr int kRunnerPatienceMs = 2;
+constexpr int kRunningTimeoutMs = 2;
 
-constexpr int kRealPatienceMs = 1000;
-constexpr int kFarewellMs = 5000;
+constexpr int kRealTimeoutMs = 1000;
+constexpr int kExitTimeoutMs = 5000;
 
-class Gate : public RunStage {
+class Gate : public RunBackend {
   public:
     Gate(const Scenario& scenario, const Phone& phone, Story& story, const RunOptions& options,
          Time start)
-        : RunStage(scenario, phone, story, options),
-          shapes_(calls_to_watch(scenario, !options.real_time, options.learn)),
-          filter_(filter_for(shapes_)),
-          clock_(start),
-          links_(daemon_, clock_, story, modem()),
-          calls_({scenario, phone, story, *this, daemon_, clock_, links_}) {
-        for (const CallShape& shape : shapes_)
-            shape_of_.emplace(shape.number, &shape);
+        : RunBackend(scenario, phone, story, options),
+          intercepted_(intercepted_calls(scenario, !options.real_time, options.record_calls)),
+          filter_(filter_for(intercepted_)),
+          scheduler_(start),
+          links_(daemon_, scheduler_, story, modem()),
+          calls_({scenario, phone, story, *this, daemon_, scheduler_, links_}) {
+        for (const SyscallInfo& info : intercepted_)
+            info_by_number_.emplace(info.number, &info);
     }
 
     void start_daemon() override {
         close_daemon();
         calls_.restart();
-        clock_.restart();
+        scheduler_.restart();
         daemon_.start(phone_, filter_, !options_.real_time);
-        tell_start();
+        report_start();
     }
 
     void panic() override {
-        calls_.lose_device();
+        calls_.set_device_lost();
         enter_upload_mode();
     }
 
-    std::string serve() override {
+    std::string run() override {
         while (end_.empty()) {
             if (options_.real_time) {
-                serve_real_time();
+                run_real_time();
             } else {
-                serve_virtual_time();
+                run_virtual_time();
             }
-            check_patience();
+            check_timeout();
         }
         let_daemon_exit();
         close_daemon();
@@ -77,153 +77,157 @@ class Gate : public RunStage {
 
     pid_t daemon() const override { return daemon_.pid(); }
     std::string path_of(int fd) const override { return calls_.path_of_fd(fd); }
-    Time now() const override { return clock_.now(); }
+    Time now() const override { return scheduler_.now(); }
     void hang_up(Node node) override { links_.hang_up(node); }
-    void end_hang_up() override { links_.end_hang_up(calls_.served()); }
-    void flush(Node node) override { links_.flush(node, calls_.served()); }
-    void pump(Node node) override { links_.pump(node); }
+    void clear_hang_up() override { links_.clear_hang_up(calls_.request()); }
+    void discard_unread(Node node) override { links_.discard_unread(node, calls_.request()); }
+    void send_packets(Node node) override { links_.send_packets(node); }
 
   private:
     // Ends the process with all of its threads, and closes its links.
     void close_daemon() {
         daemon_.end();
-        links_.take();
+        links_.dispatch();
         links_.close_all();
-        modem().abandoned();
+        modem().daemon_ended();
     }
 
-    // Output is read and events happen only while all threads of the daemon are stopped, so that
-    // the story depends on the scenario alone.
-    void serve_virtual_time() {
-        if (!clock_.at_rest()) return await_call(kRunnerPatienceMs);
-        links_.take();
+    // OutputFile is read and events happen only while all threads of the daemon are stopped, so
+    // that the story depends on the scenario alone.
+    void run_virtual_time() {
+        if (!scheduler_.is_quiescent()) return await_call(kRunningTimeoutMs);
+        links_.dispatch();
         run_due_events();
-        if (end_.empty() && clock_.at_rest()) step();
+        if (end_.empty() && scheduler_.is_quiescent()) step();
     }
 
     // Resumes one thread or, where none can run, advances the clock.
     void step() {
-        if (const Clock::Thread* thread = clock_.next()) {
+        if (const Scheduler::Thread* thread = scheduler_.next()) {
             const Call call = thread->call;
-            clock_.resume(call.tid());
+            scheduler_.resume(call.tid());
             return calls_.handle(call);
         }
-        for (const Clock::Thread& thread : clock_.threads()) {
+        for (const Scheduler::Thread& thread : scheduler_.threads()) {
             const Call call = thread.call;
-            const bool polls = thread.state == Clock::Thread::State::waits &&
-                               call.shape->serve == &Calls::serve_poll;
+            const bool polls = thread.state == Scheduler::Thread::State::waits &&
+                               call.info->handler == &Calls::handle_poll;
             if (!polls || !calls_.finish_poll(call)) continue;
-            return clock_.resume(call.tid());
+            return scheduler_.resume(call.tid());
         }
         advance();
     }
 
     void advance() {
         const Time event = events_.empty() ? kNever : events_.begin()->first;
-        const Clock::Thread& waiting = *clock_.first_waiting();
+        const Scheduler::Thread& waiting = *scheduler_.first_waiting();
         const Time next = std::min(event, waiting.deadline);
-        const Time limit = clock_.start() + scenario_.limit;
+        const Time limit = scheduler_.start() + scenario_.limit;
         if (next == kNever) return stop("waits");
-        if (event == kNever && next - clock_.last_activity() > kQuiet) return stop("parked");
+        if (event == kNever && next - scheduler_.last_activity() > kParkedAfter)
+            return stop("parked");
         if (next > limit) {
             set_time(limit);
             return stop("limit");
         }
-        set_time(std::max(clock_.now(), next));
-        if (event <= clock_.now()) return run_due_events();
+        set_time(std::max(scheduler_.now(), next));
+        if (event <= scheduler_.now()) return run_due_events();
         const Call call = waiting.call;
-        clock_.resume(call.tid());
+        scheduler_.resume(call.tid());
         calls_.expire(call);
     }
 
     // With the real clock the daemon keeps running while its output is read.
-    void serve_real_time() {
+    void run_real_time() {
         run_due_events();
         if (!end_.empty()) return;
-        int timeout = kRealPatienceMs;
+        int timeout = kRealTimeoutMs;
         if (!events_.empty())
             timeout = static_cast<int>(std::clamp<Time>(
-                    (events_.begin()->first - now()) / kMillisecond, 0, kRealPatienceMs));
+                    (events_.begin()->first - now()) / kMillisecond, 0, kRealTimeoutMs));
         await_call(timeout);
-        if (events_.empty() && now() - clock_.last_activity() > kRealQuiet) stop("quiet");
+        if (events_.empty() && now() - scheduler_.last_activity() > kRealIdle) stop("quiet");
     }
 
     void await_call(int timeout) {
         std::vector<pollfd> set = {{daemon_.listener(), POLLIN, 0}, {daemon_.pidfd(), POLLIN, 0}};
-        if (options_.real_time) links_.add_to(set);
+        if (options_.real_time) links_.add_pollfds(set);
         const int ready = poll(set.data(), set.size(), timeout);
-        widen();
+        add_jitter();
         if (options_.real_time)
-            set_time(clock_.start() + (steady_clock::now() - began_) / std::chrono::nanoseconds(1));
+            set_time(scheduler_.start() +
+                     (steady_clock::now() - began_) / std::chrono::nanoseconds(1));
         if ((set[0].revents & POLLIN) != 0) {
-            take_call();
+            receive_call();
         } else if (options_.real_time) {
-            links_.take();
-            links_.pump_all();
+            links_.dispatch();
+            links_.send_all_packets();
         } else if (ready == 0) {
-            links_.receive();
-            if (daemon_.waits_for_thread(clock_.running())) clock_.block(clock_.running());
+            links_.read_sockets();
+            if (daemon_.waits_for_thread(scheduler_.running()))
+                scheduler_.set_blocked(scheduler_.running());
         }
         int status = 0;
         if ((set[1].revents & POLLIN) != 0 && daemon_.ended(status)) {
-            links_.take();
-            take_end(status);
+            links_.dispatch();
+            record_exit(status);
         }
     }
 
-    void take_call() {
+    void receive_call() {
         Call call{};
         if (!daemon_.receive(call.raw)) return;
-        call.shape = shape_of_.at(call.raw.data.nr);
+        call.info = info_by_number_.at(call.raw.data.nr);
         // A sanitizer's process looks for leaks while the thread that ends the daemon spins.
-        if (!clock_.knows(call.tid()) && !daemon_.has_thread(call.tid()))
-            return daemon_.proceed(call);
-        clock_.arrive(call);
+        if (!scheduler_.has(call.tid()) && !daemon_.has_thread(call.tid()))
+            return daemon_.continue_call(call);
+        scheduler_.stop_at(call);
         if (!options_.real_time) return;
-        links_.take();
-        clock_.resume(call.tid());
+        links_.dispatch();
+        scheduler_.resume(call.tid());
         calls_.handle(call);
     }
 
     void set_time(Time now) {
-        clock_.set(now);
+        scheduler_.set(now);
         story_.set_time(now);
     }
 
     // A daemon built for coverage writes its counters at exit.
     void let_daemon_exit() {
         if (daemon_.pid() < 0 || getenv("GCOV_PREFIX") == nullptr) return;
-        links_.take();
+        links_.dispatch();
         kill(daemon_.pid(), SIGTERM);
-        for (const Clock::Thread& thread : clock_.threads()) {
-            if (thread.state == Clock::Thread::State::stopped) daemon_.proceed(thread.call);
+        for (const Scheduler::Thread& thread : scheduler_.threads()) {
+            if (thread.state == Scheduler::Thread::State::stopped)
+                daemon_.continue_call(thread.call);
         }
         pollfd ready[] = {{daemon_.listener(), POLLIN, 0}, {daemon_.pidfd(), POLLIN, 0}};
-        while (poll(ready, 2, kFarewellMs) > 0 && (ready[1].revents & POLLIN) == 0) {
+        while (poll(ready, 2, kExitTimeoutMs) > 0 && (ready[1].revents & POLLIN) == 0) {
             Call call{};
-            if (daemon_.receive(call.raw)) daemon_.proceed(call);
+            if (daemon_.receive(call.raw)) daemon_.continue_call(call);
         }
     }
 
     // Delays the next read, so that a result that depends on timing shows.
-    void widen() const {
+    void add_jitter() const {
         if (options_.jitter > 0) usleep(static_cast<useconds_t>(options_.jitter));
     }
 
-    const std::vector<CallShape> shapes_;
+    const std::vector<SyscallInfo> intercepted_;
     const Filter filter_;
-    std::map<int, const CallShape*> shape_of_;  // by number
+    std::map<int, const SyscallInfo*> info_by_number_;  // by number
 
     Daemon daemon_;
-    Clock clock_;
+    Scheduler scheduler_;
     Links links_;
     Calls calls_;
 };
 
 }  // namespace
 
-std::unique_ptr<RunStage> make_gate(const Scenario& scenario, const Phone& phone, Story& story,
-                                    const RunOptions& options, Time start) {
+std::unique_ptr<RunBackend> make_gate(const Scenario& scenario, const Phone& phone, Story& story,
+                                      const RunOptions& options, Time start) {
     return std::make_unique<Gate>(scenario, phone, story, options, start);
 }
 

@@ -22,7 +22,7 @@ constexpr size_t kLongestRecord = 976;  // of the kernel log; longer ones are re
 // Connects a link anew and returns the daemon's end. The lab's end never blocks.
 ScopedFd connect(Links::Link& link) {
     int ends[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) fail_errno("socketpair");
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) throw_errno("socketpair");
     for (const int end : ends) {
         if (setsockopt(end, SOL_SOCKET, SO_SNDBUFFORCE, &kBuffer, sizeof(kBuffer)) != 0)
             setsockopt(end, SOL_SOCKET, SO_SNDBUF, &kBuffer, sizeof(kBuffer));
@@ -32,15 +32,15 @@ ScopedFd connect(Links::Link& link) {
     fstat(ends[1], &status);
     link.fd.reset(ends[0]);
     link.inode = status.st_ino;
-    link.pending = false;
+    link.send_blocked = false;
     return ScopedFd(ends[1]);
 }
 
 // Whether the daemon no longer has its end: end of file tells, unless the lab has closed its own.
 bool is_closed(const Links::Link& link, const Daemon& daemon) {
-    if (!link.hung()) return link.closed;
+    if (!link.hung_up()) return link.closed;
     struct stat status {};
-    return stat(daemon.link_of(link.daemon_fd).c_str(), &status) != 0 ||
+    return stat(daemon.fd_path(link.daemon_fd).c_str(), &status) != 0 ||
            status.st_ino != link.inode;
 }
 
@@ -55,7 +55,7 @@ int Links::Link::unread() const {
 size_t Links::open(const Call& call, std::optional<Node> node) {
     Link link = {node, -1};
     const ScopedFd end = connect(link);
-    link.daemon_fd = daemon_.give(call, end.get());
+    link.daemon_fd = daemon_.install_fd(call, end.get());
     links_.remove_if([&](const Link& old) { return old.daemon_fd == link.daemon_fd; });
     links_.push_back(std::move(link));
     return static_cast<size_t>(std::count_if(
@@ -63,12 +63,12 @@ size_t Links::open(const Call& call, std::optional<Node> node) {
 }
 
 // Puts a fresh pair in the place of the daemon's descriptor.
-void Links::renew(Link& link, const Call& served) {
+void Links::reconnect(Link& link, const Call& request) {
     const ScopedFd end = connect(link);
-    daemon_.replace(served, link.daemon_fd, end.get());
+    daemon_.replace_fd(request, link.daemon_fd, end.get());
 }
 
-const Links::Link* Links::at(int daemon_fd) const {
+const Links::Link* Links::find(int daemon_fd) const {
     for (const Link& link : links_) {
         if (link.node && link.daemon_fd == daemon_fd) return &link;
     }
@@ -84,31 +84,31 @@ std::string Links::name_of(int daemon_fd) const {
 }
 
 // The log, opened first, comes last: what was logged before a packet was sent has arrived by then.
-void Links::receive() {
+void Links::read_sockets() {
     uint8_t packet[kLongestPacket];
     for (auto link = links_.rbegin(); link != links_.rend(); ++link) {
-        while (!link->hung() && !link->closed) {
+        while (!link->hung_up() && !link->closed) {
             const ssize_t n = recv(link->fd.get(), packet, sizeof(packet), 0);
             if (n < 0) break;
             link->closed = n == 0;
-            if (n > 0) link->in.emplace_back(packet, packet + n);
+            if (n > 0) link->received.emplace_back(packet, packet + n);
         }
     }
 }
 
-void Links::take() {
-    receive();
+void Links::dispatch() {
+    read_sockets();
     for (Link& link : links_) {
-        for (const Packet& packet : std::exchange(link.in, {})) {
-            if (!link.hung()) deliver(link, packet);
+        for (const Packet& packet : std::exchange(link.received, {})) {
+            if (!link.hung_up()) deliver(link, packet);
         }
     }
     links_.remove_if([&](const Link& link) { return is_closed(link, daemon_); });
 }
 
 void Links::deliver(const Link& link, const Packet& packet) {
-    clock_.note_activity();
-    if (link.node) return modem_.received(*link.node, packet);
+    scheduler_.note_activity();
+    if (link.node) return modem_.receive(*link.node, packet);
     const std::string text(packet.begin(), packet.end());
     if (text.size() > kLongestRecord)
         story_.violation(fmt::format("a kernel log record of {} bytes: refused", text.size()));
@@ -123,43 +123,44 @@ void Links::hang_up(Node node) {
     }
 }
 
-void Links::end_hang_up(const Call& served) {
+void Links::clear_hang_up(const Call& request) {
     for (Link& link : links_) {
-        if (link.daemon_fd == static_cast<int>(served.argument(0)) && link.hung())
-            renew(link, served);
+        if (link.daemon_fd == static_cast<int>(request.argument(0)) && link.hung_up())
+            reconnect(link, request);
     }
 }
 
-void Links::flush(Node node, const Call& served) {
+void Links::discard_unread(Node node, const Call& request) {
     for (Link& link : links_) {
-        if (link.node == node && !link.hung() && (link.unread() > 0 || link.pending))
-            renew(link, served);
+        if (link.node == node && !link.hung_up() && (link.unread() > 0 || link.send_blocked))
+            reconnect(link, request);
     }
 }
 
 // To the newest descriptor of the node, as much as fits.
-void Links::pump(Node node) {
+void Links::send_packets(Node node) {
     const auto newest = std::find_if(links_.rbegin(), links_.rend(), [&](const Link& link) {
         return link.node == node && !link.closed;
     });
-    while (newest != links_.rend() && !newest->hung()) {
+    while (newest != links_.rend() && !newest->hung_up()) {
         Link& link = *newest;
-        if (!link.pending && !modem_.next(node, link.out)) return;
-        clock_.note_activity();
-        link.pending = send(link.fd.get(), link.out.data(), link.out.size(), MSG_NOSIGNAL) < 0 &&
-                       errno == EAGAIN;
-        if (link.pending) return;
+        if (!link.send_blocked && !modem_.next_packet(node, link.unsent)) return;
+        scheduler_.note_activity();
+        link.send_blocked =
+                send(link.fd.get(), link.unsent.data(), link.unsent.size(), MSG_NOSIGNAL) < 0 &&
+                errno == EAGAIN;
+        if (link.send_blocked) return;
     }
 }
 
-void Links::pump_all() {
-    pump(Node::boot);
-    pump(Node::dump);
+void Links::send_all_packets() {
+    send_packets(Node::boot);
+    send_packets(Node::dump);
 }
 
-void Links::add_to(std::vector<pollfd>& set) const {
+void Links::add_pollfds(std::vector<pollfd>& set) const {
     for (const Link& link : links_) {
-        const int events = POLLIN | (link.pending ? POLLOUT : 0);
+        const int events = POLLIN | (link.send_blocked ? POLLOUT : 0);
         set.push_back({link.fd.get(), static_cast<short>(events), 0});
     }
 }

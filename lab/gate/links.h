@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "lab/gate/clock.h"
 #include "lab/gate/daemon.h"
+#include "lab/gate/scheduler.h"
 #include "lab/run/story.h"
 #include "util/ScopedFd.h"
 
@@ -24,16 +24,16 @@ class Links {
         ScopedFd fd = ScopedFd();  // this end; the other is the daemon's
         ino_t inode = 0;           // of the daemon's end
         bool closed = false;       // by the daemon
-        bool pending = false;
-        Packet out = {};              // that did not fit, while `pending`
-        std::vector<Packet> in = {};  // received and not delivered yet
+        bool send_blocked = false;
+        Packet unsent = {};                 // that did not fit, while `pending`
+        std::vector<Packet> received = {};  // received and not delivered yet
 
-        bool hung() const { return !fd.valid(); }
+        bool hung_up() const { return !fd.valid(); }
         int unread() const;  // bytes
     };
 
-    Links(Daemon& daemon, Clock& clock, Story& story, Modem& modem)
-        : daemon_(daemon), clock_(clock), story_(story), modem_(modem) {}
+    Links(Daemon& daemon, Scheduler& scheduler, Story& story, Modem& modem)
+        : daemon_(daemon), scheduler_(scheduler), story_(story), modem_(modem) {}
 
     // Answers the open of a node, or of the kernel log. The number of its open descriptors.
     size_t open(const Call& call, std::optional<Node> node);
@@ -41,30 +41,30 @@ class Links {
 
     // The open node there, or null; and what is open there: "/dev/boot", "/dev/dump", "/dev/kmsg"
     // or nothing.
-    const Link* at(int daemon_fd) const;
+    const Link* find(int daemon_fd) const;
     std::string name_of(int daemon_fd) const;
 
     // Queues what the daemon has logged and sent, so that a thread that runs finds room.
-    void receive();
+    void read_sockets();
 
     // Delivers the lines that the daemon has logged, then the packets that it has sent.
-    void take();
+    void dispatch();
 
     void hang_up(Node node);
-    void end_hang_up(const Call& served);
-    void flush(Node node, const Call& served);
-    void pump(Node node);
-    void pump_all();
+    void clear_hang_up(const Call& request);
+    void discard_unread(Node node, const Call& request);
+    void send_packets(Node node);
+    void send_all_packets();
 
     // The descriptors to poll with the real clock.
-    void add_to(std::vector<pollfd>& set) const;
+    void add_pollfds(std::vector<pollfd>& set) const;
 
   private:
-    void renew(Link& link, const Call& served);
+    void reconnect(Link& link, const Call& request);
     void deliver(const Link& link, const Packet& packet);
 
     Daemon& daemon_;
-    Clock& clock_;
+    Scheduler& scheduler_;
     Story& story_;
     Modem& modem_;
     std::list<Link> links_;  // in the order of their opening

@@ -21,20 +21,20 @@ Time from_timespec(const timespec& time) {
 
 }  // namespace
 
-void Calls::serve_sleep(const Call& call) {
-    if (call.name() == "pause") return clock.hold(call, kNever);
+void Calls::handle_sleep(const Call& call) {
+    if (call.name() == "pause") return scheduler.wait_in(call, kNever);
     const bool chosen = call.name() == "clock_nanosleep";
     timespec span{};
     if (!call.memory().read(call.argument(chosen ? 2 : 0), &span, sizeof(span)))
         return daemon.answer(call, -EFAULT);
-    Time deadline = clock.now() + from_timespec(span);
+    Time deadline = scheduler.now() + from_timespec(span);
     if (chosen && (call.argument(1) & TIMER_ABSTIME) != 0) {
         deadline = from_timespec(span);
-        if (call.argument(0) != CLOCK_REALTIME) deadline += clock.start() - kUptime;
+        if (call.argument(0) != CLOCK_REALTIME) deadline += scheduler.start() - kUptime;
     }
-    clock.hold(call, deadline);
-    const bool alone = clock.threads().size() == 1;
-    if (alone && stage.on_sleep) stage.on_sleep(deadline - clock.now());
+    scheduler.wait_in(call, deadline);
+    const bool alone = scheduler.threads().size() == 1;
+    if (alone && backend.on_sleep) backend.on_sleep(deadline - scheduler.now());
 }
 
 std::vector<pollfd> Calls::polled(const Call& call) const {
@@ -46,10 +46,10 @@ std::vector<pollfd> Calls::polled(const Call& call) const {
 // A node that hung up shows POLLHUP once all input is read, unlike a socket at its end of file.
 short Calls::ready(const pollfd& entry) const {
     if (entry.fd < 0) return 0;
-    const Links::Link* link = links.at(entry.fd);
-    if (link != nullptr && !link->hung())
+    const Links::Link* link = links.find(entry.fd);
+    if (link != nullptr && !link->hung_up())
         return static_cast<short>(entry.events & (link->unread() > 0 ? POLLIN | POLLOUT : POLLOUT));
-    const ScopedFd file(daemon.duplicate(entry.fd));
+    const ScopedFd file(daemon.copy_fd(entry.fd));
     if (!file.valid()) return POLLNVAL;
     pollfd real = {file.get(), entry.events, 0};
     poll(&real, 1, 0);
@@ -66,11 +66,11 @@ bool Calls::finish_poll(const Call& call) {
         count += entry.revents != 0;
     }
     if (count == 0) return false;
-    answer_with(call, 0, fds.data(), fds.size() * sizeof(pollfd), count);
+    answer_with_record(call, 0, fds.data(), fds.size() * sizeof(pollfd), count);
     return true;
 }
 
-void Calls::serve_poll(const Call& call) {
+void Calls::handle_poll(const Call& call) {
     Time timeout = kNever;
     if (call.name() == "ppoll") {
         timespec span{};
@@ -81,40 +81,41 @@ void Calls::serve_poll(const Call& call) {
     } else if (static_cast<int>(call.argument(2)) >= 0) {
         timeout = static_cast<int>(call.argument(2)) * kMillisecond;
     }
-    links.pump_all();
+    links.send_all_packets();
     if (finish_poll(call)) return;
     if (timeout == 0) return daemon.answer(call, 0);
-    clock.hold(call, timeout == kNever ? kNever : clock.now() + timeout);
+    scheduler.wait_in(call, timeout == kNever ? kNever : scheduler.now() + timeout);
     const std::vector<pollfd> fds = polled(call);
     const bool for_hang_up = timeout == kNever && !fds.empty() && (fds[0].events & POLLIN) == 0;
-    if (for_hang_up && stage.on_wait) stage.on_wait();
+    if (for_hang_up && backend.on_wait) backend.on_wait();
 }
 
 void Calls::expire(const Call& call) {
-    if (call.shape->serve != &Calls::serve_poll) return daemon.answer(call, 0);
+    if (call.info->handler != &Calls::handle_poll) return daemon.answer(call, 0);
     std::vector<pollfd> fds = polled(call);
     for (pollfd& entry : fds)
         entry.revents = 0;
-    answer_with(call, 0, fds.data(), fds.size() * sizeof(pollfd));
+    answer_with_record(call, 0, fds.data(), fds.size() * sizeof(pollfd));
 }
 
-void Calls::serve_clock(const Call& call) {
-    const Time now = clock.now();
+void Calls::handle_clock(const Call& call) {
+    const Time now = scheduler.now();
     if (call.name() == "time") {
         const time_t seconds = now / kSecond;
-        return answer_with(call, 0, &seconds, call.argument(0) != 0 ? sizeof(seconds) : 0, seconds);
+        return answer_with_record(call, 0, &seconds, call.argument(0) != 0 ? sizeof(seconds) : 0,
+                                  seconds);
     }
     if (call.name() == "gettimeofday") {
         const timeval time = {now / kSecond, now % kSecond / 1000};
-        return answer_with(call, 0, &time, sizeof(time));
+        return answer_with_record(call, 0, &time, sizeof(time));
     }
     const auto which = static_cast<clockid_t>(call.argument(0));
     if (which == CLOCK_PROCESS_CPUTIME_ID || which == CLOCK_THREAD_CPUTIME_ID)
-        return daemon.proceed(call);
+        return daemon.continue_call(call);
     const bool wall = which == CLOCK_REALTIME || which == CLOCK_REALTIME_COARSE;
-    const Time shown = wall ? now : now - clock.start() + kUptime;
+    const Time shown = wall ? now : now - scheduler.start() + kUptime;
     const timespec time = {shown / kSecond, shown % kSecond};
-    answer_with(call, 1, &time, sizeof(time));
+    answer_with_record(call, 1, &time, sizeof(time));
 }
 
 }  // namespace rvd::lab

@@ -44,30 +44,30 @@ std::string text_of(const char (&field)[kSize]) {
 
 enum Nodes { kBoot = 1, kDump = 2, kBoth = 3 };
 
-class Driver : public Modem, private Scene {
+class Driver : public Modem, private ModelContext {
   public:
-    explicit Driver(const Scene& scene)
-        : Scene(scene), state_(static_cast<int>(scenario.driver.state)) {}
+    explicit Driver(const ModelContext& context)
+        : ModelContext(context), state_(static_cast<int>(scenario.driver.state)) {}
 
     int64_t request(Node node, unsigned long number, uint64_t argument,
                     const Memory& memory) override;
 
     // The daemon saw the request fail, so it reports a failed boot, or has made its report.
-    void lost(unsigned long number) override {
-        if (number == IOCTL_COMPLETE_NORMAL_BOOTUP) notification_ = Due::fail;
+    void request_failed(unsigned long number) override {
+        if (number == IOCTL_COMPLETE_NORMAL_BOOTUP) notification_ = Report::fail;
         if (number == IOCTL_NOTIFY_BOOT_DONE || number == IOCTL_NOTIFY_BOOT_FAIL)
-            notification_ = Due::nothing;
+            notification_ = Report::nothing;
     }
 
-    void received(Node node, const Packet& packet) override {
+    void receive(Node node, const Packet& packet) override {
         if (loader_ && loader_->node == node) return loader_->receive(packet);
         story.violation(fmt::format("{} bytes written to the {} node while no boot loader runs",
                                     packet.size(), node_name(node)));
     }
 
-    bool next(Node node, Packet& packet) override {
+    bool next_packet(Node node, Packet& packet) override {
         if (node == Node::boot || region_sent_ == region_end_)
-            return loader_ && loader_->node == node && loader_->next(packet);
+            return loader_ && loader_->node == node && loader_->next_packet(packet);
         const auto room = static_cast<uint64_t>(scenario.driver.regions.at(region_).packet);
         packet.resize(std::min(room, region_end_ - region_sent_));
         fill_seeded(content_of(scenario, region_).seed, region_sent_, packet.data(), packet.size());
@@ -78,24 +78,24 @@ class Driver : public Modem, private Scene {
 
     void change_state(int state) override {
         state_ = state;
-        story.tell("driver", "daemon",
-                   fmt::format("the modem is in state {} ({})", state, state_name(state)));
-        stage.hang_up(Node::boot);
+        story.add_message("driver", "daemon",
+                          fmt::format("the modem is in state {} ({})", state, state_name(state)));
+        backend.hang_up(Node::boot);
     }
 
     int state() const override { return state_; }
 
-    void abandoned() override {
-        notification_ = Due::nothing;
-        images_->expect_others();
+    void daemon_ended() override {
+        notification_ = Report::nothing;
+        images_->reset();
         region_sent_ = region_end_;
     }
 
     void reboot() override {
         state_ = MODEM_STATE_OFF;
         powered_ = false;
-        notification_ = Due::nothing;
-        images_.emplace(scene());
+        notification_ = Report::nothing;
+        images_.emplace(context());
         loader_.reset();
     }
 
@@ -123,19 +123,19 @@ class Driver : public Modem, private Scene {
         const char* name;
         Nodes nodes;  // where it is issued
         bool strict;  // any result but 0 is a failure
-        void (Driver::*serve)(Call&);
+        void (Driver::*handler)(Call&);
         size_t in = 0, out = 0;  // bytes of the record, where the request's number has no size
     };
 
     static const Handler kHandlers[];
 
   private:
-    const Scene& scene() const { return *this; }
+    const ModelContext& context() const { return *this; }
 
     void power_on(Call& call) {
         if (call.refused) return;
         powered_ = true;
-        images_->expect_others();
+        images_->reset();
         state_ = kStateBooting;
     }
 
@@ -150,9 +150,9 @@ class Driver : public Modem, private Scene {
         call.detail = fmt::format(" {}", mode_name(call.record.mode));
         if (call.refused) return;
         loader_.reset();
-        images_->expect_others();
+        images_->reset();
         powered_ = powered_ || call.record.mode == CP_BOOT_MODE_DUMP;
-        stage.flush(Node::dump);
+        backend.discard_unread(Node::dump);
     }
 
     void start_loader(Call& call) {
@@ -165,24 +165,24 @@ class Driver : public Modem, private Scene {
             story.violation("the loader is started before its images are complete");
         if (!images_->verified() && !scenario.external())
             story.violation("the loader is started before its images are verified");
-        loader_ = lab::start_loader(scene(), static_cast<cp_boot_mode>(mode));
+        loader_ = lab::start_loader(context(), static_cast<cp_boot_mode>(mode));
     }
 
     void complete(Call& call) {
-        notification_ = call.refused ? Due::fail : Due::done;
+        notification_ = call.refused ? Report::fail : Report::done;
         if (!loader_ || !loader_->finished())
             story.violation("boot-up is called complete before the handshake has ended");
         if (!call.refused) state_ = kStateOnline;
     }
 
     void notify(Call& call) {
-        if (notification_ != (call.number == IOCTL_NOTIFY_BOOT_DONE ? Due::done : Due::fail))
+        if (notification_ != (call.number == IOCTL_NOTIFY_BOOT_DONE ? Report::done : Report::fail))
             story.violation("a notification that contradicts how the boot ended");
-        notification_ = Due::nothing;
+        notification_ = Report::nothing;
     }
 
     void status(Call& call) {
-        stage.end_hang_up();
+        backend.clear_hang_up();
         call.result = state_;
     }
 
@@ -192,8 +192,8 @@ class Driver : public Modem, private Scene {
             story.violation("a crash reason that is not terminated");
         call.detail = " \"" + reason + "\"";
         if (call.refused) return;
-        story.crash_sentence = reason;
-        if (scenario.driver.panic == "upload") stage.panic();
+        story.panic_reason = reason;
+        if (scenario.driver.panic == "upload") backend.panic();
     }
 
     void load_image(Call& call) {
@@ -249,12 +249,12 @@ class Driver : public Modem, private Scene {
         if (call.refused || call.result != 0) return;
         const Region& region = scenario.driver.regions.at(name);
         record.size = static_cast<uint32_t>(region.size);
-        stage.flush(Node::dump);
+        backend.discard_unread(Node::dump);
         region_ = name;
         region_sent_ = 0;
         region_end_ = static_cast<uint64_t>(region.delivers.value_or(region.size));
         story.begin_transfer("region " + name, region_end_);
-        stage.pump(Node::dump);
+        backend.send_packets(Node::dump);
     }
 
     void crash_reason(Call& call) {
@@ -268,9 +268,9 @@ class Driver : public Modem, private Scene {
 
     int state_;
     bool powered_ = false;
-    enum class Due { nothing, done, fail } notification_ = Due::nothing;
+    enum class Report { nothing, done, fail } notification_ = Report::nothing;
     std::unique_ptr<Loader> loader_;  // while it runs
-    std::optional<Images> images_{std::in_place, scene()};
+    std::optional<Images> images_{std::in_place, context()};
 
     // The region that the dump node delivers.
     std::string region_;
@@ -307,12 +307,12 @@ int64_t Driver::request(Node node, unsigned long number, uint64_t argument, cons
         story.violation(fmt::format("request 0x{:08X} on the {} node", number, node_name(node)));
         return -ENOTTY;
     }
-    if (notification_ != Due::nothing && handler->serve != &Driver::notify) {
+    if (notification_ != Report::nothing && handler->handler != &Driver::notify) {
         story.violation(std::string(handler->name) +
                         " before the boot is reported as done or failed");
-        notification_ = Due::nothing;
+        notification_ = Report::nothing;
     }
-    const Answer* answer = first_due(scenario.driver.answers, [&](const Answer& given) {
+    const Answer* answer = first_triggered(scenario.driver.answers, [&](const Answer& given) {
         return given.request == handler->name;
     });
     Call call{number, memory};
@@ -322,7 +322,7 @@ int64_t Driver::request(Node node, unsigned long number, uint64_t argument, cons
     const size_t in = (_IOC_DIR(number) & _IOC_WRITE) != 0 ? size : handler->in;
     const size_t out = (_IOC_DIR(number) & _IOC_READ) != 0 ? size : handler->out;
     if (memory.read(argument, &call.record, in)) {
-        (this->*handler->serve)(call);
+        (this->*handler->handler)(call);
     } else {
         call.result = -EFAULT;
     }
@@ -344,8 +344,8 @@ std::vector<std::string> request_names() {
     return names;
 }
 
-std::unique_ptr<Modem> make_modem(const Scene& scene) {
-    return std::make_unique<Driver>(scene);
+std::unique_ptr<Modem> make_modem(const ModelContext& context) {
+    return std::make_unique<Driver>(context);
 }
 
 }  // namespace rvd::lab

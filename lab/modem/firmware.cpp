@@ -35,7 +35,7 @@ void put_seeded(std::ofstream& file, uint64_t seed, uint32_t place, uint64_t siz
 }
 
 void finish(std::ofstream& file, const std::string& path) {
-    if (!file.flush()) fail_errno("cannot write " + path);
+    if (!file.flush()) throw_errno("cannot write " + path);
 }
 
 }  // namespace
@@ -53,7 +53,7 @@ Content content_of(const Scenario& scenario, const std::string& name) {
     }
     const auto region = scenario.driver.regions.find(name);
     if (region == scenario.driver.regions.end())
-        throw Unable("nothing is called \"" + name + "\" that a file could equal");
+        throw Error("nothing is called \"" + name + "\" that a file could equal");
     return {seed + std::hash<std::string>()(name), static_cast<uint64_t>(region->second.size)};
 }
 
@@ -70,10 +70,10 @@ Partition::Partition(const Scenario& scenario, std::string root)
 
 void Partition::read_table() {
     const ScopedFd fd(open(image().c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd.valid()) fail_errno(image());
+    if (!fd.valid()) throw_errno(image());
     for (const check::Entry& entry : check::read_table(fd.get()))
         table_.push_back(entry);
-    if (table_.empty()) throw Unable(image() + ": there is no table in it");
+    if (table_.empty()) throw Error(image() + ": there is no table in it");
 }
 
 // An entry without a place follows the one before it; NV has a file of its own.

@@ -13,7 +13,7 @@ constexpr char kPartitionPath[] = "/dev/block/by-name/modem";
 
 std::string image_name(const toc_entry& entry);
 
-// Seed (for fill_seeded) and size of the "dump" or of a region. Throws Unable for another name.
+// Seed (for fill_seeded) and size of the "dump" or of a region. Throws Error for another name.
 struct Content {
     uint64_t seed, size;
 };

@@ -10,9 +10,9 @@
 
 namespace rvd::lab {
 
-class Images : private Scene {
+class Images : private ModelContext {
   public:
-    explicit Images(const Scene& scene) : Scene(scene) {}
+    explicit Images(const ModelContext& context) : ModelContext(context) {}
 
     // Takes a chunk; false where it cannot be read. The integrated modem's images come in chunks,
     // the external modem's loader in one piece.
@@ -56,7 +56,7 @@ class Images : private Scene {
         }
     }
 
-    void expect_others() { image_ = nullptr, verified_ = false; }
+    void reset() { image_ = nullptr, verified_ = false; }
     bool complete() const { return image_ != nullptr && bytes_.size() == image_->size; }
     bool verified() const { return verified_; }
 
@@ -90,9 +90,9 @@ class Images : private Scene {
         ended_ = true;
         const std::string name = image_name(*image_);
         const uint32_t place = first_.m_offset;  // a packed member cannot be referred to
-        story.tell("daemon", "driver",
-                   fmt::format("image {}, {} to 0x{:08x} of modem memory", name,
-                               human_size(bytes_.size()), place));
+        story.add_message("daemon", "driver",
+                          fmt::format("image {}, {} to 0x{:08x} of modem memory", name,
+                                      human_size(bytes_.size()), place));
         if (!partition.holds(*image_, bytes_))
             story.violation(name + " in modem memory differs from its file");
         loaded_[place] = first_.size;

@@ -32,10 +32,10 @@ std::string name_of(uint32_t word) {
     return fmt::format("0x{:04X}", word);
 }
 
-class ModelLoader : public Loader, private Scene {
+class ModelLoader : public Loader, private ModelContext {
   public:
-    ModelLoader(const Scene& scene, cp_boot_mode mode)
-        : Loader(mode == CP_BOOT_MODE_DUMP ? Node::dump : Node::boot), Scene(scene) {
+    ModelLoader(const ModelContext& context, cp_boot_mode mode)
+        : Loader(mode == CP_BOOT_MODE_DUMP ? Node::dump : Node::boot), ModelContext(context) {
         if (node == Node::dump) {
             plan_dump();
         } else if (scenario.external()) {
@@ -52,28 +52,28 @@ class ModelLoader : public Loader, private Scene {
         if (!finished() && plan_[step_].kind == Kind::optional_word &&
             record_of<uint32_t>(packet) != plan_[step_].word())
             step_++;
-        if (finished()) return refuse(packet);
+        if (finished()) return reject(packet);
         const Expected expected = plan_[step_];
         if (expected.kind == Kind::frames) {
             take_frame(packet, expected);
         } else {
             take_word(packet, expected);
         }
-        stage.pump(node);
+        backend.send_packets(node);
     }
 
-    bool next(Packet& packet) override {
+    bool next_packet(Packet& packet) override {
         if (silent_) return false;
         while (outgoing_.empty()) {
             if (!next_frame(packet)) return false;
             if (scenario.loader.empty()) return true;
             send(fmt::format("{}.{}", dump_step_, frame_), packet);
         }
-        if (outgoing_.front().due > stage.now()) return false;
+        if (outgoing_.front().due > backend.now()) return false;
         if (const Quirk* end = outgoing_.front().end) {
-            story.tell("loader", "", end->silent ? "goes silent" : "hangs up");
+            story.add_message("loader", "", end->silent ? "goes silent" : "hangs up");
             silent_ = true;
-            if (end->hang_up) stage.hang_up(node);
+            if (end->hang_up) backend.hang_up(node);
             return false;
         }
         packet.swap(outgoing_.front().packet);
@@ -131,7 +131,7 @@ class ModelLoader : public Loader, private Scene {
         const auto sum = record_of<udl_crc>(packet);
         const bool crc = expected.kind == Kind::crc;
         if (sum.cmd != expected.word() || packet.size() != (crc ? sizeof(sum) : sizeof(sum.cmd)))
-            return refuse(packet);
+            return reject(packet);
         if (crc && sum.crc != expected.entry->crc)
             story.violation(fmt::format("checksum 0x{:08X} sent, 0x{:08X} in the table", sum.crc,
                                         expected.entry->crc));
@@ -152,7 +152,7 @@ class ModelLoader : public Loader, private Scene {
             frame.curr_frame != image_frames_ + 1 ||
             frame.len != std::min<uint64_t>(left, UDL_MSS) ||
             packet.size() != UDL_HEADER + frame.len)
-            return refuse(packet);
+            return reject(packet);
         if (frame.curr_frame == 1) story.begin_transfer("image " + image_name(entry), entry.size);
         image_.insert(image_.end(), frame.data, frame.data + frame.len);
         image_frames_ = frame.curr_frame;
@@ -162,9 +162,9 @@ class ModelLoader : public Loader, private Scene {
 
     void end_image(const Expected& expected) {
         const std::string name = image_name(*expected.entry);
-        story.tell("daemon", "loader",
-                   fmt::format("image {}, {} in {} frames", name, human_size(image_.size()),
-                               image_frames_));
+        story.add_message("daemon", "loader",
+                          fmt::format("image {}, {} in {} frames", name, human_size(image_.size()),
+                                      image_frames_));
         if (!partition.holds(*expected.entry, image_))
             story.violation(name + " differs from its file");
         image_.clear();
@@ -173,7 +173,7 @@ class ModelLoader : public Loader, private Scene {
         respond(expected);
     }
 
-    void refuse(const Packet& packet) {
+    void reject(const Packet& packet) {
         story.violation(fmt::format("the loader expects {} and gets {} bytes, first word {}",
                                     finished() ? "nothing more" : name_of(plan_[step_].word()),
                                     packet.size(), name_of(record_of<uint32_t>(packet))));
@@ -221,11 +221,11 @@ class ModelLoader : public Loader, private Scene {
     }
 
     void send(const std::string& name, Packet packet) {
-        Time due = outgoing_.empty() ? stage.now() : outgoing_.back().due;
-        const Quirk* quirk =
-                first_due(scenario.loader, [&](const Quirk& known) { return known.at == name; });
+        Time due = outgoing_.empty() ? backend.now() : outgoing_.back().due;
+        const Quirk* quirk = first_triggered(scenario.loader,
+                                             [&](const Quirk& known) { return known.at == name; });
         if (quirk == nullptr) {
-            if (name[0] == '0') story.tell("loader", "daemon", name);
+            if (name[0] == '0') story.add_message("loader", "daemon", name);
             outgoing_.push_back({std::move(packet), due});
             return;
         }
@@ -238,19 +238,19 @@ class ModelLoader : public Loader, private Scene {
             if (value && packet.size() >= offset + sizeof(word))
                 memcpy(&packet[offset], &word, sizeof(word));
         };
-        put(offsetof(udl_frame, cmd), quirk->say);
+        put(offsetof(udl_frame, cmd), quirk->word);
         put(offsetof(udl_frame, curr_frame), quirk->curr_frame);
         put(offsetof(udl_frame, len), quirk->len);
         if (quirk->cut) packet.resize(static_cast<size_t>(*quirk->cut));
         packet.resize(packet.size() + static_cast<size_t>(quirk->extra), 0x55);
         due += quirk->late;
-        story.tell("loader", "daemon",
-                   fmt::format("{} as the scenario changes it: {} bytes, first word {}", name,
-                               packet.size(), name_of(record_of<uint32_t>(packet))));
+        story.add_message("loader", "daemon",
+                          fmt::format("{} as the scenario changes it: {} bytes, first word {}",
+                                      name, packet.size(), name_of(record_of<uint32_t>(packet))));
         outgoing_.push_back({packet, due});
         if (quirk->twice) outgoing_.push_back({packet, due});
         if (quirk->late > 0)
-            stage.later(due - stage.now(), [&where = stage, at = node] { where.pump(at); });
+            backend.later(due - backend.now(), [&to = backend, at = node] { to.send_packets(at); });
     }
 
     std::vector<Expected> plan_;
@@ -269,8 +269,8 @@ class ModelLoader : public Loader, private Scene {
 
 }  // namespace
 
-std::unique_ptr<Loader> start_loader(const Scene& scene, cp_boot_mode mode) {
-    return std::make_unique<ModelLoader>(scene, mode);
+std::unique_ptr<Loader> start_loader(const ModelContext& context, cp_boot_mode mode) {
+    return std::make_unique<ModelLoader>(context, mode);
 }
 
 }  // namespace rvd::lab

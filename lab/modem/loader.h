@@ -14,12 +14,12 @@ class Loader {
     virtual ~Loader() = default;
 
     virtual void receive(const Packet& packet) = 0;
-    virtual bool next(Packet& packet) = 0;
+    virtual bool next_packet(Packet& packet) = 0;
     virtual bool finished() const = 0;  // the boot or dump is complete
 
     const Node node;
 };
 
-std::unique_ptr<Loader> start_loader(const Scene& scene, cp_boot_mode mode);
+std::unique_ptr<Loader> start_loader(const ModelContext& context, cp_boot_mode mode);
 
 }  // namespace rvd::lab

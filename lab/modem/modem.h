@@ -62,23 +62,23 @@ class Memory {
 };
 
 // What the models ask of the stage.
-class Stage {
+class Backend {
   public:
-    virtual ~Stage() = default;
+    virtual ~Backend() = default;
     virtual Time now() const = 0;
     virtual void later(Time delay, std::function<void()> what) = 0;
-    virtual void hang_up(Node node) = 0;  // of every open descriptor of the node
-    virtual void end_hang_up() = 0;       // of the descriptor whose request is served
-    virtual void flush(Node node) = 0;    // forgets what was sent to the node and not read
-    virtual void pump(Node node) = 0;     // asks the driver for the node's next packets
-    virtual void panic() = 0;             // of the kernel: the device is gone
+    virtual void hang_up(Node node) = 0;         // of every open descriptor of the node
+    virtual void clear_hang_up() = 0;            // of the descriptor whose request is served
+    virtual void discard_unread(Node node) = 0;  // forgets what was sent to the node and not read
+    virtual void send_packets(Node node) = 0;    // asks the driver for the node's next packets
+    virtual void panic() = 0;                    // of the kernel: the device is gone
 };
 
 // What a model works with.
-struct Scene {
+struct ModelContext {
     const Scenario& scenario;
     const Partition& partition;
-    Stage& stage;
+    Backend& backend;
     Story& story;
 };
 
@@ -90,21 +90,22 @@ class Modem {
     // One request: its result or a negated errno. A lost one failed before it came here.
     virtual int64_t request(Node node, unsigned long number, uint64_t argument,
                             const Memory& memory) = 0;
-    virtual void lost(unsigned long number) = 0;
+    virtual void request_failed(unsigned long number) = 0;
 
     // One packet written to a node; the next one for its reader, or false if there is none now.
-    virtual void received(Node node, const Packet& packet) = 0;
-    virtual bool next(Node node, Packet& packet) = 0;
+    virtual void receive(Node node, const Packet& packet) = 0;
+    virtual bool next_packet(Node node, Packet& packet) = 0;
 
     // The modem changes its state: the boot node hangs up until the state is read.
     virtual void change_state(int state) = 0;
     virtual int state() const = 0;
 
-    virtual void abandoned() = 0;  // its daemon ended: requests and images in progress are dropped
-    virtual void reboot() = 0;     // of the device
+    virtual void
+    daemon_ended() = 0;         // its daemon ended: requests and images in progress are dropped
+    virtual void reboot() = 0;  // of the device
 };
 
-std::unique_ptr<Modem> make_modem(const Scene& scene);
+std::unique_ptr<Modem> make_modem(const ModelContext& context);
 
 std::vector<std::string> request_names();
 

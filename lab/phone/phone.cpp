@@ -38,11 +38,11 @@ bool persists(const std::string& property) {
 void make_directory(const fs::path& path) {
     std::error_code error;
     fs::create_directories(path, error);
-    if (error) throw Unable("cannot make " + path.string() + ": " + error.message());
+    if (error) throw Error("cannot make " + path.string() + ": " + error.message());
 }
 
 void own(const std::string& path, uid_t owner) {
-    if (lchown(path.c_str(), owner, owner) != 0) fail_errno("cannot give away " + path);
+    if (lchown(path.c_str(), owner, owner) != 0) throw_errno("cannot give away " + path);
 }
 
 void put_file(const std::string& path, const std::string& content, uid_t owner) {
@@ -52,11 +52,11 @@ void put_file(const std::string& path, const std::string& content, uid_t owner) 
 
 // Starts the first process of the process-number namespace. The kernel kills all others when it
 // exits, and it exits when this process does: its pipe is closed then.
-void start_guardian() {
+void start_namespace_init() {
     int life[2];
-    if (pipe2(life, O_CLOEXEC) != 0) fail_errno("cannot make a pipe");
+    if (pipe2(life, O_CLOEXEC) != 0) throw_errno("cannot make a pipe");
     const pid_t pid = fork();
-    if (pid < 0) fail_errno("cannot fork");
+    if (pid < 0) throw_errno("cannot fork");
     close(life[pid > 0 ? 0 : 1]);
     if (pid > 0) return;
     char none = 0;
@@ -69,7 +69,7 @@ void start_guardian() {
 // those of a child's namespace, not of this process's.
 bool mount_proc(const std::string& at) {
     const pid_t pid = fork();
-    if (pid < 0) fail_errno("cannot fork");
+    if (pid < 0) throw_errno("cannot fork");
     if (pid == 0) _exit(mount("proc", at.c_str(), "proc", 0, nullptr) != 0);
     int status = -1;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
@@ -105,7 +105,7 @@ Phone::Phone(const Scenario& scenario, const std::string& directory, bool keep)
       real_root_(enter_namespaces(CLONE_NEWNS | CLONE_NEWPID)),
       owner_(real_root_ ? kRadio : 0),
       partition_(scenario, directory) {
-    start_guardian();
+    start_namespace_init();
 }
 
 void Phone::build(const std::string& daemon_binary, bool resume) {
@@ -113,24 +113,24 @@ void Phone::build(const std::string& daemon_binary, bool resume) {
         make_root();
         make_tree();
     }
-    show_machine();
-    show_daemon(daemon_binary);
+    share_host_files();
+    bind_daemon(daemon_binary);
 }
 
 void Phone::make_root() const {
     if (keep_) {
         if (!fs::is_empty(root()) && !fs::exists(path(kMarker)))
-            throw Unable(root() + " is not empty and was not made by rvd-lab");
+            throw Error(root() + " is not empty and was not made by rvd-lab");
         for (const auto& entry : fs::directory_iterator(root()))
             fs::remove_all(entry);
         write_file(path(kMarker), "");
     } else if (mount("tmpfs", root().c_str(), "tmpfs", MS_NOSUID, "mode=0755") != 0) {
-        forbid_errno("cannot mount the phone's root");
+        throw_unsupported_errno("cannot mount the phone's root");
     }
 }
 
 // What a dynamic linker and a sanitizer's run-time library need of the machine.
-void Phone::show_machine() const {
+void Phone::share_host_files() const {
     for (const char* path : {"/usr", "/lib", "/lib64", "/bin", "/etc/ld.so.cache"})
         share(path, root(), true);
     for (const char* path : {"/dev/null", "/dev/zero", "/dev/urandom"})
@@ -162,7 +162,7 @@ void Phone::make_tree() const {
     put_scenario_files(scenario_, root_, owner_);
 }
 
-void Phone::show_daemon(const std::string& binary) const {
+void Phone::bind_daemon(const std::string& binary) const {
     write_file(path(kDaemon), "");
     bind_mount(binary, path(kDaemon), true);
     if (!partition_.image().empty()) bind_mount(partition_.image(), path(kPartitionPath), true);

@@ -24,7 +24,7 @@ class Phone {
   public:
     // `directory` exists and is where the root is built; with `keep` its files stay. This process
     // gets mounts and process numbers of its own; those that it starts from now on die with it.
-    // Throws Forbidden.
+    // Throws Unsupported.
     Phone(const Scenario& scenario, const std::string& directory, bool keep);
 
     // Builds the root, or resumes the one from before the machine went down.
@@ -55,8 +55,8 @@ class Phone {
   private:
     void make_root() const;
     void make_tree() const;
-    void show_machine() const;
-    void show_daemon(const std::string& binary) const;
+    void share_host_files() const;
+    void bind_daemon(const std::string& binary) const;
 
     const Scenario& scenario_;
     const std::string root_;

@@ -31,7 +31,8 @@ void map_user(uid_t user, gid_t group) {
     std::ofstream("/proc/self/setgroups") << "deny";
     std::ofstream("/proc/self/uid_map") << "0 " + std::to_string(user) + " 1";
     std::ofstream("/proc/self/gid_map") << "0 " + std::to_string(group) + " 1";
-    if (geteuid() != 0 || getegid() != 0) forbid_errno("cannot become root of a user namespace");
+    if (geteuid() != 0 || getegid() != 0)
+        throw_unsupported_errno("cannot become root of a user namespace");
 }
 
 }  // namespace
@@ -42,7 +43,7 @@ bool enter_namespaces(int kinds) {
     const bool real_root = user == 0 && has_user(kRadio) && unshare(kinds) == 0;
     if (!real_root) {
         if (unshare(CLONE_NEWUSER | kinds) != 0)
-            throw Forbidden(
+            throw Unsupported(
                     std::string("this kernel gives an ordinary user no user namespace (") +
                     strerror(errno) +
                     "). Run rvd-lab as root, or allow it: sysctl user.max_user_namespaces above 0, "
@@ -52,7 +53,8 @@ bool enter_namespaces(int kinds) {
         map_user(user, group);
     }
     if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        forbid_errno("cannot keep mounts private (in a chroot, the root must be a mount point)");
+        throw_unsupported_errno(
+                "cannot keep mounts private (in a chroot, the root must be a mount point)");
     return real_root;
 }
 
@@ -60,10 +62,10 @@ void bind_mount(const std::string& from, const std::string& to, bool read_only) 
     mount_attr attributes{};
     attributes.attr_set = MOUNT_ATTR_RDONLY;
     if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
-        forbid_errno("cannot bind " + from + " to " + to);
+        throw_unsupported_errno("cannot bind " + from + " to " + to);
     if (read_only &&
         mount_setattr(-1, to.c_str(), AT_RECURSIVE, &attributes, sizeof(attributes)) != 0)
-        forbid_errno("cannot make " + to + " read-only");
+        throw_unsupported_errno("cannot make " + to + " read-only");
 }
 
 void share(const std::string& path, const std::string& root, bool read_only) {

@@ -12,7 +12,7 @@ constexpr uid_t kRadio = 1001;  // that the daemon becomes
 
 // Gives this process namespaces of its own, named by CLONE_ flags, and keeps its mounts private.
 // It stays the machine's root, or becomes root of a user namespace and returns false. Throws
-// Forbidden with what to change on the machine.
+// Unsupported with what to change on the machine.
 bool enter_namespaces(int kinds);
 
 // Mounts a file or directory at another place.

@@ -101,22 +101,22 @@ bool equals_seeded(const std::string& path, uint64_t seed, uint64_t size) {
     return done == size;
 }
 
-bool equals_named(const Play& play, const std::string& file, const FileExpectation& wanted) {
-    const std::string path = play.phone.path(file);
+bool equals_named(const RunContext& run, const std::string& file, const FileExpectation& wanted) {
+    const std::string path = run.phone.path(file);
     if (wanted.equals == "erased") return read_file(path).find_first_not_of('\xFF') == path.npos;
-    const Content content = content_of(play.scenario, wanted.equals);
+    const Content content = content_of(run.scenario, wanted.equals);
     const uint64_t size = wanted.size ? static_cast<uint64_t>(*wanted.size) : content.size;
     return equals_seeded(path, content.seed, size);
 }
 
-void check_equal(const Play& play, const std::string& file, const FileExpectation& wanted) {
-    if (!wanted.equals.empty() && !equals_named(play, file, wanted))
-        play.story.violation("{} differs from what the modem sent ({})", file, wanted.equals);
+void check_equal(const RunContext& run, const std::string& file, const FileExpectation& wanted) {
+    if (!wanted.equals.empty() && !equals_named(run, file, wanted))
+        run.story.violation("{} differs from what the modem sent ({})", file, wanted.equals);
 }
 
-void check_file(const Play& play, const std::string& file, const FileExpectation& wanted) {
-    const std::string path = play.phone.path(file);
-    Story& story = play.story;
+void check_file(const RunContext& run, const std::string& file, const FileExpectation& wanted) {
+    const std::string path = run.phone.path(file);
+    Story& story = run.story;
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) return story.violation(file + " cannot be examined");
     const std::string mode = fmt::format("{:04o}", status.st_mode & 07777u);
@@ -126,130 +126,131 @@ void check_file(const Play& play, const std::string& file, const FileExpectation
         story.violation("{} has mode {}, not {}", file, mode, wanted.mode);
     if (!wanted.text.empty() && !matches(wanted.text, read_file(path)))
         story.violation("{} doesn't read \"{}\"", file, wanted.text);
-    check_equal(play, file, wanted);
+    check_equal(run, file, wanted);
 }
 
-void check_files(const Play& play) {
-    for (const FileExpectation& wanted : play.scenario.expect.files) {
-        const Texts files = find_files(play.phone, wanted.path);
+void check_files(const RunContext& run) {
+    for (const FileExpectation& wanted : run.scenario.expect.files) {
+        const Texts files = find_files(run.phone, wanted.path);
         if (static_cast<int64_t>(files.size()) != wanted.number)
-            play.story.violation("expected {} files, found {}: {}", wanted.number, files.size(),
-                                 wanted.path);
+            run.story.violation("expected {} files, found {}: {}", wanted.number, files.size(),
+                                wanted.path);
         for (const std::string& file : files)
-            check_file(play, file, wanted);
+            check_file(run, file, wanted);
     }
-    for (const std::string& pattern : play.scenario.expect.absent) {
-        for (const std::string& file : find_files(play.phone, pattern))
-            play.story.violation(file + " exists");
+    for (const std::string& pattern : run.scenario.expect.absent) {
+        for (const std::string& file : find_files(run.phone, pattern))
+            run.story.violation(file + " exists");
     }
 }
 
-void check_end(const Expectations& expect, const Conduct& conduct, Story& story) {
+void check_end(const Expectations& expect, const RunRecord& record, Story& story) {
     // With the real clock a daemon that waits and one that has parked are both quiet.
-    const bool quiet = conduct.end == "quiet" && (expect.end == "waits" || expect.end == "parked");
-    if (!expect.end.empty() && conduct.end != expect.end && !quiet)
-        story.violation("the run ended with \"{}\", not \"{}\"", conduct.end, expect.end);
-    if (expect.lasts && conduct.lasted != *expect.lasts)
-        story.violation("the run lasted {:.6f} s", seconds(conduct.lasted));
+    const bool quiet = record.end == "quiet" && (expect.end == "waits" || expect.end == "parked");
+    if (!expect.end.empty() && record.end != expect.end && !quiet)
+        story.violation("the run ended with \"{}\", not \"{}\"", record.end, expect.end);
+    if (expect.lasts && record.lasted != *expect.lasts)
+        story.violation("the run lasted {:.6f} s", seconds(record.lasted));
 }
 
 }  // namespace
 
-void check_at_power_on(const Play& play) {
+void check_at_power_on(const RunContext& run) {
     std::set<std::string> seen;
-    for (const auto& [fd, path] : play.stage.descriptors()) {
+    for (const auto& [fd, path] : run.backend.descriptors()) {
         const bool own = is_expected(path, {kAndroidLog, "/dev/boot", "/dev/block/*",
-                                            "/mnt/vendor/efs/*", play.scenario.nv_path()});
+                                            "/mnt/vendor/efs/*", run.scenario.nv_path()});
         if (!own || !seen.insert(path).second)
-            play.story.violation("descriptor {} is open at power-on: {}", fd, path);
+            run.story.violation("descriptor {} is open at power-on: {}", fd, path);
     }
 }
 
-void check_between_passes(const Play& play) {
-    const auto open = play.stage.descriptors();
+void check_between_passes(const RunContext& run) {
+    const auto open = run.backend.descriptors();
     // A sleep with a node open is one within a pass.
     if (std::any_of(open.begin(), open.end(), [](const auto& descriptor) {
             return descriptor.second == "/dev/boot" || descriptor.second == "/dev/dump";
         }))
         return;
     for (const auto& [fd, path] : open) {
-        if (path != kAndroidLog) play.story.violation("descriptor {} is left open: {}", fd, path);
+        if (path != kAndroidLog) run.story.violation("descriptor {} is left open: {}", fd, path);
     }
 }
 
-void check_faults(const Play& play) {
-    for (const Fault& fault : play.scenario.faults) {
-        if (!fault.turn.came)
-            play.story.violation("the fault in {} {} never triggered", fault.call, fault.path);
+void check_faults(const RunContext& run) {
+    for (const Fault& fault : run.scenario.faults) {
+        if (!fault.trigger.fired)
+            run.story.violation("the fault in {} {} never triggered", fault.call, fault.path);
     }
 }
 
-void check_obstacles(const Play& play) {
-    check_faults(play);
-    for (const Answer& answer : play.scenario.driver.answers) {
-        if (!answer.turn.came)
-            play.story.violation("the answer to {} was never given", answer.request);
+void check_triggers(const RunContext& run) {
+    check_faults(run);
+    for (const Answer& answer : run.scenario.driver.answers) {
+        if (!answer.trigger.fired)
+            run.story.violation("the answer to {} was never given", answer.request);
     }
-    for (const Quirk& quirk : play.scenario.loader) {
-        if (!quirk.turn.came)
-            play.story.violation("the loader's deviation at {} never triggered", quirk.at);
+    for (const Quirk& quirk : run.scenario.loader) {
+        if (!quirk.trigger.fired)
+            run.story.violation("the loader's deviation at {} never triggered", quirk.at);
     }
 }
 
-void check_expectations(const Play& play, const Conduct& conduct) {
-    const Expectations& expect = play.scenario.expect;
-    Story& story = play.story;
-    if (is_undisturbed(play.scenario)) check_errors(expect, story);
+void check_expectations(const RunContext& run, const RunRecord& record) {
+    const Expectations& expect = run.scenario.expect;
+    Story& story = run.story;
+    if (is_undisturbed(run.scenario)) check_errors(expect, story);
     check_order("line", expect.log, story.log(), story);
     check_none("line", expect.no_log, story.log(), story);
     check_order("request", expect.requests, story.requests(), story);
     check_none("request", expect.no_requests, story.requests(), story);
-    check_order("fact", expect.story, story.facts(), story);
-    if (expect.whole_story && story.facts().size() != expect.story.size())
-        story.violation("{} lines and requests, not {}", story.facts().size(), expect.story.size());
+    check_order("fact", expect.story, story.entries(), story);
+    if (expect.whole_story && story.entries().size() != expect.story.size())
+        story.violation("{} lines and requests, not {}", story.entries().size(),
+                        expect.story.size());
     for (const auto& [pattern, times] : expect.times) {
         const int64_t seen = count_of(pattern, story.log());
         if (seen != times) story.violation("expected {} times, found {}: {}", times, seen, pattern);
     }
-    check_files(play);
+    check_files(run);
     for (const auto& [name, value] : expect.properties) {
-        const std::string seen = play.phone.property(name);
+        const std::string seen = run.phone.property(name);
         if (seen != value) story.violation("property {} is \"{}\", not \"{}\"", name, seen, value);
     }
-    check_end(expect, conduct, story);
+    check_end(expect, record, story);
 }
 
-void check_collected(const Play& play) {
+void check_collected(const RunContext& run) {
     // The rest of a packet that is read in part is lost, and the file is damaged.
-    const auto& faults = play.scenario.faults;
+    const auto& faults = run.scenario.faults;
     if (std::any_of(faults.begin(), faults.end(),
                     [](const Fault& fault) { return fault.call == "read" && fault.cut; }))
         return;
-    for (FileExpectation wanted : play.scenario.expect.files) {
-        for (const std::string& file : find_files(play.phone, wanted.path)) {
-            wanted.size = static_cast<int64_t>(fs::file_size(play.phone.path(file)));
-            check_equal(play, file, wanted);
+    for (FileExpectation wanted : run.scenario.expect.files) {
+        for (const std::string& file : find_files(run.phone, wanted.path)) {
+            wanted.size = static_cast<int64_t>(fs::file_size(run.phone.path(file)));
+            check_equal(run, file, wanted);
         }
     }
 }
 
-void check_whole(const Play& play) {
-    for (const FileExpectation& wanted : play.scenario.expect.files) {
-        const Texts files = find_files(play.phone, wanted.path);
+void check_whole(const RunContext& run) {
+    for (const FileExpectation& wanted : run.scenario.expect.files) {
+        const Texts files = find_files(run.phone, wanted.path);
         const auto is_whole = [&](const std::string& file) {
-            return equals_named(play, file, wanted);
+            return equals_named(run, file, wanted);
         };
         if (!wanted.equals.empty() && std::none_of(files.begin(), files.end(), is_whole))
-            play.story.violation("none is whole: " + wanted.path);
+            run.story.violation("none is whole: " + wanted.path);
     }
 }
 
-void check_sanitizers(const Play& play) {
-    std::ifstream output(play.phone.path(kOutput));
+void check_sanitizers(const RunContext& run) {
+    std::ifstream output(run.phone.path(kOutput));
     for (std::string line; std::getline(output, line);) {
         if (line.find("Sanitizer") != std::string::npos ||
             line.find("runtime error:") != std::string::npos)
-            play.story.violation(line);
+            run.story.violation(line);
     }
 }
 

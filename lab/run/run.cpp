@@ -49,9 +49,9 @@ std::set<std::string> saved_files(const fs::path& directory) {
     return lines;
 }
 
-void print_summary(const Phone& phone, const Story& story, const Conduct& conduct, bool brief) {
-    fmt::print("\nThe run ended with \"{}\" after {:.3f} s of the phone's time.\n", conduct.end,
-               seconds(conduct.lasted));
+void print_summary(const Phone& phone, const Story& story, const RunRecord& record, bool brief) {
+    fmt::print("\nThe run ended with \"{}\" after {:.3f} s of the phone's time.\n", record.end,
+               seconds(record.lasted));
     const auto files = saved_files(phone.path(kLogDirectory));
     if (brief) {
         fmt::print("It saved {} files; without --brief they are listed.\n", files.size());
@@ -59,7 +59,7 @@ void print_summary(const Phone& phone, const Story& story, const Conduct& conduc
         fmt::print("\n{}\nFiles in {}\n{}", story.transfer_summary(), kLogDirectory,
                    fmt::join(files, ""));
     }
-    const std::string& reason = story.crash_sentence;
+    const std::string& reason = story.panic_reason;
     if (!reason.empty())
         fmt::print("\nThe reason of the kernel panic\n  {}\n",
                    reason.substr(std::min(reason.find_first_not_of(": "), reason.size())));
@@ -75,129 +75,123 @@ class Run {
                                    : scenario),
           phone_(scenario_, options.root, options.keep),
           resumed_(prepare_phone()),
-          start_(resumed_ ? notes_.start : scenario_.start),
-          story_(options.story ? stdout : nullptr, options.look, start_),
-          stage_(make_stage()) {}
+          start_(resumed_ ? state_.start : scenario_.start),
+          story_(options.story ? stdout : nullptr, options.style, start_),
+          backend_(make_backend()) {}
 
-    Result play() {
-        listen();
-        options_.conductor->begin(play_);
+    Result execute() {
+        install_callbacks();
+        options_.controller->begin(context_);
         if (options_.log) options_.log.write("");
         if (resumed_) {
             resume();
         } else {
             begin();
         }
-        if (conduct_.end.empty()) conduct_.end = stage_->serve();
-        if (conduct_.end == "reboot") throw Reboots();
-        conduct_.lasted = stage_->now() - start_;
-        conduct_.modem = stage_->modem().state();
-        conduct_.requests = story_.requests();
-        conduct_.files = closed_files(phone_, {});
-        judge();
+        if (record_.end.empty()) record_.end = backend_->run();
+        if (record_.end == "reboot") throw Reboots();
+        record_.lasted = backend_->now() - start_;
+        record_.modem = backend_->modem().state();
+        record_.requests = story_.requests();
+        record_.files = closed_files(phone_, {});
+        check();
         write_results();
-        return {story_.violations(), conduct_};
+        return {story_.violations(), record_};
     }
 
   private:
     // Returns whether the run continues after the machine went down.
     bool prepare_phone() {
-        const bool resumed = !options_.notebook.empty() && notes_.take(options_.notebook);
+        const bool resumed = !options_.notebook.empty() && state_.load(options_.notebook);
         fs::path binary = options_.daemon;
         if (!scenario_.program.empty()) binary.replace_filename(scenario_.program);
         phone_.build(binary, resumed);
         return resumed;
     }
 
-    std::unique_ptr<RunStage> make_stage() {
+    std::unique_ptr<RunBackend> make_backend() {
         if (!options_.device) return make_gate(scenario_, phone_, story_, options_, start_);
-        return make_device_stage(scenario_, phone_, story_, options_, start_,
-                                 resumed_ ? notes_.now : start_);
+        return make_device_backend(scenario_, phone_, story_, options_, start_,
+                                   resumed_ ? state_.now : start_);
     }
 
-    void listen() {
-        stage_->on_wait = [this] {
-            conduct_.open = open_paths(*stage_);
-            options_.conductor->waits();
-            timeline_.waits();
+    void install_callbacks() {
+        backend_->on_wait = [this] {
+            record_.open = open_paths(*backend_);
+            options_.controller->on_wait();
+            timeline_.on_wait();
         };
-        stage_->on_sleep = [this](Time span) {
-            if (span == kSecond) check_between_passes(play_);
+        backend_->on_sleep = [this](Time span) {
+            if (span == kSecond) check_between_passes(context_);
         };
-        stage_->on_upload = [this] { return timeline_.upload(); };
-        stage_->on_down = [this](bool panics) { write_notes(panics); };
-        stage_->on_fault = [this](const Fault& fault) { options_.conductor->fault(fault); };
-        story_.on_line = [this](const std::string& text) { hear_line(text); };
-        story_.on_request = [this](const std::string& text) { hear_request(text); };
-        if (!options_.learn) return;
-        stage_->on_call = [this](const std::string& call, int time, const std::string& path,
-                                 int fd) {
+        backend_->on_upload = [this] { return timeline_.on_upload(); };
+        backend_->on_machine_down = [this](bool panics) { save_state(panics); };
+        backend_->on_fault = [this](const Fault& fault) { options_.controller->on_fault(fault); };
+        story_.on_line = [this](const std::string& text) { handle_line(text); };
+        story_.on_request = [this](const std::string& text) { handle_request(text); };
+        if (!options_.record_calls) return;
+        backend_->on_call = [this](const std::string& call, int time, const std::string& path,
+                                   int fd) {
             const std::string place = story_.log().empty() ? "" : story_.log().back();
-            options_.conductor->call(call, path, fd);
-            conduct_.calls.push_back({call, time, path, place});
+            options_.controller->on_call(call, path, fd);
+            record_.calls.push_back({call, time, path, place});
         };
     }
 
     void begin() {
         if (!scenario_.about.empty()) story_.begin(scenario_.about);
-        stage_->start_daemon();
+        backend_->start_daemon();
         timeline_.begin();
     }
 
     void resume() {
-        story_.recall(notes_.log, notes_.requests, notes_.violations);
-        for (const std::string& line : notes_.log)
+        story_.restore(state_.log, state_.requests, state_.violations);
+        for (const std::string& line : state_.log)
             if (options_.log) options_.log.append(line + "\n");
-        story_.crash_sentence = notes_.crash_sentence;
-        story_.tell("phone", "", "is up again");
-        for (size_t i = 0; i < notes_.answers.size(); i++)
-            scenario_.driver.answers[i].turn.seen = notes_.answers[i];
+        story_.panic_reason = state_.panic_reason;
+        story_.add_message("phone", "", "is up again");
+        for (size_t i = 0; i < state_.answers.size(); i++)
+            scenario_.driver.answers[i].trigger.seen = state_.answers[i];
         // Which obstacles occurred before is not known.
-        for_each_turn(scenario_, [](const Turn& turn) { turn.came = true; });
-        timeline_.resume(notes_.position, notes_.panicked);
-        const bool last = notes_.panicked && timeline_.position() == notes_.position;
+        for_each_trigger(scenario_, [](const Trigger& trigger) { trigger.fired = true; });
+        timeline_.resume(state_.position, state_.panicked);
+        const bool last = state_.panicked && timeline_.position() == state_.position;
         if (last) {
-            conduct_.end = "upload";  // nothing follows the panic
+            record_.end = "upload";  // nothing follows the panic
         } else {
-            stage_->start_daemon();
+            backend_->start_daemon();
         }
     }
 
-    void hear_line(const std::string& text) {
-        for_each_turn(scenario_, [&](const Turn& turn) { turn.hear(text); });
+    void handle_line(const std::string& text) {
+        for_each_trigger(scenario_, [&](const Trigger& trigger) { trigger.note_line(text); });
         if (options_.log) options_.log.append(text + "\n");
-        options_.conductor->line(text);
-        timeline_.line(text);
+        options_.controller->on_line(text);
+        timeline_.on_line(text);
         // With the real clock the gate does not see the wait, only the lines before it.
         const bool waits = matches("*: Wait event from modem *", text) ||
                            matches("*: unknown Modem status", text);
-        if (options_.real_time && waits) timeline_.waits();
+        if (options_.real_time && waits) timeline_.on_wait();
     }
 
-    void hear_request(const std::string& text) {
-        timeline_.request(text);
-        if (text == "POWER_ON" && scenario_.program.empty()) check_at_power_on(play_);
+    void handle_request(const std::string& text) {
+        timeline_.on_request(text);
+        if (text == "POWER_ON" && scenario_.program.empty()) check_at_power_on(context_);
     }
 
-    void write_notes(bool panics) {
-        notes_ = {start_,
-                  stage_->now(),
-                  timeline_.position(),
-                  panics,
-                  story_.crash_sentence,
-                  story_.log(),
-                  story_.requests(),
-                  story_.violations(),
-                  {}};
+    void save_state(bool panics) {
+        state_ = {
+                start_,       backend_->now(),   timeline_.position(), panics, story_.panic_reason,
+                story_.log(), story_.requests(), story_.violations(),  {}};
         for (const Answer& answer : scenario_.driver.answers)
-            notes_.answers.push_back(answer.turn.seen);
-        notes_.store(options_.notebook);
+            state_.answers.push_back(answer.trigger.seen);
+        state_.save(options_.notebook);
     }
 
-    void judge() {
+    void check() {
         if (!timeline_.finished()) story_.violation("the run ended before the timeline did");
-        options_.conductor->judge(conduct_);
-        check_sanitizers(play_);
+        options_.controller->check(record_);
+        check_sanitizers(context_);
         if (!story_.violations().empty()) check_room();
     }
 
@@ -206,12 +200,12 @@ class Run {
         struct statvfs disk {};
         if (!options_.keep || statvfs(options_.root.c_str(), &disk) != 0) return;
         if (disk.f_bavail * disk.f_frsize < kLeastRoom)
-            throw Unable(options_.root + ": the disk is full; the phone's files need more room");
+            throw Error(options_.root + ": the disk is full; the phone's files need more room");
     }
 
     void write_results() const {
         if (options_.story && options_.summary)
-            print_summary(phone_, story_, conduct_, options_.look.brief);
+            print_summary(phone_, story_, record_, options_.style.brief);
         if (options_.trace) options_.trace.write(story_.trace());
         if (options_.picture) options_.picture.write(story_.picture(scenario_.name));
     }
@@ -219,25 +213,25 @@ class Run {
     const RunOptions& options_;
     Scenario scenario_;
     Phone phone_;
-    Notebook notes_;
+    Notebook state_;
     const bool resumed_;
     const Time start_;
     Story story_;
-    const std::unique_ptr<RunStage> stage_;
-    Play play_{scenario_, phone_, *stage_, stage_->modem(), story_, timeline_};
-    Timeline timeline_{play_, start_};
-    Conduct conduct_;
+    const std::unique_ptr<RunBackend> backend_;
+    RunContext context_{scenario_, phone_, *backend_, backend_->modem(), story_, timeline_};
+    Timeline timeline_{context_, start_};
+    RunRecord record_;
 };
 
 }  // namespace
 
-void Conductor::judge(Conduct& conduct) {
-    check_obstacles(*play_);
-    check_expectations(*play_, conduct);
+void RunController::check(RunRecord& record) {
+    check_triggers(*run_);
+    check_expectations(*run_, record);
 }
 
 Result run_scenario(const Scenario& scenario, const RunOptions& options) {
-    return Run(scenario, options).play();
+    return Run(scenario, options).execute();
 }
 
 }  // namespace rvd::lab

@@ -5,45 +5,45 @@
 #include <string>
 #include <vector>
 
-#include "lab/campaign/conduct.h"
-#include "lab/campaign/workplace.h"
-#include "lab/run/play.h"
+#include "lab/campaign/work_directory.h"
+#include "lab/run/context.h"
+#include "lab/run/record.h"
 #include "lab/run/timeline.h"
 
 namespace rvd::lab {
 
 // Follows a run, may change it, and judges it: this one by the scenario's expectations.
-class Conductor {
+class RunController {
   public:
-    virtual ~Conductor() = default;
-    virtual void begin(Play& play) { play_ = &play; }
-    virtual void call(const std::string& /*name*/, const std::string& /*path*/, int /*fd*/) {}
-    virtual void line(const std::string& /*text*/) {}
-    virtual void waits() {}  // before what the timeline has for the wait for the modem
-    virtual void fault(const Fault&) {}
-    virtual void judge(Conduct& conduct);
+    virtual ~RunController() = default;
+    virtual void begin(RunContext& run) { run_ = &run; }
+    virtual void on_call(const std::string& /*name*/, const std::string& /*path*/, int /*fd*/) {}
+    virtual void on_line(const std::string& /*text*/) {}
+    virtual void on_wait() {}  // before what the timeline has for the wait for the modem
+    virtual void on_fault(const Fault&) {}
+    virtual void check(RunRecord& record);
 
   protected:
-    Play* play_ = nullptr;
+    RunContext* run_ = nullptr;
 };
 
 struct RunOptions {
     std::string daemon;  // the binary
     std::string root;    // an existing directory to build the phone's root in
     bool keep = false;   // keep its files
-    Output trace, picture, log;
+    OutputFile trace, picture, log;
     bool real_time = false;
     bool device = false;   // on this machine's own kernel, with character devices
     std::string prepare;   // command that gets the phone's root before the daemon starts
     std::string notebook;  // file with the state that survives a reboot of the machine; empty:
                            // the machine stays up
     bool story = true;     // print the story
-    Look look;
-    bool summary = false;  // print transfers and files at the end
-    int timeout = 60;      // seconds of real time
-    int jitter = 0;        // microseconds that the gate waits between two reads
-    bool learn = false;    // record every call of the daemon in the conduct
-    std::shared_ptr<Conductor> conductor = std::make_shared<Conductor>();
+    StoryStyle style;
+    bool summary = false;       // print transfers and files at the end
+    int timeout = 60;           // seconds of real time
+    int jitter = 0;             // microseconds that the gate waits between two reads
+    bool record_calls = false;  // record every call of the daemon in the conduct
+    std::shared_ptr<RunController> controller = std::make_shared<RunController>();
 };
 
 // Thrown when this machine is about to reboot: run_scenario() with the same notebook continues.
@@ -51,10 +51,10 @@ struct Reboots {};
 
 struct Result {
     std::vector<std::string> violations;  // empty: passed
-    Conduct conduct;
+    RunRecord record;
 };
 
-// Changes this process for good (namespaces): call it in a child. Throws Unable.
+// Changes this process for good (namespaces): call it in a child. Throws Error.
 Result run_scenario(const Scenario& scenario, const RunOptions& options);
 
 }  // namespace rvd::lab

@@ -14,62 +14,62 @@ constexpr uint64_t kLongTransfer = 16 << 20;
 
 }  // namespace
 
-Story::Story(FILE* out, const Look& look, Time start)
-    : printer_(out, look, start), start_(start), now_(start) {}
+Story::Story(FILE* out, const StoryStyle& style, Time start)
+    : printer_(out, style, start), start_(start), now_(start) {}
 
-void Story::recall(std::vector<std::string> log, std::vector<std::string> requests,
-                   std::vector<std::string> violations) {
+void Story::restore(std::vector<std::string> log, std::vector<std::string> requests,
+                    std::vector<std::string> violations) {
     log_ = std::move(log);
     requests_ = std::move(requests);
     violations_ = std::move(violations);
 }
 
-void Story::forget() {
+void Story::clear() {
     log_.clear();
     requests_.clear();
-    facts_.clear();
-    told_.clear();
+    entries_.clear();
+    messages_.clear();
     transfers_.clear();
     ring_.clear();
 }
 
-void Story::tell(const char* from, const char* to, const std::string& text) {
-    told_.push_back({now_ - start_, from, to, text});
+void Story::add_message(const char* from, const char* to, const std::string& text) {
+    messages_.push_back({now_ - start_, from, to, text});
     printer_.line(now_, from, to, text);
 }
 
 void Story::log_line(int level, const std::string& text) {
     static const std::string prefix = "lnkm: rvd: ";
     end_transfer();
-    keep_in_ring(level, text);
+    add_to_ring(level, text);
     std::string shown = text;
     if (shown.compare(0, prefix.size(), prefix) == 0) shown.erase(0, prefix.size());
     if (!shown.empty() && shown.back() == '\n') shown.pop_back();
-    tell("daemon", "", shown);
+    add_message("daemon", "", shown);
     log_.push_back(shown);
-    keep_fact(shown);
+    add_entry(shown);
     if (on_line) on_line(shown);
 }
 
 void Story::request(const char* to, const std::string& text, bool shown) {
     if (shown) end_transfer();
     requests_.push_back(text);
-    keep_in_ring(6, std::string(to) + ": " + text);
-    if (shown) tell("daemon", to, text);
-    keep_fact(text);
+    add_to_ring(6, std::string(to) + ": " + text);
+    if (shown) add_message("daemon", to, text);
+    add_entry(text);
     if (on_request) on_request(text);
 }
 
-void Story::keep_fact(const std::string& text) {
-    facts_.push_back(fmt::format("{:g} s ", seconds(now_ - start_)) + text);
+void Story::add_entry(const std::string& text) {
+    entries_.push_back(fmt::format("{:g} s ", seconds(now_ - start_)) + text);
 }
 
 void Story::violation(const std::string& text) {
-    told_.push_back({now_ - start_, "lab", "", "FAIL: " + text});
+    messages_.push_back({now_ - start_, "lab", "", "FAIL: " + text});
     violations_.push_back(fmt::format("{:.3f} s: {}", seconds(now_ - start_), text));
 }
 
-void Story::keep_in_ring(int level, const std::string& text) {
+void Story::add_to_ring(int level, const std::string& text) {
     ring_ += fmt::format("<{}>[{:12.6f}] ", level, seconds(now_ - start_)) + text;
     if (ring_.empty() || ring_.back() != '\n') ring_ += '\n';
 }
@@ -82,24 +82,24 @@ void Story::begin_transfer(const std::string& name, uint64_t total) {
     transfers_[current_].times++;
     total_ = total;
     moved_ = 0;
-    begun_ = now_;
-    really_begun_ = Clock::now();
+    begin_ = now_;
+    real_begin_ = Clock::now();
 }
 
 void Story::advance_transfer(uint64_t bytes) {
     transfers_[current_].bytes += bytes;
     const uint64_t before = std::exchange(moved_, moved_ + bytes);
     if (total_ < kLongTransfer || before / (total_ / 4) == moved_ / (total_ / 4)) return;
-    tell("loader", "",
-         fmt::format("{}: {} of {}", transfers_[current_].name, human_size(moved_),
-                     human_size(total_)));
+    add_message("loader", "",
+                fmt::format("{}: {} of {}", transfers_[current_].name, human_size(moved_),
+                            human_size(total_)));
 }
 
 void Story::end_transfer() {
-    if (really_begun_ == Clock::time_point() || moved_ < total_) return;
-    transfers_[current_].time += now_ - begun_;
-    transfers_[current_].real += Clock::now() - really_begun_;
-    really_begun_ = {};
+    if (real_begin_ == Clock::time_point() || moved_ < total_) return;
+    transfers_[current_].time += now_ - begin_;
+    transfers_[current_].real += Clock::now() - real_begin_;
+    real_begin_ = {};
 }
 
 std::string Story::transfer_summary() const {
@@ -124,13 +124,13 @@ std::string Story::trace() const {
     for (size_t i = 0; i < actors.size(); i++)
         add({{"name", "thread_name"}, {"ph", "M"}, {"tid", i}, {"args", {{"name", actors[i]}}}});
     const auto microseconds = [](Time time) { return static_cast<double>(time) / 1000; };
-    for (const Told& told : told_) {
-        const auto actor = std::find(actors.begin(), actors.end(), told.from) - actors.begin();
-        add({{"name", told.text},
+    for (const Message& message : messages_) {
+        const auto actor = std::find(actors.begin(), actors.end(), message.from) - actors.begin();
+        add({{"name", message.text},
              {"ph", "i"},
              {"s", "t"},
              {"tid", actor},
-             {"ts", microseconds(told.at)}});
+             {"ts", microseconds(message.at)}});
     }
     add({{"name", "end"},
          {"ph", "i"},

@@ -18,14 +18,14 @@ namespace rvd::lab {
 class Story {
   public:
     // With `out` null the story is only kept.
-    Story(FILE* out, const Look& look, Time start);
+    Story(FILE* out, const StoryStyle& style, Time start);
 
     // The first lines: what the story is about.
     void begin(const std::string& about) { printer_.begin(about); }
 
     void set_time(Time now) { now_ = now; }
 
-    void tell(const char* from, const char* to, const std::string& text);
+    void add_message(const char* from, const char* to, const std::string& text);
 
     // One record that the daemon wrote to the kernel log.
     void log_line(int level, const std::string& text);
@@ -48,17 +48,17 @@ class Story {
     std::function<void(const std::string&text)> on_line, on_request;
 
     // The lines, requests and violations from before the machine went down.
-    void recall(std::vector<std::string> log, std::vector<std::string> requests,
-                std::vector<std::string> violations);
+    void restore(std::vector<std::string> log, std::vector<std::string> requests,
+                 std::vector<std::string> violations);
 
     // Drops everything kept but the violations.
-    void forget();
+    void clear();
 
     const std::vector<std::string>& log() const { return log_; }
     const std::vector<std::string>& requests() const { return requests_; }
 
     // Lines and requests in their order, each after its time: "4.5 s POWER_OFF".
-    const std::vector<std::string>& facts() const { return facts_; }
+    const std::vector<std::string>& entries() const { return entries_; }
 
     const std::vector<std::string>& violations() const { return violations_; }
 
@@ -75,12 +75,12 @@ class Story {
     std::string picture(const std::string& title) const;
 
     // The reason of the last panic request.
-    std::string crash_sentence;
+    std::string panic_reason;
 
   private:
     using Clock = std::chrono::steady_clock;
 
-    struct Told {
+    struct Message {
         Time at;
         const char *from, *to;
         std::string text;
@@ -94,19 +94,19 @@ class Story {
     };
 
     void end_transfer();
-    void keep_fact(const std::string& text);
-    void keep_in_ring(int level, const std::string& text);
+    void add_entry(const std::string& text);
+    void add_to_ring(int level, const std::string& text);
 
     StoryPrinter printer_;
     Time start_, now_;
-    std::vector<std::string> log_, requests_, facts_, violations_;
-    std::vector<Told> told_;
+    std::vector<std::string> log_, requests_, entries_, violations_;
+    std::vector<Message> messages_;
     std::vector<Transfers> transfers_;
     // The current transfer; none where really_begun_ is zero.
     size_t current_ = 0;
     uint64_t total_ = 0, moved_ = 0;
-    Time begun_ = 0;
-    Clock::time_point really_begun_;
+    Time begin_ = 0;
+    Clock::time_point real_begin_;
     std::string ring_;
 };
 

@@ -21,24 +21,25 @@ report::Actor actor_of(const std::string& name) {
 std::string Story::picture(const std::string& title) const {
     std::vector<report::Message> messages;
     Time last = 0;
-    for (const Told& told : told_) {
+    for (const Message& message : messages_) {
         const auto says = [&](const char* text) {
-            return told.text.find(text) != std::string::npos;
+            return message.text.find(text) != std::string::npos;
         };
         // The log directory's group is told as an error where it is set, too.
         const bool failure =
-                (says("ERR!") && !says(" changed(0)")) || told.from == std::string("lab");
-        if (*told.to == '\0' && told.from == std::string("daemon") && !failure) continue;
-        if (told.at - last >= kSilence) {
+                (says("ERR!") && !says(" changed(0)")) || message.from == std::string("lab");
+        if (*message.to == '\0' && message.from == std::string("daemon") && !failure) continue;
+        if (message.at - last >= kSilence) {
             report::Message silence;
-            silence.text = report::people_span((told.at - last) / 1000) + " of silence";
+            silence.text = report::people_span((message.at - last) / 1000) + " of silence";
             silence.band = true;
             messages.push_back(silence);
         }
-        last = told.at;
-        const report::Actor from = actor_of(told.from);
-        messages.push_back({told.at / 1000, from, *told.to == '\0' ? from : actor_of(told.to),
-                            told.text, failure, false});
+        last = message.at;
+        const report::Actor from = actor_of(message.from);
+        messages.push_back({message.at / 1000, from,
+                            *message.to == '\0' ? from : actor_of(message.to), message.text,
+                            failure, false});
     }
     return report::picture(title, messages);
 }

@@ -74,7 +74,7 @@ bool is_capable_terminal(int fd) {
     return isatty(fd) != 0 && type != nullptr && strcmp(type, "dumb") != 0;
 }
 
-Look look_for(FILE* out, const std::string& colours) {
+StoryStyle choose_style(FILE* out, const std::string& colours) {
     const char* const none = getenv("NO_COLOR");
     const bool suits = is_capable_terminal(fileno(out)) && (none == nullptr || *none == '\0');
     return {colours == "always" || (colours == "auto" && suits), false, width_of(fileno(out))};
@@ -97,17 +97,17 @@ void StoryPrinter::line(Time now, const char* from, const char* to, const std::s
             });
     const bool known = found != std::end(kPatterns);
     // A daemon that is started again begins no chapter.
-    const bool again = begun_ && found == std::begin(kPatterns);
+    const bool again = begin_ && found == std::begin(kPatterns);
     const bool chapter = known && found->title != nullptr && !again;
     if (chapter) heading(now, found->title);
-    if (look_.brief && (!known || found->title != nullptr)) return;
-    if (!look_.brief && !chapter && begun_ && now - last_ >= kLongPause)
+    if (style_.brief && (!known || found->title != nullptr)) return;
+    if (!style_.brief && !chapter && begin_ && now - last_ >= kLongPause)
         print(std::string(14, ' '), colour(kDim),
               fmt::format("{:.6g} s later", seconds(now - last_)));
     last_ = now;
     const std::string who = *to != '\0' ? fmt::format("{} -> {}", from, to) : from;
     print(fmt::format("{:12.6f}  {:<16}  ", seconds(now - start_), who),
-          look_.colours ? colour_of(from) : "", on_one_line(text));
+          style_.colours ? colour_of(from) : "", on_one_line(text));
 }
 
 void StoryPrinter::heading(Time now, const char* title) {
@@ -115,13 +115,13 @@ void StoryPrinter::heading(Time now, const char* title) {
     tm parts{};
     char clock[sizeof("2020-10-01 12:30:00")];
     strftime(clock, sizeof(clock), "%F %T", gmtime_r(&moment, &parts));
-    if (!look_.brief) fmt::print(out_, "\n");
+    if (!style_.brief) fmt::print(out_, "\n");
     print("", colour(kBold), fmt::format("{}  {}", clock, title));
-    begun_ = true;
+    begin_ = true;
 }
 
 void StoryPrinter::print(const std::string& columns, const char* colour, const std::string& text) {
-    const auto width = static_cast<size_t>(look_.width);
+    const auto width = static_cast<size_t>(style_.width);
     const size_t room = width == 0                            ? text.size() + 1
                         : width > columns.size() + kLeastText ? width - columns.size()
                                                               : kLeastText;

@@ -13,14 +13,14 @@ constexpr double seconds(Time time) {
     return static_cast<double>(time) / kSecond;
 }
 
-struct Look {
+struct StoryStyle {
     bool colours = false;
     bool brief = false;  // only the chapters and their most important lines
     int width = 0;       // columns at which lines are wrapped; 0: never
 };
 
 // The width and, with "auto", the colours that suit the file; "always" and "never" as they say.
-Look look_for(FILE* out, const std::string& colours);
+StoryStyle choose_style(FILE* out, const std::string& colours);
 
 // Whether this is a terminal that understands escape sequences.
 bool is_capable_terminal(int fd);
@@ -28,7 +28,8 @@ bool is_capable_terminal(int fd);
 class StoryPrinter {
   public:
     // Times are printed relative to `start`. With `out` null nothing is printed.
-    StoryPrinter(FILE* out, const Look& look, Time start) : out_(out), look_(look), start_(start) {}
+    StoryPrinter(FILE* out, const StoryStyle& style, Time start)
+        : out_(out), style_(style), start_(start) {}
 
     // Prints what the story is about, and a legend of the columns.
     void begin(const std::string& about);
@@ -39,13 +40,13 @@ class StoryPrinter {
   private:
     void heading(Time now, const char* title);
     void print(const std::string& columns, const char* colour, const std::string& text);
-    const char* colour(const char* code) const { return look_.colours ? code : ""; }
+    const char* colour(const char* code) const { return style_.colours ? code : ""; }
 
     FILE* out_;
-    const Look look_;
+    const StoryStyle style_;
     const Time start_;
     Time last_ = 0;
-    bool begun_ = false;  // the first chapter has
+    bool begin_ = false;  // the first chapter has
 };
 
 }  // namespace rvd::lab

@@ -13,53 +13,53 @@ void Timeline::resume(size_t position, bool panicked) {
     arm();
 }
 
-void Timeline::waits() {
+void Timeline::on_wait() {
     if (pending() && next().waits) trigger();
 }
 
-bool Timeline::upload() {
+bool Timeline::on_upload() {
     const bool wanted = pending() && next().upload;
     if (wanted) trigger();
     return wanted;
 }
 
-void Timeline::fact(std::string Event::*wanted, const std::string& text) {
+void Timeline::match(std::string Event::*wanted, const std::string& text) {
     if (!pending() || (next().*wanted).empty() || !matches(next().*wanted, text)) return;
-    if (++said_ == next().said) trigger();
+    if (++matched_ == next().occurrence) trigger();
 }
 
 void Timeline::arm() {
     if (!pending() || !next().at) return;
     triggered_ = true;
-    stage.later(std::max<Time>(start_ + *next().at - stage.now(), 0), [this] { happen(); });
+    backend.later(std::max<Time>(start_ + *next().at - backend.now(), 0), [this] { fire(); });
 }
 
 void Timeline::trigger() {
     triggered_ = true;
-    stage.later(next().after, [this] { happen(); });
+    backend.later(next().after, [this] { fire(); });
 }
 
-void Timeline::happen() {
+void Timeline::fire() {
     const Event& event = next();
     at_++;
     triggered_ = false;
-    said_ = 0;
+    matched_ = 0;
     apply(event);
     if (event.reboot) {
-        story.tell("phone", "", "reboots");
+        story.add_message("phone", "", "reboots");
         phone.clear_properties();
         modem.reboot();
-        if (!stage.reboot()) return;
+        if (!backend.reboot()) return;
     } else if (event.restart) {
-        stage.start_daemon();
+        backend.start_daemon();
     }
-    if (event.stop) stage.stop("stop");
+    if (event.stop) backend.stop("stop");
     arm();
 }
 
 void Timeline::apply(const Event& event) {
     for (const auto& [name, value] : event.set) {
-        story.tell("phone", "daemon", "property " + name + " = " + value);
+        story.add_message("phone", "daemon", "property " + name + " = " + value);
         phone.set_property(name, value);
     }
     if (event.state) modem.change_state(static_cast<int>(*event.state));

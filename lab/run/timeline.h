@@ -1,14 +1,14 @@
 // What happens to the phone in a run, one event after the other.
 #pragma once
 
-#include "lab/run/play.h"
+#include "lab/run/context.h"
 
 namespace rvd::lab {
 
-class Timeline : private Play {
+class Timeline : private RunContext {
   public:
     // `start` is when the run has begun.
-    Timeline(const Play& play, Time start) : Play(play), start_(start) {}
+    Timeline(const RunContext& run, Time start) : RunContext(run), start_(start) {}
 
     void begin() { arm(); }
 
@@ -17,10 +17,10 @@ class Timeline : private Play {
 
     // These trigger events: the daemon begins to wait, the device goes to upload mode (returns
     // whether an event waited for that), a line, a request.
-    void waits();
-    bool upload();
-    void line(const std::string& text) { fact(&Event::line, text); }
-    void request(const std::string& text) { fact(&Event::request, text); }
+    void on_wait();
+    bool on_upload();
+    void on_line(const std::string& text) { match(&Event::line, text); }
+    void on_request(const std::string& text) { match(&Event::request, text); }
 
     // The index of the next event.
     size_t position() const { return at_; }
@@ -29,15 +29,15 @@ class Timeline : private Play {
   private:
     const Event& next() const { return scenario.timeline[at_]; }
     bool pending() const { return !finished() && !triggered_; }
-    void fact(std::string Event::*wanted, const std::string& text);
+    void match(std::string Event::*wanted, const std::string& text);
     void arm();
     void trigger();
-    void happen();
+    void fire();
     void apply(const Event& event);
 
     const Time start_;
     size_t at_ = 0;
-    int64_t said_ = 0;  // how often what the next event waits for has come
+    int64_t matched_ = 0;  // how often what the next event waits for has come
     bool triggered_ = false;
 };
 

@@ -20,17 +20,17 @@ bool is_unterminated(const std::string& text, const toml::parse_error& error) {
 }
 
 // The library mistakes some letters beyond ASCII for blanks; in a text, \u writes them.
-void refuse_beyond_ascii(const std::string& text, const std::string& name) {
+void reject_non_ascii(const std::string& text, const std::string& name) {
     const auto beyond = std::find_if(text.begin(), text.end(), [](char c) { return c & 0x80; });
     if (beyond == text.end()) return;
-    throw Unable(fmt::format("{}:{}: a character that is not ASCII; in a text, \\u spells it", name,
-                             1 + std::count(text.begin(), beyond, '\n')));
+    throw Error(fmt::format("{}:{}: a character that is not ASCII; in a text, \\u spells it", name,
+                            1 + std::count(text.begin(), beyond, '\n')));
 }
 
 }  // namespace
 
 std::map<std::string, Value> Value::entries() const {
-    if (!node->is_table()) refuse("expected a table");
+    if (!node->is_table()) reject("expected a table");
     std::map<std::string, Value> all;
     for (const toml::node* table : {base, node}) {
         if (table == nullptr) continue;
@@ -46,26 +46,26 @@ std::map<std::string, Value> Value::entries() const {
 }
 
 std::vector<Value> Value::items() const {
-    if (!node->is_array()) refuse("expected a list");
+    if (!node->is_array()) reject("expected a list");
     std::vector<Value> all;
     for (const toml::node& item : *node->as_array())
         all.push_back({&item, nullptr, path + "[]"});
     return all;
 }
 
-void Value::refuse(const std::string& why) const {
+void Value::reject(const std::string& why) const {
     const toml::source_region& source = node->source();
-    throw Unable(fmt::format("{}:{}: {}", *source.path, source.begin.line, why));
+    throw Error(fmt::format("{}:{}: {}", *source.path, source.begin.line, why));
 }
 
 toml::table parse_document(const std::string& text, const std::string& name) try {
-    refuse_beyond_ascii(text, name);
+    reject_non_ascii(text, name);
     return toml::parse(text, name);
 } catch (const toml::parse_error& error) {
-    throw Unable(fmt::format("{}:{}: {}", name, error.source().begin.line,
-                             is_unterminated(text, error)
-                                     ? "the text that begins here is not terminated"
-                                     : error.description()));
+    throw Error(fmt::format("{}:{}: {}", name, error.source().begin.line,
+                            is_unterminated(text, error)
+                                    ? "the text that begins here is not terminated"
+                                    : error.description()));
 }
 
 }  // namespace rvd::lab

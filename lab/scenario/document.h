@@ -20,15 +20,15 @@ struct Value {
     const toml::node* base = nullptr;  // the table that this table is laid over
     std::string path = {};             // "driver.answer[]"
 
-    // These throw Unable where the value is no table or list.
+    // These throw Error where the value is no table or list.
     std::map<std::string, Value> entries() const;
     std::vector<Value> items() const;
 
-    // Throws Unable with the file and the line.
-    [[noreturn]] void refuse(const std::string& why) const;
+    // Throws Error with the file and the line.
+    [[noreturn]] void reject(const std::string& why) const;
 };
 
-// Throws Unable with `name`, the line and what is wrong there.
+// Throws Error with `name`, the line and what is wrong there.
 toml::table parse_document(const std::string& text, const std::string& name);
 
 }  // namespace rvd::lab

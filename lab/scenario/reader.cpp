@@ -39,38 +39,39 @@ bool has_pattern(const std::string& text, const std::string& pattern) {
     return found;
 }
 
-bool is_word(const std::string& text, const Form& form) {
-    const std::string first = form.patterned ? text.substr(0, text.find(' ')) : text;
-    return std::any_of(form.words.begin(), form.words.end(), [&](const std::string& word) {
-        return form.patterned ? matches(first, word) : first == word;
-    });
+bool is_word(const std::string& text, const Constraint& constraint) {
+    const std::string first = constraint.patterned ? text.substr(0, text.find(' ')) : text;
+    return std::any_of(constraint.words.begin(), constraint.words.end(),
+                       [&](const std::string& word) {
+                           return constraint.patterned ? matches(first, word) : first == word;
+                       });
 }
 
-std::string unknown_word(const Form& form, const std::string& word) {
-    const std::string text = fmt::format("unknown {} \"{}\"", form.what, word);
-    if (form.words.size() > kFewWords) return text + did_you_mean(word, form.words);
-    return text + fmt::format("; expected \"{}\"", fmt::join(form.words, "\", \""));
+std::string unknown_word(const Constraint& constraint, const std::string& word) {
+    const std::string text = fmt::format("unknown {} \"{}\"", constraint.what, word);
+    if (constraint.words.size() > kFewWords) return text + did_you_mean(word, constraint.words);
+    return text + fmt::format("; expected \"{}\"", fmt::join(constraint.words, "\", \""));
 }
 
 }  // namespace
 
-Form between(int64_t least, int64_t most) {
+Constraint between(int64_t least, int64_t most) {
     return {{}, {}, {}, false, false, least, most};
 }
 
-Form named(const Form& names, Form form) {
-    form.names = &names;
-    return form;
+Constraint named(const Constraint& names, Constraint constraint) {
+    constraint.names = &names;
+    return constraint;
 }
 
-void Reader::needs(std::initializer_list<const char*> names, size_t most) const {
+void Reader::require(std::initializer_list<const char*> names, size_t most) const {
     if (schema_ != nullptr) return;
     const auto given =
             static_cast<size_t>(std::count_if(names.begin(), names.end(), [&](const char* name) {
                 return entries_.count(name) > 0;
             }));
     if (given == 0 || given > most)
-        table_->refuse(fmt::format("{} {}{}\"{}\"", table_->path,
+        table_->reject(fmt::format("{} {}{}\"{}\"", table_->path,
                                    given == 0 ? "needs " : "takes only ",
                                    names.size() > 1 ? "one of " : "", fmt::join(names, "\", \"")));
 }
@@ -78,53 +79,57 @@ void Reader::needs(std::initializer_list<const char*> names, size_t most) const 
 void Reader::finish() const {
     for (const auto& [name, value] : entries_) {
         if (std::find(known_.begin(), known_.end(), name) == known_.end())
-            value.refuse(fmt::format("unknown key \"{}\"{}{}", name,
+            value.reject(fmt::format("unknown key \"{}\"{}{}", name,
                                      table_->path.empty() ? "" : " in " + table_->path,
                                      did_you_mean(name, known_)));
     }
 }
 
-void Reader::check(const Value& value, const std::string& text, const Form& form) {
-    if (!form.words.empty() && !is_word(text, form)) value.refuse(unknown_word(form, text));
-    if (!form.pattern.empty() && !has_pattern(text, form.pattern))
-        value.refuse(fmt::format("\"{}\" is not {}", text, form.what));
+void Reader::check(const Value& value, const std::string& text, const Constraint& constraint) {
+    if (!constraint.words.empty() && !is_word(text, constraint))
+        value.reject(unknown_word(constraint, text));
+    if (!constraint.pattern.empty() && !has_pattern(text, constraint.pattern))
+        value.reject(fmt::format("\"{}\" is not {}", text, constraint.what));
 }
 
-void Reader::take(const Value& value, std::string& out, const Form& form) {
-    if (!value.node->is_string()) value.refuse("expected a text");
+void Reader::read(const Value& value, std::string& out, const Constraint& constraint) {
+    if (!value.node->is_string()) value.reject("expected a text");
     out = **value.node->as_string();
-    check(value, out, form);
+    check(value, out, constraint);
 }
 
-void Reader::take(const Value& value, int64_t& out, const Form& form) {
+void Reader::read(const Value& value, int64_t& out, const Constraint& constraint) {
     const auto* number = value.node->as_integer();
     const auto* text = value.node->as_string();
-    const bool plain = number != nullptr && !form.span;
-    out = plain ? **number : text != nullptr ? measured(**text, form.span ? kSpans : kSizes) : -1;
+    const bool plain = number != nullptr && !constraint.span;
+    out = plain             ? **number
+          : text != nullptr ? measured(**text, constraint.span ? kSpans : kSizes)
+                            : -1;
     if (!plain && out < 0)
-        value.refuse(form.span ? R"(expected a time as "250 ms", "1.5 s", "2 min" or "1 h")"
-                               : R"(expected a number as 4096 or "64 KiB")");
-    if (out < form.least || out > form.most)
-        value.refuse(fmt::format("expected a number from {} to {}", form.least, form.most));
+        value.reject(constraint.span ? R"(expected a time as "250 ms", "1.5 s", "2 min" or "1 h")"
+                                     : R"(expected a number as 4096 or "64 KiB")");
+    if (out < constraint.least || out > constraint.most)
+        value.reject(
+                fmt::format("expected a number from {} to {}", constraint.least, constraint.most));
 }
 
-void Reader::take(const Value& value, bool& out, const Form&) {
-    if (!value.node->is_boolean()) value.refuse("expected true or false");
+void Reader::read(const Value& value, bool& out, const Constraint&) {
+    if (!value.node->is_boolean()) value.reject("expected true or false");
     out = **value.node->as_boolean();
 }
 
-Schema Reader::schema_of(std::string&, const Form& form) {
+Schema Reader::schema_of(std::string&, const Constraint& constraint) {
     Schema schema = {{"type", "string"}};
-    if (!form.pattern.empty()) schema["pattern"] = "^(" + form.pattern + ")$";
-    if (!form.words.empty() && !form.patterned) schema["enum"] = form.words;
+    if (!constraint.pattern.empty()) schema["pattern"] = "^(" + constraint.pattern + ")$";
+    if (!constraint.words.empty() && !constraint.patterned) schema["enum"] = constraint.words;
     return schema;
 }
 
-Schema Reader::schema_of(int64_t&, const Form& form) {
-    if (form.span) return {{"type", "string"}, {"pattern", "^[0-9.]+ *(ms|s|min|h)$"}};
+Schema Reader::schema_of(int64_t&, const Constraint& constraint) {
+    if (constraint.span) return {{"type", "string"}, {"pattern", "^[0-9.]+ *(ms|s|min|h)$"}};
     return {{"type", {"integer", "string"}},
-            {"minimum", form.least},
-            {"maximum", form.most},
+            {"minimum", constraint.least},
+            {"maximum", constraint.most},
             {"pattern", "^[0-9.]+ *(KiB|MiB|GiB)$"}};
 }
 

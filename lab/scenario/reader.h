@@ -13,19 +13,20 @@ namespace rvd::lab {
 using Schema = nlohmann::ordered_json;
 
 // What a value must be, beyond its type.
-struct Form {
+struct Constraint {
     std::string what;                     // for the message: "a property's name", "modem"
     std::string pattern = {};             // POSIX extended regular expression for the whole text
     std::vector<std::string> words = {};  // one of these
     bool patterned = false;               // the first word is a pattern that matches one of them
     bool span = false;                    // a time, with its unit
     int64_t least = 0, most = INT64_MAX;
-    const Form* names = nullptr;  // of a map
+    const Constraint* names = nullptr;  // of a map
 };
-inline const Form kAny = {};
-inline const Form kSpan = {{}, {}, {}, false, true};
-Form between(int64_t least, int64_t most);
-Form named(const Form& names, Form form = kAny);  // a map whose names have a form
+inline const Constraint kAny = {};
+inline const Constraint kSpan = {{}, {}, {}, false, true};
+Constraint between(int64_t least, int64_t most);
+Constraint named(const Constraint& names,
+                 Constraint constraint = kAny);  // a map whose names have a form
 
 class Reader {
   public:
@@ -36,83 +37,84 @@ class Reader {
     // map of such. Structures have a function keys(Reader&, T&). `out` keeps its value where the
     // key is missing; a list is replaced, a map added to.
     template <class T>
-    Reader& key(const char* name, T& out, const char* help, const Form& form = kAny) {
+    Reader& key(const char* name, T& out, const char* help, const Constraint& constraint = kAny) {
         if (schema_ != nullptr) {
             Schema& here = (*schema_)["properties"][name] = {{"description", help}};
-            here.update(schema_of(out, form));
+            here.update(schema_of(out, constraint));
             return *this;
         }
         known_.emplace_back(name);
         const auto found = entries_.find(name);
         last_ = found == entries_.end() ? nullptr : &found->second;
-        if (last_ != nullptr) take(*last_, out, form);
+        if (last_ != nullptr) read(*last_, out, constraint);
         return *this;
     }
 
     // Refuses the table unless at least, or exactly, one of these keys is given.
-    void needs_some(std::initializer_list<const char*> names) const { needs(names, SIZE_MAX); }
-    void needs_one(std::initializer_list<const char*> names) const { needs(names, 1); }
+    void require_any(std::initializer_list<const char*> names) const { require(names, SIZE_MAX); }
+    void require_one(std::initializer_list<const char*> names) const { require(names, 1); }
 
     // Refuses the last key, where it is given, unless this holds.
-    void must(bool holds, const std::string& why) const {
-        if (last_ != nullptr && !holds) last_->refuse(why);
+    void require_that(bool holds, const std::string& why) const {
+        if (last_ != nullptr && !holds) last_->reject(why);
     }
 
     // Refuses unknown keys.
     void finish() const;
 
   private:
-    void needs(std::initializer_list<const char*> names, size_t most) const;
+    void require(std::initializer_list<const char*> names, size_t most) const;
 
-    static void check(const Value& value, const std::string& text, const Form& form);
+    static void check(const Value& value, const std::string& text, const Constraint& constraint);
 
-    static void take(const Value& value, std::string& out, const Form& form);
-    static void take(const Value& value, int64_t& out, const Form& form);
-    static void take(const Value& value, bool& out, const Form&);
+    static void read(const Value& value, std::string& out, const Constraint& constraint);
+    static void read(const Value& value, int64_t& out, const Constraint& constraint);
+    static void read(const Value& value, bool& out, const Constraint&);
     template <class T>
-    static void take(const Value& value, std::optional<T>& out, const Form& form) {
-        take(value, out.emplace(), form);
+    static void read(const Value& value, std::optional<T>& out, const Constraint& constraint) {
+        read(value, out.emplace(), constraint);
     }
     template <class T>
-    static void take(const Value& value, std::vector<T>& out, const Form& form) {
+    static void read(const Value& value, std::vector<T>& out, const Constraint& constraint) {
         out.clear();
         for (const Value& item : value.items())
-            take(item, out.emplace_back(), form);
+            read(item, out.emplace_back(), constraint);
     }
     template <class T>
-    static void take(const Value& value, std::map<std::string, T>& out, const Form& form) {
+    static void read(const Value& value, std::map<std::string, T>& out,
+                     const Constraint& constraint) {
         for (const auto& [name, entry] : value.entries()) {
-            if (form.names != nullptr) check(entry, name, *form.names);
-            take(entry, out[name], form);
+            if (constraint.names != nullptr) check(entry, name, *constraint.names);
+            read(entry, out[name], constraint);
         }
     }
     template <class T>
-    static void take(const Value& value, T& out, const Form&) {
+    static void read(const Value& value, T& out, const Constraint&) {
         Reader inner(value);
         keys(inner, out);
         inner.finish();
     }
 
-    static Schema schema_of(std::string&, const Form& form);
-    static Schema schema_of(int64_t&, const Form& form);
-    static Schema schema_of(bool&, const Form&) { return {{"type", "boolean"}}; }
+    static Schema schema_of(std::string&, const Constraint& constraint);
+    static Schema schema_of(int64_t&, const Constraint& constraint);
+    static Schema schema_of(bool&, const Constraint&) { return {{"type", "boolean"}}; }
     template <class T>
-    static Schema schema_of(std::optional<T>&, const Form& form) {
+    static Schema schema_of(std::optional<T>&, const Constraint& constraint) {
         T value{};
-        return schema_of(value, form);
+        return schema_of(value, constraint);
     }
     template <class T>
-    static Schema schema_of(std::vector<T>&, const Form& form) {
+    static Schema schema_of(std::vector<T>&, const Constraint& constraint) {
         T item{};
-        return {{"type", "array"}, {"items", schema_of(item, form)}};
+        return {{"type", "array"}, {"items", schema_of(item, constraint)}};
     }
     template <class T>
-    static Schema schema_of(std::map<std::string, T>&, const Form& form) {
+    static Schema schema_of(std::map<std::string, T>&, const Constraint& constraint) {
         T item{};
-        return {{"type", "object"}, {"additionalProperties", schema_of(item, form)}};
+        return {{"type", "object"}, {"additionalProperties", schema_of(item, constraint)}};
     }
     template <class T>
-    static Schema schema_of(T& item, const Form&) {
+    static Schema schema_of(T& item, const Constraint&) {
         Schema schema = {{"type", "object"}, {"additionalProperties", false}};
         Reader inner(schema);
         keys(inner, item);

@@ -39,33 +39,36 @@ std::vector<std::string> content_names() {
     return names;
 }
 
-const Form kFileSize = between(0, kLargestFile), kWord = between(0, UINT32_MAX),
-           kSmall = between(0, INT32_MAX), kCount = between(1, INT32_MAX),
-           kPacket = between(0, 8192), kSigned = between(INT64_MIN, INT64_MAX);
+const Constraint kFileSize = between(0, kLargestFile), kWord = between(0, UINT32_MAX),
+                 kSmall = between(0, INT32_MAX), kCount = between(1, INT32_MAX),
+                 kPacket = between(0, 8192), kSigned = between(INT64_MIN, INT64_MAX);
 
 // No part of a path is empty, "." or "..", so that a run cannot leave the phone's directories.
 const std::string kPart = "(\\.?[^./][^/]*|\\.\\.[^/]+)";
 const std::string kPlainPart = "(\\.?[^[*?./][^[*?/]*|\\.\\.[^[*?/]+)";
-const Form kPhonePath = {
+const Constraint kPhonePath = {
         "the phone's: expected an absolute path without \"..\" in /data, /dev, "
         "/efs, /mnt or /sys",
         "/(data|dev|efs|mnt|sys)(/" + kPart + ")*/?"};
-const Form kFilePattern = {"a path without \"..\" whose last part alone may be a pattern",
-                           "/?(" + kPlainPart + "/)*" + kPart};
-const Form kMode = {"a mode of four octal digits, as \"0664\"", "[0-7]{4}"};
-const Form kPlace = {"a place: a word as \"0xA00D\", \"info\", \"reason\" or step.frame as \"1.3\"",
-                     "0x[0-9A-F]{4}|info|reason|[0-9]+\\.[0-9]+"};
-const Form kEnd = {"an end: \"waits\", \"parked\", \"limit\", \"upload\", \"stop\" or \"exit N\"",
-                   "waits|parked|limit|upload|stop|exit (1?[0-9]?[0-9]|2[0-4][0-9]|25[0-5])"};
-const Form kDate = {"a time as \"2020-10-01 12:30:00\"",
-                    "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"};
+const Constraint kFilePattern = {"a path without \"..\" whose last part alone may be a pattern",
+                                 "/?(" + kPlainPart + "/)*" + kPart};
+const Constraint kMode = {"a mode of four octal digits, as \"0664\"", "[0-7]{4}"};
+const Constraint kPlace = {
+        "a place: a word as \"0xA00D\", \"info\", \"reason\" or step.frame as \"1.3\"",
+        "0x[0-9A-F]{4}|info|reason|[0-9]+\\.[0-9]+"};
+const Constraint kEnd = {
+        "an end: \"waits\", \"parked\", \"limit\", \"upload\", \"stop\" or \"exit N\"",
+        "waits|parked|limit|upload|stop|exit (1?[0-9]?[0-9]|2[0-4][0-9]|25[0-5])"};
+const Constraint kDate = {"a time as \"2020-10-01 12:30:00\"",
+                          "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"};
 // Android's rule. Such a name is no path.
-const Form kProperty = {"a property's name", "[a-zA-Z0-9_:@-]+(\\.[a-zA-Z0-9_:@-]+)*"};
-const Form kProperties = named(kProperty), kPhoneFiles = named(kPhonePath),
-           kFillers = named(kPhonePath, kFileSize);
-const Form kModem = {"modem", "", {"tq720", "vk880"}}, kProgram = {"program", "", {"rvd-check"}},
-           kPanic = {"panic", "", {"upload", "returns"}};
-const Form kRegion = {"region", "", {std::begin(kRegionNames), std::end(kRegionNames)}};
+const Constraint kProperty = {"a property's name", "[a-zA-Z0-9_:@-]+(\\.[a-zA-Z0-9_:@-]+)*"};
+const Constraint kProperties = named(kProperty), kPhoneFiles = named(kPhonePath),
+                 kFillers = named(kPhonePath, kFileSize);
+const Constraint kModem = {"modem", "", {"tq720", "vk880"}},
+                 kProgram = {"program", "", {"rvd-check"}},
+                 kPanic = {"panic", "", {"upload", "returns"}};
+const Constraint kRegion = {"region", "", {std::begin(kRegionNames), std::end(kRegionNames)}};
 
 // Reads "NAME:SIZE@PLACE>PLACE#CHECKSUM"; false if it is something else.
 bool read_entry(const std::string& word, FirmwareEntry& entry) {
@@ -111,11 +114,13 @@ Time read_date(const std::string& text) {
 
 }  // namespace
 
-static void keys(Reader& reader, Turn& turn) {
-    reader.key("nth", turn.nth, "from which time on it applies (1)", kCount)
-            .key("count", turn.count, "to how many of them; 0: to all that follow (1)", kSmall)
-            .key("after", turn.after, "counted from this line of the daemon's log on (the start)")
-            .key("said", turn.said, "how often that line has been logged by then (1)", kCount);
+static void keys(Reader& reader, Trigger& trigger) {
+    reader.key("nth", trigger.nth, "from which time on it applies (1)", kCount)
+            .key("count", trigger.count, "to how many of them; 0: to all that follow (1)", kSmall)
+            .key("after", trigger.after,
+                 "counted from this line of the daemon's log on (the start)")
+            .key("said", trigger.after_count, "how often that line has been logged by then (1)",
+                 kCount);
 }
 
 // The table "phone".
@@ -148,23 +153,23 @@ static void keys(Reader& reader, Firmware& firmware) {
                "where wanted :size (512), @place in its file, >place in modem memory (one after "
                "the other), #checksum");
     const std::string why = read_table(table, firmware.entries);
-    reader.must(why.empty(), why);
+    reader.require_that(why.empty(), why);
     reader.key("truncate", firmware.truncate, "the partition ends after so many bytes", kWord)
             .key("image", firmware.image,
                  "a file that is the partition, its path beginning at the current directory")
-            .must(firmware.entries.empty() && !firmware.truncate,
-                  "an image leaves nothing to \"table\" and \"truncate\"");
+            .require_that(firmware.entries.empty() && !firmware.truncate,
+                          "an image leaves nothing to \"table\" and \"truncate\"");
     reader.key("nv_size", firmware.nv_size, "bytes in the NV file; -1: no file (its entry's)",
                between(-1, kLargestFile));
 }
 
 static void keys(Reader& reader, Answer& answer) {
-    static const Form request = {"request", "", request_names()};
+    static const Constraint request = {"request", "", request_names()};
     reader.key("request", answer.request, "its name, as \"POWER_ON\"", request)
             .key("result", answer.result, "result; negative: errno", kSigned)
-            .needs_one({"request"});
-    reader.needs_one({"result"});
-    keys(reader, answer.turn);
+            .require_one({"request"});
+    reader.require_one({"result"});
+    keys(reader, answer.trigger);
 }
 
 static void keys(Reader& reader, Region& region) {
@@ -193,7 +198,7 @@ static void keys(Reader& reader, DumpSetup& dump) {
 static void keys(Reader& reader, Quirk& quirk) {
     reader.key("at", quirk.at, "word (\"0xA00D\"), \"info\", \"reason\", or step.frame (\"1.3\")",
                kPlace)
-            .key("say", quirk.say, "another word, or another command word in the frame", kWord)
+            .key("say", quirk.word, "another word, or another command word in the frame", kWord)
             .key("curr_frame", quirk.curr_frame, "another frame number", kWord)
             .key("len", quirk.len, "another payload length word", kWord)
             .key("cut", quirk.cut, "only so many bytes of the packet", kPacket)
@@ -202,29 +207,30 @@ static void keys(Reader& reader, Quirk& quirk) {
             .key("twice", quirk.twice, "sent twice")
             .key("silent", quirk.silent, "never sent, and nothing after it")
             .key("hang_up", quirk.hang_up, "a hang-up instead")
-            .needs_one({"at"});
-    keys(reader, quirk.turn);
+            .require_one({"at"});
+    keys(reader, quirk.trigger);
 }
 
 static void keys(Reader& reader, Fault& fault) {
-    static const Form call = {"call", "", fault_calls()}, error = {"errno", "", errno_names()};
+    static const Constraint call = {"call", "", fault_calls()},
+                            error = {"errno", "", errno_names()};
     reader.key("call", fault.call, "system call: open, read, write, fsync, mkdir, mmap, ...", call)
             .key("path", fault.path, "only on paths that match (*)")
             .key("error", fault.error, "the errno it gives, as \"EIO\"", error)
             .key("cut", fault.cut, "a read or write of only so many bytes; 0: end of file")
             .key("hang_up", fault.hang_up, "the node hangs up under the call")
-            .needs_one({"call"});
-    reader.needs_one({"error", "cut", "hang_up"});
-    keys(reader, fault.turn);
+            .require_one({"call"});
+    reader.require_one({"error", "cut", "hang_up"});
+    keys(reader, fault.trigger);
 }
 
 static void keys(Reader& reader, Event& event) {
-    static const Form request = {"request", "", request_words(), true};
+    static const Constraint request = {"request", "", request_words(), true};
     reader.key("at", event.at, "when: this long after the start", kSpan)
             .key("waits", event.waits, "when: the daemon waits for an event")
             .key("line", event.line, "when: the daemon logs this")
             .key("request", event.request, "when: the driver or the link sees this", request)
-            .key("said", event.said, "when: how often it has come since the event before (1)",
+            .key("said", event.occurrence, "when: how often it has come since the event before (1)",
                  kCount)
             .key("upload", event.upload, "when: the device went to upload mode")
             .key("after", event.after, "and then so much later", kSpan)
@@ -233,12 +239,12 @@ static void keys(Reader& reader, Event& event) {
             .key("restart", event.restart, "the daemon is killed and started again")
             .key("reboot", event.reboot, "the device reboots: restart, properties fresh")
             .key("stop", event.stop, "the run ends here")
-            .needs_one({"at", "waits", "line", "request", "upload"});
-    reader.needs_some({"state", "set", "restart", "reboot", "stop"});
+            .require_one({"at", "waits", "line", "request", "upload"});
+    reader.require_any({"state", "set", "restart", "reboot", "stop"});
 }
 
 static void keys(Reader& reader, FileExpectation& file) {
-    static const Form content = {"content", "", content_names()};
+    static const Constraint content = {"content", "", content_names()};
     reader.key("path", file.path,
                "path, below the log directory where it begins with no slash; its last part may be "
                "a pattern",
@@ -250,11 +256,11 @@ static void keys(Reader& reader, FileExpectation& file) {
             .key("equals", file.equals,
                  "content: \"dump\", \"erased\", or a region's name; with a size, so much of it",
                  content)
-            .needs_one({"path"});
+            .require_one({"path"});
 }
 
 static void keys(Reader& reader, Expectations& expect) {
-    static const Form request = {"request", "", request_words(), true};
+    static const Constraint request = {"request", "", request_words(), true};
     reader.key("log", expect.log, "lines the daemon logs, in this order, others between")
             .key("no_log", expect.no_log, "lines it must not log")
             .key("times", expect.times, "how often it logs a line")
@@ -323,12 +329,12 @@ void add_defaults(Scenario& s) {
 // Refuses an end that the run cannot reach, and a case without expectations.
 void check_end(const Value& table, const Scenario& s) {
     if (table.entries().count("expect") == 0)
-        table.refuse("the case expects nothing; say so with expect.end = \"waits\"");
+        table.reject("the case expects nothing; say so with expect.end = \"waits\"");
     if (s.expect.end == "stop" && std::none_of(s.timeline.begin(), s.timeline.end(),
                                                [](const Event& event) { return event.stop; }))
-        table.refuse("the run cannot end with \"stop\": no event stops it");
+        table.reject("the run cannot end with \"stop\": no event stops it");
     if (s.expect.end == "upload" && s.driver.panic == "returns")
-        table.refuse("the run cannot end with \"upload\": the panic request returns");
+        table.reject("the run cannot end with \"upload\": the panic request returns");
 }
 
 Scenario read_case(const Value& table, const std::string& file) {
@@ -347,21 +353,21 @@ Scenario read_case(const Value& table, const std::string& file) {
 std::vector<Scenario> parse_scenarios(const std::string& text, const std::string& name) {
     toml::table base = parse_document(text, name);
     toml::node* const found = base.get("case");
-    if (found == nullptr) throw Unable(name + ":1: no [[case]] in this file");
-    if (!found->is_array()) Value{found}.refuse("each case begins with [[case]]");
+    if (found == nullptr) throw Error(name + ":1: no [[case]] in this file");
+    if (!found->is_array()) Value{found}.reject("each case begins with [[case]]");
     const toml::array cases = std::move(*found->as_array());
     base.erase("case");
     std::vector<Scenario> scenarios;
     for (const toml::node& item : cases) {
         const Value table = {&item, &base};
-        if (!item.is_table()) table.refuse("each case begins with [[case]]");
+        if (!item.is_table()) table.reject("each case begins with [[case]]");
         scenarios.push_back(read_case(table, name));
     }
     return scenarios;
 }
 
 std::vector<Scenario> read_scenarios(const std::string& path) {
-    if (access(path.c_str(), R_OK) != 0) fail_errno(path);
+    if (access(path.c_str(), R_OK) != 0) throw_errno(path);
     return parse_scenarios(read_file(path), path);
 }
 

@@ -16,33 +16,33 @@ constexpr char kLogDirectory[] = "/data/vendor/log/rvd";
 
 // Selects some of a series of equal things: `count` of them from the nth on (0: all). With `after`
 // the series begins after the `said`th line of the daemon's log that matches.
-struct Turn {
-    int64_t nth = 1, count = 1, said = 1;
+struct Trigger {
+    int64_t nth = 1, count = 1, after_count = 1;
     std::string after;
 
     // Counts one more, and returns whether it is selected.
-    bool takes() const {
-        if (!after.empty() && heard < said) return false;
+    bool fires() const {
+        if (!after.empty() && after_seen < after_count) return false;
         seen++;
         const bool now = seen >= nth && (count == 0 || seen < nth + count);
-        came = came || now;
+        fired = fired || now;
         return now;
     }
-    void hear(const std::string& line) const { heard += matches(after, line) ? 1 : 0; }
+    void note_line(const std::string& line) const { after_seen += matches(after, line) ? 1 : 0; }
 
     // The state of the run.
-    mutable int64_t seen = 0, heard = 0;
-    mutable bool came = false;
+    mutable int64_t seen = 0, after_seen = 0;
+    mutable bool fired = false;
 };
 
 // Counts one more for each of `things` that `applies`: the first whose turn has come, or null.
 template <class Thing, class Applies>
-const Thing* first_due(const std::vector<Thing>& things, const Applies& applies) {
-    const Thing* due = nullptr;
+const Thing* first_triggered(const std::vector<Thing>& things, const Applies& applies) {
+    const Thing* first = nullptr;
     for (const Thing& thing : things) {
-        if (applies(thing) && thing.turn.takes() && due == nullptr) due = &thing;
+        if (applies(thing) && thing.trigger.fires() && first == nullptr) first = &thing;
     }
-    return due;
+    return first;
 }
 
 // An entry of the firmware's table of contents, with defaults for what is not given.
@@ -60,7 +60,7 @@ struct Firmware {
 
 struct Answer {
     std::string request;
-    Turn turn;
+    Trigger trigger;
     int64_t result = 0;
 };
 
@@ -91,8 +91,8 @@ struct DumpSetup {
 // One deviation of the boot loader, at the packet it was about to send.
 struct Quirk {
     std::string at;
-    Turn turn;
-    std::optional<int64_t> say, curr_frame, len, cut;
+    Trigger trigger;
+    std::optional<int64_t> word, curr_frame, len, cut;
     int64_t extra = 0;
     Time late = 0;
     bool twice = false, silent = false, hang_up = false;
@@ -100,7 +100,7 @@ struct Quirk {
 
 struct Fault {
     std::string call, path = "*", error;
-    Turn turn;
+    Trigger trigger;
     std::optional<int64_t> cut;
     bool hang_up = false;
     enum class Stop { no, before, after } stop = Stop::no;  // the daemon, by whoever hears of it
@@ -111,7 +111,7 @@ struct Event {
     std::optional<Time> at;
     bool waits = false, upload = false;
     std::string line, request;
-    int64_t said = 1;  // how often, of a line or request
+    int64_t occurrence = 1;  // how often, of a line or request
     Time after = 0;
     // What.
     std::optional<int64_t> state;
@@ -168,16 +168,16 @@ struct Scenario {
 
 // The turns of everything that goes wrong around the daemon.
 template <class Visit>
-void for_each_turn(const Scenario& scenario, const Visit& visit) {
+void for_each_trigger(const Scenario& scenario, const Visit& visit) {
     for (const Fault& fault : scenario.faults)
-        visit(fault.turn);
+        visit(fault.trigger);
     for (const Answer& answer : scenario.driver.answers)
-        visit(answer.turn);
+        visit(answer.trigger);
     for (const Quirk& quirk : scenario.loader)
-        visit(quirk.turn);
+        visit(quirk.trigger);
 }
 
-// The cases of a file, or of a text as if it were the file `name`. Throws Unable with the file, the
+// The cases of a file, or of a text as if it were the file `name`. Throws Error with the file, the
 // line and what is allowed there.
 std::vector<Scenario> read_scenarios(const std::string& path);
 std::vector<Scenario> parse_scenarios(const std::string& text, const std::string& name);

@@ -10,14 +10,14 @@ namespace rvd::lab {
 
 // A directory that is locked while this object or a process that was forked from it lives. Phones
 // that are not kept share it: each is mounted there in a namespace of its own.
-class Workplace {
+class WorkDirectory {
   public:
     // The one named, which stays; where none is named, a temporary one, gone with this object.
-    // Throws Unable, also where another run has it.
-    explicit Workplace(const std::string& named);
-    ~Workplace();
-    Workplace(const Workplace&) = delete;
-    Workplace& operator=(const Workplace&) = delete;
+    // Throws Error, also where another run has it.
+    explicit WorkDirectory(const std::string& named);
+    ~WorkDirectory();
+    WorkDirectory(const WorkDirectory&) = delete;
+    WorkDirectory& operator=(const WorkDirectory&) = delete;
 
     const std::string& path() const { return path_; }
 
@@ -31,10 +31,10 @@ class Workplace {
 
 // A file for results. It is opened before the run and keeps its content until there are some; a
 // device or a pipe is written as it is. No link is followed that somebody else could have made.
-class Output {
+class OutputFile {
   public:
-    Output() = default;
-    explicit Output(const std::string& path);
+    OutputFile() = default;
+    explicit OutputFile(const std::string& path);
 
     explicit operator bool() const { return fd_ >= 0; }
     void write(const std::string& text) const;  // instead of what is there

@@ -1,4 +1,4 @@
-#include "lab/run/stage.h"
+#include "lab/run/backend.h"
 
 #include <fmt/format.h>
 #include <sys/wait.h>
@@ -11,15 +11,15 @@
 
 namespace rvd::lab {
 
-RunStage::RunStage(const Scenario& scenario, const Phone& phone, Story& story,
-                   const RunOptions& options)
+RunBackend::RunBackend(const Scenario& scenario, const Phone& phone, Story& story,
+                       const RunOptions& options)
     : scenario_(scenario),
       phone_(phone),
       story_(story),
       options_(options),
       modem_(make_modem({scenario, phone.partition(), *this, story})) {}
 
-std::map<int, std::string> RunStage::descriptors() const {
+std::map<int, std::string> RunBackend::descriptors() const {
     std::map<int, std::string> open;
     std::error_code none;
     for (const auto& entry :
@@ -31,7 +31,7 @@ std::map<int, std::string> RunStage::descriptors() const {
     return open;
 }
 
-void RunStage::run_due_events() {
+void RunBackend::run_due_events() {
     while (end_.empty() && !events_.empty() && events_.begin()->first <= now()) {
         const auto what = std::move(events_.begin()->second);
         events_.erase(events_.begin());
@@ -39,31 +39,31 @@ void RunStage::run_due_events() {
     }
 }
 
-void RunStage::check_patience() {
+void RunBackend::check_timeout() {
     if (std::chrono::steady_clock::now() - began_ <= std::chrono::seconds(options_.timeout)) return;
     story_.violation(fmt::format("the run took longer than {} s of real time", options_.timeout));
     stop("timeout");
 }
 
-void RunStage::enter_upload_mode() {
-    story_.tell("kernel", "", "panics: the device goes to upload mode");
+void RunBackend::enter_upload_mode() {
+    story_.add_message("kernel", "", "panics: the device goes to upload mode");
     if (!on_upload || !on_upload()) stop("upload");
 }
 
-void RunStage::tell_start() {
+void RunBackend::report_start() {
     std::string words = "starts the daemon: rvd";
     for (const std::string& argument : scenario_.args)
         words += " " + argument;
-    story_.tell("phone", "daemon", words);
+    story_.add_message("phone", "daemon", words);
 }
 
-void RunStage::take_end(int status) {
+void RunBackend::record_exit(int status) {
     end_ = WIFEXITED(status) ? fmt::format("exit {}", WEXITSTATUS(status))
                              : fmt::format("signal {}", WTERMSIG(status));
-    story_.tell("daemon", "", WIFEXITED(status) ? "exits" : "dies");
+    story_.add_message("daemon", "", WIFEXITED(status) ? "exits" : "dies");
 }
 
-void RunStage::check_opens(Node node, size_t open) {
+void RunBackend::check_open_count(Node node, size_t open) {
     // One descriptor for the event wait, and one for a boot or request.
     if (open > (node == Node::boot ? 2 : 1))
         story_.violation(fmt::format("the {} node is open {} times", node_name(node), open));

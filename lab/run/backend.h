@@ -16,9 +16,10 @@ namespace rvd::lab {
 class Phone;
 struct RunOptions;
 
-class RunStage : public Stage {
+class RunBackend : public Backend {
   public:
-    RunStage(const Scenario& scenario, const Phone& phone, Story& story, const RunOptions& options);
+    RunBackend(const Scenario& scenario, const Phone& phone, Story& story,
+               const RunOptions& options);
 
     Modem& modem() { return *modem_; }
 
@@ -34,7 +35,7 @@ class RunStage : public Stage {
 
     // Serves until the daemon exits ("exit N", "signal N"), waits without an end ("waits",
     // "parked"), reaches the limit ("limit"), or stop() is called. Ends the daemon.
-    virtual std::string serve() = 0;
+    virtual std::string run() = 0;
     void stop(const std::string& end) { end_ = end; }
 
     void later(Time delay, std::function<void()> what) override {
@@ -64,22 +65,22 @@ class RunStage : public Stage {
     std::function<bool()> on_upload;
 
     // Called before the machine itself goes down.
-    std::function<void(bool panics)> on_down;
+    std::function<void(bool panics)> on_machine_down;
 
     // A node that is open more often than the daemon needs is a violation.
-    void check_opens(Node node, size_t open);
+    void check_open_count(Node node, size_t open);
 
   protected:
     // The path of a descriptor of the daemon; "" where that can change at any time.
     virtual std::string path_of(int fd) const = 0;
 
     void run_due_events();
-    void check_patience();  // ends a run that takes too much real time
+    void check_timeout();  // ends a run that takes too much real time
     void enter_upload_mode();
-    void tell_start();
+    void report_start();
 
     // Takes the status that wait() gave for the daemon.
-    void take_end(int status);
+    void record_exit(int status);
 
     const Scenario& scenario_;
     const Phone& phone_;
@@ -92,12 +93,12 @@ class RunStage : public Stage {
 };
 
 // The gate between the daemon and its kernel, and the stage on this machine's own kernel. The phone
-// is built; the run began at `start`, and it is `now` on the phone. These throw Unable, the second
+// is built; the run began at `start`, and it is `now` on the phone. These throw Error, the second
 // also where the scenario wants of the kernel what a real one does not do on demand.
-std::unique_ptr<RunStage> make_gate(const Scenario& scenario, const Phone& phone, Story& story,
-                                    const RunOptions& options, Time start);
-std::unique_ptr<RunStage> make_device_stage(const Scenario& scenario, const Phone& phone,
-                                            Story& story, const RunOptions& options, Time start,
-                                            Time now);
+std::unique_ptr<RunBackend> make_gate(const Scenario& scenario, const Phone& phone, Story& story,
+                                      const RunOptions& options, Time start);
+std::unique_ptr<RunBackend> make_device_backend(const Scenario& scenario, const Phone& phone,
+                                                Story& story, const RunOptions& options, Time start,
+                                                Time now);
 
 }  // namespace rvd::lab

@@ -12,7 +12,7 @@ namespace rvd::lab {
 
 // Names the first unknown word, options first, with the nearest known one; otherwise the library's
 // own message.
-inline std::string complaint(const CLI::App& app, const CLI::ParseError& error) {
+inline std::string parse_error_message(const CLI::App& app, const CLI::ParseError& error) {
     std::vector<std::string> known;
     const auto chosen = app.get_subcommands();
     const std::vector<std::string> unknown = app.remaining(true);

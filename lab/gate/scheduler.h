@@ -10,7 +10,7 @@
 
 namespace rvd::lab {
 
-class Clock {
+class Scheduler {
   public:
     struct Thread {
         enum class State { runs, blocked, stopped, waits };
@@ -20,7 +20,7 @@ class Clock {
         Time deadline;  // of its wait
     };
 
-    explicit Clock(Time start) : start_(start), now_(start), last_activity_(start) {}
+    explicit Scheduler(Time start) : start_(start), now_(start), last_activity_(start) {}
 
     Time start() const { return start_; }
     Time now() const { return now_; }
@@ -33,12 +33,12 @@ class Clock {
     // The daemon, or one more thread, was started and has not made its first call.
     void restart() {
         threads_.clear();
-        births_ = 1;
+        expected_threads_ = 1;
         last_run_ = 0;
     }
 
-    void born() { births_++; }
-    void gone(pid_t tid) {
+    void expect_thread() { expected_threads_++; }
+    void remove(pid_t tid) {
         threads_.erase(
                 std::remove_if(threads_.begin(), threads_.end(),
                                [&](const Thread& thread) { return thread.call.tid() == tid; }),
@@ -46,16 +46,16 @@ class Clock {
     }
 
     // A thread stops at a call, waits in it, or resumes. A blocked one waits for another thread.
-    void arrive(const Call& call) {
+    void stop_at(const Call& call) {
         Thread* thread = find(call.tid());
         if (thread == nullptr) {
-            births_ = std::max(births_ - 1, 0);
+            expected_threads_ = std::max(expected_threads_ - 1, 0);
             thread = &threads_.emplace_back();
         }
         *thread = {call, Thread::State::stopped, kNever};
     }
 
-    void hold(const Call& call, Time deadline) {
+    void wait_in(const Call& call, Time deadline) {
         *find(call.tid()) = {call, Thread::State::waits, deadline};
     }
 
@@ -64,16 +64,16 @@ class Clock {
         last_run_ = tid;
     }
 
-    void block(pid_t tid) {
+    void set_blocked(pid_t tid) {
         if (Thread* thread = find(tid)) thread->state = Thread::State::blocked;
     }
 
     // No thread is running or starting, and not all are blocked.
-    bool at_rest() const {
+    bool is_quiescent() const {
         const bool able = std::any_of(threads_.begin(), threads_.end(), [](const Thread& thread) {
             return thread.state != Thread::State::blocked;
         });
-        return births_ == 0 && running() == 0 && able;
+        return expected_threads_ == 0 && running() == 0 && able;
     }
 
     // 0 if none is.
@@ -84,7 +84,7 @@ class Clock {
         return 0;
     }
 
-    bool knows(pid_t tid) { return find(tid) != nullptr; }
+    bool has(pid_t tid) { return find(tid) != nullptr; }
     const std::vector<Thread>& threads() const { return threads_; }  // in the order of their birth
 
     // The stopped thread to serve next: the one that ran last, or else the oldest; null if none.
@@ -119,7 +119,7 @@ class Clock {
 
     const Time start_;
     Time now_, last_activity_;
-    int births_ = 0;
+    int expected_threads_ = 0;
     std::vector<Thread> threads_;
     pid_t last_run_ = 0;
 };

@@ -3,7 +3,7 @@
 
 #include "lab/modem/modem.h"
 #include "lab/phone/phone.h"
-#include "lab/run/stage.h"
+#include "lab/run/backend.h"
 #include "lab/run/story.h"
 #include "lab/scenario/scenario.h"
 
@@ -11,10 +11,10 @@ namespace rvd::lab {
 
 class Timeline;
 
-struct Play {
+struct RunContext {
     Scenario& scenario;
     const Phone& phone;
-    RunStage& stage;
+    RunBackend& backend;
     Modem& modem;
     Story& story;
     const Timeline& timeline;

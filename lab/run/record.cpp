@@ -1,4 +1,4 @@
-#include "lab/campaign/conduct.h"
+#include "lab/run/record.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -7,9 +7,9 @@ namespace fs = std::filesystem;
 
 namespace rvd::lab {
 
-std::vector<std::string> open_paths(const RunStage& stage) {
+std::vector<std::string> open_paths(const RunBackend& backend) {
     std::vector<std::string> paths;
-    for (const auto& [fd, path] : stage.descriptors())
+    for (const auto& [fd, path] : backend.descriptors())
         paths.push_back(path);
     std::sort(paths.begin(), paths.end());
     return paths;

@@ -36,49 +36,49 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-constexpr char kRights[] =
+constexpr char kCapabilities[] =
         "cap_net_admin,cap_net_raw,cap_sys_admin,cap_sys_boot,cap_syslog,cap_block_suspend=ep";
-constexpr milliseconds kStill{400};     // a waiting daemon that is idle for so long has finished
+constexpr milliseconds kIdle{400};      // a waiting daemon that is idle for so long has finished
 constexpr time_t kParkedSeconds = 200;  // longer than any sleep within a pass
 
-void refuse_what_a_kernel_does_not(const Scenario& scenario) {
+void reject_gate_only_keys(const Scenario& scenario) {
     const char* what = !scenario.faults.empty()    ? "fault"
                        : !scenario.free_mb.empty() ? "free_mb"
                        : scenario.disk             ? "disk"
                        : scenario.ring             ? "ring"
                                                    : nullptr;
     if (what != nullptr)
-        throw Unable(scenario.name + ": \"" + what + "\" is the gate's to do, not a real kernel's");
+        throw Error(scenario.name + ": \"" + what + "\" is the gate's to do, not a real kernel's");
 }
 
 // Writes to a file of the kernel's.
-void tell_kernel(const char* path, const std::string& text) {
-    if (!(std::ofstream(path) << text << std::flush)) fail_errno(path);
+void write_kernel_file(const char* path, const std::string& text) {
+    if (!(std::ofstream(path) << text << std::flush)) throw_errno(path);
 }
 
 // Starts the daemon as init does: with the groups and the capabilities of its .rc file.
 void become_service() {
     const gid_t groups[] = {kRadio, kLogGroup};
-    const cap_t rights = cap_from_text(kRights);
-    for (cap_value_t right = 0; right < cap_max_bits(); right++) {
+    const cap_t capabilities = cap_from_text(kCapabilities);
+    for (cap_value_t capability = 0; capability < cap_max_bits(); capability++) {
         cap_flag_value_t kept = CAP_CLEAR;
-        cap_get_flag(rights, right, CAP_PERMITTED, &kept);
-        if (kept == CAP_CLEAR && right != CAP_SETUID) cap_drop_bound(right);
+        cap_get_flag(capabilities, capability, CAP_PERMITTED, &kept);
+        if (kept == CAP_CLEAR && capability != CAP_SETUID) cap_drop_bound(capability);
     }
     if (setgroups(std::size(groups), groups) != 0 || setgid(kRadio) != 0) _exit(127);
 }
 
-class DeviceStage : public RunStage {
+class DeviceBackend : public RunBackend {
   public:
-    DeviceStage(const Scenario& scenario, const Phone& phone, Story& story,
-                const RunOptions& options, Time start, Time now)
-        : RunStage(scenario, phone, story, options),
-          is_phone_(!options.notebook.empty()),
+    DeviceBackend(const Scenario& scenario, const Phone& phone, Story& story,
+                  const RunOptions& options, Time start, Time now)
+        : RunBackend(scenario, phone, story, options),
+          machine_is_phone_(!options.notebook.empty()),
           start_(start) {
-        refuse_what_a_kernel_does_not(scenario);
+        reject_gate_only_keys(scenario);
         const timespec time = {now / kSecond, now % kSecond};
-        if (is_phone_ && clock_settime(CLOCK_REALTIME, &time) != 0)
-            fail_errno("cannot set the clock");
+        if (machine_is_phone_ && clock_settime(CLOCK_REALTIME, &time) != 0)
+            throw_errno("cannot set the clock");
         put_node(boot_path_, 0660, kRadio);
         put_node(dump_path_, 0660, kRadio);
         put_node("/dev/kmsg", 0600, 0);
@@ -86,7 +86,7 @@ class DeviceStage : public RunStage {
             chmod(phone_.path(file).c_str(), 0664);  // for the group that the daemon starts in
         const std::string prepare = options_.prepare + " " + phone_.root();
         if (!options_.prepare.empty() && system(prepare.c_str()) != 0)
-            throw Unable("failed: " + prepare);
+            throw Error("failed: " + prepare);
         sync();  // so that a panic cannot lose the phone's first files
         android_start_ = read_file(phone_.path(kAndroidLog)).size();
     }
@@ -94,29 +94,29 @@ class DeviceStage : public RunStage {
     void start_daemon() override {
         end_daemon();
         pid_ = fork();
-        if (pid_ < 0) fail_errno("cannot fork");
+        if (pid_ < 0) throw_errno("cannot fork");
         if (pid_ == 0) phone_.become_daemon(become_service);
         pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
         checked_ = false;
-        tell_start();
+        report_start();
     }
 
     bool reboot() override {
-        if (!is_phone_) return RunStage::reboot();
+        if (!machine_is_phone_) return RunBackend::reboot();
         drain_kernel_log();
         check_logs();
-        if (on_down) on_down(false);
+        if (on_machine_down) on_machine_down(false);
         end_ = "reboot";
         return false;
     }
 
-    std::string serve() override {
+    std::string run() override {
         while (end_.empty()) {
             drain_kernel_log();
             run_due_events();
-            if (end_.empty()) wait_for_something();
-            if (end_.empty()) notice_end();
-            check_patience();
+            if (end_.empty()) wait_for_activity();
+            if (end_.empty()) detect_end();
+            check_timeout();
         }
         drain_kernel_log();
         if (end_ != "reboot") check_logs();
@@ -129,7 +129,7 @@ class DeviceStage : public RunStage {
     // Threads that save logs open and close descriptors at any time.
     std::string path_of(int fd) const override {
         std::error_code none;
-        if (!alone()) return "";
+        if (!is_single_threaded()) return "";
         const std::string link = proc(("fd/" + std::to_string(fd)).c_str());
         const std::string path = phone_.inside(fs::read_symlink(link, none));
         return path == boot_path_ ? "/dev/boot" : path == dump_path_ ? "/dev/dump" : path;
@@ -142,14 +142,14 @@ class DeviceStage : public RunStage {
 
     void hang_up(Node node) override { at(node).hang_up(); }
 
-    void end_hang_up() override {
+    void clear_hang_up() override {
         for (DeviceNode& node : nodes_)
-            node.end_hang_up();
+            node.clear_hang_up();
     }
 
-    void flush(Node node) override { at(node).flush(); }
-    void pump(Node node) override { at(node).pump(); }
-    void panic() override { panics_ = true; }
+    void discard_unread(Node node) override { at(node).discard_unread(); }
+    void send_packets(Node node) override { at(node).send_packets(); }
+    void panic() override { panic_pending_ = true; }
 
   private:
     DeviceNode& at(Node node) { return nodes_[node == Node::dump]; }
@@ -162,10 +162,10 @@ class DeviceStage : public RunStage {
         write_file(place, "");
         if (mount(path.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
             chmod(place.c_str(), mode) != 0 || chown(place.c_str(), owner, owner) != 0)
-            fail_errno("cannot give the phone " + path);
+            throw_errno("cannot give the phone " + path);
     }
 
-    void wait_for_something() {
+    void wait_for_activity() {
         const Time next = events_.empty() ? kNever : events_.begin()->first - now();
         pollfd set[] = {{nodes_[0].fd(), POLLIN, 0},
                         {nodes_[1].fd(), POLLIN, 0},
@@ -180,7 +180,7 @@ class DeviceStage : public RunStage {
         if (!end_.empty() || set[3].revents == 0 || waitpid(pid_, &status, 0) != pid_) return;
         drain_kernel_log();
         pid_ = -1;
-        take_end(status);
+        record_exit(status);
     }
 
     void serve_node(Node which) {
@@ -189,27 +189,27 @@ class DeviceStage : public RunStage {
         const bool waited = node.awaits_hang_up();
         last_activity_ = Clock::now();
         drain_kernel_log();
-        node.serve();
+        node.process_message();
         if (node.opens() > opens) {
-            check_rights();
-            check_opens(which, node.opens());
+            check_identity();
+            check_open_count(which, node.opens());
         }
-        if (panics_) return go_down();
+        if (panic_pending_) return enter_panic();
         node.answer();
         if (!waited && node.awaits_hang_up() && on_wait) on_wait();
     }
 
     // The kernel's crash record does not name the reason, so it is logged first. The request is
     // never answered.
-    void go_down() {
-        panics_ = false;
-        tell_kernel("/dev/kmsg", "<0>rvd-lab: panic: " + story_.crash_sentence + "\n");
+    void enter_panic() {
+        panic_pending_ = false;
+        write_kernel_file("/dev/kmsg", "<0>rvd-lab: panic: " + story_.panic_reason + "\n");
         drain_kernel_log();
         enter_upload_mode();
-        if (!is_phone_) return;
+        if (!machine_is_phone_) return;
         check_logs();
-        if (on_down) on_down(true);
-        tell_kernel("/proc/sysrq-trigger", "c");
+        if (on_machine_down) on_machine_down(true);
+        write_kernel_file("/proc/sysrq-trigger", "c");
     }
 
     void drain_kernel_log() {
@@ -221,9 +221,10 @@ class DeviceStage : public RunStage {
     }
 
     // The run ends when no event is pending and only the daemon's main thread is left, waiting.
-    void notice_end() {
+    void detect_end() {
         if (now() > start_ + scenario_.limit) end_ = "limit";
-        if (!end_.empty() || !events_.empty() || Clock::now() - last_activity_ < kStill || !alone())
+        if (!end_.empty() || !events_.empty() || Clock::now() - last_activity_ < kIdle ||
+            !is_single_threaded())
             return;
         if (nodes_[0].awaits_hang_up() || nodes_[1].awaits_hang_up()) {
             end_ = "waits";
@@ -233,7 +234,7 @@ class DeviceStage : public RunStage {
     }
 
     // Whether the main thread is the only one: a directory has two links more than directories.
-    bool alone() const {
+    bool is_single_threaded() const {
         std::error_code none;
         return fs::hard_link_count(proc("task"), none) == 3;
     }
@@ -257,21 +258,21 @@ class DeviceStage : public RunStage {
             pollfd set[] = {
                     {nodes_[0].fd(), POLLIN, 0}, {nodes_[1].fd(), POLLIN, 0}, {pidfd_, POLLIN, 0}};
             for (DeviceNode& node : nodes_)
-                node.abandon();
+                node.fail_pending();
             poll(set, std::size(set), -1);
             for (size_t i = 0; i < std::size(nodes_); i++) {
-                if (set[i].revents != 0) nodes_[i].serve();
+                if (set[i].revents != 0) nodes_[i].process_message();
             }
             if (set[2].revents != 0 && waitpid(pid_, nullptr, 0) == pid_) pid_ = -1;
         }
         for (DeviceNode& node : nodes_)
-            node.abandon();
+            node.fail_pending();
         if (pidfd_ >= 0) close(pidfd_);
         pidfd_ = -1;
     }
 
     // Once for each daemon.
-    void check_rights() {
+    void check_identity() {
         if (std::exchange(checked_, true)) return;
         const auto& args = scenario_.args;
         const auto option = std::find(args.begin(), args.end(), "-o");
@@ -279,8 +280,9 @@ class DeviceStage : public RunStage {
         const char* user = root ? "\nUid:\t0\t0\t0\t0\n" : "\nUid:\t1001\t1001\t1001\t1001\n";
         if (read_file(proc("status")).find(user) == std::string::npos)
             story_.violation(std::string("the daemon's user is not") + user);
-        const std::string rights = cap_to_text(cap_get_pid(pid_), nullptr);
-        if (!root && rights != kRights) story_.violation("the daemon's capabilities are " + rights);
+        const std::string capabilities = cap_to_text(cap_get_pid(pid_), nullptr);
+        if (!root && capabilities != kCapabilities)
+            story_.violation("the daemon's capabilities are " + capabilities);
     }
 
     void check_logs() {
@@ -293,7 +295,7 @@ class DeviceStage : public RunStage {
         return "/proc/" + std::to_string(pid_) + "/" + file;
     }
 
-    const bool is_phone_;  // the machine
+    const bool machine_is_phone_;  // the machine
     const Time start_;
     const std::string boot_path_ = "/dev/" + scenario_.prefix() + "_boot0";
     const std::string dump_path_ = "/dev/" + scenario_.prefix() + "_ramdump0";
@@ -301,16 +303,16 @@ class DeviceStage : public RunStage {
     KernelLog kernel_log_;
     size_t android_start_;  // of the daemon's lines in the Android log
     int pid_ = -1, pidfd_ = -1;
-    bool checked_ = false, panics_ = false;
+    bool checked_ = false, panic_pending_ = false;
     Clock::time_point last_activity_ = Clock::now();
 };
 
 }  // namespace
 
-std::unique_ptr<RunStage> make_device_stage(const Scenario& scenario, const Phone& phone,
-                                            Story& story, const RunOptions& options, Time start,
-                                            Time now) {
-    return std::make_unique<DeviceStage>(scenario, phone, story, options, start, now);
+std::unique_ptr<RunBackend> make_device_backend(const Scenario& scenario, const Phone& phone,
+                                                Story& story, const RunOptions& options, Time start,
+                                                Time now) {
+    return std::make_unique<DeviceBackend>(scenario, phone, story, options, start, now);
 }
 
 }  // namespace rvd::lab
