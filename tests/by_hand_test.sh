@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# scripts/build-device with a stand-in for an NDK: a toolchain file of the same name, with Debian's cross
-# compiler behind it. What an NDK's own compiler and headers say is not tried.
+# scripts/build-device with a fake NDK: a toolchain file of the same name that uses Debian's cross compiler.
+# The compiler and headers of a real NDK are not tested.
 #
 #   by_hand_test.sh
 set -uo pipefail

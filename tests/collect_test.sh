@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# scripts/collect against a phone that is a directory, with an adb that runs its commands there.
+# scripts/collect with a fake adb that runs the commands in a directory.
 #
 #   tests/collect_test.sh BUILD-DIRECTORY SOURCE-DIRECTORY
 set -uo pipefail
@@ -23,7 +23,7 @@ printf '#!/bin/sh\necho "D/boot: rvd: main: x"\n' >tools/logcat
 chmod +x bin/adb tools/*
 export PATH=$work/bin:$PATH PHONE='' TOOLS=$work/tools TMPDIR=$work
 "$build/rvd-lab" run --story --root phone --case 'tq720 crashes and*' "$scenarios" >/dev/null ||
-    fail "there is no phone"
+    fail "the virtual phone did not run"
 saved=phone/data/vendor/log/rvd
 
 expect 2 'no phone answers' "$collect"
@@ -39,7 +39,7 @@ for part in getprop.txt dmesg.txt logcat_radio.txt 'rvd '; do
 done
 expect 0 'out:prefetch abort in task L1C' "$build/rvd-report" all.tar.gz
 
-# What cannot be had is named; a file that changes meanwhile too.
+# The manifest names what could not be collected; a file that changes during the copy is listed.
 cp tools/dmesg dmesg
 printf '#!/bin/sh\nexit 1\n' >tools/dmesg
 expect 1 'out:^dmesg.txt +FAILED' "$collect" -o some.tar.gz
@@ -50,7 +50,7 @@ chmod +x tools/find
 expect 1 'out:^rvd/sr_info_umts$' "$collect" -o changed.tar.gz
 rm tools/find
 
-# The quota: whole crashes, the oldest first; the latest, records and what waits stay.
+# The quota removes whole crashes, oldest first; the latest crash and all silent-reset records stay.
 mkdir -p "$saved/err"
 echo waits >"$saved/err/last_sr_info_umts"
 for name in cpcrash_umts_dump_20190101-0001 cpcrash_umts_log_20190101-0001 \
@@ -59,13 +59,13 @@ for name in cpcrash_umts_dump_20190101-0001 cpcrash_umts_log_20190101-0001 \
 done
 before=$(find "$saved" -type f | wc -l)
 expect 0 'out:would remove rvd/cpcrash_umts_dump_20190101-0001.log' "$collect" -o q.tar.gz --quota 6
-! grep -q 20190202 out || fail "more than the quota asks for: $(cat out)"
-[[ $(find "$saved" -type f | wc -l) == "$before" ]] || fail "removed unasked"
+! grep -q 20190202 out || fail "would remove more than needed: $(cat out)"
+[[ $(find "$saved" -type f | wc -l) == "$before" ]] || fail "removed files without --remove"
 expect 0 'out:removed rvd/cpcrash_umts_klog_after_201901010001_59.log' "$collect" -o q.tar.gz --quota 6 --remove
-[[ $(find "$saved" -type f | wc -l) == $((before - 3)) ]] || fail "removed others"
+[[ $(find "$saved" -type f | wc -l) == $((before - 3)) ]] || fail "removed other files"
 expect 0 'out:are left' "$collect" -o q.tar.gz --quota 0 --remove
 [[ -e $saved/sr_info_umts && -e $saved/err/last_sr_info_umts && ! -e $saved/cpcrash_umts_dump_20190202-0002.log ]] ||
     fail "quota 0 left $(ls "$saved")"
 compgen -G "$saved/cpcrash_umts_dump_20*.log" >/dev/null || fail "the latest crash is gone"
 
-verdict "evidence is collected and vacuumed as expected"
+verdict "evidence is collected, and removed down to the quota"

@@ -13,7 +13,7 @@ class CommandLine : public Phone {
         for (std::string& each : words)
             argv.push_back(each.data());
         argv.push_back(nullptr);
-        testing::internal::CaptureStderr();  // the C library's own words about wrong options
+        testing::internal::CaptureStderr();  // getopt's messages
         const int result = Container::parseArgs(static_cast<int>(words.size()), argv.data());
         testing::internal::GetCapturedStderr();
         return result;
@@ -31,20 +31,20 @@ class CommandLine : public Phone {
     }
 };
 
-TEST_F(CommandLine, OptionsApplyInTheirOrder) {
-    const std::string node(26, 'n');  // the longest that fits behind "/dev/"
+TEST_F(CommandLine, AppliesOptionsInOrder) {
+    const std::string node(26, 'n');  // the longest that fits after "/dev/"
     const std::string name(511 - strlen("/dev/block/"), 'p');
     const struct {
         std::string words;
         int result;
-        std::string holds;  // among the arguments
-        std::string line;   // the last one logged; ".": not looked at
+        std::string holds;  // part of the arguments
+        std::string line;   // the last one logged; ".": not checked
     } cases[] = {
             {"-t tq720", 0,
              "modem=1 boot=9 daemon=0 options=0 main=9 stages=5012 part=/dev/block/by-name/modem "
              "nv=/mnt/vendor/efs/nv_data.bin dump=/dev/umts_ramdump0 device=/dev/umts_boot0 ",
              "TQ720 modem"},
-            {"-t vk880xyz", 0,  // five characters count
+            {"-t vk880xyz", 0,  // only five characters count
              "modem=2 boot=3 daemon=0 options=0 main=11 stages=6102 part=/dev/block/by-name/modem "
              "nv=/mnt/vendor/efs/nv_5g_data.bin dump=/dev/nr_ramdump0 device=/dev/nr_boot0 ",
              "VK880 modem"},
@@ -74,7 +74,7 @@ TEST_F(CommandLine, OptionsApplyInTheirOrder) {
             {"-B " + node + "n -d", 1, "daemon=0", "."},
             {"-D " + node, 0, "dump=/dev/" + node + " ", "."},
             {"-D " + node + "n -d", 1, "daemon=0", "."},
-            // Links; the letter is the first character.
+            // Links: only the first character counts.
             {"-b dz", 0, "boot=2 ", "boot dpram link"},
             {"-b s", 0, "boot=3 ", "boot spi link"},
             {"-b h", 0, "boot=5 ", "boot hsic link"},
@@ -106,7 +106,7 @@ TEST_F(CommandLine, OptionsApplyInTheirOrder) {
     }
 }
 
-TEST_F(CommandLine, APathIsLoggedAsGivenAndAsUsed) {
+TEST_F(CommandLine, LogsAPathAsGivenAndAsUsed) {
     const std::pair<const char*, Lines> cases[] = {
             {"-B x1", {"set boot_node : x1", "boot_node : /dev/x1"}},
             {"-D x1", {"set dump_node : x1", "dump_node : /dev/x1"}},
@@ -125,7 +125,7 @@ TEST_F(CommandLine, APathIsLoggedAsGivenAndAsUsed) {
     }
 }
 
-TEST_F(CommandLine, ATestActionRunsAndEndsParsing) {
+TEST_F(CommandLine, RunsATestActionAndStopsParsing) {
     const std::string test_dir = std::string(kLogDir) + "/test";
     const Lines kept = {"dmesg_nr.log", "dmesg_umts_1.log", "dumpstate_nr_1"};
     fs::create_directories(test_dir);
@@ -145,13 +145,13 @@ TEST_F(CommandLine, ATestActionRunsAndEndsParsing) {
     EXPECT_THAT(said(), ElementsAre("remove_logs: remove logs under " + test_dir,
                                     "remove_logs: DIR doesn't exist " + test_dir));
 
-    // A count outside 1 to 4 is not handed over: the last one stays.
+    // A count outside 1 to 4 is not written: the last one stays.
     const std::pair<const char*, const char*> counts[] = {
             {"=1", "1"}, {"=4", "4"}, {"=0", "4"}, {"=5", "4"}};
-    for (const auto& [factory, handed_over] : counts) {
+    for (const auto& [factory, written] : counts) {
         write_file("/efs/factory.prop", factory);
         EXPECT_EQ(parse("-t tq720 -T 3"), PARSE_TEST);
-        EXPECT_EQ(read_file("/sys/devices/platform/lnkm/sim/ds_detect"), handed_over);
+        EXPECT_EQ(read_file("/sys/devices/platform/lnkm/sim/ds_detect"), written);
     }
     said();
     EXPECT_EQ(parse("-T 4"), PARSE_TEST);

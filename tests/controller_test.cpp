@@ -1,4 +1,4 @@
-// The controllers' own requests to the driver, and the copies they make of modem memory.
+// The controllers' requests to the driver, and the region files that they write.
 #include "bootdump/BootDumpExt.h"
 #include "bootdump/BootDumpModap.h"
 #include "srinfo/Srinfo.h"
@@ -15,9 +15,9 @@ class Controller : public Phone {
     static BootDump& modem() { return *Container::getBootDump(); }
     static BootDumpModap& integrated() { return static_cast<BootDumpModap&>(modem()); }
 
-    // A stage of the plan that is read from a file of `held` bytes, at offset 3.
-    void plan_stage(unsigned stage, uint32_t size, size_t held) {
-        write_file(path("image"), "..." + pattern(held));
+    // Plans a stage of `size` bytes at offset 3 of a file that has only `available` bytes there.
+    void plan_stage(unsigned stage, uint32_t size, size_t available) {
+        write_file(path("image"), "..." + pattern(available));
         const int fd = open(path("image").c_str(), O_RDONLY | O_CLOEXEC);
         boot().fd[BOOT_FD_PARTITION] = fd;
         boot().dload[stage] = {stage, 0, 0, 0, 0, fd, 3, 0x1000, size, 0, 0};
@@ -34,7 +34,7 @@ class Controller : public Phone {
         });
     }
 
-    // The dump node delivers a region of `size` bytes by the modem's script.
+    // Copies a region of `size` bytes, which the dump node delivers as the script says.
     int copy_region(const std::string& name, uint32_t size, const std::string& script) {
         driver().expect<cp_log_dump>(IOCTL_GET_LOG_DUMP, [&](cp_log_dump& region) {
             EXPECT_EQ(std::string(region.name, 32),
@@ -48,7 +48,7 @@ class Controller : public Phone {
     }
 };
 
-TEST_F(Controller, RecordsAreClosedFromTheBeginningAndAfterEveryUse) {
+TEST_F(Controller, StartsWithClosedRecordsAndClosesThemAfterUse) {
     for (const char* type : {"tq720", "vk880"}) {
         use_modem(type);
         const auto is_closed = [](auto& record) {
@@ -73,7 +73,7 @@ TEST_F(Controller, RecordsAreClosedFromTheBeginningAndAfterEveryUse) {
     }
 }
 
-TEST_F(Controller, AnImageGoesToTheDriverInChunksThatEndWithAPartialOne) {
+TEST_F(Controller, LoadsAnImageInChunksOfWhichTheLastIsPartial) {
     for (const uint32_t size : {0u, 3u, kImageChunk - 1, kImageChunk, kImageChunk + 1}) {
         SCOPED_TRACE(size);
         plan_stage(2, size, size + 1);
@@ -86,7 +86,7 @@ TEST_F(Controller, AnImageGoesToTheDriverInChunksThatEndWithAPartialOne) {
     }
 }
 
-TEST_F(Controller, AnImageThatCannotBeLoadedFailsItsStage) {
+TEST_F(Controller, ReportsAnImageThatCannotBeLoaded) {
     const std::string tag = "load_cp_image_by_stage: ERR! ";
     plan_stage(2, kImageChunk + 9, kImageChunk + 8);
     expect_chunk(pattern(kImageChunk), kImageChunk + 9, 0x1000);
@@ -103,7 +103,7 @@ TEST_F(Controller, AnImageThatCannotBeLoadedFailsItsStage) {
     EXPECT_EQ(last_said(), "! " + tag + "lseek fail at stage 2");
 }
 
-TEST_F(Controller, WithoutMemoryAStepFailsWithItsMessage) {
+TEST_F(Controller, ReportsAFailedAllocationInEachStep) {
     const struct {
         const char* type;
         std::function<int()> step;
@@ -135,7 +135,7 @@ TEST_F(Controller, WithoutMemoryAStepFailsWithItsMessage) {
     }
 }
 
-TEST_F(Controller, LoadedBeforeIsTheFirstByteOfItsProperty) {
+TEST_F(Controller, SkipsAStageWhenThePropertyBeginsWithOne) {
     for (const unsigned value : {0x30u, 0x31u, 0xFFu}) {
         boot().max_stage = 0;
         boot().dload[0].skip_if_sent = 1;
@@ -146,7 +146,7 @@ TEST_F(Controller, LoadedBeforeIsTheFirstByteOfItsProperty) {
     }
 }
 
-TEST_F(Controller, AnImageOfAnotherDeviceRebootsTheDevicesOfTwoCarriers) {
+TEST_F(Controller, RebootsForAnInvalidImageOnTheDevicesOfTwoCarriers) {
     const int invalid[] = {0x00FEED02, 0x00FEED04, static_cast<int>(0xFEED0002), 0x00050E00};
     for (const uint32_t mode : {0u, 1u, 2u, 7u, 12u}) {
         for (const int code :
@@ -170,13 +170,13 @@ TEST_F(Controller, AnImageOfAnotherDeviceRebootsTheDevicesOfTwoCarriers) {
     }
 }
 
-TEST_F(Controller, ARegionIsCopiedAsItComesAndEndsAtItsSize) {
+TEST_F(Controller, CopiesARegionUpToItsAnnouncedSize) {
     const struct {
-        uint32_t size;  // as the driver says
+        uint32_t size;  // announced
         const char* script;
         int result;
         size_t saved;
-        const char* line;  // how the last one ends
+        const char* line;  // end of the last line
     } cases[] = {
             {0, "", 0, 0, "Complete! (0 bytes)"},
             {2048 + 904, "<T:0 <R:2047 <R:904", 904, 2952, "Complete! (2952 bytes)"},

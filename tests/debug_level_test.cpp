@@ -1,4 +1,4 @@
-// The two debug values: the kernel command line, and the property that overrides it.
+// Debug level and debug option, from the kernel command line and the property that overrides it.
 #include <atomic>
 #include <thread>
 
@@ -10,13 +10,13 @@ namespace {
 using DebugLevel = Phone;
 using ThreadsDebugLevel = Phone;
 
-TEST_F(DebugLevel, TheFirstKeyWithAKnownValueDecides) {
+TEST_F(DebugLevel, IsSetByTheFirstKeyWithAKnownValue) {
     const std::string filler(1023 - strlen("a=b androidboot.debug_level=0x4948"), 'f');
     const struct {
         int before;
         int after;
         std::string cmdline;
-        std::string line;  // among those logged
+        std::string line;  // one of those logged
     } cases[] = {
             {0, 2, "androidboot.debug_level=0x4948 androidboot.force_upload=0x5\n",
              "androidboot.debug_level=0x4948, 2"},
@@ -43,7 +43,7 @@ TEST_F(DebugLevel, TheFirstKeyWithAKnownValueDecides) {
             {0, 0, "xandroidboot.debug_level=0x4948", ""},
             {0, 0, filler + " a=b androidboot.debug_level=0x494", ""},
             {0, 2, filler.substr(1) + " a=b androidboot.debug_level=0x4948", ""},
-            {0, 0, filler + " a=b androidboot.debug_level=0x4948", ""},  // cut by one byte
+            {0, 0, filler + " a=b androidboot.debug_level=0x4948", ""},  // one byte too long
             {0, 0, "", ""},
             {1, 1, "\n", "debug level=1, cp_debug=0"},
     };
@@ -61,7 +61,7 @@ TEST_F(DebugLevel, TheFirstKeyWithAKnownValueDecides) {
     }
 }
 
-TEST_F(ThreadsDebugLevel, ALevelThatALaterKeyOverrulesIsNeverVisible) {
+TEST_F(ThreadsDebugLevel, NeverShowsALevelThatALaterKeyOverrides) {
     write_file(kCmdline, "androidboot.debug_level=0x4f4c androidboot.force_upload=0x5");
     std::atomic<bool> done{false};
     int lowest = 1;
@@ -76,12 +76,12 @@ TEST_F(ThreadsDebugLevel, ALevelThatALaterKeyOverrulesIsNeverVisible) {
     EXPECT_EQ(lowest, 1);
 }
 
-TEST_F(DebugLevel, ThePropertyOverridesTheKernelsModemOption) {
+TEST_F(DebugLevel, TakesTheDebugOptionFromThePropertyFirst) {
     const struct {
         const char* word;      // of the kernel command line
         const char* property;  // "": not set
         int after;             // 7 before
-        const char* line;      // null: the word's own
+        const char* line;      // "": none; null: the two lines for the word
     } cases[] = {
             {"kro_debug.cp=2", "4", 4, "cp_debug=7 overwritten by prop=4"},
             {"kro_debug.cp=2", "0", 0, "cp_debug=7 overwritten by prop=0"},

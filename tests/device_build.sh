@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# A device build must use the platform's own properties and log: configures one and looks at what it
-# would compile and link.
+# A device build must use the platform's own properties and log: configures one and checks what it would
+# compile and link.
 #
 #   device_build.sh CMAKE SOURCE_DIR BUILD_DIR
 set -euo pipefail
@@ -11,7 +11,7 @@ rm -rf "$build"
 
 failed=0
 if grep -nF "$source/platform/" "$build/compile_commands.json"; then
-    echo "a device build compiles or includes the stand-ins"
+    echo "a device build uses files of platform/"
     failed=1
 fi
 link=$(ninja -C "$build" -t commands rvd | grep -- '-o rvd ' || true)

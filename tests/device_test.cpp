@@ -1,4 +1,4 @@
-// What the daemon asks of the device around the modem: NV files, factory file, carrier, reboot.
+// The device around the modem: NV files, factory file, carrier, reboot.
 #include "tests/support/phone.h"
 #include "util/Util.h"
 
@@ -10,7 +10,7 @@ class Device : public Phone {
     ProtocolVelo protocol_;
 };
 
-TEST_F(Device, AMissingNvFileIsMadeErasedWhateverItsSize) {
+TEST_F(Device, CreatesAMissingNvFileErasedInOneWriteOrInBlocks) {
     constexpr int kSize = 3 * 64 * 1024 + 1;
     const std::string nv = path("nv");
     int fd = -2;
@@ -47,10 +47,10 @@ TEST_F(Device, AMissingNvFileIsMadeErasedWhateverItsSize) {
         EXPECT_EQ(Util::create_empty_nv(nv.c_str(), kSize), -14);
     }
     EXPECT_EQ(last_said(), "! create_empty_nv: NV(" + nv + ") write fail");
-    EXPECT_EQ(read_file(nv).size(), size_t{kSize} - 1);  // later boots use it as it is
+    EXPECT_EQ(read_file(nv).size(), size_t{kSize} - 1);
 }
 
-TEST_F(Device, AnNvFileIsOpenedAsItIsOrRefused) {
+TEST_F(Device, OpensAnNvFileOrReportsWhyNot) {
     write_file(path("there"), "short");
     fs::create_symlink(path("loop"), path("loop"));
     const auto kNormal = CP_BOOT_MODE_NORMAL;
@@ -60,7 +60,7 @@ TEST_F(Device, AnNvFileIsOpenedAsItIsOrRefused) {
         int size;
         bool result;
         int fd;       // -2: nothing stored; 0: an open one
-        Lines lines;  // "@" is the path; none: not looked at
+        Lines lines;  // "@" is the path; none: not checked
     } cases[] = {
             {path("there"), kNormal, 99, true, 0, {}},
             {path("there"), CP_BOOT_MODE_DUMP, 99, true, -1, {}},
@@ -100,7 +100,7 @@ TEST_F(Device, AnNvFileIsOpenedAsItIsOrRefused) {
     EXPECT_EQ(read_file(path("there")), "short");
 }
 
-TEST_F(Device, TheSimCountIsBehindTheFirstEqualsSign) {
+TEST_F(Device, ReadsTheSimCountAfterTheFirstEqualsSign) {
     const struct {
         std::string content;
         int result;
@@ -130,7 +130,7 @@ TEST_F(Device, TheSimCountIsBehindTheFirstEqualsSign) {
     EXPECT_EQ(last_said(), "! get_factory_prop: /efs/factory.prop read fail");
 }
 
-TEST_F(Device, TwoCarriersWantARebootAndNoOther) {
+TEST_F(Device, RequiresARebootForTwoCarriers) {
     for (const std::string code : {"TMB", "VZW", "", "TMBX", "VZWX", "tmb", "vzw", "TM", "XTMB"}) {
         set_property("ro.vtc.sales_code", code);
         EXPECT_EQ(protocol_.check_vtc_sales_code(), code == "TMB" || code == "VZW") << code;
@@ -138,7 +138,7 @@ TEST_F(Device, TwoCarriersWantARebootAndNoOther) {
     }
 }
 
-TEST_F(Device, ARebootIsAskedForWithTheWholeReasonOrNotAtAll) {
+TEST_F(Device, RequestsNoRebootWithACutReason) {
     const std::string longest(84, 'r');
     for (const std::string& reason : {std::string("secure"), longest}) {
         EXPECT_EQ(protocol_.std_reboot_system(reason.c_str()), 0);
@@ -151,7 +151,7 @@ TEST_F(Device, ARebootIsAskedForWithTheWholeReasonOrNotAtAll) {
               "std_reboot_system: ERR! failed to setprop [sys.powerctl](reboot," + longest + ")");
 }
 
-TEST_F(Device, SmallLettersAloneBecomeCapitals) {
+TEST_F(Device, ConvertsOnlyLowerCaseLettersToUpperCase) {
     char text[] = "............";
     Util::toUpperCase("`azm{@AZ[09_", text);
     EXPECT_STREQ(text, "`AZM{@AZ[09_");

@@ -1,5 +1,5 @@
-// Part of the daemon in a coverage build alone: writes the counters when the virtual phone ends the
-// daemon, which knows no end of its own.
+// Part of the daemon in a coverage build only: writes the counters when the virtual phone
+// terminates the daemon, which does not exit by itself.
 #include <signal.h>
 #include <unistd.h>
 

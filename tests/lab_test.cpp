@@ -1,4 +1,4 @@
-// What the virtual phone refuses, as a table: a scenario text, and what is said of it.
+// The reader of scenario files, and the patterns in them.
 #include <gtest/gtest.h>
 
 #include "lab/base.h"
@@ -9,8 +9,8 @@ namespace rvd::lab {
 namespace {
 
 struct Refusal {
-    const char* text;  // behind [[case]]
-    const char* said;
+    const char* text;  // after [[case]]
+    const char* message;
 };
 
 constexpr Refusal kRefusals[] = {
@@ -23,7 +23,7 @@ constexpr Refusal kRefusals[] = {
         {"limit = '3 parsecs'", "2: expected a time as \"250 ms\""},
         {"start = 'yesterday'", "2: \"yesterday\" is not a time as \"2020-10-01 12:30:00\""},
         {"about = 'caf\xC3\xA9'", "2: a character that is not ASCII"},
-        // Paths stay in the phone.
+        // Paths must not leave the phone.
         {"phone.missing = ['/../../tmp/x']", "2: \"/../../tmp/x\" is not the phone's"},
         {"phone.missing = ['/']", "is not the phone's"},
         {"phone.missing = ['/usr/lib']", "is not the phone's"},
@@ -94,25 +94,20 @@ std::string refusal_of(const std::string& text) {
     }
 }
 
-TEST(Scenario, WhatItCannotMeanIsRefusedWithItsLine) {
+TEST(Scenario, IsRefusedWithTheLineOfItsError) {
     for (const Refusal& refusal : kRefusals) {
-        const std::string said = refusal_of(std::string("[[case]]\n") + refusal.text);
-        EXPECT_NE(said.find(refusal.said), said.npos) << refusal.text << "\n  " << said;
-        EXPECT_EQ(said.find("f.toml:"), 0u) << said;
+        const std::string message = refusal_of(std::string("[[case]]\n") + refusal.text);
+        EXPECT_NE(message.find(refusal.message), message.npos) << refusal.text << "\n  " << message;
+        EXPECT_EQ(message.find("f.toml:"), 0u) << message;
     }
-}
-
-TEST(Scenario, AWordLikeNoOtherIsRefusedWithoutAGuess) {
+    // No key is near enough to be suggested.
     EXPECT_EQ(refusal_of("[[case]]\nquantum = 1"), "f.toml:2: unknown key \"quantum\"");
-}
-
-TEST(Scenario, AFileHasAtLeastOneCase) {
     EXPECT_EQ(refusal_of(""), "f.toml:1: no [[case]] in this file");
     EXPECT_EQ(refusal_of("modem = 'tq720'"), "f.toml:1: no [[case]] in this file");
     EXPECT_EQ(refusal_of("\n[case]\nname = 'x'"), "f.toml:2: each case begins with [[case]]");
 }
 
-TEST(Scenario, CasesAreLaidOverTheBaseKeyByKey) {
+TEST(Scenario, MergesEachCaseIntoTheBaseKeyByKey) {
     const auto cases = parse_scenarios(
             "modem = 'vk880'\nfirmware.table = 'TOC BOOT:4K@16>0x2000#7'\nproperties.a = '1'\n"
             "[[case]]\nname = 'one'\nproperties.b = '2'\nexpect.log = []\n"
@@ -131,7 +126,7 @@ TEST(Scenario, CasesAreLaidOverTheBaseKeyByKey) {
     EXPECT_EQ(*boot.crc, 7);
 }
 
-TEST(Patterns, MatchTheWholeText) {
+TEST(Pattern, MatchesTheWholeText) {
     struct {
         const char *pattern, *text;
         bool matches;

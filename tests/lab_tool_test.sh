@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# The command line of rvd-lab: exit statuses, the one line that says what is wrong, and that nothing
-# but what was named changes.
+# The command line of rvd-lab: exit statuses, error messages, and that no file changes but those named.
 #
 #   tests/lab_tool_test.sh BUILD-DIRECTORY SOURCE-DIRECTORY
 # shellcheck disable=SC2015,SC2016,SC2181
@@ -22,7 +21,7 @@ table = b"".join(struct.pack("<12s5I", *row) for row in (
     (b"TOC", 0, 0x1000, 512, 0, 4), (b"BOOT", 512, 0x2000, 70000, 0x11, 0),
     (b"MAIN", 131072, 0x20000, 3000000, 0x22, 0), (b"NV", 0, 0x400000, 4096, 0x33, 0)))
 open("cut", "wb").write(table.ljust(200512, b"\0"))
-open("nothing", "wb").write(b"BOOT".ljust(4096, b"\0"))
+open("no_toc", "wb").write(b"BOOT".ljust(4096, b"\0"))
 open("image", "wb").write(table)
 table = struct.pack("<12s5I", b"TOC", 0, 0x1000, 512, 0, 3)
 table += struct.pack("<12s5I12s5I", b"BO\x1b\xff", 512, 0x2000, 1000, 0, 0, b"NV_PROT", 0, 0x3000, 64, 0, 0)
@@ -56,7 +55,7 @@ done <<'TABLE'
 0|out:"name": "MAIN"|toc --json image
 1|out:tq720 does not boot|toc cut
 1|out:^  stage 2 MAIN is cut off: it ends at byte 3131072 of 200512$|toc cut
-1|out:ERR! invalid TOC: No TOC|toc nothing
+1|out:ERR! invalid TOC: No TOC|toc no_toc
 1|out:^  stage 2 NV_PROT has no image$|toc protected
 1|out:"name": "BO[?][?]"|toc --json protected
 2|is required|toc
@@ -91,15 +90,15 @@ done <<'TABLE'
 0|out:1 passed, 0 failed|soak --passes 2 --seed 1 --verify-replay=2
 TABLE
 
-[[ -s target && -L link && ! -e victim && ! -e log ]] || fail "results went elsewhere"
-grep -q 'toc\[2\].name = MAIN, b_off=0x00020000, m_off=0x00020000, size=0x002dc6c0' booted || fail "another image"
+[[ -s target && -L link && ! -e victim && ! -e log ]] || fail "a result is in the wrong file"
+grep -q 'toc\[2\].name = MAIN, b_off=0x00020000, m_off=0x00020000, size=0x002dc6c0' booted || fail "the wrong image booted"
 grep -q '"traceEvents"' trace || fail "no trace"
 grep -q '<testcase classname="demo.toml" name="demo tq720"' junit.xml || fail "no JUnit"
-(($(grep -c 'main: Call boot start' soak.log) >= 3)) || fail "the log of a soak has not every pass"
+(($(grep -c 'main: Call boot start' soak.log) >= 3)) || fail "the log of a soak lacks a pass"
 [[ -e kept/data/vendor/log/rvd ]] || fail "the phone's files were not kept"
 
-# The kept root is locked, a full device and a missing directory are named, a closed pipe is no error.
-flock kept true || fail "the kept root stays locked"
+# A root in use is refused, a full device and a missing directory are reported, a closed pipe is no error.
+flock kept true || fail "the kept root is still locked"
 expect 2 'in use by another run' flock kept "$lab" demo --root kept
 "$lab" demo >/dev/full 2>err
 [[ $? == 2 ]] && grep -q 'No space left' err || fail "a full device: $(cat err)"
@@ -111,8 +110,8 @@ expect 2 'ulimit -n' sh -c 'ulimit -n 8 && exec "$0" demo' "$lab"
 "$lab" faults --only crash --list 2>err | head -n 1 >out
 [[ ${PIPESTATUS[0]} == 141 && ! -s err ]] || fail "a closed pipe is an error: $(cat err)"
 
-# A root that is its namespace's only user plays the ordinary one; without namespaces, the setting is
-# named.
+# Root in a namespace without other users runs like an ordinary user. Without namespaces the error names the
+# setting that forbids them.
 if unshare -Ur true 2>/dev/null; then
     expect 0 'out:PASS' unshare -Ur "$lab" demo --brief
     expect 77 'user.max_user_namespaces' unshare -Ur sh -c \
@@ -121,11 +120,10 @@ if unshare -Ur true 2>/dev/null; then
         'mount -t tmpfs -o size=20m tmpfs tmp && exec "$0" demo --root tmp/phone' "$lab"
 fi
 
-# Every check of a run fails where it should: by cases that expect otherwise, and by a daemon that
-# leaks a descriptor.
+# Every check of a run can fail: two cases with wrong expectations, and a daemon that leaks a descriptor.
 cat >wrong.toml <<'TOML'
 [[case]]
-name = "expects otherwise"
+name = "wrong expectations"
 expect.log = ["no such line"]
 expect.no_log = ["main: *"]
 expect.requests = ["POWER_OFF"]
@@ -147,7 +145,7 @@ driver.answer = [{ request = "POWER_OFF", result = 1 }]
 timeline = [{ line = "never", state = 1 }]
 
 [[case]]
-name = "expects no error"
+name = "an unexpected error"
 firmware.table = "BOOT MAIN"
 limit = "500 ms"
 expect.end = "limit"
@@ -199,14 +197,14 @@ descriptor 4 is open at power-on: /data/left
 descriptor 4 is left open: /data/left
 a runtime error: of a sanitizer
 END
-diff wanted out || fail "a check holds that should not, or another one fails"
+diff wanted out || fail "the failed checks differ"
 
-# A brief story, and colours where they are wanted.
+# A brief story, with colours.
 "$lab" demo --brief --color=always >out
 (($(wc -l <out) <= 36)) || fail "the brief story has $(wc -l <out) lines"
 grep -q $'\033\[1m' out || fail "no colours"
 
-# Interrupted, a soak tells what it had and leaves nothing; killed, it is swept by the next run.
+# An interrupted soak reports its passes and removes its files; the next run removes those of a killed one.
 for signal in TERM KILL; do
     "$lab" soak --passes 1000000 --seed 1 >out 2>&1 &
     soak=$!
@@ -221,4 +219,4 @@ done
 expect 0 'out:PASS' "$lab" run --case 'demo tq*' demo.toml
 compgen -G "$TMPDIR/rvd-lab.*" && fail "left behind: $(ls "$TMPDIR")"
 
-verdict "all of the command line is as expected"
+verdict "the command line works as expected"

@@ -22,12 +22,12 @@ class Link : public Phone {
     int image_ = -1;
 };
 
-TEST_F(Link, AWordIsSentAndItsAnswerChecked) {
+TEST_F(Link, SendsAWordAndChecksTheAnswer) {
     const struct {
         uint32_t req, exp;
         const char* modem;
         int result;
-        Lines lines;  // behind the request's and ahead of the failure's
+        Lines lines;  // between the request's line and the failure's
     } cases[] = {
             {0, 0, "", 0, {}},
             {0x9D01, 0, ">9D01", 0, {}},
@@ -62,7 +62,7 @@ TEST_F(Link, AWordIsSentAndItsAnswerChecked) {
     }
 }
 
-TEST_F(Link, AHangUpWithoutDataIsNoInput) {
+TEST_F(Link, FailsAPollThatEndsWithPollhupOnly) {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     boot().fd[BOOT_FD_NODE] = ends[0];
@@ -71,7 +71,7 @@ TEST_F(Link, AHangUpWithoutDataIsNoInput) {
     EXPECT_THAT(said(), ElementsAre("std_udl_poll: ERR! poll fail (events 0x1 != revents 0x10)"));
 }
 
-TEST_F(Link, AnImageIsSentInFullFramesAndOneRest) {
+TEST_F(Link, SendsAnImageInFullFramesAndAPartialOne) {
     const struct {
         unsigned size;
         const char* modem;
@@ -97,7 +97,7 @@ TEST_F(Link, AnImageIsSentInFullFramesAndOneRest) {
     }
 }
 
-TEST_F(Link, AShortFrameKeepsNothingOfTheOneBefore) {
+TEST_F(Link, ZeroesTheRestOfAPartialFrame) {
     udl_frame frame;
     memset(&frame, 'x', sizeof(frame));
     frame.cmd = 0x9201;
@@ -108,7 +108,7 @@ TEST_F(Link, AShortFrameKeepsNothingOfTheOneBefore) {
     EXPECT_EQ(std::count(frame.data + 1, std::end(frame.data), '\0'), UDL_MSS - 1);
 }
 
-TEST_F(Link, AFailedExchangeNamesItsStage) {
+TEST_F(Link, ReportsAFailedExchangeWithItsStage) {
     const auto image = [this](unsigned size) { return [=] { return send_image(size); }; };
     const auto too_long = [&] {
         udl_frame frame = {0x9201, 1, 1, UDL_MSS + 1, {}};
@@ -124,7 +124,7 @@ TEST_F(Link, AFailedExchangeNamesItsStage) {
         std::function<int()> exchange;
         const char* modem;
         int result;
-        const char* line;  // among those logged
+        const char* line;  // one of those logged
     } cases[] = {
             {image(8193), ">9201:5:1:2048 >9201:5:2:2048 >9201:5:3:2048 >9201:5:4:2048", -14,
              "std_dl_tx_frame: ERR! rcvd 0 != frm->len 1"},

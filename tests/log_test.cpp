@@ -1,4 +1,4 @@
-// The message operations and their sinks.
+// Log messages and their sinks.
 #include <sys/socket.h>
 
 #include <thread>
@@ -10,7 +10,7 @@ namespace {
 
 static_assert(Log::kMaxRecord == 976);
 
-// The kernel log as a queue of records: one write, one record. The crash text log is open.
+// The kernel log is a SEQPACKET socket, so that each write is a record. The crash text log is open.
 class LogTest : public Phone {
   protected:
     void SetUp() override {
@@ -44,7 +44,7 @@ class LogTest : public Phone {
     int file_ = -1;
 };
 
-TEST_F(LogTest, EverySinkHasItsOwnFormat) {
+TEST_F(LogTest, FormatsALineForEachSink) {
     errno = EACCES;
     const std::string denied = strerror(EACCES);
     Log::info("boot", "Power on %s\n", "CP");
@@ -70,7 +70,7 @@ TEST_F(LogTest, EverySinkHasItsOwnFormat) {
     EXPECT_EQ(crash_log(), "dump: size:5\n(ERR! " + denied + ") dump: ERR! ioctl fail\n");
 }
 
-TEST_F(LogTest, ALineFillsAtMostOneKernelRecordAndKeepsItsNewline) {
+TEST_F(LogTest, CutsALineToOneKernelRecordAndKeepsItsNewline) {
     const size_t head = strlen("<6>lnkm: rvd: t: ");
     for (const size_t whole : {Log::kMaxRecord - 1, Log::kMaxRecord, Log::kMaxRecord + 1}) {
         const std::string text(whole - head - 1, 'x');
@@ -88,7 +88,7 @@ TEST_F(LogTest, ALineFillsAtMostOneKernelRecordAndKeepsItsNewline) {
     EXPECT_THAT(records(), ElementsAre("<6>lnkm: rvd: t: \n"));
 }
 
-TEST_F(LogTest, ASinkThatFailsKeepsNothingFromTheOthersAndLeavesErrno) {
+TEST_F(LogTest, WritesToTheOtherSinksWhenOneFailsAndKeepsErrno) {
     const int working = std::exchange(kmsg_fd, -1);
     for (const auto log : {Log::info, Log::error, Log::dump_info, Log::dump_error}) {
         errno = ENOENT;
@@ -101,7 +101,7 @@ TEST_F(LogTest, ASinkThatFailsKeepsNothingFromTheOthersAndLeavesErrno) {
     EXPECT_THAT(crash_log(), EndsWith("t: x\n"));
 }
 
-TEST_F(LogTest, TheKernelLogIsClosedUnlessItIsStandardOutput) {
+TEST_F(LogTest, ClosesTheKernelLogUnlessItIsStandardOutput) {
     const int working = kmsg_fd;
     write_file("/dev/kmsg", "");
     Log::kprintf_init();
@@ -122,7 +122,7 @@ TEST_F(LogTest, TheKernelLogIsClosedUnlessItIsStandardOutput) {
 
 using ThreadsLog = LogTest;
 
-TEST_F(ThreadsLog, LinesOfTwoThreadsAlternateButNeverMix) {
+TEST_F(ThreadsLog, KeepsTheLinesOfTwoThreadsWholeAndInOrder) {
     constexpr size_t kLines = 400;
     const int records = std::exchange(
             kmsg_fd, open(path("kmsg").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));

@@ -6,7 +6,7 @@
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     if (!testing::GTEST_FLAG(list_tests)) rvd::test::enter_private_root();
-    // A modem that hangs up is a result to the daemon, on a socket as on the driver's nodes.
+    // Writing to a node whose modem hung up fails with EPIPE; a socket would also raise SIGPIPE.
     signal(SIGPIPE, SIG_IGN);
     return RUN_ALL_TESTS();
 }

@@ -1,11 +1,11 @@
-// From the partition's table of contents to the plan of a boot.
+// The plan of a boot, made from the partition's table of contents.
 #include "bootdump/BootDumpExt.h"
 #include "tests/support/phone.h"
 
 namespace rvd::test {
 namespace {
 
-// A table with these entries, one after the other; entry i holds i-th values, and "-" no image.
+// A table with these entries. The numbers of entry i end in i; "-" is an entry without an image.
 std::string table(const std::string& names, uint32_t count, uint32_t m_off) {
     std::string bytes;
     std::istringstream words(names);
@@ -40,8 +40,9 @@ class Plan : public Phone {
         return Container::getBootDump()->prepare_boot_args(mode);
     }
 
-    // Every row in use: its number, stage, what is exchanged (start, bin, crc, done, skip), and the
-    // slot it is read from, - for none.
+    // Every row in use: its number, its stage, a letter for each exchange (start, bin, crc, done)
+    // and for skip_if_sent (k), and the slot it is read from: partition, nv, NV_NORM, NV_PROT, -
+    // for none.
     std::string plan() {
         std::ostringstream text;
         for (unsigned i = 0; i < kDloadStages; ++i) {
@@ -63,7 +64,7 @@ const std::string kSixteen = kThirteen + " A13 A14 A15";
 constexpr char kTooMany[] = "ERR! invalid TOC: more images than the plan has stages";
 constexpr char kIntegrated[] = "tq720", kExternal[] = "vk880";
 
-TEST_F(Plan, AStageIsPlannedForEachImageInTheOrderOfTheTable) {
+TEST_F(Plan, HasAStageForEachImageInTheOrderOfTheTable) {
     const char* five = "TOC BOOT MAIN VSS NV";
     const char* ends = "TOC BOOT MAIN NV OFFSET";
     const struct {
@@ -71,8 +72,8 @@ TEST_F(Plan, AStageIsPlannedForEachImageInTheOrderOfTheTable) {
         std::string names;
         uint32_t count;
         uint32_t m_off;
-        const char* options;  // e no NV path, n a path for NV_NORM, r reload VSS, d for a dump
-        const char* plan;     // or the last line of a refusal
+        const char* options;  // e: no NV path, n: a path for NV_NORM, r: reload VSS, d: for a dump
+        const char* plan;     // or, if the table is refused, the last line
     } cases[] = {
             {kIntegrated, five, 5, 1, "", "0=0p 1=1p 2=2p 3=3kp 4=4n "},
             {kIntegrated, five, 5, 1, "r", "0=0p 1=1p 2=2p 3=3p 4=4n "},
@@ -141,7 +142,7 @@ TEST_F(Plan, AStageIsPlannedForEachImageInTheOrderOfTheTable) {
     }
 }
 
-TEST_F(Plan, TheEndBehindAFullPlanIsSentWithoutARow) {
+TEST_F(Plan, SendsTheEndOfTheDownloadAfterAFullPlan) {
     for (const char* end : {" OFFSET", ""}) {
         const uint32_t count = *end != '\0' ? 14 : 13;
         ASSERT_TRUE(prepare("vk880", table(kThirteen + end, count, 0), "", CP_BOOT_MODE_NORMAL));
@@ -155,7 +156,7 @@ TEST_F(Plan, TheEndBehindAFullPlanIsSentWithoutARow) {
     }
 }
 
-TEST_F(Plan, RowsCarryTheNumbersOfTheirEntries) {
+TEST_F(Plan, CopiesTheNumbersOfEachEntry) {
     const auto numbers = [&](unsigned row) {
         const std_dload_control& r = boot().dload[row];
         return std::vector<uint32_t>{r.b_off, r.m_off, r.size, r.crc};
@@ -177,7 +178,7 @@ TEST_F(Plan, RowsCarryTheNumbersOfTheirEntries) {
     EXPECT_THAT(numbers(3), ElementsAre(0x103, 0, 0x13, 0xCC03));
 }
 
-TEST_F(Plan, ATableIsReadNoFurtherThanItGoes) {
+TEST_F(Plan, ReadsNothingBeyondTheTable) {
     const std::string whole = table("TOC NV ABCDEFGHIJKL", 3, 1);
     ASSERT_TRUE(prepare("tq720", whole + std::string(4096, 'x'), "", CP_BOOT_MODE_NORMAL));
     EXPECT_THAT(said(), Contains("prepare_boot_args: toc[2].name = ABCDEFGHIJKL, b_off=0x00000102, "
@@ -185,7 +186,7 @@ TEST_F(Plan, ATableIsReadNoFurtherThanItGoes) {
     EXPECT_EQ(boot().fd[BOOT_FD_NV_NORM], -1);
     Container::getBootDump()->std_boot_close_args();
 
-    // A partition that ends within its table: what is missing is zero.
+    // The partition ends within the table: missing entries are zero.
     ASSERT_TRUE(prepare("tq720", whole.substr(0, 64), "", CP_BOOT_MODE_NORMAL));
     EXPECT_EQ(boot().dload[2].size, 0u);
     Container::getBootDump()->std_boot_close_args();

@@ -1,4 +1,4 @@
-// The host's stand-ins for Android's properties and log.
+// The host's implementation of Android's properties and log.
 #include <sys/wait.h>
 
 #include <atomic>
@@ -29,7 +29,7 @@ std::string get(const std::string& key, const char* default_value = nullptr) {
     return value;
 }
 
-// Runs `work` in three threads of each of two processes. Returns the sum of the results.
+// Runs `work` in six threads, three in each of two processes. Returns the sum of the results.
 template <class Work>
 int run_six(const Work& work) {
     const pid_t child = fork();
@@ -45,7 +45,7 @@ int run_six(const Work& work) {
     return sum + WEXITSTATUS(status);
 }
 
-TEST_F(Properties, AValueReplacesTheDefault) {
+TEST_F(Properties, ReturnTheValueOrTheDefault) {
     const struct {
         const char* content;  // of the file; null: none
         const char* default_value;
@@ -64,7 +64,7 @@ TEST_F(Properties, AValueReplacesTheDefault) {
     }
 }
 
-TEST_F(Properties, ANumberIsReadInAnyBaseOrIsTheDefault) {
+TEST_F(Properties, ReturnANumberInAnyBaseOrTheDefault) {
     constexpr int32_t kDefault = -7;
     const std::pair<const char*, int32_t> cases[] = {
             {" \t+12", 12},
@@ -86,7 +86,7 @@ TEST_F(Properties, ANumberIsReadInAnyBaseOrIsTheDefault) {
     }
 }
 
-TEST_F(Properties, OnlyLegalNamesReachTheStore) {
+TEST_F(Properties, RefuseInvalidNames) {
     for (const char* name :
          {"", ".a", "a.", "a..b", "../outside", "a/b", "a b", "a\n", "\xc3\xa4"}) {
         EXPECT_EQ(property_set(name, "1"), -1) << name;
@@ -98,7 +98,7 @@ TEST_F(Properties, OnlyLegalNamesReachTheStore) {
     EXPECT_THAT(list(kPropertyStore), ElementsAre("A-z_0:9@x", "vendor.rvd.cpboot"));
 }
 
-TEST_F(Properties, AWriteReplacesTheValueOrLeavesIt) {
+TEST_F(Properties, KeepTheOldValueWhenAWriteFails) {
     fs::create_directory(std::string(kPropertyStore) + "/taken");
     const struct {
         const char* name;
@@ -114,7 +114,7 @@ TEST_F(Properties, AWriteReplacesTheValueOrLeavesIt) {
             {"taken", "1", -1, ""},
             {"ro.p", "first", 0, "first"},
             {"ro.p", "second", -1, "first"},
-            {"ro.e", "", 0, ""},  // unset to a reader, and still the one write
+            {"ro.e", "", 0, ""},  // reads as unset, and yet cannot be written again
             {"ro.e", "second", -1, ""},
     };
     for (const auto& c : cases) {
@@ -132,12 +132,12 @@ TEST_F(Properties, AWriteReplacesTheValueOrLeavesIt) {
     EXPECT_EQ(property_set("p", "1"), -1);
 }
 
-TEST_F(ThreadsProperties, ReadersSeeWholeValuesAndOneWriterOfAReadOnlyOneWins) {
+TEST_F(ThreadsProperties, AreReadWholeAndReadOnlyOnesAreWrittenOnce) {
     set_property("shared", "a");
     for (int round = 0; round < 50; ++round) {
         const std::string once = "ro.round." + std::to_string(round);
         const int torn_and_won = run_six([&](int number) {
-            // A value of one letter, whose length is the writer's own.
+            // A value that repeats the writer's letter, of the writer's length.
             const std::string mine(static_cast<size_t>(1 + number * 15),
                                    static_cast<char>('a' + number));
             int torn = property_set("shared", mine.c_str()) == 0 ? 0 : 10;
@@ -155,7 +155,7 @@ TEST_F(ThreadsProperties, ReadersSeeWholeValuesAndOneWriterOfAReadOnlyOneWins) {
     EXPECT_EQ(list(kPropertyStore).size(), 51u);
 }
 
-TEST_F(AndroidLog, AMessageIsOneLine) {
+TEST_F(AndroidLog, WritesAMessageAsOneLine) {
     const std::string longest(1023, 'm');
     const struct {
         int priority;
@@ -183,7 +183,7 @@ TEST_F(AndroidLog, AMessageIsOneLine) {
     EXPECT_EQ(read_file(kAndroidLog), std::string("E/boot: ") + strerror(ENOSPC) + "\n");
 }
 
-TEST_F(AndroidLog, StandardErrorIsUsedWithoutAFileAndLosesLinesThatNobodyReads) {
+TEST_F(AndroidLog, FallsBackToStandardErrorAndDropsLinesInsteadOfBlocking) {
     for (const char* unusable : {static_cast<const char*>(nullptr), "", "/missing/log"}) {
         testing::internal::CaptureStderr();
         host::LogSink(unusable).write_line("line\n", 5);
@@ -194,7 +194,7 @@ TEST_F(AndroidLog, StandardErrorIsUsedWithoutAFileAndLosesLinesThatNobodyReads) 
     while (write(ends[1], "x", 1) == 1) {
     }
     ASSERT_EQ(fcntl(ends[1], F_SETFL, 0), 0);
-    host::LogSink(ends[1]).write_line("lost\n", 5);  // comes back
+    host::LogSink(ends[1]).write_line("lost\n", 5);
     std::string content(1 << 20, '\0');
     EXPECT_GT(read(ends[0], content.data(), content.size()), 0);
     EXPECT_EQ(content.find('l'), std::string::npos);

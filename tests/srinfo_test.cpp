@@ -1,4 +1,4 @@
-// Silent-reset records: from the driver into their two files, and back.
+// Silent-reset records: stored from the driver into two files, and restored.
 #include <sys/mman.h>
 
 #include "srinfo/SrinfoVelo.h"
@@ -10,11 +10,11 @@ namespace {
 constexpr char kLast[] = "/data/vendor/log/rvd/err/last_sr_info_umts";
 constexpr char kHexLog[] = "/data/vendor/log/rvd/sr_info_umts";
 constexpr char kPrevious[] = "/data/vendor/log/rvd/.sr_info_umts.bak";
-constexpr int kNode = 99;  // a descriptor that only the driver's stand-in uses
+constexpr int kNode = 99;  // passed on to the fake driver only
 constexpr size_t kDataSize = kSrinfoDataSize;
 static_assert(kSrinfoDataSize == 4092 && kSrinfoLogLimit == 65536);
 
-// A data area full of text, valid, with no closing brace but at `brace`.
+// A valid data area full of text, with a closing brace only at `brace`.
 std::string record_with_brace(size_t brace) {
     std::string data(kDataSize, 'z');
     data.replace(16, 7, "{\"JVER\"");
@@ -48,7 +48,7 @@ class SrinfoTest : public Phone {
     SrinfoVelo srinfo_;
 };
 
-TEST_F(SrinfoTest, ARecordTravelsToItsFilesAndBack) {
+TEST_F(SrinfoTest, StoresARecordInItsFilesAndRestoresIt) {
     const size_t none = kDataSize;
     const struct {
         uint32_t size;
@@ -67,7 +67,7 @@ TEST_F(SrinfoTest, ARecordTravelsToItsFilesAndBack) {
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.size) + " bytes, brace at " + std::to_string(c.brace));
         const std::string data = record_with_brace(c.brace);
-        // The bytes after the data area read as zeros.
+        // Bytes beyond the data area count as zeros.
         const std::string text = (data.substr(16) + std::string(32, '\0')).substr(0, c.last);
         fs::remove(kHexLog);
         said();
@@ -78,7 +78,7 @@ TEST_F(SrinfoTest, ARecordTravelsToItsFilesAndBack) {
         EXPECT_THAT(said(), Contains("write_srinfo_last: store to ascii text (" +
                                      std::to_string(c.last - 1) + " bytes)"));
 
-        // While it waits, no newer record is fetched.
+        // No newer record is fetched until this one is restored.
         srinfo_.store_srinfo(kNode);
         EXPECT_EQ(last_said(), "store_srinfo: srinfo_last file exist, skip!");
         EXPECT_EQ(read_file(kHexLog), log);
@@ -91,7 +91,7 @@ TEST_F(SrinfoTest, ARecordTravelsToItsFilesAndBack) {
     }
 }
 
-TEST_F(SrinfoTest, ALastFileIsAbsentOnlyWhereItCannotBe) {
+TEST_F(SrinfoTest, TakesTheLastFileForMissingOnlyAtEnoentAndEnotdir) {
     const std::string directory = std::string(kLogDir) + "/err";
     fs::create_symlink(directory, directory);  // ELOOP
     srinfo_.store_srinfo(kNode);
@@ -102,8 +102,8 @@ TEST_F(SrinfoTest, ALastFileIsAbsentOnlyWhereItCannotBe) {
     EXPECT_EQ(last_said(), "create_srinfo_directory: (" + directory + ") is not a directory");
 }
 
-TEST_F(SrinfoTest, AnEntryOfTheLogShowsWordsAndCharacters) {
-    // The record ends where its page does; reading further is fatal.
+TEST_F(SrinfoTest, LogsARecordAsWordsAndCharacters) {
+    // The record ends at the end of its page; reading further is a segmentation fault.
     char* pages = static_cast<char*>(
             mmap(nullptr, 65536 * 2, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     mprotect(pages + 65536, 65536, PROT_NONE);
@@ -127,7 +127,7 @@ TEST_F(SrinfoTest, AnEntryOfTheLogShowsWordsAndCharacters) {
     munmap(pages, 65536 * 2);
 }
 
-TEST_F(SrinfoTest, TheLogIsRotatedWhenItHasGrownBeyond64KiB) {
+TEST_F(SrinfoTest, RotatesALogOfMoreThan64KiB) {
     for (const size_t size : {size_t{kSrinfoLogLimit}, size_t{kSrinfoLogLimit} + 1}) {
         const std::string old(size, 'o');
         write_file(kHexLog, old);

@@ -1,4 +1,4 @@
-// The log directory, its free space, and the copies of the kernel log in it.
+// The log directory, its free space, and the saved kernel logs.
 #include "tests/support/phone.h"
 
 namespace rvd::test {
@@ -8,8 +8,7 @@ static_assert(Log::kRingSize == 524288);
 
 class Storage : public Phone {
   protected:
-    // Creates the log directory, and checks that each failed try but the last is followed by a
-    // pause.
+    // Creates the log directory, and checks for a pause between two failed tries.
     static int create() {
         kernel().sleeps.clear();
         const int result = Log::create_log_directory(kLogDir);
@@ -24,7 +23,7 @@ class Storage : public Phone {
     }
 };
 
-TEST_F(Storage, AFileInPlaceOfTheDirectoryIsRefusedAndLeftAlone) {
+TEST_F(Storage, CreatesTheLogDirectoryUnlessAFileHasItsName) {
     const std::string directory = kLogDir;
     fs::remove(directory);
     EXPECT_EQ(create(), 0);
@@ -35,7 +34,7 @@ TEST_F(Storage, AFileInPlaceOfTheDirectoryIsRefusedAndLeftAlone) {
     EXPECT_THAT(said(), Contains("create_directory: (" + directory + ") is not a directory"));
 }
 
-TEST_F(Storage, TooLittleFreeSpaceIsRefusedAtItsLimit) {
+TEST_F(Storage, NeedsFreeSpaceForLogsAndForADump) {
     const struct {
         unsigned long block_size;
         unsigned long free_blocks;
@@ -45,7 +44,7 @@ TEST_F(Storage, TooLittleFreeSpaceIsRefusedAtItsLimit) {
             {1024, 500 * 1024, 0, 0},   {1024, 500 * 1024 - 1, -28, 0},
             {1024, 256 * 1024, -28, 0}, {1024, 256 * 1024 - 1, -28, -28},
             {4096, 125 * 1024, 0, 0},   {4096, 125 * 1024 - 1, -28, 0},
-            {1023, 1u << 30, -28, -28},  // a block counts in whole KiB
+            {1023, 1u << 30, -28, -28},  // the block size is rounded down to KiB
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.free_blocks);
@@ -61,7 +60,7 @@ TEST_F(Storage, TooLittleFreeSpaceIsRefusedAtItsLimit) {
     EXPECT_EQ(last_said(), "create_log_directory: check_log_directory err(-1)");
 }
 
-TEST_F(Storage, OnlyTheLogDirectoryIsEverRemoved) {
+TEST_F(Storage, RemovesNothingButTheLogDirectory) {
     for (const char* other : {"/data/vendor/log", "/data/misc", "/data/vendor/log/rv"})
         EXPECT_NE(Log::remove_directory(other), 0);
     EXPECT_EQ(last_said(),
@@ -79,7 +78,7 @@ TEST_F(Storage, OnlyTheLogDirectoryIsEverRemoved) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(Storage, ASaveHoldsTheEndOfTheRingAndAZeroByte) {
+TEST_F(Storage, SavesTheEndOfTheKernelLogAndANul) {
     const struct {
         size_t ring;
         int flags;
@@ -120,7 +119,7 @@ TEST_F(Storage, ASaveHoldsTheEndOfTheRingAndAZeroByte) {
     EXPECT_EQ(Log::dmesg_to_file("/data/none/y"), -1);
     EXPECT_EQ(last_said(), "! dmesg_to_file: file open fail /data/none/y");
     kernel().ring_error = 0;
-    kernel().ring = pattern(100000);  // and its zero byte
+    kernel().ring = pattern(100000);  // one byte too much with its NUL
     const FullDisk disk(100000);
     EXPECT_EQ(Log::dmesg_to_file(path("y").c_str()), 0);
     EXPECT_EQ(last_said(), "! dmesg_to_file: write fail");
@@ -128,7 +127,7 @@ TEST_F(Storage, ASaveHoldsTheEndOfTheRingAndAZeroByte) {
 
 using ThreadsStorage = Storage;
 
-TEST_F(ThreadsStorage, BackgroundSavesRunBesideTheirCallerUnderNamesOfTheirOwn) {
+TEST_F(ThreadsStorage, SavesInTheBackgroundUnderTheNameOfTheCall) {
     write_file(kGroups, "log:x:0:\n");
     for (const std::string chip : {"talvir410", "talvir4180x", "talvir418", "NONE", ""}) {
         set_property("ro.hardware.chipname", chip);

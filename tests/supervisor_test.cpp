@@ -1,4 +1,4 @@
-// Start-up, passes and the wait for events, where a scenario cannot reach.
+// Parts of start-up, passes and the wait for events that a scenario cannot reach.
 #include "main/Supervisor.h"
 
 #include <poll.h>
@@ -17,7 +17,7 @@ class Supervisor : public Phone {
         memset(Container::getRvdArgs()->crash_reason, 'x', kCrashReasonSize);
     }
 
-    // The next request panics the kernel with this reason and nothing after it.
+    // Expects a kernel panic next, with this reason and zeros after it.
     void expect_panic(const std::string& reason) {
         driver().expect<char[kCrashReasonSize]>(IOCTL_TRIGGER_KERNEL_PANIC, [=](const auto& text) {
             EXPECT_TRUE(std::string(text, sizeof(text)) ==
@@ -27,11 +27,11 @@ class Supervisor : public Phone {
     }
 };
 
-TEST_F(Supervisor, AReasonKeepsNothingOfALongerOneBefore) {
+TEST_F(Supervisor, ClearsTheRestOfALongerCrashReason) {
     expect_panic("Force a kernel panic");
     EXPECT_EQ(Container::getBootDump()->set_kernel_panic("Force a kernel panic"), 0);
 
-    // A modem that crashed while it booted, and no room for its dump.
+    // The modem crashes in its boot, and there is no free space for a dump.
     Container::getRvdArgs()->boot_link = LINK_NONE;
     kernel().free_blocks = 0;
     driver().expect(IOCTL_GET_CP_STATUS, MODEM_STATE_CRASH);
@@ -39,7 +39,7 @@ TEST_F(Supervisor, AReasonKeepsNothingOfALongerOneBefore) {
     EXPECT_FALSE(run_pass().has_value());
 }
 
-TEST_F(Supervisor, NvDataThatIsValidatedAfterTheLastPauseCountsForTheExternalModem) {
+TEST_F(Supervisor, ChecksNvValidationAfterTheLastPauseForTheExternalModemOnly) {
     for (const char* type : {"tq720", "vk880"}) {
         use_modem(type);
         set_property("vendor.rvd.rfs_check_done", "0");
@@ -55,8 +55,8 @@ TEST_F(Supervisor, NvDataThatIsValidatedAfterTheLastPauseCountsForTheExternalMod
     }
 }
 
-TEST_F(Supervisor, AWaitThatEndsWithoutAHangUpIsReportedOnce) {
-    kernel().wait_ends = {POLLERR, POLLERR, POLLERR | POLLNVAL, POLLHUP, POLLERR | POLLHUP};
+TEST_F(Supervisor, ReportsAPollWithoutPollhupOnce) {
+    kernel().poll_results = {POLLERR, POLLERR, POLLERR | POLLNVAL, POLLHUP, POLLERR | POLLHUP};
     driver().expect(IOCTL_GET_CP_STATUS, 3);
     driver().expect(IOCTL_GET_CP_STATUS, MODEM_STATE_CRASH);
     debug_level = 0;
@@ -68,7 +68,7 @@ TEST_F(Supervisor, AWaitThatEndsWithoutAHangUpIsReportedOnce) {
     EXPECT_EQ(kernel().sleeps, (std::vector<unsigned>{1000, 1000, 1000, 1000, 3000}));
 }
 
-TEST_F(Supervisor, WithoutMemoryForItsObjectsTheDaemonEnds) {
+TEST_F(Supervisor, ExitsWhenItsObjectsCannotBeAllocated) {
     char program[] = "rvd";
     char* words[] = {program, nullptr};
     const int kernel_log = kmsg_fd;

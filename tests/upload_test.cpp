@@ -1,4 +1,4 @@
-// The upload of a crash dump: announcement, reason, steps, and what reaches the crash files.
+// The upload of a crash dump: announcement, reason, steps, and the crash files.
 #include <climits>
 
 #include "tests/support/phone.h"
@@ -6,7 +6,7 @@
 namespace rvd::test {
 namespace {
 
-// A dump record as its preparation leaves it, and a driver that names the owner of the crash.
+// The dump record is prepared, and the driver names the owner of the crash.
 class Upload : public Phone {
   protected:
     void SetUp() override {
@@ -14,7 +14,7 @@ class Upload : public Phone {
         begin();
     }
 
-    // Empty crash files, and the reason's prefix.
+    // Opens empty crash files and sets the reason's prefix.
     void begin() {
         const std::pair<dump_fd_slot, const char*> files[] = {
                 {DUMP_FD_LOG, "log"}, {DUMP_FD_INFO, "info"}, {DUMP_FD_DUMP, "dump"}};
@@ -27,7 +27,7 @@ class Upload : public Phone {
                kCrashReasonSize);
     }
 
-    void expect_question_of_owner(int32_t owner = 0, const std::string& text = "") {
+    void expect_crash_reason(int32_t owner = 0, const std::string& text = "") {
         driver().expect<cp_crash_reason>(IOCTL_GET_CP_CRASH_REASON, [=](cp_crash_reason& record) {
             record.owner = owner;
             text.copy(record.text, sizeof(record.text));
@@ -36,7 +36,7 @@ class Upload : public Phone {
     }
 
     int upload(const std::string& script) {
-        if (script.find("<T") != std::string::npos) expect_question_of_owner();
+        if (script.find("<T") != std::string::npos) expect_crash_reason();
         return with_modem(dump().fd[DUMP_FD_NODE], ">9D00 " + script,
                           [&] { return protocol_.std_dump_receive_cp_dump(); });
     }
@@ -46,7 +46,7 @@ class Upload : public Phone {
     ProtocolVelo protocol_;
 };
 
-TEST_F(Upload, ADumpOfSeveralStepsIsSavedByteForByte) {
+TEST_F(Upload, SavesADumpOfSeveralSteps) {
     EXPECT_EQ(upload("<AD00 <I:6144:2:8 <T:watchdog >9D01 <AD01:2:1:2048 <AD01:2:2:1 "
                      ">9D02 <AD02:2:1:2047 <AD02:2:2:2048 >9D0D <AD0D"),
               0);
@@ -63,7 +63,7 @@ TEST_F(Upload, ADumpOfSeveralStepsIsSavedByteForByte) {
               "std_dump_receive_cp_dump: DUMP DATA saved\n");
 }
 
-TEST_F(Upload, EveryPartOfTheExchangeEndsItWithAMessageOfItsOwn) {
+TEST_F(Upload, ReportsWhichPartOfTheExchangeFailed) {
     const struct {
         const char* modem;  // after the START of the upload
         int result;
@@ -77,7 +77,7 @@ TEST_F(Upload, EveryPartOfTheExchangeEndsItWithAMessageOfItsOwn) {
             {"<AD00 <I:1:0:1 <T:x", -14, "ERR! saved 0 != dump_size 1"},
             {"<AD00 <I:3:1:1 <T:x >9D01 <AD01:1:1:2", -14, "ERR! saved 2 != dump_size 3"},
             {"<AD00 <I:0:0:1 <T:x >9D0D <AD00", -14, "ERR! DUMP std_udl_stage_done fail"},
-            {"<AD00 <I:0:0:1 <T:x >9D0D <AD0D", 0, "DUMP DATA saved"},  // no steps at all
+            {"<AD00 <I:0:0:1 <T:x >9D0D <AD0D", 0, "DUMP DATA saved"},  // no steps
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.modem);
@@ -88,13 +88,13 @@ TEST_F(Upload, EveryPartOfTheExchangeEndsItWithAMessageOfItsOwn) {
     }
 }
 
-TEST_F(Upload, AReasonIsTakenWithOneReadAndCutToItsRoom) {
+TEST_F(Upload, ReadsTheReasonWithOneReadAndCutsIt) {
     const struct {
         const char* modem;
         int result;
         size_t kept;  // characters after the prefix
     } cases[] = {
-            {"<I:0:0:0 <T:next", 0, 0},  // waited for, and left to be read
+            {"<I:0:0:0 <T:next", 0, 0},  // waits for a packet and does not read it
             {"<I:0:0:1 <R:1", 0, 1},       {"<I:0:0:400 <R:7", 0, 7},
             {"<I:0:0:503 <R:503", 0, 503}, {"<I:0:0:504 <R:504", 0, 504},
             {"<I:0:0:505 <R:505", 0, 505}, {"<I:0:0:506 <R:506", 0, 505},
@@ -105,7 +105,7 @@ TEST_F(Upload, AReasonIsTakenWithOneReadAndCutToItsRoom) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.modem);
         begin();
-        if (c.result == 0) expect_question_of_owner();
+        if (c.result == 0) expect_crash_reason();
         EXPECT_EQ(with_modem(dump().fd[DUMP_FD_NODE], c.modem,
                              [&] { return protocol_.std_ul_recv_info(); }),
                   c.result);
@@ -121,7 +121,7 @@ TEST_F(Upload, AReasonIsTakenWithOneReadAndCutToItsRoom) {
     }
 }
 
-TEST_F(Upload, AStepFailsAtItsFirstDoubtfulFrame) {
+TEST_F(Upload, EndsAStepAtItsFirstInvalidFrame) {
     const struct {
         const char* modem;  // after the request of step 3
         int result;
@@ -143,7 +143,7 @@ TEST_F(Upload, AStepFailsAtItsFirstDoubtfulFrame) {
             {"<AD03:2:1:9", -5, 9, "ERR! [step 3] std_ul_rx_frame fail (ret -5)"},
             {"<AD03:0:1:0", 0, 0, "[step 3] saved = 0"},
             {"<AD03:1:1:2048", 2048, 2048, "[step 3] saved = 2048"},
-            {"<AD03:1:1:8/9", 8, 8, "[step 3] saved = 8"},  // what is not announced is not taken
+            {"<AD03:1:1:8/9", 8, 8, "[step 3] saved = 8"},  // ignores bytes beyond `len`
     };
     const auto step = [&](unsigned number, const std::string& script) {
         begin();
@@ -170,7 +170,7 @@ TEST_F(Upload, AStepFailsAtItsFirstDoubtfulFrame) {
     EXPECT_EQ(last_said(), "std_ul_recv_data: ERR! [step 255] start fail (ret -1)");
 }
 
-TEST_F(Upload, TheCrashSentenceNamesTheOwner) {
+TEST_F(Upload, NamesTheOwnerInTheCrashSentence) {
     const struct {
         std::vector<int32_t> owners;
         std::string who;
@@ -191,7 +191,7 @@ TEST_F(Upload, TheCrashSentenceNamesTheOwner) {
     for (const auto& c : cases) {
         for (const int32_t owner : c.owners) {
             memset(sentence, 'x', kCrashReasonSize);
-            expect_question_of_owner(owner, "driver");
+            expect_crash_reason(owner, "driver");
             protocol_.make_cp_crash_reason(reason);
             EXPECT_EQ(sentence, ": CP Crash by " + c.who);
             EXPECT_THAT(said(),
@@ -199,7 +199,7 @@ TEST_F(Upload, TheCrashSentenceNamesTheOwner) {
                                     "make_cp_crash_reason: CP CRASH: CP Crash by " + c.who));
         }
     }
-    expect_question_of_owner(1, std::string(512, 't'));  // fills its record, unterminated
+    expect_crash_reason(1, std::string(512, 't'));  // not terminated
     protocol_.make_cp_crash_reason(reason);
     EXPECT_EQ(sentence, (": CP Crash by RIL - " + std::string(512, 't')).substr(0, 511));
     said();

@@ -35,9 +35,8 @@ TEST(Golden, ReportsOfRealRuns) {
         const char *golden, *file, *name;
     } const rows[] = {
             {"demo.txt", "lab/scenarios/demo.toml", "demo tq720"},
-            {"silent.txt", "tests/scenarios/dump_link.toml",
-             "the modem falls silent in the middle"},
-            {"external.txt", "tests/scenarios/external_dump.toml", "a whole crash"},
+            {"silent.txt", "tests/scenarios/dump_link.toml", "the modem stops answering in step 2"},
+            {"external.txt", "tests/scenarios/external_dump.toml", "a complete dump"},
     };
     for (const auto& row : rows) {
         const TemporaryDirectory root;
@@ -53,7 +52,7 @@ TEST(Golden, ReportsOfRealRuns) {
 TEST(Golden, TablesOfRealRuns) {
     const TemporaryDirectory demo, silent;
     play(demo, "lab/scenarios/demo.toml", "demo vk880");
-    play(silent, "tests/scenarios/dump_link.toml", "the modem falls silent in the middle");
+    play(silent, "tests/scenarios/dump_link.toml", "the modem stops answering in step 2");
     const Report first = report_of(demo.path().string());
     const Report second = report_of(silent.path().string());
     bool alike = true;
@@ -99,11 +98,11 @@ TEST(Property, AFileThatIsCutIsNeverCalledComplete) {
     struct {
         const char *file, *name;
     } const rows[] = {
-            {"tests/scenarios/dump.toml", "a whole crash"},
-            {"tests/scenarios/external_dump.toml", "a whole crash"},
+            {"tests/scenarios/dump.toml", "a complete dump"},
+            {"tests/scenarios/external_dump.toml", "a complete dump"},
             {"tests/scenarios/dump_parts.toml", "a region that ends early*"},
             {"tests/scenarios/silent_reset.toml",
-             "the integrated modem*s is stored at a dump before the regions"},
+             "the integrated modem*s record is stored at a dump before the regions"},
     };
     size_t tried = 0;
     for (const auto& row : rows) {

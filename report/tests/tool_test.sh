@@ -10,7 +10,7 @@ unset NO_COLOR
 report=$build/rvd-report
 cases=$source/tests/scenarios
 "$build/rvd-lab" demo --brief --root demo >/dev/null || exit 1
-"$build/rvd-lab" run --quiet --root silent --case 'the modem falls silent in the middle' "$cases/dump_link.toml" >/dev/null || exit 1
+"$build/rvd-lab" run --quiet --root silent --case 'the modem stops answering in step 2' "$cases/dump_link.toml" >/dev/null || exit 1
 saved=demo/data/vendor/log/rvd
 dump=cpcrash_umts_dump_20201001-1231.log
 mkdir empty cut hostile damaged holes bomb

@@ -1,4 +1,4 @@
-// Checked variants would be defined twice.
+// With it, the C library's headers define inline variants of the same functions.
 #undef _FORTIFY_SOURCE
 
 #include "tests/support/kernel.h"
@@ -71,9 +71,9 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
 
 int poll(pollfd* entries, nfds_t count, int timeout) {
     if (timeout != 0 && kernel().on_wait) kernel().on_wait();
-    if (std::deque<short>& ends = kernel().wait_ends; !ends.empty()) {
-        entries->revents = ends.front();
-        ends.pop_front();
+    if (std::deque<short>& results = kernel().poll_results; !results.empty()) {
+        entries->revents = results.front();
+        results.pop_front();
         return 1;
     }
     const timespec limit = {kernel().real_time ? timeout / 1000 : 0, 0};
@@ -102,7 +102,7 @@ int statfs(const char*, struct statfs* status) noexcept {
 }
 
 int klogctl(int type, char* buffer, int size) noexcept {
-    constexpr int kReadAll = 3;  // and clear nothing
+    constexpr int kReadAll = 3;  // without clearing the buffer
     errno = type == kReadAll ? kernel().ring_error : EINVAL;
     if (errno != 0) return -1;
     const std::string& ring = kernel().ring;

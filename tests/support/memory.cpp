@@ -1,4 +1,5 @@
-// The heap as the daemon's code uses it, counted and bounded. The linker wraps the C calls.
+// Counts and limits the allocations of the daemon's code. The linker (--wrap) redirects the C
+// calls.
 #include <errno.h>
 #include <stdlib.h>
 
@@ -13,7 +14,7 @@ std::atomic<size_t> largest_block{SIZE_MAX};
 
 namespace {
 
-bool grants(size_t size) {
+bool may_allocate(size_t size) {
     ++allocations;
     return size <= largest_block;
 }
@@ -22,22 +23,22 @@ bool grants(size_t size) {
 
 }  // namespace rvd::test
 
-using rvd::test::grants;
+using rvd::test::may_allocate;
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return grants(size) ? operator new(size) : nullptr;
+    return may_allocate(size) ? operator new(size) : nullptr;
 }
 
 extern "C" {
 
 void* __real_calloc(size_t count, size_t size);
 void* __wrap_calloc(size_t count, size_t size) {
-    return grants(count * size) ? __real_calloc(count, size) : nullptr;
+    return may_allocate(count * size) ? __real_calloc(count, size) : nullptr;
 }
 
 int __real_posix_memalign(void** block, size_t alignment, size_t size);
 int __wrap_posix_memalign(void** block, size_t alignment, size_t size) {
-    return grants(size) ? __real_posix_memalign(block, alignment, size) : ENOMEM;
+    return may_allocate(size) ? __real_posix_memalign(block, alignment, size) : ENOMEM;
 }
 
 }  // extern "C"

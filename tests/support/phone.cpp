@@ -12,7 +12,7 @@ std::string raw(std::initializer_list<uint32_t> words) {
     return {reinterpret_cast<const char*>(words.begin()), words.size() * sizeof(uint32_t)};
 }
 
-// The packet that a word of a modem's script stands for; a frame's bytes add to `payload`.
+// The packet for a word of a modem's script; `payload` counts the payload bytes of all frames.
 std::string packet(const std::string& word, size_t* payload) {
     unsigned cmd = 0, num = 0, curr = 0, len = 0, carried = 0;
     const char* text = word.c_str() + 1;
@@ -28,8 +28,8 @@ std::string packet(const std::string& word, size_t* payload) {
     return raw({cmd, num, curr, len}) + pattern(*payload).substr(*payload - carried);
 }
 
-// A request of the dump record goes to its node; another to the boot record's, or to a node opened
-// for the purpose.
+// Requests of a dump go to the dump record's node, all others to the boot record's, or to a node
+// opened for one request.
 bool is_right_node(int fd, unsigned request) {
     const int boot = Container::getStdBoot()->fd[BOOT_FD_NODE];
     switch (request) {
@@ -63,7 +63,7 @@ void Host::SetUp() {
 
 int Driver::request(int fd, unsigned request, void* argument) {
     if (script_.empty() || script_.front().request != request) {
-        ADD_FAILURE() << "request 0x" << std::hex << request << " where the script has 0x"
+        ADD_FAILURE() << "request 0x" << std::hex << request << " instead of 0x"
                       << (script_.empty() ? 0 : script_.front().request);
         errno = ENOTTY;
         return -1;
@@ -78,7 +78,7 @@ int Driver::request(int fd, unsigned request, void* argument) {
 
 void Driver::verify() {
     for (const Step& step : script_)
-        ADD_FAILURE() << "request 0x" << std::hex << step.request << " never came";
+        ADD_FAILURE() << "request 0x" << std::hex << step.request << " is missing";
     script_.clear();
 }
 
@@ -91,16 +91,16 @@ Modem::Modem(int32_t* slot, const std::string& script) : slot_(slot) {
     std::istringstream words(script);
     for (std::string word; words >> word;)
         script_.push_back(word);
-    // What comes before the daemon's first word is there already.
+    // Packets ahead of the daemon's first word are sent at once.
     act();
 }
 
 Modem::~Modem() {
     act();
     for (const std::string& word : script_)
-        ADD_FAILURE() << "the modem got no further than " << word;
+        ADD_FAILURE() << "the modem's script stopped at " << word;
     std::string rest;
-    EXPECT_FALSE(receive(&rest)) << "the modem was also sent " << rest.size() << " bytes";
+    EXPECT_FALSE(receive(&rest)) << "an unexpected packet of " << rest.size() << " bytes";
     kernel().on_wait = nullptr;
     close(fd_);
     close(*slot_);
@@ -126,7 +126,7 @@ void Modem::act() {
         } else {
             if (!receive(&sent)) return;
             EXPECT_TRUE(sent == packet(word, &payload_))
-                    << word << " was expected, not these " << sent.size()
+                    << "instead of " << word << ", " << sent.size()
                     << " bytes: " << testing::PrintToString(sent.substr(0, 16));
         }
     }
@@ -147,7 +147,7 @@ void Phone::SetUp() {
     static ProtocolVelo protocol;
     Container::setProtocol(&protocol);
     kmsg_fd = -1;
-    Log::info("SetUp", "the Android log opens with the first line\n");
+    Log::info("SetUp", "the first line opens the Android log\n");
     descriptors_ = open_descriptors();
     kmsg_fd = kernel_log_ = memfd_create("kernel log", MFD_CLOEXEC);
     read_ = 0;
@@ -162,7 +162,7 @@ void Phone::TearDown() {
     Container::getBootDump()->std_dump_close_args();
     close(kernel_log_);
     kmsg_fd = STDOUT_FILENO;
-    EXPECT_EQ(open_descriptors(), descriptors_) << "descriptors were left open";
+    EXPECT_EQ(open_descriptors(), descriptors_) << "descriptors leaked";
 }
 
 void Phone::use_modem(const char* type) {

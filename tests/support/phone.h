@@ -1,5 +1,5 @@
-// The fixtures of the in-process tests: an empty private root, and in it a phone with a named modem
-// whose driver and boot loader follow a script.
+// Fixtures of the in-process tests: Host, an empty private root; Phone, a modem in it, whose driver
+// and boot loader follow a script.
 #pragma once
 
 #include <errno.h>
@@ -44,22 +44,22 @@ constexpr char kLogDir[] = "/data/vendor/log/rvd";
 
 using Lines = std::vector<std::string>;
 
-// Empties what a test may write to.
+// Empties every directory that a test may write to.
 class Host : public testing::Test {
   protected:
     void SetUp() override;
-    // A file of this test alone.
+    // A file in the test's scratch directory.
     static std::string path(const std::string& name) { return std::string(kScratch) + "/" + name; }
 };
 
-// The driver behind both nodes: a script of the requests it expects, in order.
+// The driver of both nodes, as a script of the requests that it expects, in order.
 class Driver {
   public:
-    // The next request is this one; the daemon gets `result`, with EIO where that is negative.
+    // Expects this request next and returns `result`, with EIO if it is negative.
     void expect(unsigned request, int result = 0) {
         script_.push_back({request, [result](void*) { return result; }});
     }
-    // The next request is this one and carries a Record, which `answer` may read and fill.
+    // Expects this request next, with a Record that `answer` may read and fill.
     template <class Record, class Answer>
     void expect(unsigned request, Answer answer) {
         script_.push_back({request, [answer](void* record) {
@@ -68,7 +68,7 @@ class Driver {
     }
 
     int request(int fd, unsigned request, void* argument);
-    // Fails the test for every request that never came.
+    // Fails the test for every request that has not arrived.
     void verify();
 
   private:
@@ -79,23 +79,26 @@ class Driver {
     std::deque<Step> script_;
 };
 
-// The far end of one node. It acts when the daemon begins to wait, by a script of words:
+// The peer of one node. It runs each time the daemon begins to wait, and follows a script:
 //
-//   >9200            the daemon sends this command word
-//   >920C+C0FFEE     ... with another word behind it
+//   >9200            expects this command word from the daemon
+//   >920C+C0FFEE     ... followed by this word
 //   >9201:3:1:2048   ... this frame: command, num_frames, curr_frame, payload bytes
-//   <A200 <AD01:2:1:2048 <AD01:2:2:9/8
-//                    the modem sends this word; this frame; this frame, with 8 of the 9 bytes
-//   <I:4096:2:10     ... a dump's announcement: size, steps, length of the reason
-//   <T:word <R:503   ... this text; this many letters r
-//   <0 <C:15         ... a hang-up; the first 15 bytes of an empty frame
+//   <A200            sends this word
+//   <AD01:2:1:2048   ... this frame
+//   <AD01:2:2:9/8    ... this frame, with only 8 of its 9 bytes
+//   <I:4096:2:10     ... the announcement of a dump: size, steps, length of the reason
+//   <T:word <R:503   ... this text; 503 letters r
+//   <C:15            ... the first 15 bytes of an empty frame
+//   <0               hangs up
 //
 // Payloads are consecutive bytes of pattern().
 class Modem {
   public:
-    // Puts the daemon's end into a slot of the active controller's records.
+    // Stores the daemon's end of the link in a slot of the controller's records.
     Modem(int32_t* slot, const std::string& script);
-    // Closes the slot. Fails the test when an expected packet is missing, or another was sent.
+    // Closes the slot. Fails the test if an expected packet is missing or an unexpected one was
+    // sent.
     ~Modem();
 
   private:
@@ -111,7 +114,7 @@ class Modem {
 class Phone : public Host {
   protected:
     void SetUp() override;
-    // Checks that the driver's script is complete and that no descriptor is left open.
+    // Checks that the driver's script is complete and no descriptor has leaked.
     void TearDown() override;
 
     // Selects a modem as the command line does.
@@ -119,12 +122,12 @@ class Phone : public Host {
     std_boot_args& boot() { return *Container::getStdBoot(); }
     std_dump_args& dump() { return *Container::getStdDump(); }
 
-    // Lines of the kernel log since the last call, heads cut off; "! " stands for an error's head.
+    // The lines of the kernel log since the last call, without their prefix; "! " marks an error.
     Lines said();
-    // The last of them, "" where there is none.
+    // The last of them, or "".
     std::string last_said();
 
-    // Calls the daemon while a modem with this script is behind a node. Returns the result.
+    // Runs `call` with a modem behind the node in `slot`. Returns its result.
     template <class Call>
     int with_modem(int32_t& slot, const std::string& script, const Call& call) {
         const Modem modem(&slot, script);
@@ -140,7 +143,7 @@ class Phone : public Host {
     size_t descriptors_ = 0;
 };
 
-// Files end at `bytes` while it lives, as if the disk were full. The logs too: keep it beyond them.
+// While it exists, no file, logs included, can grow beyond `bytes`, as if the disk were full.
 class FullDisk {
   public:
     explicit FullDisk(rlim_t bytes);
@@ -150,7 +153,7 @@ class FullDisk {
     rlimit before_ = {};
 };
 
-// `size` bytes that differ from place to place.
+// `size` bytes in which neighbours differ and frames do not repeat.
 std::string pattern(size_t size);
 
 }  // namespace rvd::test

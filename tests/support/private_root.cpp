@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Nothing of the machine's /sys is needed, so the new root is built over it.
+// The tests do not need the machine's /sys, so the new root is mounted over it.
 const std::string kRoot = "/sys";
 
 void must(bool done, const std::string& what) {
@@ -35,9 +35,8 @@ void must(bool done, const std::string& what) {
     exit(EXIT_FAILURE);
 }
 
-// A process that has threads, such as a sanitizer's, cannot enter a user namespace; a child that
-// never had any can.
-void leave_threads_behind() {
+// A process with threads, such as a sanitizer's, cannot enter a user namespace; its child can.
+void continue_in_child() {
     const long child = syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0);
     must(child >= 0, "fork");
     if (child == 0) {
@@ -50,13 +49,13 @@ void leave_threads_behind() {
     _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
 }
 
-// A temporary directory may be in the shared memory.
 void share_the_machine() {
     const std::set<std::string> own = {"/data", "/dev", "/efs", "/own", "/sys"};
     for (const auto& entry : fs::directory_iterator("/")) {
         if (own.count(entry.path()) == 0 && (entry.is_symlink() || entry.is_directory()))
             lab::share(entry.path(), kRoot);
     }
+    // TMPDIR may be in /dev/shm.
     for (const char* device : {"/dev/null", "/dev/urandom", "/dev/shm"})
         lab::share(device, kRoot);
 }
@@ -65,7 +64,7 @@ void share_the_machine() {
 
 void enter_private_root() try {
     const fs::path cwd = fs::current_path();
-    if (geteuid() != 0) leave_threads_behind();
+    if (geteuid() != 0) continue_in_child();
     lab::enter_namespaces(CLONE_NEWNS);
     must(mount("rvd", kRoot.c_str(), "tmpfs", 0, "mode=0755") == 0, "mount a root");
     for (const std::string path : {"/data/vendor/log", "/efs", "/dev", "/sys/power",

@@ -1,4 +1,4 @@
-// A file system of the tests' own, where the daemon's fixed paths hold what a test writes there.
+// A private root for the tests, in which the daemon's fixed paths hold what a test writes there.
 #pragma once
 
 #include <string>
@@ -10,14 +10,14 @@ constexpr char kCmdline[] = "/own/cmdline";  // mounted over /proc/cmdline
 constexpr char kGroups[] = "/own/group";     // mounted over /etc/group
 constexpr char kPropertyStore[] = "/own/properties";
 constexpr char kAndroidLog[] = "/own/android.log";
-constexpr char kScratch[] = "/own/scratch";  // of one test
+constexpr char kScratch[] = "/own/scratch";  // emptied before each test
 
 // Enters a mount namespace whose root holds the daemon's directories and /own, all empty, and the
-// rest of this machine; points the platform layer to its store and log there. Ends the process with
-// a message where the kernel refuses.
+// rest of the machine; points the platform layer to its store and log there. If the kernel refuses,
+// exits with a message.
 void enter_private_root();
 
-// The whole file; "" where it cannot be read.
+// The whole file, or "" if it cannot be read.
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
 

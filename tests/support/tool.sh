@@ -1,5 +1,5 @@
-# Shared by the tests of command lines, which source it with their arguments BUILD-DIRECTORY
-# SOURCE-DIRECTORY: a directory of their own to work in, and commands held to a status and a text.
+# Sourced by the command-line tests with their arguments BUILD-DIRECTORY SOURCE-DIRECTORY: makes a
+# temporary working directory, and checks the exit status and output of commands.
 # shellcheck shell=bash
 # shellcheck disable=SC2034  # the sourcing script uses these
 build=$(realpath "$1") source=$(realpath "$2")
@@ -13,8 +13,8 @@ fail() {
     failures=$((failures + 1))
 }
 
-# expect STATUS PATTERN COMMAND...: the pattern is one of the error's, or of the output where it is
-# quoted as "out:PATTERN". A function `always`, if there is one, checks every command's `out` and `err`.
+# expect STATUS PATTERN COMMAND...: standard error must match the pattern, or standard output for
+# "out:PATTERN". A function `always`, if defined, checks the files `out` and `err` of every command.
 expect() {
     local status=$1 pattern=$2 where=err
     shift 2
