@@ -1,5 +1,5 @@
-# Bare Debian 12 roots: how one is made, copied, and entered with namespaces of its own, so that nothing
-# of this machine is touched. Meant to be sourced behind checks.sh, with `work` as the directory to work in.
+# Makes minimal Debian 12 root directories, copies them, and runs commands in them under namespaces of their own,
+# so that nothing of this machine changes. Sourced after checks.sh, with the working directory in `work`.
 # shellcheck shell=bash
 
 bare=$PWD/build/fresh/bare
@@ -9,17 +9,17 @@ leftovers+=("$trial")
 
 need_bare_roots() {
     if ((EUID != 0)) || ! apart true; then
-        not_run "making a root takes root's rights and namespaces"
+        not_run "making a bare Debian root takes root and namespaces"
     fi
     scripts/setup fresh || not_run "scripts/setup fresh failed"
 }
 
-# Runs a command with mounts and processes of its own, which end with it.
+# Runs a command in its own mount and PID namespaces; its child processes end with it.
 apart() {
     unshare --mount --pid --fork --kill-child "$@"
 }
 
-# Kept, and made anew after a week or when /etc/apt has changed.
+# The root is kept, and made again after a week or a change in /etc/apt.
 make_bare() {
     local log=$work/bare.log
     mkdir -p "${bare%/*}"
@@ -44,8 +44,8 @@ make_bare() {
     touch "$bare.made"
 }
 
-# The first process in a trial: gives the root /proc, /sys and a /dev of its own and runs the command there. It
-# survives the command's end on Ctrl-C, and then ends everything.
+# PID 1 of a trial: mounts /proc, /sys and a minimal /dev in the root, and runs the command there. On Ctrl-C it
+# waits for the command and then exits, which ends all other processes.
 enter() {
     local root=$1 node
     trap 'exit 130' INT TERM
@@ -63,7 +63,7 @@ enter() {
     mount -t tmpfs -o mode=1777 tmpfs dev/shm
     mount -t devpts -o newinstance,ptmxmode=666 devpts dev/pts
     ln -s pts/ptmx dev/ptmx
-    # A user namespace is refused to whom chroot has confined.
+    # Under chroot the kernel would refuse to create a user namespace.
     pivot_root . dev/old
     cd / || exit
     umount -l dev/old
@@ -73,14 +73,14 @@ enter() {
 
 TIMEFORMAT='    %0R s, %0U s + %0S s of a processor'
 
-# run_in_trial USER COMMAND: with an environment as bare as the root.
+# run_in_trial USER COMMAND: runs it with a minimal environment.
 run_in_trial() {
     local user=$1 home variable environment=() status=0 log=$work/trial.log
     home=$(awk -F: -v user="$user" '$1 == user { print $6 }' "$trial/etc/passwd")
     for variable in http_proxy https_proxy ftp_proxy no_proxy; do
         environment+=(${!variable+"$variable=${!variable}"})
     done
-    # In a shell of its own, so that what this one says on Ctrl-C does not go into the log.
+    # A separate shell keeps this one's messages on Ctrl-C out of the log.
     time (apart bash -c "set -e; $(declare -f enter); enter \"\$@\"" enter "$trial" \
         setpriv --reuid "$user" --regid "$user" --init-groups \
         env -i HOME="$home" PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
@@ -90,7 +90,7 @@ run_in_trial() {
         local kept
         kept=$(mktemp "$work/failed-XXXX.log")
         mv "$log" "$kept"
-        echo "    all of it: $kept"
+        echo "    full log: $kept"
     else
         tail -n 1 "$log"
         echo "    $(du -sh "$trial" | cut -f 1) on the disk"

@@ -1,5 +1,5 @@
-# Shared by the scripts that end in a verdict: runs checks one after another, says what it runs, and
-# counts. Meant to be sourced; the sourcing script ends with `verdict`.
+# For scripts that run a list of checks: prints each command, runs it, and counts the results. Sourced;
+# the script ends with `verdict`.
 # shellcheck shell=bash
 . scripts/common.sh
 writable build
@@ -9,7 +9,7 @@ checks_failed=0
 checks_not_run=0
 checks_jobs=$(nproc)
 
-# The verdict is the last line unless the script was interrupted or could not run.
+# Prints the counts as the last line, unless the script was interrupted or could not run.
 last_words() {
     (($1 != 77)) || return 0
     echo
@@ -29,7 +29,7 @@ verdict() {
     ((checks_failed == 0 && checks_passed > 0))
 }
 
-# A command that what follows cannot do without: its failure ends the script.
+# A command that the rest depends on: its failure ends the script.
 must() {
     echo
     echo "==> $*"
@@ -39,8 +39,8 @@ must() {
     fi
 }
 
-# A check of its own: its failure is counted and the next one runs. What cannot run here ends with 77
-# and counts as neither.
+# An independent check: its failure is counted and the script continues. One that cannot run on this
+# machine exits with 77 and is counted apart.
 check() {
     local status=0
     echo
@@ -66,7 +66,7 @@ build() {
     must one_at_a_time "build/$1" cmake --build --preset "$1"
 }
 
-# Runs a preset's tests and counts each. No test at all is a failure.
+# Runs a preset's tests and counts each. Having no tests is a failure.
 tests() {
     local output status=0 line
     output=build/$1/ctest.log

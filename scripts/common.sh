@@ -1,5 +1,4 @@
-# Shared by the scripts: how they fail, how they end, and how they build. Meant to be sourced, in the
-# checkout's directory.
+# Error handling, clean-up and building for the scripts. Sourced, in the checkout's directory.
 # shellcheck shell=bash
 
 shopt -s lastpipe
@@ -15,7 +14,7 @@ if [[ $(ulimit -n) != unlimited ]] && (($(ulimit -n) < 256)); then
     (($(ulimit -n) >= 256)) || fail "only $(ulimit -n) open files are allowed (ulimit -n), 256 are needed"
 fi
 
-# Ends a script that this machine cannot run.
+# Exits with 77: the script cannot run on this machine.
 not_run() {
     {
         echo
@@ -26,9 +25,8 @@ not_run() {
     exit 77
 }
 
-# What is removed when the script ends, whatever ends it, and what runs a command with root's rights.
-leftovers=()
-privileged=()
+leftovers=()  # paths to remove when the script ends, for whatever reason
+privileged=() # the command that runs another as root
 at_exit() {
     local status=$?
     ((${#leftovers[@]} == 0)) || "${privileged[@]}" rm -rf --one-file-system "${leftovers[@]}"
@@ -36,7 +34,7 @@ at_exit() {
 }
 trap at_exit EXIT
 
-# Ctrl-C does not reach what runs in the background.
+# Ctrl-C does not reach background jobs.
 interrupted() {
     local running
     trap '' INT TERM HUP
@@ -51,16 +49,16 @@ trap 'interrupted 129' HUP
 trap 'interrupted 130' INT
 trap 'interrupted 143' TERM
 
-# A directory of the script's own for temporary files.
+# Makes a temporary directory for this script in TMPDIR.
 private_tmp() {
     local place=${TMPDIR:-/tmp}
     TMPDIR=$(mktemp -d "$place/rvd.XXXXXX" 2>/dev/null) ||
-        fail "cannot write to the directory for temporary files, $place: set TMPDIR to one that can be written"
+        fail "cannot write to $place: set TMPDIR to a writable directory"
     export TMPDIR
     leftovers+=("$TMPDIR")
 }
 
-# The same, in memory where there is room for it.
+# The same in memory, if /dev/shm is writable.
 private_tmp_in_memory() {
     if [[ -w /dev/shm ]]; then TMPDIR=/dev/shm; fi
     private_tmp
@@ -73,12 +71,12 @@ writable() {
     fi
 }
 
-# one_at_a_time DIRECTORY COMMAND...: waits for others that hold the directory.
+# one_at_a_time DIRECTORY COMMAND...: runs the command with a lock on the directory.
 one_at_a_time() {
     local lock status=0
     exec {lock}<"$1"
     if ! flock -n "$lock"; then
-        echo "${0##*/}: another one is at work in $1, waiting for it" >&2
+        echo "${0##*/}: waiting for another script that uses $1" >&2
         flock "$lock"
     fi
     "${@:2}" || status=$?
@@ -86,7 +84,7 @@ one_at_a_time() {
     return "$status"
 }
 
-# Whether a build directory was configured in another place, or for another checkout.
+# Whether a build directory was moved, or configured for another checkout.
 moved() {
     [[ -e $1/CMakeCache.txt ]] &&
         (($(grep -cxF -e "CMAKE_CACHEFILE_DIR:INTERNAL=$(realpath "$1")" \
@@ -100,23 +98,23 @@ configure() {
     cmake --preset "$1" -B "$2" "${anew[@]}" "${@:3}"
 }
 
-# configure_programs DIRECTORY: a release without what tests, fuzzers and benches need. A directory that
-# is configured with them stays so.
+# configure_programs DIRECTORY: a release without tests, fuzz targets and benchmarks. A directory that is
+# already configured with them keeps them.
 configure_programs() {
     if [[ ! -e $1/build.ninja ]] || moved "$1"; then
         configure release "$1" -DRVD_TESTS=OFF -DRVD_FUZZ=OFF -DRVD_BENCH=OFF
     fi
 }
 
-# with_progress LABEL COMMAND...: runs ninja or apt-get (with its status on standard output) and shows
-# how far it is: on a terminal in one line that is overwritten, elsewhere every 30 s. What else it
-# prints is printed if it fails.
+# with_progress LABEL COMMAND...: runs ninja or apt-get (with its status on standard output) and shows the
+# progress: on a terminal in one line that is overwritten, otherwise every 30 s. Prints the other output of
+# the command only if it fails.
 with_progress() {
     local label=$1 begin=$SECONDS next=$SECONDS line output='' percent='' step status=0
     shift
     "$@" 2>&1 | while IFS= read -r line; do
         if [[ $line == '[0/'* ]]; then
-            continue  # ninja makes sure that the list of sources is still right
+            continue  # ninja checks the globs of the sources
         elif [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]]; then
             step='' percent=$((100 * BASH_REMATCH[1] / BASH_REMATCH[2]))
         elif [[ $line =~ ^dlstatus:[0-9]+:([0-9]+) ]]; then

@@ -1,22 +1,22 @@
-# The daemon's policy, compiled with the platform's own. Meant to be sourced; TREE is a checkout of
-# the platform's source or as much of one as platform-test needs.
+# Compiles the daemon's policy together with the platform's. Sourced; TREE is a checkout of the platform's
+# source, or the parts of one that scripts/platform-test needs.
 # shellcheck shell=bash
 
 platform_level=30
 
-# What the policy is made of, in the order of the platform's own build.
+# The files of a policy, in the order of the platform's build.
 policy_parts=(security_classes initial_sids access_vectors global_macros neverallow_macros mls_macros
     mls_decl mls policy_capabilities te_macros attributes ioctl_defines ioctl_macros '*.te'
     roles_decl roles users initial_sid_contexts fs_use genfs_contexts port_contexts)
 
-# policy_conf VARIANT DIRECTORY...: the policy of the directories as one file, on standard output.
-# VARIANT is the kind of build: user, userdebug or eng.
+# policy_conf VARIANT DIRECTORY...: prints the policy of the directories as one file. VARIANT is the kind of
+# build: user, userdebug or eng.
 policy_conf() {
     local variant=$1 part directory file files=()
     shift
     for part in "${policy_parts[@]}"; do
         for directory in "$@"; do
-            # Unquoted, for the one part that is a pattern.
+            # Unquoted, since one part is a pattern.
             # shellcheck disable=SC2231
             for file in "$directory"/$part; do
                 [[ -f $file ]] && files+=("$file")
@@ -31,8 +31,8 @@ policy_conf() {
         -s "${files[@]}"
 }
 
-# platform_policy TREE ANDROID VARIANT OUT [OPTION]...: the whole policy of a device, all neverallow
-# rules checked. ANDROID is the project's directory of that name or a copy of it; an OPTION goes to
+# platform_policy TREE ANDROID VARIANT OUT [OPTION]...: compiles the whole policy of a device and checks all
+# neverallow rules. ANDROID is the project's directory of that name or a copy of it. Each OPTION is passed to
 # the compiler, such as "-U allow" for a kernel with classes that the platform's kernel lacks.
 platform_policy() {
     local tree=$1/system/sepolicy own=$2 variant=$3 out=$4
@@ -42,8 +42,7 @@ platform_policy() {
         checkpolicy -M -c "$platform_level" "$@" -o "$out" "$out.conf"
 }
 
-# platform_vendor_policy TREE ANDROID OUT: the vendor's half alone, for which the private half of
-# the system does not exist.
+# platform_vendor_policy TREE ANDROID OUT: compiles the vendor half alone, without the system's private policy.
 platform_vendor_policy() {
     local tree=$1/system/sepolicy own=$2 out=$3
     policy_conf user "$tree"/{reqd_mask,public} "$own"/sepolicy/system/public "$tree"/vendor \
@@ -51,8 +50,8 @@ platform_vendor_policy() {
         checkpolicy -C -M -c "$platform_level" -o "$out" "$out.conf"
 }
 
-# sort_contexts: from standard input to standard output, in the order of the platform's build. The last
-# entry that fits a path counts: patterns come before plain paths, shorter stems before longer ones.
+# sort_contexts: sorts file contexts from standard input as the platform's build does. The last entry that
+# matches a path counts, so patterns come before plain paths and shorter stems before longer ones.
 sort_contexts() {
     awk 'NF && !/^ *#/ {
         stem = meta = 0
@@ -68,9 +67,9 @@ sort_contexts() {
     }' | sort -s -k1,1n -k2,2n -k3,3n -k4,4n | cut -d' ' -f5-
 }
 
-# platform_file_contexts TREE ANDROID POLICY OUT: the labels of files, the platform's and ours,
-# compiled for look-ups; every label is one of POLICY's. ANDROID may be empty: the platform's alone. OUT
-# is a new file: the compiler replaces what is there, be it a device.
+# platform_file_contexts TREE ANDROID POLICY OUT: compiles the file labels of the platform and of the project, or of
+# the platform alone if ANDROID is empty, and checks that POLICY has every label. OUT must not exist: the
+# compiler would replace it, even a device node.
 platform_file_contexts() {
     local tree=$1/system/sepolicy own=$2 policy=$3 out=$4 directories=()
     [[ -z $own ]] || directories=("$own"/{sepolicy/vendor,device/sepolicy})
