@@ -25,7 +25,7 @@ std::string human_size(uint64_t bytes) {
 }
 
 bool matches(std::string_view pattern, std::string_view text) {
-    const auto terminated = [](std::string part) {  // a saved kernel log has a NUL at its end
+    const auto terminated = [](std::string part) {  // a saved kernel log ends with a NUL
         std::replace(part.begin(), part.end(), '\0', '\1');
         return part;
     };
@@ -39,7 +39,7 @@ bool matches(std::string_view pattern, std::string_view text) {
 
 namespace {
 
-// Levenshtein's.
+// Levenshtein distance.
 size_t distance(const std::string& a, const std::string& b) {
     std::vector<size_t> row(b.size() + 1);
     std::iota(row.begin(), row.end(), 0);
@@ -68,7 +68,7 @@ std::string did_you_mean(const std::string& word, const std::vector<std::string>
     return "; did you mean \"" + *nearest + "\"?";
 }
 
-// Eight bytes at a time come from a 64-bit mixer (splitmix64) of seed and place.
+// Every eight bytes are splitmix64 of the seed and their offset.
 void fill_seeded(uint64_t seed, uint64_t offset, void* out, size_t size) {
     const uint64_t end = offset + size;
     for (auto* at = static_cast<uint8_t*>(out); offset < end;) {

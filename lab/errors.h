@@ -1,4 +1,4 @@
-// Why no run is possible.
+// The lab's exceptions.
 #pragma once
 
 #include <stdexcept>
@@ -6,17 +6,17 @@
 
 namespace rvd::lab {
 
-// Input, or a machine, with which no run is possible; the text says what to do.
+// The input or the machine makes a run impossible; the message says how.
 struct Error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// This machine's kernel does not allow what the lab needs.
+// This machine's kernel does not provide or permit what the lab needs.
 struct Unsupported : Error {
     using Error::Error;
 };
 
-// These throw "what: strerror(errno)".
+// Throw "what: strerror(errno)".
 [[noreturn]] void throw_errno(const std::string& what);
 [[noreturn]] void throw_unsupported_errno(const std::string& what);
 

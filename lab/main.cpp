@@ -1,4 +1,4 @@
-// rvd-lab: the virtual phone as a program.
+// The program rvd-lab.
 
 #include <errno.h>
 #include <fmt/core.h>

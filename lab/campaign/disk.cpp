@@ -39,7 +39,7 @@ bool Disk::contains(const std::string& path) {
 
 struct stat Disk::File::status() const {
     struct stat status {};
-    if (fstat(fd.get(), &status) != 0) throw_errno("a file of the phone");
+    if (fstat(fd.get(), &status) != 0) throw_errno("cannot examine a file of the phone");
     return status;
 }
 
@@ -52,7 +52,6 @@ Disk::File& Disk::track(ScopedFd fd) {
     return files_.try_emplace(file.status().st_ino, std::move(file)).first->second;
 }
 
-// The names there are now.
 Disk::Names Disk::current_names() {
     Names names;
     for (const char* mount_point : kMountPoints) {
@@ -83,7 +82,7 @@ void Disk::on_call(const std::string& name, const std::string& path, pid_t daemo
     pending_effect_ = [this, &file] { flush(file); };
 }
 
-// A directory's flush makes all changes of names before it durable, as they are in one journal.
+// Flushing a directory makes all earlier changes of names durable: they share one journal.
 void Disk::flush(File& file) {
     file.durable = file.content();
     if (S_ISDIR(file.status().st_mode)) names_ = current_names();
@@ -93,14 +92,14 @@ void Disk::cut(Survival survival, uint64_t seed) {
     pending_effect_ = nullptr;
     random_.seed(seed);
     const Names names = current_names();
-    // Of a part, all names: one whose content is missing does the most harm.
-    rewrite(survival == Survival::nothing ? names_ : names, survival);
+    // Some content survives with all names: a file without its content does the most harm.
+    rewrite(survival == Survival::none ? names_ : names, survival);
 }
 
 std::string Disk::content_after_cut(const File& file, Survival survival) {
     const std::string now = file.content();
     if (survival == Survival::all) return now;
-    if (survival == Survival::nothing || now == file.durable) return file.durable;
+    if (survival == Survival::none || now == file.durable) return file.durable;
     std::string content = file.durable;
     if (now.size() < content.size() && random_() % 2 == 0) content.resize(now.size());
     for (size_t at = 0; at < now.size(); at += kSector) {
@@ -117,7 +116,7 @@ void Disk::rewrite(const Names& names, Survival survival) {
         for (const auto& entry : fs::directory_iterator(phone_.path(mount_point)))
             fs::remove_all(entry.path());
     }
-    for (const auto& [inside, inode] : names) {  // a directory before what is in it
+    for (const auto& [inside, inode] : names) {  // sorted: a directory before its entries
         const File& file = files_.at(inode);
         const struct stat status = file.status();
         const std::string path = phone_.path(inside);
@@ -128,7 +127,7 @@ void Disk::rewrite(const Names& names, Survival survival) {
         }
         if (chown(path.c_str(), status.st_uid, status.st_gid) != 0 ||
             chmod(path.c_str(), status.st_mode & 07777) != 0)
-            throw_errno("the phone's " + inside);
+            throw_errno("cannot restore " + inside);
     }
 }
 

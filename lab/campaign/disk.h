@@ -1,5 +1,5 @@
-// What of the phone's files a power cut leaves. Content is durable once its file is flushed or was
-// written synchronously; names are durable once a directory is flushed.
+// The phone's disk with its durable state, which a power cut falls back to. Content is durable once
+// its file is flushed or was written synchronously; names are durable once a directory is flushed.
 #pragma once
 
 #include <sys/stat.h>
@@ -16,17 +16,17 @@ namespace rvd::lab {
 
 class Disk {
   public:
-    // What survives of what was not flushed.
-    enum class Survival { nothing, all, part };
+    // How much of the unflushed data and names a power cut leaves.
+    enum class Survival { none, all, some };
 
-    // All that is there now is durable.
+    // Everything on the disk is durable at first.
     explicit Disk(const Phone& phone);
 
-    // The daemon is about to make a call, maybe on one of its descriptors; its calls before have
+    // The daemon is about to make a call, on `fd` if that is not -1. Its earlier calls have
     // returned.
     void on_call(const std::string& name, const std::string& path, pid_t daemon, int fd);
 
-    // The power goes before the call that is about to be made.
+    // Cuts the power before the call that is about to be made.
     void cut(Survival survival, uint64_t seed);
 
     // Whether a path is on the disk.
@@ -34,7 +34,7 @@ class Disk {
 
   private:
     struct File {
-        ScopedFd fd;  // keeps the inode and its number when the name is gone
+        ScopedFd fd;  // keeps the inode after its last name is removed
         std::string durable;
 
         struct stat status() const;
@@ -51,8 +51,8 @@ class Disk {
 
     const Phone& phone_;
     std::map<ino_t, File> files_;
-    Names names_;                           // the durable ones
-    std::function<void()> pending_effect_;  // of the last call, on what is durable
+    Names names_;                           // durable
+    std::function<void()> pending_effect_;  // of the last call, on the durable state
     std::mt19937_64 random_;
 };
 

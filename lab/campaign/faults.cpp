@@ -14,8 +14,8 @@ namespace rvd::lab {
 
 namespace {
 
-// What each call can really give. Those behind the blank line never fail, or with nobody to tell:
-// a descriptor is closed whatever close() says.
+// How each call can fail. The calls after the blank line never fail, or their failure has no
+// effect.
 const std::map<std::string, std::vector<const char*>> kFailures = {
         {"open", {"EACCES", "EMFILE", "EINTR", "EIO", "ENOENT", "ENOSPC"}},
         {"read", {"EIO", "EINTR", "short", "end", "hang-up"}},
@@ -52,7 +52,7 @@ const std::map<std::string, std::vector<const char*>> kFailures = {
         {"umask", {}},
 };
 
-// Calls that the C library makes for itself, on memory that it has and between threads.
+// Calls that the C library makes for its own purposes. They are left alone.
 const std::set<std::string> kIgnoredCalls = {
         "munmap",  "mprotect", "madvise",           "futex",        "getpid",
         "gettid",  "connect",  "rt_sigprocmask",    "rt_sigaction", "socket",
@@ -68,10 +68,10 @@ constexpr char kHangUp[] = "hang-up";
 const std::map<std::string, FaultKind> kKinds = {
         {"fail", FaultKind::fail}, {"kill", FaultKind::kill}, {"cut", FaultKind::cut}};
 
-// What survives of what was not flushed, where the power is cut.
-const std::map<std::string, Disk::Survival> kCuts = {{"nothing", Disk::Survival::nothing},
+// The names of a power cut's failures, by how much unflushed data survives.
+const std::map<std::string, Disk::Survival> kCuts = {{"nothing", Disk::Survival::none},
                                                      {"all", Disk::Survival::all},
-                                                     {"part", Disk::Survival::part}};
+                                                     {"part", Disk::Survival::some}};
 
 struct Row {
     Scenario flow;
@@ -82,11 +82,12 @@ struct Row {
 struct PlannedFault {
     size_t row;
     RecordedCall call;
-    std::string name, failure;  // FLOW:CALL:N:WAY
+    std::string name, failure;  // FLOW:CALL:N:FAILURE
 };
 
-// What no later pass can mend. An NV file is never made anew, whatever is in it; and a root that
-// could not become the radio user has lost the right to make one in the radio user's directory.
+// Whether no later pass can recover. An NV file is never rewritten, even if its content is
+// incomplete; and a daemon that is still root but has lost its capabilities cannot create one in
+// the radio user's directory.
 bool is_unrecoverable(const std::string& flow, const RecordedCall& call,
                       const std::string& failure) {
     const bool partly = call.name == "write" && call.path == "/mnt/vendor/efs/#unnamed" &&
@@ -95,11 +96,12 @@ bool is_unrecoverable(const std::string& flow, const RecordedCall& call,
     return flow == "first-boot" && (partly || root);
 }
 
-// Whether a call on this path can fail this way.
+// Whether a failure is possible on the call's path.
 bool possible(const RecordedCall& call, const std::string& failure) {
     const bool node = call.path == "/dev/boot" || call.path == "/dev/dump";
     if (failure == kHangUp) return node;
-    if (failure == "short" && call.path == "/dev/kmsg") return false;  // a record is taken whole
+    if (failure == "short" && call.path == "/dev/kmsg")
+        return false;  // a record is never written in part
     if (failure == "end") return call.path != "/proc/cmdline" && !node;
     if (failure == "ENOENT") return matches("/dev/*", call.path) || matches("/sys/*", call.path);
     if (failure == "ENOSPC" && call.name == "open") return call.path.compare(0, 6, "/data/") == 0;
@@ -107,9 +109,9 @@ bool possible(const RecordedCall& call, const std::string& failure) {
     return true;
 }
 
-// Thins the calls out for a sample, which writes to the logs would fill otherwise: of equal calls
-// from the same place on the same path, the first two, the middle one and the last. Writes to a
-// log are equal wherever they come from.
+// Keeps writes to the logs from dominating a sample: of similar calls, the first two, the middle
+// one and the last. Similar calls have the same name, path and preceding log line; for writes to a
+// log the line does not count.
 std::vector<RecordedCall> sample_similar(const std::vector<RecordedCall>& calls) {
     std::map<std::string, std::vector<RecordedCall>> alike;
     for (const RecordedCall& call : calls) {
@@ -126,8 +128,8 @@ std::vector<RecordedCall> sample_similar(const std::vector<RecordedCall>& calls)
     return chosen;
 }
 
-// The ways of a kind at this call. Around a call that changes nothing it is all the same: a cut,
-// and the kills of a sample, leave those out.
+// The failures to try at this call. A power cut, and a kill in a sample, leave out calls that
+// modify nothing: their effect is that of the next call.
 std::vector<const char*> failures_for(const FaultOptions& options, const RecordedCall& call) {
     const bool changes = kModifyingCalls.count(call.name) != 0;
     const bool on_disk = call.name == "ioctl" || call.name == "sync" || Disk::contains(call.path);
@@ -164,14 +166,12 @@ std::vector<PlannedFault> plan(std::vector<Row>& rows, const FaultOptions& optio
     return planned;
 }
 
-// The run of one fault. Only what is collected from the modem is still held against the scenario.
 Job make_job(const PlannedFault& planned, const Row& row, const FaultOptions& options) {
     const auto& [number, call, name, failure] = planned;
     const FaultKind kind = kKinds.at(options.kind);
     Job job{row.flow.name, row.flow, options.run};
     job.options.story = name == options.only;
-    job.options.record_calls =
-            kind != FaultKind::fail;  // every call is seen, so that the stop is exact
+    job.options.record_calls = kind != FaultKind::fail;  // stops the daemon exactly at the call
     job.scenario.name = name;
     job.scenario.faults.push_back(make_fault(call.name, call.nth, failure));
     RunRecord baseline = row.baseline;
@@ -197,7 +197,7 @@ std::vector<Row> choose_flows(const std::string& wanted) {
     return rows;
 }
 
-// Runs each flow once, with no fault. Returns the signal that interrupted it, or 0.
+// Runs each flow once without a fault. Returns the signal that interrupted it, or 0.
 int run_baselines(std::vector<Row>& rows, const FaultOptions& options) {
     const auto make = [&](size_t i) {
         Job job{"", rows[i].flow, options.run};

@@ -1,5 +1,5 @@
-// The fault campaign: at every system call that the daemon makes in the flows of its life the call
-// fails, in every way that it can; or the daemon is killed, or the phone's power cut.
+// The fault campaign. It repeats each flow of the daemon once for every system call and every way
+// that the call can fail; or it kills the daemon or cuts the phone's power there.
 #pragma once
 
 #include "lab/campaign/report.h"
@@ -8,22 +8,22 @@ namespace rvd::lab {
 
 struct FaultOptions {
     RunOptions run;
-    std::string only;  // one fault, "FLOW:CALL:N:WAY", with its story; or one flow
-    int spread = 0;    // so many faults, evenly chosen; 0: all
+    std::string only;  // one flow; or one fault, "FLOW:CALL:N:FAILURE", with its story
+    int spread = 0;    // how many faults to choose evenly; 0: all
     int jobs = 1;
     std::string kind = "fail";  // or "kill" or "cut"
-    bool list = false;          // the names of the faults, instead of running them
+    bool list = false;          // only print the names of the faults
     ReportOptions reporting;
 };
 
-// Reports what failed, and a table. Returns the exit status.
+// Runs the campaign and prints its report. Returns the exit status.
 int run_faults(const FaultOptions& options);
 
-// The ways in which a call can fail on some path: an errno, "short", "end" or "hang-up". Throws
-// Error where none is known.
+// The failures of a call on any path: an errno, "short", "end" or "hang-up". Throws Error for an
+// unknown call.
 const std::vector<const char*>& failures_of(const std::string& call);
 
-// The fault that a way is, at the nth such call.
+// The fault that makes the nth such call fail this way.
 Fault make_fault(const std::string& call, int nth, const std::string& failure);
 
 }  // namespace rvd::lab

@@ -21,21 +21,21 @@ namespace rvd::lab {
 namespace {
 
 constexpr char kLogs[] = "/data/vendor/log/rvd";
-constexpr int kSettled = 50;       // passes after which a daemon needs no more memory
-constexpr long kMoreMemory = 512;  // KiB
+constexpr int kWarmUpPasses = 50;  // after these the daemon's memory stays the same
+constexpr long kMemorySlackKiB = 512;
 constexpr Time kQuirkLasts = 40 * kSecond;
-constexpr int kSaving = 3;  // threads that may save logs beside the daemon's own
+constexpr int kSavingThreads = 3;  // most threads that save logs at the same time
 
-// The storm's disk, below what free space the daemon takes no dump, and more than a pass writes.
+// The storm's disk, the free space that a dump needs, and more than one pass writes.
 constexpr int64_t kMega = 1 << 20;
 constexpr int64_t kDisk = 1024 * kMega, kLeastFree = 500 * kMega, kWritten = 2 * kMega;
 
-// One of a kind may fail in a pass, by its place here.
+// The calls of which one may fail in a pass. The index is that of the scenario's fault.
 const char* const kFaulty[] = {"open", "read", "write", "fsync", "statfs", "mmap", "ioctl", "poll"};
 
 const char* const kQuirky[] = {"0xA00D", "0xAF00", "0xAD00", "info", "reason", "1.1", "2.2"};
 
-// The signals of an interruption wait for the end of the pass.
+// These signals are blocked, and end the soak after the current pass.
 sigset_t interruptions() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -68,7 +68,7 @@ class Passes : public RunController {
         if (!fill_at_line_.empty() && matches(fill_at_line_, text)) fill_disk();
     }
 
-    // The daemon waits for the modem: a pass has come to its rest.
+    // The daemon waits for the modem: the pass is over unless the timeline continues it.
     void on_wait() override {
         auto& timeline = run_->scenario.timeline;
         const size_t position = run_->timeline.position();
@@ -90,7 +90,7 @@ class Passes : public RunController {
 
   private:
     void stop() {
-        run_->scenario.expect.files.clear();  // each pass has taken them away
+        run_->scenario.expect.files.clear();  // each pass has checked and removed them
         run_->backend.stop("stop");
     }
 
@@ -109,9 +109,9 @@ class Passes : public RunController {
         if (nv != nv_) violation("the NV file has changed");
     }
 
-    // What was collected is right as far as it goes, and whole where nothing was in the way.
+    // Saved files are prefixes of the modem's data, and complete in an undisturbed pass.
     void check_files() {
-        // A liar's words decide what of a frame is data.
+        // A liar's lengths decide which part of a frame is saved.
         if (shape_ != "liar") check_collected(*run_);
         if (has_crash_ && short_of_space_) check_refused();
         if (has_crash_ && !disturbed_ && !short_of_space_) {
@@ -121,7 +121,7 @@ class Passes : public RunController {
             counters_.whole++;
         }
         remove_logs();
-        fs::resize_file(run_->phone.path(kAndroidLog), 0);  // or it fills the memory
+        fs::resize_file(run_->phone.path(kAndroidLog), 0);  // it is on tmpfs
     }
 
     std::vector<std::string> saved() const {
@@ -133,7 +133,7 @@ class Passes : public RunController {
         return files;
     }
 
-    // What they held stays on the storm's disk.
+    // Their bytes stay in use on the storm's disk.
     void remove_logs() {
         int64_t bytes = 0;
         for (const std::string& file : saved())
@@ -143,14 +143,14 @@ class Passes : public RunController {
         fs::remove_all(run_->phone.path(kLogs));
     }
 
-    // Without the space for a dump the device goes to its upload mode, and nothing of it is saved.
+    // Without space for a dump the daemon forces upload mode and saves nothing.
     void check_refused() {
         counters_.refused++;
         const auto& requests = run_->story.requests();
         if (std::none_of(requests.begin(), requests.end(), [](const std::string& request) {
                 return matches("TRIGGER_KERNEL_PANIC \"Not enough freespace\"*", request);
             }))
-            violation("no upload is forced while the disk is full");
+            violation("upload mode is not forced while the disk is full");
         for (const std::string& file : saved()) {
             if (matches("*/cpcrash_*", file)) violation(file + " is saved while the disk is full");
         }
@@ -163,13 +163,14 @@ class Passes : public RunController {
             return strtol(status.c_str() + status.find(name) + strlen(name), nullptr, 10);
         };
         const long used = number("VmHWM:"), threads = number("Threads:");
-        if (threads > 1 + kSaving) violation(fmt::format("the daemon has {} threads", threads));
+        if (threads > 1 + kSavingThreads)
+            violation(fmt::format("the daemon has {} threads", threads));
         if (daemon != daemon_) daemon_passes_ = 0;
         daemon_ = daemon;
-        if (daemon_passes_++ <= kSettled) settled_memory_ = used;
-        if (used > settled_memory_ + kMoreMemory)
-            violation(fmt::format("the daemon needs {} KiB, after {} passes {} KiB", used, kSettled,
-                                  settled_memory_));
+        if (daemon_passes_++ <= kWarmUpPasses) warm_memory_ = used;
+        if (used > warm_memory_ + kMemorySlackKiB)
+            violation(fmt::format("the daemon needs {} KiB; after {} passes it needed {} KiB", used,
+                                  kWarmUpPasses, warm_memory_));
     }
 
     void violation(const std::string& text) { run_->story.violation(text); }
@@ -213,7 +214,7 @@ class Passes : public RunController {
         event.waits = true;
         event.after = below(20'000) * kMillisecond;
         event.state = one_of(states);
-        if (*event.state == 3) {  // nothing comes of it: the next one ends the pass
+        if (*event.state == 3) {  // ignored by the daemon: the next one ends the pass
             timeline.push_back(event);
             event.state = states[below(3)];
         }
@@ -244,12 +245,11 @@ class Passes : public RunController {
         fault = make_fault(fault.call, 1 + below(fault.call == "ioctl" ? 30 : 200),
                            ways[static_cast<size_t>(below(static_cast<int>(ways.size())))]);
         if (!fault.cut) return;
-        // Files alone come in parts: a packet is taken whole.
+        // Only files are read and written in part: a packet is transferred whole.
         fault.path = fault.call == "write" ? "/data/*" : "/dev/block/*";
         fault.trigger.nth = 1 + below(10);
     }
 
-    // The boot loader misbehaves for a while.
     void choose_quirk() {
         Quirk quirk;
         if (once_in(3)) quirk.word = below(1 << 16);
@@ -260,7 +260,8 @@ class Passes : public RunController {
         misbehave(static_cast<size_t>(below(std::size(kQuirky))), quirk);
     }
 
-    // The boot loader may hold on to a quirk: it stays where it is, and ends without a place.
+    // The boot loader may keep a pointer to the quirk, so the element stays and an empty `at` ends
+    // it.
     void misbehave(size_t place, const Quirk& quirk) {
         disturb();
         Quirk& here = run_->scenario.loader[place];
@@ -270,14 +271,14 @@ class Passes : public RunController {
         run_->backend.later(kQuirkLasts, [&here] { here.at.clear(); });
     }
 
-    // A crash every few seconds, on a disk that other data fills as well, until somebody empties
-    // it. Now and then it is full in the middle of a dump.
+    // A crash every few seconds on a disk that other data fills, too. It is emptied when it is
+    // full. Some dumps run out of space midway.
     void storm() {
         Scenario& scenario = run_->scenario;
         other_data_ += below(30) * kMega;
         if (other_data_ > kDisk) other_data_ = 0;
         scenario.disk = kDisk - other_data_;
-        // The limit is not crossed within a pass.
+        // Free space must not cross the limit within a pass.
         const int64_t room = run_->phone.disk_room();
         if (room >= kLeastFree && room < kLeastFree + kWritten) *scenario.disk -= kWritten;
         short_of_space_ = room < kLeastFree + kWritten;
@@ -298,7 +299,7 @@ class Passes : public RunController {
         *disk -= run_->phone.disk_room() - below(8'000);
     }
 
-    // States follow each other faster than they can be read; the last one ends the pass.
+    // The state changes faster than the daemon reads it; the last change ends the pass.
     void flap() {
         Time after = 0;
         const int changes = 2 + below(20);
@@ -311,7 +312,7 @@ class Passes : public RunController {
         }
     }
 
-    // The boot loader says whatever comes to its mind, in every place at once.
+    // Random words, numbers and lengths in half of the boot loader's packets.
     void lie() {
         choose_events();
         for (size_t place = 0; place < std::size(kQuirky); place++) {
@@ -333,15 +334,15 @@ class Passes : public RunController {
     const int count_;
     int played_ = 0;
     SoakCounters& counters_;
-    bool has_crash_ = false;  // the pass has a crash in it
-    bool disturbed_ = false;  // and something that may keep it from being saved
+    bool has_crash_ = false;  // in this pass
+    bool disturbed_ = false;  // by something that may keep a dump from being saved
     bool short_of_space_ = false;
-    std::string fill_at_line_;  // the line at which the disk is full
-    int64_t other_data_ = 0;    // bytes that the storm's disk keeps, the logs of earlier passes too
+    std::string fill_at_line_;  // the log line that fills the disk
+    int64_t other_data_ = 0;    // bytes in use on the storm's disk, logs of earlier passes included
     std::string nv_;
     pid_t daemon_ = -1;
-    int daemon_passes_ = 0;    // of the daemon, in passes
-    long settled_memory_ = 0;  // KiB
+    int daemon_passes_ = 0;  // since its start
+    long warm_memory_ = 0;   // KiB
 };
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The passes of a soak: what a seed makes of each, and what must hold at its end.
+// The passes of a soak: random events and faults, and the checks after each pass.
 #pragma once
 
 #include <atomic>
@@ -9,14 +9,14 @@
 
 namespace rvd::lab {
 
-// How far a soak is.
+// Counted during the soak, for its progress and report.
 struct SoakCounters {
     std::atomic<int> passes{0}, dumps{0}, whole{0}, refused{0}, disturbances{0};
     std::atomic<int64_t> bytes{0};  // saved
-    std::atomic<Time> lived{0};     // of the phone's time
+    std::atomic<Time> lived{0};     // virtual time
 };
 
-// The first flow with a crash, with room for what is to come.
+// The flow "crash" without its timeline, as the base of all passes.
 Scenario soak_scenario(const std::string& shape);
 
 std::shared_ptr<RunController> make_passes(int64_t seed, const std::string& shape, int count,

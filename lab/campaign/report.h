@@ -1,5 +1,4 @@
-// What the runs of a command come to: how far it is, each as it ends, and all of them at its end,
-// for people or for programs.
+// Reports of a command's runs: progress, each result, and the totals, as text, JSON or JUnit XML.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -11,9 +10,9 @@
 namespace rvd::lab {
 
 struct ReportOptions {
-    bool json = false;   // to standard output, instead of text
-    bool quiet = false;  // text of those alone that fail
-    bool story = false;  // the story of those that pass, too
+    bool json = false;   // instead of text
+    bool quiet = false;  // print failed runs only
+    bool story = false;  // print the story of passed runs, too
     OutputFile junit;
 };
 
@@ -24,8 +23,8 @@ class Report {
     void add(Outcome& outcome);
     size_t failed() const { return failed_; }
 
-    // Writes everything out, `figures` with it, and returns the exit status. A `signal` is what
-    // interrupted the command.
+    // Writes the totals and returns the exit status. `counters` is added to the JSON; `signal` is
+    // the one that interrupted the command, or 0.
     int finish(int signal, const nlohmann::json& counters);
 
   private:
@@ -39,11 +38,11 @@ class Report {
     int status_ = kPassed;
 };
 
-// How far a long command is, on standard error: a line that is renewed on a terminal, elsewhere one
-// every half a minute.
+// Progress of a long command on standard error: one line that is updated on a terminal, otherwise a
+// new line every 30 s.
 class Progress {
   public:
-    // `what` is counted: "faults".
+    // `what` is the plural of what is counted: "faults".
     Progress(std::string what, size_t total);
     ~Progress();
 
@@ -60,11 +59,11 @@ class Progress {
     bool shown_ = false;
 };
 
-// Runs all, several at once, with a line for each and the story of those that fail. Returns the
-// exit status.
+// Runs several at once and prints a line for each and the story of failed ones. Returns the exit
+// status.
 int run_all(const std::vector<Job>& runs, int jobs, const ReportOptions& reporting);
 
-// Runs one, with its story as it happens. Returns the exit status.
+// Runs one job and prints its story as it happens. Returns the exit status.
 int run_one(Job job);
 
 }  // namespace rvd::lab

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kSlowestPass = 2;  // seconds of real time
 
-// In memory that the run's process shares with the lab's.
+// In memory shared with the run's process.
 SoakCounters& share_counters() {
     void* const page = mmap(nullptr, sizeof(SoakCounters), PROT_READ | PROT_WRITE,
                             MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -28,7 +28,7 @@ SoakCounters& share_counters() {
     return *new (page) SoakCounters;
 }
 
-// A process that keeps a core busy until it is killed.
+// A process that keeps a CPU busy.
 class BusyLoop {
   public:
     BusyLoop() : pid_(fork()) {
@@ -49,7 +49,7 @@ class BusyLoop {
     const pid_t pid_;
 };
 
-// The line in which two texts begin to differ, as it is in the first.
+// The first text's line in which the texts begin to differ.
 std::string different_line(const std::string& text, const std::string& other) {
     const auto at = std::mismatch(text.begin(), text.end(), other.begin(), other.end()).first -
                     text.begin();
@@ -58,8 +58,8 @@ std::string different_line(const std::string& text, const std::string& other) {
     return text.substr(begin, text.find('\n', here) - begin);
 }
 
-// Tells the same story again and again while two busy loops hold the cores. Returns the signal that
-// interrupted it, or 0.
+// Runs the same soak repeatedly beside two busy loops and compares the stories. Returns the signal
+// that interrupted it, or 0.
 int replay(Job job, int replays, Outcome& sum) {
     job.direct = false;
     job.options.story = true;
@@ -85,8 +85,8 @@ int replay(Job job, int replays, Outcome& sum) {
     return signal;
 }
 
-// Lives it once. Returns the signal that interrupted it, or 0.
-int live(const Job& job, int passes, const SoakCounters& counters, Outcome& outcome) {
+// Runs the soak once. Returns the signal that interrupted it, or 0.
+int run_once(const Job& job, int passes, const SoakCounters& counters, Outcome& outcome) {
     Progress progress("passes", static_cast<size_t>(passes));
     return run_each(
             1, 1, [&](size_t) { return job; },
@@ -112,7 +112,7 @@ int run_soak(const SoakOptions& options, const ReportOptions& reporting) {
         signal = replay(job, options.replays, outcome);
         table["replays"] = options.replays;
     } else {
-        signal = live(job, options.passes, counters, outcome);
+        signal = run_once(job, options.passes, counters, outcome);
         table.update({{"passes", counters.passes.load()},
                       {"dumps", counters.dumps.load()},
                       {"saved_whole", counters.whole.load()},

@@ -1,4 +1,4 @@
-// The soak: one phone that lives through pass after pass of whatever a seed makes of it.
+// The soak: one phone on which passes of random events and faults follow each other.
 #pragma once
 
 #include "lab/campaign/report.h"
@@ -8,8 +8,8 @@ namespace rvd::lab {
 struct SoakOptions {
     int64_t seed = 0;
     int passes = 0;
-    std::string shape = "mixed";  // what the seed makes: "mixed", "storm", "flap" or "liar"
-    int replays = 0;  // so often the same story is told, and compared; 0: it is lived once
+    std::string shape = "mixed";  // kind of passes: "mixed", "storm", "flap" or "liar"
+    int replays = 0;  // run the same soak this often and compare the stories; 0: run it once
     RunOptions run;
 };
 

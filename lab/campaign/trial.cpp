@@ -14,14 +14,13 @@ namespace {
 
 constexpr char kCounter[] = "vendor.rvd.cp_reset";
 
-// One failure costs at most the longest wait for an answer and what is repeated after it: tries at
-// the log directory, the boot or the dump.
+// A failure delays a run by at most the longest wait for an answer plus the retries after it.
 constexpr Time kGrace = 45 * kSecond;
 
-// After a stop the boot and what comes first in the flow are repeated.
+// After a stop the boot and the first event are repeated.
 constexpr Time kRepeated = 120 * kSecond;
 
-// What the daemon says once a file is saved, and the files that it says it of.
+// The lines with which the daemon reports files as saved, and the files.
 constexpr struct {
     const char *line, *files;
 } kReports[] = {
@@ -42,8 +41,8 @@ int64_t count_from(size_t first, const std::vector<std::string>& texts, const ch
                          [&](const std::string& text) { return matches(pattern, text); });
 }
 
-// Complete is complete: more may be appended, what was moved is whole in its new place, and what
-// the clean run replaces or removes may be replaced or removed.
+// Whether a complete file has lost content. It may grow or be renamed, and it may be replaced or
+// removed if the baseline does so.
 bool damaged(const std::string& path, const std::string& content, const Files& baseline,
              const Files& files) {
     const auto wanted = baseline.find(path), now = files.find(path);
@@ -114,17 +113,17 @@ void Trial::cut_power() {
     before_ = intact_reported_files();
     disk_->cut(survival_, lines_);
     disk_.reset();
-    // Now: the next crash may be saved under the same names.
+    // Checked at once, since the next crash may reuse the names.
     for (const auto& [path, content] : before_) {
         if (!begins_with(read_file(phone.path(path)), content))
-            violation(path + " was reported as saved");
+            violation(path + " was reported as saved and is lost");
     }
     phone.clear_properties();
     run_->modem.reboot();
     run_->backend.reboot();
 }
 
-// What was reported and has not been written over since.
+// Files that were reported as saved and not overwritten since.
 Files Trial::intact_reported_files() const {
     Files files;
     for (const auto& [path, content] : reported_) {
@@ -148,12 +147,12 @@ void Trial::on_wait() {
     stopped_in_pass_ = false;
 }
 
-// Where a record waits to be handed back.
+// The silent-reset record that is to be handed back.
 std::string Trial::record_path() const {
     return "/data/vendor/log/rvd/err/last_sr_info_" + run_->scenario.prefix();
 }
 
-// So often in this pass.
+// How often in the current pass.
 int64_t Trial::handed_back() const {
     return count_from(requests_, run_->story.requests(), "SET_SRINFO *");
 }
@@ -170,7 +169,7 @@ void Trial::check_records() {
     const std::string whole = fmt::format("SET_SRINFO len={} {}", text.size(), text);
     for (size_t i = requests_; i < requests.size(); i++) {
         if (matches("SET_SRINFO *", requests[i]) && requests[i] != whole)
-            violation("a record that never was: " + requests[i]);
+            violation("an unknown record is handed back: " + requests[i]);
     }
 }
 
@@ -178,7 +177,7 @@ void Trial::check(RunRecord& record) {
     check_faults(*run_);
     check_end(record);
     check_complete(record.files);
-    // A cut may leave sectors of zeros in what was not reported.
+    // A cut may leave sectors of zeros in files that were not reported as saved.
     if (kind_ != FaultKind::cut || survival_ == Disk::Survival::all) check_collected(*run_);
     if (kind_ == FaultKind::fail) return;
     check_whole(*run_);
@@ -192,11 +191,11 @@ void Trial::check(RunRecord& record) {
         return count_from(0, run.requests, "SET_SRINFO *");
     };
     if (records(record) < records(baseline_)) violation("a record was not handed back");
-    record = {};  // nobody learns from it
+    record = {};  // only a baseline's is used
 }
 
 void Trial::check_end(const RunRecord& record) {
-    // A shutdown that was not heard of leaves the daemon waiting.
+    // A daemon that misses the shutdown keeps waiting.
     const bool missed_shutdown = baseline_.end == "parked" && record.end == "waits";
     if (record.end != baseline_.end && !missed_shutdown)
         violation("the run ended with \"" + record.end + "\", not \"" + baseline_.end + "\"");
@@ -214,15 +213,14 @@ void Trial::check_end(const RunRecord& record) {
 void Trial::check_complete(const Files& files) {
     for (const auto& [path, content] : before_) {
         if (!damaged(path, content, baseline_.files, files)) continue;
-        // A crash file has the minute of its crash in its name: another one within it takes its
-        // place.
+        // A second crash within the minute overwrites the file, whose name holds the minute.
         const std::string opened = "*: " + path + " opened (fd *";
         if (count_from(0, run_->story.log(), opened.c_str()) < 2)
-            violation(path + " was complete before");
+            violation(path + " was complete before the fault and is damaged");
     }
 }
 
-// Each boot since is counted, from where the count was; a reboot begins anew.
+// Every boot after the stop is counted. A reboot resets the counter.
 void Trial::check_counter() {
     const int64_t wanted =
             boots_ + count_from(lines_, run_->story.log(), "status_loop: CP status_loop start *");

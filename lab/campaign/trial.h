@@ -1,13 +1,16 @@
-// A run in which one call fails, or in which the daemon is killed or the phone loses its power at
-// that call, held against the clean run of its flow. After a kill or a cut the daemon is started
-// again, the modem does once more what it did first, and the flow is played to its end.
+// A run with one fault, compared with the baseline: the run of the same flow without it. The fault
+// makes a call fail, kills the daemon, or cuts the phone's power. After a kill or a cut the daemon
+// is started again, the first event of the timeline is repeated, and the flow continues to its end.
 //
-// The run ends as the clean one and not much later, leaves nothing more open, and complete files
-// (after a cut, those reported as saved) are as they were. What was saved of the modem is true.
-// After a kill or a cut one of each of its files is also whole, no ".new" file is left, boots were
-// counted, and the modem is in the same state. Whenever the daemon waits for the modem then, the
-// wake lock is released, and a silent-reset record has reached the driver whole, once for each time
-// that it was fetched, or twice in the pass of the stop, and is removed.
+// After every fault:
+// - the run ends like the baseline, not much later, and leaves no more descriptors open;
+// - files that were complete (after a cut: reported as saved) are unchanged;
+// - saved files are prefixes of the modem's data.
+// After a kill or a cut also:
+// - at least one of each of those files is complete, and no ".new" file is left;
+// - boots are counted, and the modem's final state is the baseline's;
+// - whenever the daemon waits for the modem, the wake lock is released, and a fetched silent-reset
+//   record has been handed back complete and once (at most twice in the pass of the stop).
 #pragma once
 
 #include <optional>
@@ -21,7 +24,7 @@ enum class FaultKind { fail, kill, cut };
 
 class Trial : public RunController {
   public:
-    // `survives` is for a cut.
+    // `survival` only matters for a cut.
     Trial(FaultKind kind, Disk::Survival survival, RunRecord baseline)
         : kind_(kind), survival_(survival), baseline_(std::move(baseline)) {}
 
@@ -51,11 +54,11 @@ class Trial : public RunController {
     const Disk::Survival survival_;
     const RunRecord baseline_;
     std::optional<Disk> disk_;
-    Files reported_;       // as the daemon has reported them
-    Files before_;         // what was complete when the fault came
-    int64_t boots_ = 0;    // as the daemon had counted them at the stop
+    Files reported_;       // content of each file when it was reported as saved
+    Files before_;         // complete when the fault fired
+    int64_t boots_ = 0;    // counted by the daemon before the stop
     size_t lines_ = 0;     // logged before the stop
-    size_t requests_ = 0;  // made before the pass that runs
+    size_t requests_ = 0;  // made before the current pass
     bool stopped_in_pass_ = false;
     bool locked_ = false;  // the wake lock is held
 };

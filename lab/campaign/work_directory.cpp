@@ -25,12 +25,12 @@ fs::path temporary_directory() {
     if (named != nullptr && *named == '\0') return "/tmp";
     std::error_code error;
     const fs::path path = fs::temp_directory_path(error);
-    if (error) throw Error("the directory for temporary files: TMPDIR names none");
+    if (error) throw Error("TMPDIR names no directory");
     return path;
 }
 
-// Removes the temporary directories of runs that were killed. They are empty: what was in them was
-// gone with the run's namespace.
+// Removes the temporary directories of killed runs. They are empty: their content was mounted in
+// the run's namespace.
 void remove_stale_directories() {
     std::error_code none;
     for (const auto& entry : fs::directory_iterator(temporary_directory(), none)) {
@@ -66,7 +66,7 @@ WorkDirectory::WorkDirectory(const std::string& named) : path_(named), temporary
         return;
     }
     remove_stale_directories();
-    do {  // another run may sweep it before it is locked
+    do {  // another run may remove it before it is locked
         path_ = temporary_directory() / (std::string(kPrefix) + "XXXXXX");
         if (mkdtemp(path_.data()) == nullptr) throw_errno("cannot make " + path_);
     } while (!lock());

@@ -1,5 +1,4 @@
-// Where runs put things on this machine: the directory that phones are built in, and the files that
-// the user names for results.
+// The directory in which phones are built, and the files that the user names for results.
 #pragma once
 
 #include <string>
@@ -8,12 +7,12 @@
 
 namespace rvd::lab {
 
-// A directory that is locked while this object or a process that was forked from it lives. Phones
-// that are not kept share it: each is mounted there in a namespace of its own.
+// A directory that is locked while this object or a process forked from it lives. Several phones
+// can use it at once: each is mounted over it in a mount namespace of its own.
 class WorkDirectory {
   public:
-    // The one named, which stays; where none is named, a temporary one, gone with this object.
-    // Throws Error, also where another run has it.
+    // Uses the named directory, or a temporary one that the destructor removes. Throws Error, also
+    // if another run uses it.
     explicit WorkDirectory(const std::string& named);
     ~WorkDirectory();
     WorkDirectory(const WorkDirectory&) = delete;
@@ -29,15 +28,16 @@ class WorkDirectory {
     ScopedFd lock_;
 };
 
-// A file for results. It is opened before the run and keeps its content until there are some; a
-// device or a pipe is written as it is. No link is followed that somebody else could have made.
+// A file for results. It is opened before the run and keeps its old content until the results are
+// written; it may be a device or a pipe. A symbolic link that another user could have made is not
+// followed.
 class OutputFile {
   public:
     OutputFile() = default;
     explicit OutputFile(const std::string& path);
 
     explicit operator bool() const { return fd_ >= 0; }
-    void write(const std::string& text) const;  // instead of what is there
+    void write(const std::string& text) const;  // replaces the content
     void append(const std::string& text) const;
 
   private:

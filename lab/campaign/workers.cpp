@@ -30,11 +30,11 @@ struct Worker {
     size_t job;
     Outcome outcome;
     Clock::time_point start;
-    ScopedFd output;       // none: the lab's own
+    ScopedFd output;       // none: the lab's own standard output
     ScopedFd report_file;  // violations and conduct
 };
 
-// The signals that this process takes between the runs, and gives back to each.
+// Blocks the signals that this process waits for; restored in each child.
 class Signals {
   public:
     Signals() {
@@ -49,7 +49,7 @@ class Signals {
 
     void restore() const { sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
-    // The one that came within a second; 0 where none did.
+    // Waits up to a second for one of them. Returns its number, or 0.
     int wait() const {
         const timespec second = {1, 0};
         return std::max(sigtimedwait(&blocked_, nullptr, &second), 0);
@@ -61,11 +61,11 @@ class Signals {
 
 ScopedFd make_memory_file() {
     ScopedFd file(memfd_create("rvd-lab", MFD_CLOEXEC));
-    if (!file.valid()) throw_errno("cannot keep what a run says");
+    if (!file.valid()) throw_errno("cannot create a memory file");
     return file;
 }
 
-// A phone that is kept has a directory of its own where there are several.
+// With --root, each of several phones gets a directory of its own.
 RunOptions options_for(const Job& job, const WorkDirectory& place) {
     RunOptions options = job.options;
     options.keep = !options.root.empty();
@@ -79,7 +79,7 @@ RunOptions options_for(const Job& job, const WorkDirectory& place) {
     return options;
 }
 
-// As a run's process: what it leaves in `answer` is what its outcome is made of.
+// Carries out a job in the child and writes its violations and record to `report_file`.
 int run_in_child(const Job& job, const WorkDirectory& place, int report_file) {
     int status = kPassed;
     Result result;
@@ -126,7 +126,7 @@ void finish(Worker& worker, int status) {
         report.at("wrong").get_to(outcome.violations);
         report.at("conduct").get_to(outcome.record);
     } else if (const int number = WTERMSIG(status); number == SIGPIPE && direct) {
-        outcome.status = kSignalBase + number;  // whoever read the story has had enough of it
+        outcome.status = kSignalBase + number;  // the reader of the story closed the pipe
     } else {
         outcome.status = kFailed;
         outcome.violations = {
@@ -159,7 +159,7 @@ int run_each(size_t count, int jobs, const std::function<Job(size_t)>& make,
             workers.emplace(pid, std::move(worker));
         }
         if (const int signal = signals.wait(); signal != 0 && signal != SIGCHLD) {
-            // A soak ends its pass on the first one; whatever is left, on the second.
+            // A soak finishes its pass at the first signal; the second kills what is left.
             for (const auto& [pid, worker] : workers)
                 kill(pid, interrupted == 0 ? SIGTERM : SIGKILL);
             interrupted = signal;
@@ -170,7 +170,7 @@ int run_each(size_t count, int jobs, const std::function<Job(size_t)>& make,
             if (found == workers.end()) continue;
             Worker& worker = found->second;
             finish(worker, status);
-            // A terminal's signal reaches the run before it does the lab.
+            // SIGINT of a terminal may reach the run before it reaches the lab.
             if (WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) interrupted = SIGINT;
             if (interrupted == 0 || WIFEXITED(status)) done(worker.job, worker.outcome);
             workers.erase(found);

@@ -18,7 +18,7 @@ std::string default_daemon() {
     return std::filesystem::read_symlink("/proc/self/exe", none).parent_path() / "rvd";
 }
 
-// The daemon's version stands in its binary.
+// The daemon's version is a string in its binary.
 std::string versions(const std::string& daemon) {
     const std::string bytes = read_file(daemon);
     const size_t at = bytes.find("RVD-V");
@@ -35,18 +35,19 @@ void add_run_options(CLI::App& app, CommandLine& line) {
     app.add_option("--color", line.color, "colours in a story: auto, always or never (auto)")
             ->check(CLI::IsMember({"auto", "always", "never"}));
     app.add_option("--trace", line.trace, "write the story as trace events to this file");
-    app.add_option("--picture", line.picture, "draw the story as a sequence into this file (SVG)");
+    app.add_option("--picture", line.picture,
+                   "draw the story as a sequence diagram into this file (SVG)");
     app.add_option("--log", line.log, "write the daemon's lines to this file");
 }
 
 void add_seed(CLI::App& app, CommandLine& line) {
-    constexpr int64_t kLargest = 1'000'000'000'000'000'000;  // what is larger would be cut to fit
+    constexpr int64_t kLargest = 1'000'000'000'000'000'000;  // CLI11 clamps larger numbers silently
     app.add_option("--seed", line.seed, "seed of all content, instead of the scenario's")
             ->check(CLI::Range(-kLargest, kLargest));
 }
 
 void add_jobs(CLI::App& app, CommandLine& line) {
-    app.add_option("--jobs", line.jobs, "how many at once (all processors)")
+    app.add_option("--jobs", line.jobs, "how many runs at once (number of processors)")
             ->check(CLI::Range(1, 4096));
 }
 
@@ -62,32 +63,35 @@ void add_files(CLI::App& app, CommandLine& line) {
 void add_demo(CLI::App& app, CommandLine& line) {
     app.add_option("--modem", line.modem, "tq720 (integrated) or vk880 (external)")
             ->check(CLI::IsMember({"tq720", "vk880"}));
-    app.add_option("--firmware", line.firmware, "boot this image, instead of one that is made up")
+    app.add_option("--firmware", line.firmware,
+                   "boot this firmware image instead of a generated one")
             ->check(CLI::ExistingFile);
-    app.add_flag("--brief", line.brief, "only the chapters, and what matters most in them");
+    app.add_flag("--brief", line.brief, "print only chapters and their most important lines");
     add_seed(app, line);
     add_run_options(app, line);
 }
 
 void add_run(CLI::App& app, CommandLine& line) {
     add_files(app, line);
-    app.add_option("--case", line.only, "only cases of this name; '*' for anything");
-    app.add_flag("--list", line.list, "name the cases, instead of running them");
-    app.add_flag("--quiet", line.reporting.quiet, "name only the cases that fail");
-    app.add_flag("--story", line.reporting.story, "tell the story of every case");
+    app.add_option("--case", line.only, "run only cases whose name matches; '*' matches anything");
+    app.add_flag("--list", line.list, "print the names of the cases instead of running them");
+    app.add_flag("--quiet", line.reporting.quiet, "print only cases that fail");
+    app.add_flag("--story", line.reporting.story, "print the story of every case");
     app.add_flag("--real-time", line.run.real_time,
-                 "the real clock, and nothing between the daemon and its data");
+                 "use the real clock and do not intercept data transfers, to measure throughput");
     app.add_flag("--device", line.run.device,
-                 "on this machine's own kernel, as root, with character devices in user space: "
-                 "clock, disk, log and rights are real");
-    app.add_option("--prepare", line.run.prepare,
-                   "with --device: a command that gets the phone's root before the daemon starts");
-    app.add_option("--notebook", line.run.notebook,
-                   "with --device: the machine is the phone, so its clock is set, and a panic or a "
-                   "reboot takes it down; what the run goes on with, when the same command is "
-                   "given again, is in this file");
+                 "run on this machine's own kernel, as root, with character devices in user space: "
+                 "clock, disk, log and capabilities are real");
+    app.add_option(
+            "--prepare", line.run.prepare,
+            "with --device: run this command with the phone's root before the daemon starts");
+    app.add_option(
+            "--notebook", line.run.notebook,
+            "with --device: the machine is the phone: its clock is set, and it really panics "
+            "and reboots; the same command then continues the run from this file");
     app.add_option("--jitter", line.run.jitter,
-                   "microseconds between two reads of what the daemon says; no story may change")
+                   "delay each read of the daemon's output by so many microseconds; no story may "
+                   "change")
             ->check(CLI::Range(0, 1'000'000));
     add_reporting(app, line);
     add_jobs(app, line);
@@ -106,11 +110,12 @@ void add_faults(CLI::App& app, CommandLine& line) {
     app.add_option("--only", line.faults.only,
                    "one flow; or FLOW:CALL:N:FAULT, one fault with its story");
     app.add_option("--kind", line.faults.kind,
-                   "fail each call; kill the daemon before and after it; cut the phone's power")
+                   "fail each call; kill the daemon before and after it; or cut the phone's power")
             ->check(CLI::IsMember({"fail", "kill", "cut"}));
-    app.add_option("--spread", line.faults.spread, "so many of all faults, evenly chosen")
+    app.add_option("--spread", line.faults.spread, "run only this many faults, evenly chosen")
             ->check(CLI::Range(1, 1'000'000));
-    app.add_flag("--list", line.faults.list, "name the faults, instead of running them");
+    app.add_flag("--list", line.faults.list,
+                 "print the names of the faults instead of running them");
     add_reporting(app, line);
     add_jobs(app, line);
     add_run_options(app, line);
@@ -118,23 +123,23 @@ void add_faults(CLI::App& app, CommandLine& line) {
 
 void add_soak(CLI::App& app, CommandLine& line) {
     app.add_option("--passes", line.soak.passes,
-                   "how many (10000; of a story that is told again, 10)")
+                   "number of passes (10000; 10 with --verify-replay)")
             ->check(CLI::Range(1, 100'000'000));
     app.add_option(
                "--shape", line.soak.shape,
-               "what the passes are made of: mixed, of everything; storm, of crashes on a disk "
-               "that fills; flap, of states that follow too fast; liar, of a boot loader's lies")
+               "mixed: everything; storm: crashes on a disk that fills; flap: state changes too "
+               "fast to read; liar: a boot loader that sends random words and lengths")
             ->check(CLI::IsMember({"mixed", "storm", "flap", "liar"}));
     app.add_flag("--verify-replay{1000}", line.soak.replays,
-                 "tell the same story so often, beside two busy loops, and compare");
-    app.add_flag("--story", line.reporting.story, "tell the story");
+                 "run the same soak this often, beside two busy loops, and compare the stories");
+    app.add_flag("--story", line.reporting.story, "print the story");
     add_reporting(app, line);
     add_seed(app, line);
     add_run_options(app, line);
 }
 
 void add_keys(CLI::App& app, CommandLine& line) {
-    app.add_flag("--json", line.reporting.json, "as a JSON schema, which editors use");
+    app.add_flag("--json", line.reporting.json, "as a JSON schema, for editors");
 }
 
 constexpr struct {
@@ -144,13 +149,13 @@ constexpr struct {
 } kCommands[] = {
         {"demo", "tell the story of a modem's life", add_demo, demo},
         {"run", "run scenarios and check what they expect", add_run, run},
-        {"check", "read scenarios and say what is wrong with them", add_files, check},
-        {"toc", "read a firmware image's table of contents, and what each modem makes of it",
+        {"check", "read scenarios without running them and report errors", add_files, check},
+        {"toc", "print a firmware image's table of contents and how each modem would load it",
          add_toc, toc},
         {"faults", "fail every system call of the daemon, each in every way it can fail",
          add_faults, faults},
-        {"soak", "live through pass after pass of events", add_soak, soak},
-        {"keys", "print what a scenario can say", add_keys, keys},
+        {"soak", "run random events and faults, pass after pass, on one phone", add_soak, soak},
+        {"keys", "print all keys of a scenario", add_keys, keys},
 };
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The command line of rvd-lab, and its commands.
+// The command line of rvd-lab and its commands.
 #pragma once
 
 #include <optional>
@@ -10,7 +10,7 @@
 
 namespace rvd::lab {
 
-// What the options of all commands say.
+// The options of all commands.
 struct CommandLine {
     int (*command)(CommandLine&) = nullptr;
     RunOptions run;
@@ -18,15 +18,15 @@ struct CommandLine {
     FaultOptions faults;
     SoakOptions soak;
     std::string modem = "tq720", firmware, only, color = "auto";
-    std::string trace, picture, log, junit;  // names of files for results
+    std::string trace, picture, log, junit;  // files for results
     std::vector<std::string> files;
     std::optional<int64_t> seed;
     int jobs = 1;
     bool list = false, brief = false;
 };
 
-// Returns an exit status where nothing is left to do: help or version is printed, or the error, on
-// standard error.
+// Returns an exit status if it has printed help, the version or an error; nothing is left to do
+// then.
 std::optional<int> parse_command_line(int argc, char** argv, CommandLine& line);
 
 // The commands. Each returns the exit status and throws Error.

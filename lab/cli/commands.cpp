@@ -13,7 +13,7 @@ using nlohmann::literals::operator""_json_pointer;
 
 namespace {
 
-// Opens the files for results. The story, the picture and the log hold that of one run.
+// Opens the files for results. Trace, picture and log hold one run.
 void open_results(CommandLine& line, bool many) {
     if (many && !(line.trace + line.picture + line.log).empty())
         throw Error("--trace, --picture and --log take one run: choose it with --case or --only");
@@ -41,7 +41,7 @@ std::vector<Job> chosen(const CommandLine& line) {
     return jobs;
 }
 
-// A line for each key of a table: "driver.answer[].request", and what it means.
+// Prints a line for each key of a table: "driver.answer[].request" and its meaning.
 void print_keys(const nlohmann::ordered_json& table, const std::string& path) {
     for (const auto& [name, key] : table["properties"].items()) {
         const std::string place = path + name;

@@ -1,5 +1,5 @@
-// The error message for a command line that does not parse. All of it is in the header, so that
-// each program compiles the library once.
+// The error message for a command line that does not parse. In a header, since each program
+// compiles CLI11 only in the one file that includes it.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -10,7 +10,7 @@
 
 namespace rvd::lab {
 
-// Names the first unknown word, options first, with the nearest known one; otherwise the library's
+// Names the first unknown option or word and the nearest known one; for other errors it is CLI11's
 // own message.
 inline std::string parse_error_message(const CLI::App& app, const CLI::ParseError& error) {
     std::vector<std::string> known;

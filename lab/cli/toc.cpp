@@ -1,4 +1,5 @@
-// What is in a firmware image, and what each modem's daemon makes of it.
+// The command "toc": a firmware image's table of contents, and the daemon's load plan for each
+// modem.
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -106,7 +107,7 @@ void print(const Json& about) {
 
 }  // namespace
 
-// The exit status says whether a modem boots from the image.
+// The exit status is 0 if any modem boots from the image.
 int toc(CommandLine& line) {
     const ScopedFd image(open(line.firmware.c_str(), O_RDONLY | O_CLOEXEC));
     if (!image.valid()) throw_errno(line.firmware);

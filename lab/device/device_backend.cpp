@@ -1,6 +1,6 @@
-// The stage on a real kernel: character devices for the nodes, and the machine's own log, clock,
-// disk and rights. Where the machine is the phone, its clock is set to the scenario's and a panic
-// or a reboot takes it down; where it is not, only the daemon starts afresh.
+// The backend on a real kernel: character devices for the nodes, and the machine's own log, clock,
+// disk and capabilities. If the machine is the phone (--notebook), its clock is set to the
+// scenario's and it really panics and reboots; otherwise only the daemon is restarted.
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
@@ -38,7 +38,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kCapabilities[] =
         "cap_net_admin,cap_net_raw,cap_sys_admin,cap_sys_boot,cap_syslog,cap_block_suspend=ep";
-constexpr milliseconds kIdle{400};      // a waiting daemon that is idle for so long has finished
+constexpr milliseconds kIdle{400};  // a daemon that waits and is idle for this long has finished
 constexpr time_t kParkedSeconds = 200;  // longer than any sleep within a pass
 
 void reject_gate_only_keys(const Scenario& scenario) {
@@ -48,10 +48,9 @@ void reject_gate_only_keys(const Scenario& scenario) {
                        : scenario.ring             ? "ring"
                                                    : nullptr;
     if (what != nullptr)
-        throw Error(scenario.name + ": \"" + what + "\" is the gate's to do, not a real kernel's");
+        throw Error(scenario.name + ": \"" + what + "\" works on the gate only, not with --device");
 }
 
-// Writes to a file of the kernel's.
 void write_kernel_file(const char* path, const std::string& text) {
     if (!(std::ofstream(path) << text << std::flush)) throw_errno(path);
 }
@@ -87,7 +86,7 @@ class DeviceBackend : public RunBackend {
         const std::string prepare = options_.prepare + " " + phone_.root();
         if (!options_.prepare.empty() && system(prepare.c_str()) != 0)
             throw Error("failed: " + prepare);
-        sync();  // so that a panic cannot lose the phone's first files
+        sync();  // a panic must not lose the phone's initial files
         android_start_ = read_file(phone_.path(kAndroidLog)).size();
     }
 
@@ -126,7 +125,7 @@ class DeviceBackend : public RunBackend {
 
     pid_t daemon() const override { return pid_; }
 
-    // Threads that save logs open and close descriptors at any time.
+    // Other threads, which save logs, may open and close descriptors at any time.
     std::string path_of(int fd) const override {
         std::error_code none;
         if (!is_single_threaded()) return "";
@@ -154,7 +153,7 @@ class DeviceBackend : public RunBackend {
   private:
     DeviceNode& at(Node node) { return nodes_[node == Node::dump]; }
 
-    // A node as the phone has it: the driver's for the radio user, the log for root alone.
+    // Bind-mounts a device node into the phone, with the phone's owner and mode.
     void put_node(const std::string& path, mode_t mode, uid_t owner) const {
         const auto& missing = scenario_.missing;
         if (std::find(missing.begin(), missing.end(), path) != missing.end()) return;
@@ -199,8 +198,8 @@ class DeviceBackend : public RunBackend {
         if (!waited && node.awaits_hang_up() && on_wait) on_wait();
     }
 
-    // The kernel's crash record does not name the reason, so it is logged first. The request is
-    // never answered.
+    // The kernel's own crash record does not contain the reason, so it is logged first. The request
+    // is never answered.
     void enter_panic() {
         panic_pending_ = false;
         write_kernel_file("/dev/kmsg", "<0>rvd-lab: panic: " + story_.panic_reason + "\n");
@@ -216,7 +215,7 @@ class DeviceBackend : public RunBackend {
         int level = 0;
         for (std::string text; kernel_log_.next(level, text);) {
             last_activity_ = Clock::now();
-            story_.log_line(level, text + "\n");  // the kernel takes one off
+            story_.log_line(level, text + "\n");  // the kernel strips one
         }
     }
 
@@ -233,13 +232,13 @@ class DeviceBackend : public RunBackend {
         }
     }
 
-    // Whether the main thread is the only one: a directory has two links more than directories.
+    // Whether the main thread is the only one: a directory has a link per subdirectory, plus two.
     bool is_single_threaded() const {
         std::error_code none;
         return fs::hard_link_count(proc("task"), none) == 3;
     }
 
-    // Whether the daemon sleeps longer than in any pass, by the arguments that /proc shows.
+    // Whether the daemon sleeps longer than it does in any pass. /proc shows the call's arguments.
     bool parked() const {
         long number = -1;
         unsigned long clock = 0, flags = 0, span = 0;
@@ -250,8 +249,7 @@ class DeviceBackend : public RunBackend {
                time.tv_sec >= kParkedSeconds;
     }
 
-    // A killed daemon is gone only when its calls are answered, the closing of its nodes among
-    // them.
+    // A killed daemon exits only once its pending calls, close() included, have been answered.
     void end_daemon() {
         if (pid_ > 0) kill(pid_, SIGKILL);
         while (pid_ > 0) {
@@ -271,7 +269,7 @@ class DeviceBackend : public RunBackend {
         pidfd_ = -1;
     }
 
-    // Once for each daemon.
+    // Runs once for each start of the daemon.
     void check_identity() {
         if (std::exchange(checked_, true)) return;
         const auto& args = scenario_.args;
@@ -288,7 +286,7 @@ class DeviceBackend : public RunBackend {
     void check_logs() {
         const std::string lines =
                 kernel_log_.differences(read_file(phone_.path(kAndroidLog)).substr(android_start_));
-        if (!lines.empty()) story_.violation("only one log has:\n" + lines);
+        if (!lines.empty()) story_.violation("lines that only one of the two logs has:\n" + lines);
     }
 
     std::string proc(const char* file) const {
@@ -301,7 +299,7 @@ class DeviceBackend : public RunBackend {
     const std::string dump_path_ = "/dev/" + scenario_.prefix() + "_ramdump0";
     DeviceNode nodes_[2] = {{Node::boot, boot_path_, modem()}, {Node::dump, dump_path_, modem()}};
     KernelLog kernel_log_;
-    size_t android_start_;  // of the daemon's lines in the Android log
+    size_t android_start_;  // offset of this daemon's lines in the Android log
     int pid_ = -1, pidfd_ = -1;
     bool checked_ = false, panic_pending_ = false;
     Clock::time_point last_activity_ = Clock::now();

@@ -1,5 +1,5 @@
 // One of the driver's nodes as a character device in user space (CUSE). Each open, read, write,
-// request and wait of a caller is a message; the caller waits until it is answered.
+// ioctl and poll of a caller is a message; the caller blocks until it gets a reply.
 #pragma once
 
 #define FUSE_USE_VERSION 31
@@ -22,7 +22,7 @@ namespace rvd::lab {
 
 class DeviceNode {
   public:
-    // Makes the device. Throws Error.
+    // Creates the device. Throws Error.
     DeviceNode(Node node, const std::string& path, Modem& modem) : node_(node), modem_(modem) {
         const std::string device = "DEVNAME=" + path.substr(path.rfind('/') + 1);
         const char* words[] = {device.c_str()};
@@ -36,18 +36,18 @@ class DeviceNode {
                 nullptr,          Operations::ioctl, Operations::poll};
         const int cuse = ::open("/dev/cuse", O_RDWR | O_CLOEXEC);
         if (cuse < 0)
-            throw_unsupported_errno("/dev/cuse can't be opened (is the module \"cuse\" loaded?)");
+            throw_unsupported_errno("/dev/cuse cannot be opened (is the module \"cuse\" loaded?)");
         session_ = cuse_lowlevel_new(&args, &info, &operations, this);
         if (session_ == nullptr ||
             fuse_session_mount(session_, ("/dev/fd/" + std::to_string(cuse)).c_str()) != 0)
-            throw Unsupported("no session of CUSE for " + path);
-        process_message();  // the device is there once the kernel's greeting is answered
+            throw Unsupported("cannot create a CUSE session for " + path);
+        process_message();  // the device exists once CUSE_INIT is answered
     }
 
-    // Readable while there are messages.
+    // Readable while a message is pending.
     int fd() const { return fuse_session_fd(session_); }
 
-    // Serves one message. The result of a request is sent by answer().
+    // Handles one message. The result of an ioctl is sent by answer().
     void process_message() {
         fuse_buf message{};
         if (fuse_session_receive_buf(session_, &message) > 0)
@@ -73,7 +73,7 @@ class DeviceNode {
         }
     }
 
-    // Of the descriptor with the request in hand.
+    // For the descriptor of the current request.
     void clear_hang_up() {
         if (requesting_ != nullptr) requesting_->hung_up = false;
     }
@@ -84,10 +84,10 @@ class DeviceNode {
     }
 
     void send_packets() {
-        if (!opens_.empty() && fill(opens_.back())) wake(opens_.back());
+        if (!opens_.empty() && fetch_packet(opens_.back())) wake(opens_.back());
     }
 
-    // Answers all callers, which have been killed.
+    // Wakes all callers, so that a killed daemon can exit.
     void fail_pending() {
         answer();
         hang_up();
@@ -102,14 +102,14 @@ class DeviceNode {
   private:
     struct Open {
         bool hung_up = false;
-        bool awaits_hang_up = false;        // and nothing else
-        std::optional<Packet> packet = {};  // the modem's next, not read yet
-        fuse_req* reader = nullptr;         // waits for it, with so much room
+        bool awaits_hang_up = false;        // polls for a hang-up only
+        std::optional<Packet> packet = {};  // from the modem, not read yet
+        fuse_req* reader = nullptr;         // blocked until there is one
         size_t room = 0;
         fuse_pollhandle* poller = nullptr;
     };
 
-    // What the session calls, each with a message.
+    // The session's handlers, one for each kind of message.
     struct Operations {
         static DeviceNode& node(fuse_req_t req) {
             return *static_cast<DeviceNode*>(fuse_req_userdata(req));
@@ -119,7 +119,7 @@ class DeviceNode {
             return *reinterpret_cast<Open*>(file->fh);
         }
 
-        // What is longer is read and written in pieces.
+        // Longer reads and writes arrive in pieces.
         static void init(void*, fuse_conn_info* connection) {
             connection->max_read = connection->max_write = 65536;
         }
@@ -136,10 +136,10 @@ class DeviceNode {
             fuse_reply_err(req, 0);
         }
 
-        // One read takes one packet; what does not fit is lost.
+        // One read takes one packet; the part that does not fit is lost.
         static void read(fuse_req_t req, size_t size, off_t, fuse_file_info* file) {
             Open& open = open_of(file);
-            const bool ready = node(req).fill(open) || open.hung_up;
+            const bool ready = node(req).fetch_packet(open) || open.hung_up;
             if (!ready && (file->flags & O_NONBLOCK) != 0) return void(fuse_reply_err(req, EAGAIN));
             open.reader = req;
             open.room = size;
@@ -171,7 +171,7 @@ class DeviceNode {
 
         static void poll(fuse_req_t req, fuse_file_info* file, fuse_pollhandle* poller) {
             Open& open = open_of(file);
-            unsigned events = node(req).fill(open) ? POLLIN | POLLRDNORM : 0;
+            unsigned events = node(req).fetch_packet(open) ? POLLIN | POLLRDNORM : 0;
             events |= open.hung_up ? POLLHUP : POLLOUT | POLLWRNORM;
             if (open.poller != nullptr) fuse_pollhandle_destroy(open.poller);
             open.poller = poller;
@@ -181,8 +181,8 @@ class DeviceNode {
         }
     };
 
-    // The modem sends to the newest descriptor. Asked for its next packet it may hang up instead.
-    bool fill(Open& open) {
+    // Packets go to the newest descriptor. The modem may hang up instead of sending one.
+    bool fetch_packet(Open& open) {
         Packet packet;
         if (!open.packet && !open.hung_up && &open == &opens_.back() &&
             modem_.next_packet(node_, packet) && !open.hung_up)
@@ -192,7 +192,7 @@ class DeviceNode {
 
     void wake(Open& open) {
         if (open.reader != nullptr) {
-            const Packet packet = open.packet.value_or(Packet());  // empty: the end of the file
+            const Packet packet = open.packet.value_or(Packet());  // empty: end of file
             fuse_req_interrupt_func(open.reader, nullptr, nullptr);
             fuse_reply_buf(open.reader, reinterpret_cast<const char*>(packet.data()),
                            std::min(packet.size(), open.room));

@@ -1,4 +1,4 @@
-// The daemon's records in the kernel's own log, as any reader of it gets them.
+// Reads the daemon's records from /dev/kmsg.
 #pragma once
 
 #include <errno.h>
@@ -19,7 +19,7 @@ namespace rvd::lab {
 
 class KernelLog {
   public:
-    // Reads what comes from now on. Throws Error.
+    // Starts at the end of the log. Throws Error.
     KernelLog() : fd_(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
         if (read_file("/proc/sys/kernel/printk_devkmsg") != "on\n")
             throw Unsupported(
@@ -27,16 +27,16 @@ class KernelLog {
         if (fd_ < 0 || lseek(fd_, 0, SEEK_END) < 0) throw_errno("cannot read the kernel's log");
     }
 
-    int fd() const { return fd_; }  // readable while there are records
+    int fd() const { return fd_; }  // readable while a record is pending
 
-    // Passes on the next of the daemon's records; false if there is none now. Throws Error where
-    // records were lost.
+    // Gives the next record of the daemon's; false if there is none. Throws Error if records were
+    // lost.
     bool next(int& level, std::string& text) {
         char record[8192];
         for (;;) {
             const ssize_t n = read(fd_, record, sizeof(record));
             if (n < 0 && errno == EPIPE)
-                throw Error("the kernel's log ran over before it was read");
+                throw Error("the kernel's log overflowed before it was read");
             if (n <= 0) return false;
             level = atoi(record) & kLevelMask;
             text = text_of(std::string(record, static_cast<size_t>(n)));
@@ -47,7 +47,8 @@ class KernelLog {
         }
     }
 
-    // The daemon's lines that this log or `android` lacks. Its threads' lines have no order.
+    // The daemon's lines that are in only one of this log and `android`, in any order: lines of
+    // different threads have none.
     std::string differences(const std::string& android) const {
         const auto one = lines_of(lines_), other = lines_of(android);
         std::ostringstream lines;
@@ -60,7 +61,7 @@ class KernelLog {
     static constexpr char kPrefix[] = "lnkm: rvd: ";
     static constexpr int kLevelMask = 7, kError = 3;
 
-    // "LEVEL,NUMBER,TIME,-;TEXT", with "\x0a" for a line break in the text.
+    // A record is "LEVEL,NUMBER,TIME,-;TEXT", with "\x0a" for a line break in the text.
     static std::string text_of(const std::string& record) {
         std::string text;
         for (size_t i = record.find(';') + 1; i < record.find('\n'); i++) {
@@ -72,7 +73,7 @@ class KernelLog {
         return text;
     }
 
-    // Without the empty ones: the logs cut trailing line breaks differently.
+    // Without empty lines: the logs treat trailing line breaks differently.
     static std::multiset<std::string> lines_of(const std::string& text) {
         std::multiset<std::string> lines;
         std::istringstream stream(text);

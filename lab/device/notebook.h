@@ -1,4 +1,4 @@
-// The state of a run that continues in another process after the machine went down.
+// The state of a run that continues in another process after a reboot of the machine.
 #pragma once
 
 #include <unistd.h>
@@ -14,15 +14,15 @@ namespace rvd::lab {
 struct Notebook {
     Time start = 0, now = 0;
     size_t position = 0;    // in the timeline
-    bool panicked = false;  // rather than rebooted
+    bool panicked = false;  // the machine panicked; otherwise it rebooted in order
     std::string panic_reason;
     std::vector<std::string> log, requests, violations;
-    std::vector<int64_t> answers;  // how often each of the scenario's answers was asked for
+    std::vector<int64_t> answers;  // the occurrences of each scripted answer
 
-    // Reads and removes the file. False if there is none.
+    // Reads and removes the file; false if there is none.
     bool load(const std::string& path);
 
-    // On the disk when this returns. Throws Error.
+    // Writes the file and flushes it to the disk. Throws Error.
     void save(const std::string& path) const;
 };
 

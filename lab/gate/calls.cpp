@@ -19,8 +19,8 @@ namespace rvd::lab {
 
 namespace {
 
-constexpr int64_t kPlentyMb = 20'000;
-constexpr long kBlock = 1024;  // divides a megabyte
+constexpr int64_t kDefaultFreeMb = 20'000;
+constexpr long kBlock = 1024;  // bytes
 
 constexpr int kRingReadAll = 3;
 constexpr int kRingSize = 10;
@@ -58,7 +58,8 @@ void Calls::check_and_continue(const Call& call) {
 void Calls::end_thread(const Call& call) {
     scheduler.remove(call.tid());
     daemon.continue_call(call);
-    // A busy machine may show it for a while, and whoever counts threads would count it.
+    // An exiting thread stays in /proc for a moment, where the soak's thread count would include
+    // it.
     while (call.tid() != daemon.pid() && daemon.has_thread(call.tid()))
         usleep(50);
 }
@@ -68,15 +69,15 @@ void Calls::handle_sync(const Call& call) {
     daemon.answer(call, 0);
 }
 
-// Answers with a record where an argument points.
+// Writes a record to where an argument points, then answers.
 void Calls::answer_with_record(const Call& call, int argument, const void* record, size_t size,
                                int64_t result) {
     const bool written = call.memory().write(call.argument(argument), record, size);
     daemon.answer(call, written ? result : -EFAULT);
 }
 
-// The daemon's own code begins when it opens the kernel log. Calls before that belong to the C
-// library's start-up: they are counted but never failed.
+// The daemon's first action is to open the kernel log. Calls before that belong to the C library's
+// start-up: they are counted but never fail.
 const Fault* Calls::find_fault(const Call& call) {
     const std::string& family = call.info->family;
     in_main_ = in_main_ || path_of(call) == "/dev/kmsg";
@@ -121,7 +122,7 @@ bool Calls::inject_fault(const Call& call) {
     return true;
 }
 
-// The daemon's memory that a read or a write is about.
+// The buffers of a read or write in the daemon's memory.
 std::vector<iovec> Calls::buffers(const Call& call) const {
     if (call.name() != "writev")
         return {{reinterpret_cast<void*>(call.argument(1)), call.argument(2)}};
@@ -130,13 +131,14 @@ std::vector<iovec> Calls::buffers(const Call& call) const {
     return list;
 }
 
-// Does a short read or write on the daemon's open file, whose position both processes share.
+// Carries out a short read or write on the daemon's open file description, which includes its
+// position.
 void Calls::transfer_partially(const Call& call, size_t size) {
     const Memory memory = call.memory();
-    const std::vector<iovec> theirs = buffers(call);
-    std::vector<char> bytes(std::min(size, length_of(theirs)));
+    const std::vector<iovec> source = buffers(call);
+    std::vector<char> bytes(std::min(size, length_of(source)));
     const bool reads = call.name() == "read";
-    // A packet cut on its way into the link is lost.
+    // A packet that is written in part is lost.
     if (!reads && links.find(static_cast<int>(call.argument(0))) != nullptr)
         return daemon.answer(call, static_cast<int64_t>(bytes.size()));
     const ScopedFd file(daemon.copy_fd(static_cast<int>(call.argument(0))));
@@ -144,7 +146,7 @@ void Calls::transfer_partially(const Call& call, size_t size) {
     if (!bytes.empty() && reads) {
         result = read(file.get(), bytes.data(), bytes.size());
         if (result > 0) memory.write(call.argument(1), bytes.data(), static_cast<size_t>(result));
-    } else if (!bytes.empty() && memory.gather(theirs, bytes.data(), bytes.size())) {
+    } else if (!bytes.empty() && memory.gather(source, bytes.data(), bytes.size())) {
         result = write(file.get(), bytes.data(), bytes.size());
     }
     daemon.answer(call, result < 0 ? -errno : result);
@@ -157,7 +159,7 @@ std::string Calls::path_of(const Call& call) const {
     return path;
 }
 
-// The descriptor that a call is about, or -1; of several that are polled, the first.
+// The call's descriptor, the first one of a poll, or -1.
 int Calls::fd_of(const Call& call) const {
     if (call.info->handler == &Calls::handle_poll) {
         const std::vector<pollfd> fds = polled(call);
@@ -171,7 +173,7 @@ std::string Calls::path_of_fd(int fd) const {
     if (!name.empty()) return name;
     std::error_code none;
     const std::string path = phone.inside(std::filesystem::read_symlink(daemon.fd_path(fd), none));
-    // The kernel shows a file that has no name as "#" and its inode's number, which no run repeats.
+    // The kernel shows an unnamed file as "#" and its inode number, which differs between runs.
     return matches("*/#* (deleted)", path) ? path.substr(0, path.rfind('#')) + "#unnamed" : path;
 }
 
@@ -235,7 +237,7 @@ void Calls::handle_statfs(const Call& call) {
     const std::string path = path_of(call);
     struct statfs record {};
     if (statfs(phone.path(path).c_str(), &record) != 0) return daemon.answer(call, -errno);
-    int64_t free = kPlentyMb << 20;
+    int64_t free = kDefaultFreeMb << 20;
     if (scenario.disk && under(path, "/data")) free = phone.disk_room();
     size_t longest = 0;
     for (const auto& [prefix, megabytes] : scenario.free_mb) {
@@ -277,7 +279,7 @@ void Calls::handle_clone(const Call& call) {
     daemon.continue_call(call);
 }
 
-// The write that fills the virtual disk is short; later ones fail with ENOSPC.
+// The write that fills the virtual disk is short; later writes fail with ENOSPC.
 void Calls::handle_write(const Call& call) {
     if (!scenario.disk || !under(path_of(call), "/data/")) return daemon.continue_call(call);
     const auto room = static_cast<uint64_t>(phone.disk_room());

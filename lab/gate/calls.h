@@ -1,5 +1,5 @@
-// What becomes of each system call of the daemon: answered by the phone, by the models, by the
-// virtual clock, failed as the scenario has it, or left to the kernel.
+// The handlers of the daemon's intercepted system calls. A call is answered by the phone, a model
+// or the virtual clock, fails as the scenario demands, or is left to the kernel.
 #pragma once
 
 #include <poll.h>
@@ -16,7 +16,7 @@
 
 namespace rvd::lab {
 
-// What a call is served with.
+// What the handlers work with.
 struct CallContext {
     const Scenario& scenario;
     const Phone& phone;
@@ -35,19 +35,19 @@ class Calls : private CallContext {
 
     void handle(const Call& call);
 
-    // The request to a driver that is being answered.
+    // The driver request that is being handled.
     const Call& request() const { return *request_; }
 
-    // The device is in upload mode: the request that led there is never answered.
+    // The device has gone to upload mode: the current request is never answered.
     void set_device_lost() { device_lost_ = true; }
 
-    // Ends a wait: a poll where one of its descriptors is ready, and any whose time is up.
+    // Ends a poll if one of its descriptors is ready; ends any wait at its deadline.
     bool finish_poll(const Call& call);
     void expire(const Call& call);
 
     std::string path_of_fd(int fd) const;
 
-    // The handlers that the table names; for calls that do not fail.
+    // The handlers in the table of calls.
     void handle_open(const Call& call);
     void handle_ioctl(const Call& call);
     void handle_syslog(const Call& call);
@@ -60,7 +60,7 @@ class Calls : private CallContext {
     void handle_clock(const Call& call);
     void handle_clone(const Call& call);
     void end_thread(const Call& call);
-    void check_and_continue(const Call& call);  // checks the path, where it is always watched
+    void check_and_continue(const Call& call);
     void pass_through(const Call& call) { daemon.continue_call(call); }
 
   private:
@@ -77,8 +77,8 @@ class Calls : private CallContext {
     short ready(const pollfd& entry) const;
 
     const Call* request_ = nullptr;
-    std::map<std::string, int> counts_;  // of each call, as on_call counts them
-    bool in_main_ = false;               // the daemon's own code runs, not its start-up
+    std::map<std::string, int> counts_;  // calls so far, by family
+    bool in_main_ = false;               // the C library's start-up is over
     bool device_lost_ = false;
 };
 

@@ -13,8 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// Newer than some headers: the thread that is answered runs at once, on the processor that
-// answered.
+// Missing in older kernel headers. Wakes the daemon's thread synchronously, on the same CPU.
 #ifndef SECCOMP_IOCTL_NOTIF_SET_FLAGS
 #define SECCOMP_IOCTL_NOTIF_SET_FLAGS SECCOMP_IOW(4, __u64)
 #define SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP (1UL << 0)
@@ -24,15 +23,15 @@ namespace rvd::lab {
 
 namespace {
 
-// Exit statuses of a child that does not become the daemon; others are the errno of its exec.
+// Exit statuses of a child that failed before exec; any other is the errno of exec.
 constexpr int kNoFilter = 200;
 constexpr int kNoTrace = 201;
 
-// The child's descriptor of the filter's notifications: the first after the standard ones.
+// The filter's listener in the child: the lowest free descriptor after the standard ones.
 constexpr int kListener = 3;
 
 // Installs the filter as the last step before exec. The lab fetches the listener while the child is
-// stopped. Nothing may allocate after the filter is installed: no one answers its calls yet.
+// stopped. Nothing may allocate after that: an intercepted call would never be answered.
 void hand_over_calls(const Filter& filter) {
     signal(SIGPIPE, SIG_IGN);  // a device node never raises it
     const pid_t self = getpid();
@@ -42,7 +41,7 @@ void hand_over_calls(const Filter& filter) {
     kill(self, SIGSTOP);
 }
 
-// Waits for the child to stop; it does so before its exec and after it.
+// The child stops twice: before its exec and after it.
 void await_stop(pid_t child) {
     int status = 0;
     waitpid(child, &status, 0);
@@ -55,9 +54,9 @@ void await_stop(pid_t child) {
                 (code != 0 ? strerror(code) : "it was killed"));
 }
 
-// The C library asks the kernel's shared page for the time unless it has no address for it. The new
-// stack holds the number of arguments, the arguments, the environment and the auxiliary vector.
-void hide_shared_clock(pid_t pid) {
+// Removes the vDSO's address from the auxiliary vector, so that the C library reads the clock with
+// system calls. The stack holds argc, argv, the environment and the auxiliary vector.
+void disable_vdso(pid_t pid) {
     __ptrace_syscall_info info{};
     ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof(info), &info);
     const Memory memory(pid);
@@ -88,10 +87,10 @@ void Daemon::start(const Phone& phone, const Filter& filter, bool virtual_time) 
     await_stop(pid_);
     pidfd_.reset(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
     listener_.reset(copy_fd(kListener));
-    if (!listener_.valid()) throw_errno("cannot take the daemon's system calls");
+    if (!listener_.valid()) throw_errno("cannot intercept the daemon's system calls");
     ptrace(PTRACE_CONT, pid_, nullptr, nullptr);
     await_stop(pid_);
-    if (virtual_time) hide_shared_clock(pid_);
+    if (virtual_time) disable_vdso(pid_);
     ptrace(PTRACE_DETACH, pid_, nullptr, nullptr);
     ioctl(listener(), SECCOMP_IOCTL_NOTIF_SET_FLAGS, SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP);
 }

@@ -1,5 +1,5 @@
-// The daemon's process, seen from outside: started under a filter, it stops at each system call
-// that the filter names, and goes on once that is answered.
+// The daemon's process. Under its seccomp filter it stops at each intercepted system call until the
+// lab answers it or lets it continue.
 #pragma once
 
 #include <linux/seccomp.h>
@@ -29,29 +29,29 @@ class Daemon {
   public:
     ~Daemon() { end(); }
 
-    // With `virtual_time` no clock of the daemon's bypasses the filter. Throws Error.
+    // `virtual_time` disables the vDSO, whose clock bypasses the filter. Throws Error.
     void start(const Phone& phone, const Filter& filter, bool virtual_time);
     void end();  // kills the process and closes its descriptors
     bool ended(int& status);
 
     pid_t pid() const { return pid_; }
     int pidfd() const { return pidfd_.get(); }
-    int listener() const { return listener_.get(); }  // where its calls come in
+    int listener() const { return listener_.get(); }  // of its intercepted calls
 
     bool receive(seccomp_notif& notification) const;
     void answer(const Call& call, int64_t result) const;
     void continue_call(const Call& call) const;
 
-    // Gives it a descriptor of this process: as the result of its open, or in place of another
-    // while one of its calls is served.
+    // Puts a descriptor of this process into the daemon: as the result of its open(), or in place
+    // of another descriptor while one of its calls is pending.
     int install_fd(const Call& call, int fd) const;
     void replace_fd(const Call& request, int daemon_fd, int fd) const;
 
-    // One of its descriptors, as one of this process; and the path by which /proc shows it.
+    // Duplicates one of its descriptors into this process; the link to it in /proc.
     int copy_fd(int daemon_fd) const;
     std::string fd_path(int daemon_fd) const;
 
-    // Whether a thread is one of its own; whether it waits for another one.
+    // Whether the process has this thread; whether the thread waits on a futex.
     bool has_thread(pid_t tid) const;
     bool waits_for_thread(pid_t tid) const;
 

@@ -1,7 +1,7 @@
-// The loop that lets the daemon run to its next system call, has that call served, and moves the
-// clock when nothing else can happen. What it needs for that are the daemon's process (daemon.h),
-// its threads and their time (clock.h), its descriptors to the models (links.h) and what becomes of
-// each call (calls.h).
+// The main loop of the gate: lets the daemon run to its next intercepted call, handles that call,
+// and advances the clock when no thread can run. Daemon (daemon.h) is the process, Scheduler
+// (scheduler.h) its threads and the clock, Links (links.h) its descriptors to the models, and Calls
+// (calls.h) the handler of each call.
 #include <fmt/format.h>
 #include <poll.h>
 #include <signal.h>
@@ -21,14 +21,14 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// A daemon that only sleeps for so long, with no event pending, has parked.
+// A daemon that has only slept for this long, with no event pending, has parked.
 constexpr Time kParkedAfter = 200 * kSecond;
 
-// Waits are not seen with the real clock; none of the daemon's waits for the modem is longer.
+// With the real clock the end of a run is recognized by silence, longer than the daemon ever waits
+// for an answer.
 constexpr Time kRealIdle = 35 * kSecond;
 
-// After so long without a call, what the running thread sends is queued: a node's buffer may be
-// full.
+// The running thread may block on a full socket: its output is read after this long without a call.
 constexpr int kRunningTimeoutMs = 2;
 
 constexpr int kRealTimeoutMs = 1000;
@@ -84,7 +84,6 @@ class Gate : public RunBackend {
     void send_packets(Node node) override { links_.send_packets(node); }
 
   private:
-    // Ends the process with all of its threads, and closes its links.
     void close_daemon() {
         daemon_.end();
         links_.dispatch();
@@ -92,8 +91,8 @@ class Gate : public RunBackend {
         modem().daemon_ended();
     }
 
-    // OutputFile is read and events happen only while all threads of the daemon are stopped, so
-    // that the story depends on the scenario alone.
+    // Output is read and events fire only while all threads of the daemon are stopped, so that the
+    // story does not depend on timing.
     void run_virtual_time() {
         if (!scheduler_.is_quiescent()) return await_call(kRunningTimeoutMs);
         links_.dispatch();
@@ -101,7 +100,7 @@ class Gate : public RunBackend {
         if (end_.empty() && scheduler_.is_quiescent()) step();
     }
 
-    // Resumes one thread or, where none can run, advances the clock.
+    // Resumes one thread, or advances the clock if none can run.
     void step() {
         if (const Scheduler::Thread* thread = scheduler_.next()) {
             const Call call = thread->call;
@@ -137,7 +136,6 @@ class Gate : public RunBackend {
         calls_.expire(call);
     }
 
-    // With the real clock the daemon keeps running while its output is read.
     void run_real_time() {
         run_due_events();
         if (!end_.empty()) return;
@@ -178,7 +176,7 @@ class Gate : public RunBackend {
         Call call{};
         if (!daemon_.receive(call.raw)) return;
         call.info = info_by_number_.at(call.raw.data.nr);
-        // A sanitizer's process looks for leaks while the thread that ends the daemon spins.
+        // At exit a leak sanitizer makes its calls from a process of its own.
         if (!scheduler_.has(call.tid()) && !daemon_.has_thread(call.tid()))
             return daemon_.continue_call(call);
         scheduler_.stop_at(call);
@@ -193,7 +191,7 @@ class Gate : public RunBackend {
         story_.set_time(now);
     }
 
-    // A daemon built for coverage writes its counters at exit.
+    // A daemon built for coverage writes its counters when it exits.
     void let_daemon_exit() {
         if (daemon_.pid() < 0 || getenv("GCOV_PREFIX") == nullptr) return;
         links_.dispatch();
@@ -209,14 +207,14 @@ class Gate : public RunBackend {
         }
     }
 
-    // Delays the next read, so that a result that depends on timing shows.
+    // Delays the next read, which exposes a result that depends on timing.
     void add_jitter() const {
         if (options_.jitter > 0) usleep(static_cast<useconds_t>(options_.jitter));
     }
 
     const std::vector<SyscallInfo> intercepted_;
     const Filter filter_;
-    std::map<int, const SyscallInfo*> info_by_number_;  // by number
+    std::map<int, const SyscallInfo*> info_by_number_;
 
     Daemon daemon_;
     Scheduler scheduler_;

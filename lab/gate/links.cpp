@@ -17,9 +17,9 @@ namespace {
 
 constexpr int kBuffer = 4 << 20;
 constexpr size_t kLongestPacket = 8192;
-constexpr size_t kLongestRecord = 976;  // of the kernel log; longer ones are refused whole
+constexpr size_t kLongestRecord = 976;  // the kernel rejects longer ones with EINVAL
 
-// Connects a link anew and returns the daemon's end. The lab's end never blocks.
+// Gives a link a new socket pair and returns the daemon's end. The lab's end is non-blocking.
 ScopedFd connect(Links::Link& link) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) throw_errno("socketpair");
@@ -36,7 +36,7 @@ ScopedFd connect(Links::Link& link) {
     return ScopedFd(ends[1]);
 }
 
-// Whether the daemon no longer has its end: end of file tells, unless the lab has closed its own.
+// Whether the daemon has closed its end. Where the lab has closed its own, no end of file shows it.
 bool is_closed(const Links::Link& link, const Daemon& daemon) {
     if (!link.hung_up()) return link.closed;
     struct stat status {};
@@ -62,7 +62,6 @@ size_t Links::open(const Call& call, std::optional<Node> node) {
             links_.begin(), links_.end(), [&](const Link& other) { return other.node == node; }));
 }
 
-// Puts a fresh pair in the place of the daemon's descriptor.
 void Links::reconnect(Link& link, const Call& request) {
     const ScopedFd end = connect(link);
     daemon_.replace_fd(request, link.daemon_fd, end.get());
@@ -83,7 +82,7 @@ std::string Links::name_of(int daemon_fd) const {
     return "";
 }
 
-// The log, opened first, comes last: what was logged before a packet was sent has arrived by then.
+// The oldest link, the log, is read last: every line logged before a packet was sent is then there.
 void Links::read_sockets() {
     uint8_t packet[kLongestPacket];
     for (auto link = links_.rbegin(); link != links_.rend(); ++link) {
@@ -137,7 +136,7 @@ void Links::discard_unread(Node node, const Call& request) {
     }
 }
 
-// To the newest descriptor of the node, as much as fits.
+// Sends to the newest descriptor of the node until its socket is full.
 void Links::send_packets(Node node) {
     const auto newest = std::find_if(links_.rbegin(), links_.rend(), [&](const Link& link) {
         return link.node == node && !link.closed;

@@ -1,5 +1,5 @@
-// The daemon's descriptors that lead to the lab. Each open of a node, and of the kernel log, is a
-// socket pair of its own: reading, writing and waiting are the kernel's.
+// The daemon's descriptors of the driver's nodes and of /dev/kmsg. Each open() gets a socket pair
+// of its own, so that the kernel itself carries out the daemon's reads, writes and polls.
 #pragma once
 
 #include <poll.h>
@@ -19,9 +19,9 @@ namespace rvd::lab {
 class Links {
   public:
     struct Link {
-        std::optional<Node> node;  // or the kernel log
+        std::optional<Node> node;  // none: /dev/kmsg
         int daemon_fd;
-        ScopedFd fd = ScopedFd();  // this end; the other is the daemon's
+        ScopedFd fd = ScopedFd();  // the lab's end; closed by a hang-up
         ino_t inode = 0;           // of the daemon's end
         bool closed = false;       // by the daemon
         bool send_blocked = false;
@@ -35,19 +35,20 @@ class Links {
     Links(Daemon& daemon, Scheduler& scheduler, Story& story, Modem& modem)
         : daemon_(daemon), scheduler_(scheduler), story_(story), modem_(modem) {}
 
-    // Answers the open of a node, or of the kernel log. The number of its open descriptors.
+    // Answers the open() of a node, or of /dev/kmsg. Returns how many descriptors of it are open.
     size_t open(const Call& call, std::optional<Node> node);
     void close_all() { links_.clear(); }
 
-    // The open node there, or null; and what is open there: "/dev/boot", "/dev/dump", "/dev/kmsg"
-    // or nothing.
+    // The node's link with this descriptor, or null. The path of any link: "/dev/boot",
+    // "/dev/dump", "/dev/kmsg", or "" for another file.
     const Link* find(int daemon_fd) const;
     std::string name_of(int daemon_fd) const;
 
-    // Queues what the daemon has logged and sent, so that a thread that runs finds room.
+    // Moves what the daemon has logged and sent from the sockets to queues, so that a running
+    // thread is never blocked by a full socket.
     void read_sockets();
 
-    // Delivers the lines that the daemon has logged, then the packets that it has sent.
+    // Delivers first the lines that the daemon has logged, then the packets that it has sent.
     void dispatch();
 
     void hang_up(Node node);
@@ -67,7 +68,7 @@ class Links {
     Scheduler& scheduler_;
     Story& story_;
     Modem& modem_;
-    std::list<Link> links_;  // in the order of their opening
+    std::list<Link> links_;  // oldest first
 };
 
 }  // namespace rvd::lab

@@ -1,6 +1,5 @@
-// The virtual clock, and the daemon's threads by what they do: one runs at a time, each until it
-// waits or ends, and time passes only when all of them wait. A thread that runs stops at its next
-// system call, so that between two calls nothing of the daemon moves but that thread.
+// The virtual clock and the state of each of the daemon's threads. One thread runs at a time, until
+// it reaches its next intercepted system call; the clock advances only while all threads wait.
 #pragma once
 
 #include <algorithm>
@@ -15,9 +14,9 @@ class Scheduler {
     struct Thread {
         enum class State { runs, blocked, stopped, waits };
 
-        Call call;  // that it has stopped at or waits in
+        Call call;  // the one that it is stopped at or waits in
         State state;
-        Time deadline;  // of its wait
+        Time deadline;  // of a waiting thread
     };
 
     explicit Scheduler(Time start) : start_(start), now_(start), last_activity_(start) {}
@@ -26,11 +25,11 @@ class Scheduler {
     Time now() const { return now_; }
     void set(Time now) { now_ = now; }
 
-    // When the daemon last did something other than wait.
+    // When the daemon last did anything but wait.
     Time last_activity() const { return last_activity_; }
     void note_activity() { last_activity_ = now_; }
 
-    // The daemon, or one more thread, was started and has not made its first call.
+    // The daemon, or one more thread, has been started and has not made its first call.
     void restart() {
         threads_.clear();
         expected_threads_ = 1;
@@ -45,7 +44,7 @@ class Scheduler {
                 threads_.end());
     }
 
-    // A thread stops at a call, waits in it, or resumes. A blocked one waits for another thread.
+    // A thread stops at a call, waits in it, or runs on. A blocked thread waits for another one.
     void stop_at(const Call& call) {
         Thread* thread = find(call.tid());
         if (thread == nullptr) {
@@ -68,7 +67,7 @@ class Scheduler {
         if (Thread* thread = find(tid)) thread->state = Thread::State::blocked;
     }
 
-    // No thread is running or starting, and not all are blocked.
+    // Whether no thread is running or starting, and not all are blocked.
     bool is_quiescent() const {
         const bool able = std::any_of(threads_.begin(), threads_.end(), [](const Thread& thread) {
             return thread.state != Thread::State::blocked;
@@ -76,7 +75,7 @@ class Scheduler {
         return expected_threads_ == 0 && running() == 0 && able;
     }
 
-    // 0 if none is.
+    // The running thread, or 0.
     pid_t running() const {
         for (const Thread& thread : threads_) {
             if (thread.state == Thread::State::runs) return thread.call.tid();
@@ -85,7 +84,7 @@ class Scheduler {
     }
 
     bool has(pid_t tid) { return find(tid) != nullptr; }
-    const std::vector<Thread>& threads() const { return threads_; }  // in the order of their birth
+    const std::vector<Thread>& threads() const { return threads_; }  // oldest first
 
     // The stopped thread to serve next: the one that ran last, or else the oldest; null if none.
     const Thread* next() const {

@@ -78,7 +78,7 @@ bool has_fault(const Scenario& scenario, const SyscallInfo& info) {
                        [&](const Fault& fault) { return fault.call == info.family; });
 }
 
-// Adds all other calls of this machine's kernel, except those that start the daemon.
+// Adds all other calls of this kernel, except those that start the daemon.
 void add_others(std::vector<SyscallInfo>& intercepted) {
     constexpr int kBeyondCalls = 1024;
     std::set<std::string> known = {"kill", "close", "execve"};
@@ -127,7 +127,7 @@ Filter filter_for(const std::vector<SyscallInfo>& intercepted) {
         const int result = seccomp_rule_add_array(filter.get(), SCMP_ACT_NOTIFY, info.number,
                                                   static_cast<unsigned>(only.size()), only.data());
         if (result != 0)
-            throw Unsupported(fmt::format("this kernel cannot hand over system call {}: {}",
+            throw Unsupported(fmt::format("this kernel cannot intercept system call {}: {}",
                                           info.name, strerror(-result)));
     }
     return filter;

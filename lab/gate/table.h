@@ -1,4 +1,4 @@
-// The system calls that the lab can take over, and how it treats each.
+// The system calls that the lab can intercept, and the handler of each.
 #pragma once
 
 #include <memory>
@@ -13,27 +13,28 @@ class Calls;
 struct Call;
 
 enum class Intercept {
-    always,        // the phone answers it, or looks at it
-    virtual_time,  // only while the clock is the lab's
-    faults,        // only where the scenario has a fault for it
+    always,
+    virtual_time,  // unless the run uses the real clock
+    faults,        // if the scenario has a fault for the family
 };
 
 struct SyscallInfo {
     std::string name;    // the kernel's
-    std::string family;  // the scenario's
+    std::string family;  // the name that scenarios use
     Intercept when;
     void (Calls::*handler)(const Call&);
-    int path = -1, fd = -1;  // numbers of the arguments that are a path and a descriptor
+    int path = -1, fd = -1;  // indices of the arguments with a path and a descriptor
     int number = -1;
 };
 
-// The calls that this machine's kernel has and this scenario needs, by number; or all there are.
+// The calls to intercept for this scenario, or all that this kernel has. Calls that the kernel does
+// not have are left out.
 std::vector<SyscallInfo> intercepted_calls(const Scenario& scenario, bool virtual_time, bool all);
 
-// What a fault can be made for, by the scenario's names.
+// The families of calls that a scenario can let fail.
 std::vector<std::string> fault_calls();
 
-// The filter that hands these calls over and leaves all others to the kernel. Throws Error.
+// A seccomp filter that notifies the lab of these calls and allows all others. Throws Error.
 using Filter = std::unique_ptr<void, void (*)(void*)>;
 Filter filter_for(const std::vector<SyscallInfo>& intercepted);
 

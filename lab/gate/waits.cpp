@@ -1,4 +1,4 @@
-// Calls that wait, and those that ask for the time.
+// The handlers of calls that wait or read a clock.
 #include <errno.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -12,7 +12,7 @@ namespace rvd::lab {
 
 namespace {
 
-// What the monotonic clocks show at the start of a run.
+// The monotonic clock at the start of a run.
 constexpr Time kUptime = 20 * kSecond;
 
 Time from_timespec(const timespec& time) {
@@ -43,7 +43,7 @@ std::vector<pollfd> Calls::polled(const Call& call) const {
     return fds;
 }
 
-// A node that hung up shows POLLHUP once all input is read, unlike a socket at its end of file.
+// After a hang-up a node reports POLLHUP once its input is read, and nothing else, unlike a socket.
 short Calls::ready(const pollfd& entry) const {
     if (entry.fd < 0) return 0;
     const Links::Link* link = links.find(entry.fd);

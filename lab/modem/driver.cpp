@@ -1,5 +1,5 @@
-// The modem's driver: answers every request of both nodes, keeps the modem's state and memory, and
-// holds the daemon to what a real one relies on: order, sizes, and images that arrive unchanged.
+// The modem's driver. It answers every request of both nodes, keeps the modem's state and memory,
+// and checks what a real driver relies on: the order of requests, sizes, and unchanged images.
 
 #include <errno.h>
 #include <fmt/format.h>
@@ -17,7 +17,7 @@ namespace rvd::lab {
 
 namespace {
 
-// The driver's other states, for its own use and for the log.
+// States that the daemon has no name for.
 constexpr int kStateBooting = 3;
 constexpr int kStateOnline = 4;
 
@@ -52,7 +52,8 @@ class Driver : public Modem, private ModelContext {
     int64_t request(Node node, unsigned long number, uint64_t argument,
                     const Memory& memory) override;
 
-    // The daemon saw the request fail, so it reports a failed boot, or has made its report.
+    // The daemon reports a boot as failed once COMPLETE_NORMAL_BOOTUP has failed, and makes no
+    // second report where the first one failed.
     void request_failed(unsigned long number) override {
         if (number == IOCTL_COMPLETE_NORMAL_BOOTUP) notification_ = Report::fail;
         if (number == IOCTL_NOTIFY_BOOT_DONE || number == IOCTL_NOTIFY_BOOT_FAIL)
@@ -99,7 +100,7 @@ class Driver : public Modem, private ModelContext {
         loader_.reset();
     }
 
-    // A request being served: its record, its text for the story, and whether it is to fail.
+    // A request being handled: its record, its text for the story, and whether it fails.
     struct Call {
         unsigned long number;
         const Memory& memory;
@@ -121,10 +122,10 @@ class Driver : public Modem, private ModelContext {
     struct Handler {
         unsigned long number;
         const char* name;
-        Nodes nodes;  // where it is issued
-        bool strict;  // any result but 0 is a failure
+        Nodes nodes;  // on which it is valid
+        bool strict;  // only 0 is success
         void (Driver::*handler)(Call&);
-        size_t in = 0, out = 0;  // bytes of the record, where the request's number has no size
+        size_t in = 0, out = 0;  // bytes of the record, if the request number encodes no size
     };
 
     static const Handler kHandlers[];
@@ -272,7 +273,7 @@ class Driver : public Modem, private ModelContext {
     std::unique_ptr<Loader> loader_;  // while it runs
     std::optional<Images> images_{std::in_place, context()};
 
-    // The region that the dump node delivers.
+    // The region being read from the dump node.
     std::string region_;
     uint64_t region_sent_ = 0, region_end_ = 0;
 };

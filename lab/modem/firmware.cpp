@@ -15,7 +15,7 @@ namespace rvd::lab {
 
 namespace {
 
-constexpr uint32_t kLargestImage = 1u << 30;  // larger entries are invalid and have no bytes
+constexpr uint32_t kLargestImage = 1u << 30;  // larger entries have no content
 constexpr uint32_t kFirstModemOffset = 0x1000, kPage = 0x1000;
 constexpr uint32_t kFirstCrc = 0xC0DE0000;
 constexpr uint64_t kNvSeed = 1000, kDumpSeed = 2000;
@@ -53,7 +53,7 @@ Content content_of(const Scenario& scenario, const std::string& name) {
     }
     const auto region = scenario.driver.regions.find(name);
     if (region == scenario.driver.regions.end())
-        throw Error("nothing is called \"" + name + "\" that a file could equal");
+        throw Error("no region or dump is called \"" + name + "\"");
     return {seed + std::hash<std::string>()(name), static_cast<uint64_t>(region->second.size)};
 }
 
@@ -62,7 +62,7 @@ Partition::Partition(const Scenario& scenario, std::string root)
       partition_path_(root + kPartitionPath),
       nv_path_(root + scenario.nv_path()) {
     if (image().empty()) {
-        make_up_table();
+        generate_table();
     } else {
         read_table();
     }
@@ -76,8 +76,8 @@ void Partition::read_table() {
     if (table_.empty()) throw Error(image() + ": there is no table in it");
 }
 
-// An entry without a place follows the one before it; NV has a file of its own.
-void Partition::make_up_table() {
+// An entry without an offset follows the one before it; NV data has a file of its own.
+void Partition::generate_table() {
     uint32_t b_off = kTocEntries * sizeof(toc_entry), m_off = kFirstModemOffset;
     for (const FirmwareEntry& given : scenario_.firmware.entries) {
         toc_entry entry{};

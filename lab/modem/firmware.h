@@ -1,4 +1,4 @@
-// The content of the modem: images of the firmware partition, memory regions, the crash dump.
+// The modem's content: the firmware partition and the seeds of memory regions and crash dump.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ constexpr char kPartitionPath[] = "/dev/block/by-name/modem";
 
 std::string image_name(const toc_entry& entry);
 
-// Seed (for fill_seeded) and size of the "dump" or of a region. Throws Error for another name.
+// Seed (for fill_seeded) and size of the "dump" or of a region. Throws Error for any other name.
 struct Content {
     uint64_t seed, size;
 };
@@ -24,11 +24,11 @@ class Partition {
     // `root` is the directory that is the phone's "/".
     Partition(const Scenario& scenario, std::string root);
 
-    // Makes the partition, empty where an image takes its place, and the NV file, where the
+    // Writes the partition (empty if a real image will be mounted over it) and the NV file, if the
     // scenario has one.
     void write() const;
 
-    // The file that takes the partition's place, or "".
+    // The real image to use as the partition, or "".
     const std::string& image() const { return scenario_.firmware.image; }
 
     const std::vector<toc_entry>& table() const { return table_; }
@@ -37,12 +37,12 @@ class Partition {
     const toc_entry* find(uint32_t m_off, uint32_t b_off, uint32_t size) const;
     const toc_entry* find(const char* name) const;
 
-    // Whether the image's file has these bytes where the image begins.
+    // Whether an image's file holds these bytes at the image's offset.
     bool holds(const toc_entry& entry, const Packet& bytes) const;
 
   private:
     void read_table();
-    void make_up_table();
+    void generate_table();
     void write_images() const;
 
     const Scenario& scenario_;

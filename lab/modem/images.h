@@ -1,4 +1,4 @@
-// The images that the driver takes into the modem's memory, each held against its file.
+// The images that the driver loads into the modem's memory, each compared with its file.
 #pragma once
 
 #include <fmt/format.h>
@@ -14,8 +14,8 @@ class Images : private ModelContext {
   public:
     explicit Images(const ModelContext& context) : ModelContext(context) {}
 
-    // Takes a chunk; false where it cannot be read. The integrated modem's images come in chunks,
-    // the external modem's loader in one piece.
+    // Loads a chunk; false if the daemon's memory cannot be read. The integrated modem's images
+    // come in chunks, the external modem's boot loader in one piece.
     bool load(const cp_image& chunk, const Memory& memory) {
         const uint64_t len = scenario.external() ? chunk.size : chunk.len;
         if (!continues(chunk, len) && !begin(chunk)) return true;
@@ -61,7 +61,7 @@ class Images : private ModelContext {
     bool verified() const { return verified_; }
 
   private:
-    // Whether a chunk follows the one before it.
+    // Whether a chunk is the next one of the current image.
     bool continues(const cp_image& chunk, uint64_t len) const {
         return image_ != nullptr && !scenario.external() && chunk.size == first_.size &&
                chunk.b_offset == first_.b_offset && chunk.mode == first_.mode &&
@@ -89,7 +89,7 @@ class Images : private ModelContext {
     void end() {
         ended_ = true;
         const std::string name = image_name(*image_);
-        const uint32_t place = first_.m_offset;  // a packed member cannot be referred to
+        const uint32_t place = first_.m_offset;  // a copy: fmt cannot bind a packed member
         story.add_message("daemon", "driver",
                           fmt::format("image {}, {} to 0x{:08x} of modem memory", name,
                                       human_size(bytes_.size()), place));
@@ -98,11 +98,11 @@ class Images : private ModelContext {
         loaded_[place] = first_.size;
     }
 
-    const toc_entry* image_ = nullptr;  // being loaded, or loaded last
+    const toc_entry* image_ = nullptr;  // the current or the last one
     bool ended_ = false, verified_ = false;
     cp_image first_{};  // its first chunk
     Packet bytes_;
-    std::map<uint32_t, uint32_t> loaded_;  // sizes of the complete ones by place
+    std::map<uint32_t, uint32_t> loaded_;  // size of each complete image by m_offset
 };
 
 }  // namespace rvd::lab

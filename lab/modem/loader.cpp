@@ -19,7 +19,7 @@ Packet packet_of(const Record& record) {
     return {bytes, bytes + sizeof(record)};
 }
 
-// A short packet is padded with zeros.
+// Pads a short packet with zeros.
 template <class Record>
 Record record_of(const Packet& packet) {
     Record record{};
@@ -84,10 +84,10 @@ class ModelLoader : public Loader, private ModelContext {
   private:
     enum class Kind { word, optional_word, frames, crc, dump_start, dump_step };
 
-    // A packet that the loader expects.
+    // What the loader expects next from the daemon.
     struct Expected {
         Kind kind;
-        uint32_t number, command;  // stage and sub-command
+        uint32_t number, command;  // the stage and command of the link word
         const toc_entry* entry = nullptr;
 
         uint32_t word() const { return udl_request(number, command); }
@@ -99,8 +99,8 @@ class ModelLoader : public Loader, private ModelContext {
         const Quirk* end = nullptr;  // instead of the packet: silence or a hang-up
     };
 
-    // The table is stage 1, the loader itself was loaded as stage 0, and every other image has the
-    // stage of its place in the table, up to the row that ends it.
+    // The driver has loaded stage 0, the boot loader (row 1). The table itself is stage 1; every
+    // other image's stage is its row, up to the row "OFFSET".
     void plan_download() {
         const auto& table = partition.table();
         plan_.push_back({Kind::optional_word, 0, UDL_CMD_DONE});
@@ -258,11 +258,11 @@ class ModelLoader : public Loader, private ModelContext {
     std::deque<Outgoing> outgoing_;
     bool silent_ = false;
 
-    // The image that comes in.
+    // The image being received.
     Packet image_;
     uint32_t image_frames_ = 0;
 
-    // The dump step that goes out, and where it begins in the dump.
+    // The dump step being sent, and its offset in the dump.
     uint32_t dump_step_ = 0, frame_ = 0;
     uint64_t step_begin_ = 0, step_size_ = 0;
 };

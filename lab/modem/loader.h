@@ -1,6 +1,6 @@
-// The modem's boot loader while it runs: takes images over the boot node, serves crash dumps on the
-// dump node, and holds the daemon to the protocol word by word and byte by byte. At the packets
-// that the scenario names it misbehaves.
+// The modem's boot loader while it runs. It receives images over the boot node, sends crash dumps
+// over the dump node, and checks every word and byte of the daemon's. The scenario can make it
+// deviate from the protocol at any packet that it sends.
 #pragma once
 
 #include "bootdump/lnkm.h"
@@ -10,7 +10,7 @@ namespace rvd::lab {
 
 class Loader {
   public:
-    explicit Loader(Node served) : node(served) {}
+    explicit Loader(Node used) : node(used) {}
     virtual ~Loader() = default;
 
     virtual void receive(const Packet& packet) = 0;

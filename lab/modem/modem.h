@@ -1,5 +1,6 @@
-// Where the models end and the stage begins. The models are the modem's driver and its boot loader;
-// the stage carries the daemon's system calls to them and their answers back.
+// The interface between the models and a backend. The models are the modem's driver and its boot
+// loader; a backend, the gate or the character devices, passes the daemon's requests and packets to
+// them and their answers back.
 #pragma once
 
 #include <string.h>
@@ -20,7 +21,7 @@ inline const char* node_name(Node node) {
     return node == Node::boot ? "boot" : "dump";
 }
 
-// The memory of a process. Reading and writing return false where the address is bad.
+// The memory of another process. Reading and writing return false if the address is bad.
 class Memory {
   public:
     explicit Memory(pid_t pid) : pid_(pid) {}
@@ -32,14 +33,14 @@ class Memory {
         return copy(process_vm_writev, address, const_cast<void*>(data), size);
     }
 
-    // The first bytes of several ranges together.
+    // Reads several ranges into one buffer, up to `size` bytes.
     bool gather(const std::vector<iovec>& ranges, void* out, size_t size) const {
         const iovec here = {out, size};
         return process_vm_readv(pid_, &here, 1, ranges.data(), ranges.size(), 0) ==
                static_cast<ssize_t>(size);
     }
 
-    // A text up to its NUL, at most a path's length. The page behind its first one may be missing.
+    // A string of at most PATH_MAX bytes. The page behind its first one may be unmapped.
     std::string text(uint64_t address) const {
         constexpr size_t kPage = 4096;
         const size_t first = kPage - address % kPage;
@@ -61,17 +62,17 @@ class Memory {
     pid_t pid_;
 };
 
-// What the models ask of the stage.
+// What the models ask of the backend.
 class Backend {
   public:
     virtual ~Backend() = default;
     virtual Time now() const = 0;
     virtual void later(Time delay, std::function<void()> what) = 0;
-    virtual void hang_up(Node node) = 0;         // of every open descriptor of the node
-    virtual void clear_hang_up() = 0;            // of the descriptor whose request is served
-    virtual void discard_unread(Node node) = 0;  // forgets what was sent to the node and not read
-    virtual void send_packets(Node node) = 0;    // asks the driver for the node's next packets
-    virtual void panic() = 0;                    // of the kernel: the device is gone
+    virtual void hang_up(Node node) = 0;         // on every open descriptor of the node
+    virtual void clear_hang_up() = 0;            // on the descriptor of the current request
+    virtual void discard_unread(Node node) = 0;  // drops what the daemon has not read yet
+    virtual void send_packets(Node node) = 0;    // fetches the node's next packets and sends them
+    virtual void panic() = 0;                    // the kernel panics; no call returns after it
 };
 
 // What a model works with.
@@ -82,27 +83,28 @@ struct ModelContext {
     Story& story;
 };
 
-// What the stage asks of the models.
+// What the backend asks of the models.
 class Modem {
   public:
     virtual ~Modem() = default;
 
-    // One request: its result or a negated errno. A lost one failed before it came here.
+    // Handles a request and returns its result or a negated errno. A fault made the other kind fail
+    // before it reached the driver.
     virtual int64_t request(Node node, unsigned long number, uint64_t argument,
                             const Memory& memory) = 0;
     virtual void request_failed(unsigned long number) = 0;
 
-    // One packet written to a node; the next one for its reader, or false if there is none now.
+    // Takes a packet written to a node. Gives the next packet for its reader; false if there is
+    // none.
     virtual void receive(Node node, const Packet& packet) = 0;
     virtual bool next_packet(Node node, Packet& packet) = 0;
 
-    // The modem changes its state: the boot node hangs up until the state is read.
+    // Changes the modem's state: the boot node hangs up until the daemon reads the state.
     virtual void change_state(int state) = 0;
     virtual int state() const = 0;
 
-    virtual void
-    daemon_ended() = 0;         // its daemon ended: requests and images in progress are dropped
-    virtual void reboot() = 0;  // of the device
+    virtual void daemon_ended() = 0;  // requests and images in progress are dropped
+    virtual void reboot() = 0;        // of the device
 };
 
 std::unique_ptr<Modem> make_modem(const ModelContext& context);

@@ -25,7 +25,7 @@ namespace {
 
 constexpr char kDaemon[] = "/vendor/bin/rvd";
 constexpr char kCmdline[] = "/run/rvd/cmdline";
-constexpr char kMarker[] = "/.rvd-lab";  // marks a kept root, which may be replaced
+constexpr char kMarker[] = "/.rvd-lab";  // marks a kept root, which the next run may delete
 
 std::string place_of(const std::string& property) {
     return std::string(kPropertyDir) + "/" + property;
@@ -41,32 +41,32 @@ void make_directory(const fs::path& path) {
     if (error) throw Error("cannot make " + path.string() + ": " + error.message());
 }
 
-void own(const std::string& path, uid_t owner) {
-    if (lchown(path.c_str(), owner, owner) != 0) throw_errno("cannot give away " + path);
+void set_owner(const std::string& path, uid_t owner) {
+    if (lchown(path.c_str(), owner, owner) != 0) throw_errno("cannot change the owner of " + path);
 }
 
 void put_file(const std::string& path, const std::string& content, uid_t owner) {
     write_file(path, content);
-    own(path, owner);
+    set_owner(path, owner);
 }
 
-// Starts the first process of the process-number namespace. The kernel kills all others when it
-// exits, and it exits when this process does: its pipe is closed then.
+// Starts the PID namespace's init. It exits when this process does, which closes the pipe; the
+// kernel then kills all other processes of the namespace.
 void start_namespace_init() {
-    int life[2];
-    if (pipe2(life, O_CLOEXEC) != 0) throw_errno("cannot make a pipe");
+    int alive[2];
+    if (pipe2(alive, O_CLOEXEC) != 0) throw_errno("cannot make a pipe");
     const pid_t pid = fork();
     if (pid < 0) throw_errno("cannot fork");
-    close(life[pid > 0 ? 0 : 1]);
+    close(alive[pid > 0 ? 0 : 1]);
     if (pid > 0) return;
     char none = 0;
-    while (read(life[0], &none, sizeof(none)) < 0 && errno == EINTR) {
+    while (read(alive[0], &none, sizeof(none)) < 0 && errno == EINTR) {
     }
     _exit(0);
 }
 
-// Shows the phone's own processes, among which a sanitizer looks for its threads. Their numbers are
-// those of a child's namespace, not of this process's.
+// A sanitizer looks for its threads in /proc. It is mounted by a child, since this process itself
+// is not in the new PID namespace.
 bool mount_proc(const std::string& at) {
     const pid_t pid = fork();
     if (pid < 0) throw_errno("cannot fork");
@@ -77,7 +77,7 @@ bool mount_proc(const std::string& at) {
     return status == 0;
 }
 
-// The variables that the platform libraries read, and those of sanitizers and coverage.
+// The daemon's environment: for the platform libraries, sanitizers and coverage.
 std::vector<std::string> environment() {
     std::vector<std::string> variables = {std::string("RVD_PROPERTY_DIR=") + kPropertyDir,
                                           std::string("RVD_ANDROID_LOG=") + kAndroidLog};
@@ -129,20 +129,20 @@ void Phone::make_root() const {
     }
 }
 
-// What a dynamic linker and a sanitizer's run-time library need of the machine.
+// What the dynamic linker and a sanitizer's run-time library need.
 void Phone::share_host_files() const {
     for (const char* path : {"/usr", "/lib", "/lib64", "/bin", "/etc/ld.so.cache"})
         share(path, root(), true);
     for (const char* path : {"/dev/null", "/dev/zero", "/dev/urandom"})
         share(path, root());
     make_directory(path("/proc"));
-    // In a container the kernel may refuse it; its own processes take that place.
+    // In a container the kernel may refuse the mount.
     if (!mount_proc(path("/proc"))) share("/proc", root());
     if (const char* prefix = getenv("GCOV_PREFIX")) share(prefix, root());
     bind_mount(path(kCmdline), path("/proc/cmdline"), true);
 }
 
-// The root is new: no link of the daemon's leads out of it yet.
+// The root is new, so it has no symbolic link of the daemon's that leads out of it.
 void Phone::make_tree() const {
     for (const char* directory : {"/etc", "/tmp", "/vendor/bin"})
         make_directory(path(directory));
@@ -150,7 +150,7 @@ void Phone::make_tree() const {
          {"/data/vendor/log", "/efs", "/mnt/vendor/efs", "/sys/power", "/dev/block/by-name",
           "/sys/devices/platform/lnkm/sim", kPropertyDir}) {
         make_directory(path(directory));
-        own(path(directory), owner_);
+        set_owner(path(directory), owner_);
     }
     for (const char* file : {kWakeLockPath, kWakeUnlockPath, kSimCountPath, kAndroidLog, kOutput})
         put_file(path(file), "", owner_);
@@ -158,7 +158,7 @@ void Phone::make_tree() const {
     write_file(path("/etc/group"),
                scenario_.log_group ? fmt::format("log:x:{}:\n", kLogGroup) : "root:x:0:\n");
     partition_.write();
-    if (fs::exists(path(scenario_.nv_path()))) own(path(scenario_.nv_path()), owner_);
+    if (fs::exists(path(scenario_.nv_path()))) set_owner(path(scenario_.nv_path()), owner_);
     put_scenario_files(scenario_, root_, owner_);
 }
 
@@ -181,10 +181,10 @@ void put_scenario_files(const Scenario& scenario, const std::string& root, uid_t
         make_directory(file.parent_path());
         if (file.has_filename()) write_file(file, content);
         const fs::path made = file.has_filename() ? file : file.parent_path();
-        own(made, owner);
+        set_owner(made, owner);
         for (fs::path at = made; at.string().compare(0, logs.size(), logs) == 0;
              at = at.parent_path())
-            own(at, owner);
+            set_owner(at, owner);
     }
     for (const std::string& missing : scenario.missing)
         fs::remove_all(root + missing);
@@ -224,7 +224,7 @@ void Phone::become_daemon(const std::function<void()>& last) const {
     dup2(open(path(kOutput).c_str(), O_WRONLY | O_APPEND), STDOUT_FILENO);
     dup2(STDOUT_FILENO, STDERR_FILENO);
     close_range(STDERR_FILENO + 1, ~0u, 0);
-    // As a phone's first process starts it; in a user namespace the kernel refuses.
+    // As init starts it. The kernel refuses in a user namespace.
     setgroups(1, &kLogGroup);
     if (chroot(root().c_str()) == 0 && chdir("/") == 0) {
         last();

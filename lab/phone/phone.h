@@ -1,5 +1,5 @@
-// The phone's file system: a private root in which the daemon finds everything a phone has, and of
-// which nothing is left when the run is over unless a directory was named to keep it in.
+// The phone's file system: a private root directory with everything that the daemon uses. It is on
+// tmpfs and vanishes with the run, unless it is built in a directory to be kept.
 #pragma once
 
 #include <functional>
@@ -16,40 +16,40 @@ constexpr char kAndroidLog[] = "/run/rvd/android.log";
 constexpr char kOutput[] = "/run/rvd/output";  // standard output and error
 constexpr gid_t kLogGroup = 1007;
 
-// What a scenario puts into a phone's new root, in which its directories exist: properties and
-// files; and what it takes away.
+// Puts a scenario's properties and files into a new root, whose directories exist, and removes what
+// the scenario declares missing.
 void put_scenario_files(const Scenario& scenario, const std::string& root, uid_t owner);
 
 class Phone {
   public:
-    // `directory` exists and is where the root is built; with `keep` its files stay. This process
-    // gets mounts and process numbers of its own; those that it starts from now on die with it.
-    // Throws Unsupported.
+    // Moves this process to new mount and PID namespaces; processes that it starts later die with
+    // it. `directory` must exist: the root is built there, on its own disk if `keep`, else on
+    // tmpfs. Throws Unsupported.
     Phone(const Scenario& scenario, const std::string& directory, bool keep);
 
-    // Builds the root, or resumes the one from before the machine went down.
+    // Builds the root, or reuses the one from before a reboot of the machine.
     void build(const std::string& daemon_binary, bool resume);
 
     const std::string& root() const { return root_; }
     std::string path(const std::string& inside) const { return root_ + inside; }
 
-    // The other way round; a path outside of the root stays.
+    // The path inside the phone; a path outside of the root is returned unchanged.
     std::string inside(const std::string& path) const {
         return path.compare(0, root_.size(), root_) == 0 ? path.substr(root_.size()) : path;
     }
     const Partition& partition() const { return partition_; }
 
-    // Bytes left on the scenario's data disk.
+    // Bytes free on the scenario's data disk.
     int64_t disk_room() const;
 
-    // Whether the daemon's user and capabilities can change for real.
+    // Whether the daemon can really change its user and capabilities.
     bool real_root() const { return real_root_; }
 
     std::string property(const std::string& name) const;
     void set_property(const std::string& name, const std::string& value) const;
-    void clear_properties() const;  // as a reboot does: what persists, stays
+    void clear_properties() const;  // as a reboot does; persistent ones stay
 
-    // Turns this process into the daemon, once `last` has run in the phone.
+    // Executes the daemon in this process; `last` runs just before, inside the phone's root.
     [[noreturn]] void become_daemon(const std::function<void()>& last) const;
 
   private:

@@ -17,7 +17,7 @@ namespace rvd::lab {
 
 namespace {
 
-// Whether the radio user exists here: a container's root may be the only one.
+// Whether this user namespace maps the user: in a container root may be the only one.
 bool has_user(uid_t user) {
     std::ifstream map("/proc/self/uid_map");
     for (uint64_t first = 0, outside = 0, count = 0; map >> first >> outside >> count;) {
@@ -26,7 +26,7 @@ bool has_user(uid_t user) {
     return false;
 }
 
-// Makes the user the root of the user namespace that it has entered.
+// Maps the user to root of the user namespace that this process has entered.
 void map_user(uid_t user, gid_t group) {
     std::ofstream("/proc/self/setgroups") << "deny";
     std::ofstream("/proc/self/uid_map") << "0 " + std::to_string(user) + " 1";

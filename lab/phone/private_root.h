@@ -1,5 +1,5 @@
-// A root directory that is a process's own: namespaces, and the machine's files shown in it. The
-// virtual phone and the in-process tests build theirs with it.
+// Helpers for a private root directory: namespaces, and the host's files mounted in it. The virtual
+// phone and the in-process tests use them.
 #pragma once
 
 #include <sys/types.h>
@@ -8,18 +8,17 @@
 
 namespace rvd::lab {
 
-constexpr uid_t kRadio = 1001;  // that the daemon becomes
+constexpr uid_t kRadio = 1001;  // the user that the daemon changes to
 
-// Gives this process namespaces of its own, named by CLONE_ flags, and keeps its mounts private.
-// It stays the machine's root, or becomes root of a user namespace and returns false. Throws
-// Unsupported with what to change on the machine.
+// Moves this process to new namespaces (CLONE_ flags) with private mounts. Returns true if it is
+// the machine's root, false if it has become root of a new user namespace. Throws Unsupported with
+// the setting to change.
 bool enter_namespaces(int kinds);
 
-// Mounts a file or directory at another place.
 void bind_mount(const std::string& from, const std::string& to, bool read_only = false);
 
-// Shows a file, directory or link of the machine beneath a root, at the same path; none is no
-// error.
+// Mounts a file or directory of the host, or copies a symbolic link, at the same path beneath a
+// root. A missing one is no error.
 void share(const std::string& path, const std::string& root, bool read_only = false);
 
 }  // namespace rvd::lab

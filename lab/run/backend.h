@@ -1,4 +1,5 @@
-// A stage for a whole run: what the run needs beyond what the models need.
+// A backend runs the daemon and connects it with the models: the gate (lab/gate) or the machine's
+// own kernel (lab/device).
 #pragma once
 
 #include <chrono>
@@ -23,18 +24,18 @@ class RunBackend : public Backend {
 
     Modem& modem() { return *modem_; }
 
-    // Starts the daemon, and ends the one that runs.
+    // Starts the daemon, after killing the one that runs.
     virtual void start_daemon() = 0;
 
-    // Reboots the device. Returns false where the machine itself goes down: serve() returns
-    // "reboot", and the run continues in another process.
+    // Reboots the device. Returns false if the machine itself reboots: run() then returns "reboot",
+    // and the run continues in another process.
     virtual bool reboot() {
         start_daemon();
         return true;
     }
 
-    // Serves until the daemon exits ("exit N", "signal N"), waits without an end ("waits",
-    // "parked"), reaches the limit ("limit"), or stop() is called. Ends the daemon.
+    // Runs until the daemon exits ("exit N", "signal N"), waits with nothing left to wake it
+    // ("waits", "parked"), reaches the limit ("limit"), or stop() is called. Kills the daemon.
     virtual std::string run() = 0;
     void stop(const std::string& end) { end_ = end; }
 
@@ -42,36 +43,35 @@ class RunBackend : public Backend {
         events_.emplace(now() + delay, std::move(what));
     }
 
-    // The daemon's process, and its descriptors with their paths but for the standard ones and the
+    // The daemon's process, and the paths of its descriptors without the standard ones and the
     // kernel log; the nodes are "/dev/boot" and "/dev/dump".
     virtual pid_t daemon() const = 0;
     std::map<int, std::string> descriptors() const;
 
-    // Called when the daemon begins to wait for a hang-up, and, on the gate, when its only thread
-    // sleeps.
+    // Called when the daemon begins to wait for a hang-up and, on the gate, when its only thread
+    // begins to sleep.
     std::function<void()> on_wait;
     std::function<void(Time)> on_sleep;
 
-    // Where the stage takes every call: the name by which scenarios know it, which time since the
-    // start of the run it is made, its path and descriptor (or -1). Of the daemon's own calls
-    // alone.
-    std::function<void(const std::string& call, int time, const std::string& path, int fd)> on_call;
+    // Called before each of the daemon's own calls, if all are intercepted: its family, its number
+    // among the calls of the family, its path and descriptor (or -1).
+    std::function<void(const std::string& call, int nth, const std::string& path, int fd)> on_call;
 
-    // Called when a call is about to fail as the scenario wants it. One that stops the daemon is
-    // held for good, or returns and is followed by no other: an event that is due then ends it.
+    // Called when a fault is about to be injected. Where the fault stops the daemon, the callee
+    // kills it by an event that is due at once, so that no further call of the daemon is handled.
     std::function<void(const Fault&)> on_fault;
 
-    // Called when the device goes to upload mode. Returns whether a reboot follows.
+    // Called when the device enters upload mode. Returns whether a reboot follows.
     std::function<bool()> on_upload;
 
-    // Called before the machine itself goes down.
+    // Called before the machine itself panics or reboots.
     std::function<void(bool panics)> on_machine_down;
 
-    // A node that is open more often than the daemon needs is a violation.
+    // Reports a node that the daemon has open more often than it needs.
     void check_open_count(Node node, size_t open);
 
   protected:
-    // The path of a descriptor of the daemon; "" where that can change at any time.
+    // The path of a descriptor of the daemon; "" while threads may be changing it.
     virtual std::string path_of(int fd) const = 0;
 
     void run_due_events();
@@ -79,7 +79,7 @@ class RunBackend : public Backend {
     void enter_upload_mode();
     void report_start();
 
-    // Takes the status that wait() gave for the daemon.
+    // Ends the run with the daemon's wait status.
     void record_exit(int status);
 
     const Scenario& scenario_;
@@ -92,9 +92,8 @@ class RunBackend : public Backend {
     std::multimap<Time, std::function<void()>> events_;
 };
 
-// The gate between the daemon and its kernel, and the stage on this machine's own kernel. The phone
-// is built; the run began at `start`, and it is `now` on the phone. These throw Error, the second
-// also where the scenario wants of the kernel what a real one does not do on demand.
+// The phone must be built. The run began at `start` of the phone's time; a continued one is at
+// `now`. Throw Error, the second also for a scenario whose faults only the gate can inject.
 std::unique_ptr<RunBackend> make_gate(const Scenario& scenario, const Phone& phone, Story& story,
                                       const RunOptions& options, Time start);
 std::unique_ptr<RunBackend> make_device_backend(const Scenario& scenario, const Phone& phone,

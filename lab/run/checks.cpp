@@ -27,7 +27,7 @@ bool is_expected(const std::string& text, const Texts& patterns) {
                        [&](const std::string& pattern) { return matches(pattern, text); });
 }
 
-// Each pattern matches in this order; other texts may stand between.
+// The patterns match in this order, with any other texts in between.
 void check_order(const char* what, const Texts& patterns, const Texts& seen, Story& story) {
     auto from = seen.begin();
     std::string after = "the start";
@@ -47,7 +47,7 @@ void check_none(const char* what, const Texts& patterns, const Texts& seen, Stor
     }
 }
 
-// Whether nothing around the daemon fails, and the modem delivers what it announces.
+// Whether the scenario injects no failure of any kind.
 bool is_undisturbed(const Scenario& scenario) {
     const auto& regions = scenario.driver.regions;
     return std::none_of(regions.begin(), regions.end(),
@@ -57,11 +57,10 @@ bool is_undisturbed(const Scenario& scenario) {
            !scenario.disk && !scenario.firmware.truncate;
 }
 
-// The daemon logs no error but those that the scenario expects.
+// The daemon logs only errors that the scenario expects.
 void check_errors(const Expectations& expect, Story& story) {
-    Texts expected = {
-            "(ERR! *) open_srinfo_last: last_sr_info open fail",  // there is no record to hand back
-            "(ERR! *) create_log_directory: * changed(0)"};       // it reports success that way
+    Texts expected = {"(ERR! *) open_srinfo_last: last_sr_info open fail",  // no record is pending
+                      "(ERR! *) create_log_directory: * changed(0)"};       // logged on success
     expected.insert(expected.end(), expect.log.begin(), expect.log.end());
     for (const std::string& fact : expect.story)
         expected.push_back(fact.substr(std::min(fact.find(" s ") + 3, fact.size())));
@@ -73,7 +72,7 @@ void check_errors(const Expectations& expect, Story& story) {
     }
 }
 
-// The paths in the phone that match a pattern whose last part alone has wildcards.
+// The phone's paths that match a pattern. Only its last component may have wildcards.
 Texts find_files(const Phone& phone, const std::string& pattern) {
     Texts found;
     std::error_code none;
@@ -86,7 +85,7 @@ Texts find_files(const Phone& phone, const std::string& pattern) {
     return found;
 }
 
-// Whether a file consists of the first `size` bytes that a seed stands for.
+// Whether a file consists of the first `size` bytes of fill_seeded().
 bool equals_seeded(const std::string& path, uint64_t seed, uint64_t size) {
     std::ifstream file(path, std::ios::binary);
     std::vector<char> seen(256 << 10), wanted(seen.size());
@@ -145,7 +144,7 @@ void check_files(const RunContext& run) {
 }
 
 void check_end(const Expectations& expect, const RunRecord& record, Story& story) {
-    // With the real clock a daemon that waits and one that has parked are both quiet.
+    // With the real clock a waiting and a parked daemon cannot be told apart.
     const bool quiet = record.end == "quiet" && (expect.end == "waits" || expect.end == "parked");
     if (!expect.end.empty() && record.end != expect.end && !quiet)
         story.violation("the run ended with \"{}\", not \"{}\"", record.end, expect.end);
@@ -167,7 +166,7 @@ void check_at_power_on(const RunContext& run) {
 
 void check_between_passes(const RunContext& run) {
     const auto open = run.backend.descriptors();
-    // A sleep with a node open is one within a pass.
+    // A sleep with a node open is within a pass.
     if (std::any_of(open.begin(), open.end(), [](const auto& descriptor) {
             return descriptor.second == "/dev/boot" || descriptor.second == "/dev/dump";
         }))
@@ -221,7 +220,7 @@ void check_expectations(const RunContext& run, const RunRecord& record) {
 }
 
 void check_collected(const RunContext& run) {
-    // The rest of a packet that is read in part is lost, and the file is damaged.
+    // A short read drops the rest of its packet, which damages the file.
     const auto& faults = run.scenario.faults;
     if (std::any_of(faults.begin(), faults.end(),
                     [](const Fault& fault) { return fault.call == "read" && fault.cut; }))

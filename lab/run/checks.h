@@ -1,4 +1,4 @@
-// The checks of a run. Each failure becomes a violation of the story.
+// The checks of a run. Each failed check adds a violation to the story.
 #pragma once
 
 #include "lab/run/context.h"
@@ -6,21 +6,20 @@
 
 namespace rvd::lab {
 
-// At power-on only the descriptors of this boot are open, each once; between two passes only those
-// of the logs.
+// At power-on only this boot's descriptors are open, each once; between two passes only the logs'.
 void check_at_power_on(const RunContext& run);
 void check_between_passes(const RunContext& run);
 
-// Every fault of the scenario has occurred; every answer and deviation, too.
+// Every fault of the scenario has fired; the second also checks driver answers and loader quirks.
 void check_faults(const RunContext& run);
 void check_triggers(const RunContext& run);
 
 void check_expectations(const RunContext& run, const RunRecord& record);
 
-// Each file that should equal the modem's data equals its beginning.
+// Each file that should equal the modem's data is a prefix of it.
 void check_collected(const RunContext& run);
 
-// Of the files of each expectation at least one equals the modem's data.
+// For each expectation at least one file equals the modem's data.
 void check_whole(const RunContext& run);
 
 // No sanitizer has reported anything.

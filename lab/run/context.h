@@ -1,4 +1,4 @@
-// A run in progress: what its parts share.
+// What the parts of a run share.
 #pragma once
 
 #include "lab/modem/modem.h"

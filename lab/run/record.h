@@ -1,5 +1,5 @@
-// How a run went, as far as another one can be held against it: what `rvd-lab faults` learns from a
-// run in which nothing fails, and asks of those in which something does.
+// The record of a run. `rvd-lab faults` compares a run with a fault with the record of the same run
+// without it.
 #pragma once
 
 #include <map>
@@ -16,9 +16,9 @@ using Files = std::map<std::string, std::string>;
 
 struct RecordedCall {
     std::string name;
-    int nth = 0;  // which of its kind
+    int nth = 0;  // among the calls of this name
     std::string path;
-    std::string last_line;  // the last line before it
+    std::string last_line;  // that the daemon had logged before
 };
 
 struct RunRecord {
@@ -26,15 +26,15 @@ struct RunRecord {
     Time lasted = 0;
     std::vector<std::string> open;  // at the last wait for the modem
     std::vector<std::string> requests;
-    int modem = 0;  // its state at the end
+    int modem = 0;  // state at the end
     Files files;    // at the end
     std::vector<RecordedCall> calls;
 };
 
-// The paths behind the daemon's descriptors, sorted.
+// The paths of the daemon's descriptors, sorted.
 std::vector<std::string> open_paths(const RunBackend& backend);
 
-// The phone's files but for those that the daemon has open.
+// The phone's files without those in `open`.
 Files closed_files(const Phone& phone, const std::vector<std::string>& open);
 
 }  // namespace rvd::lab

@@ -20,7 +20,7 @@ namespace {
 
 constexpr uint64_t kLeastRoom = 1 << 20;  // bytes left on a kept root's disk
 
-// On a real kernel times are not exact, and requests to the kernel itself are not seen.
+// On a real kernel times are not exact, and system calls are not intercepted.
 Scenario on_real_kernel(Scenario scenario, bool is_phone) {
     if (!is_phone) scenario.start = time(nullptr) * kSecond;
     Expectations& expect = scenario.expect;
@@ -36,7 +36,7 @@ Scenario on_real_kernel(Scenario scenario, bool is_phone) {
     return scenario;
 }
 
-// A line for each file in the log directory with its size.
+// One line for each file: its name and size.
 std::set<std::string> saved_files(const fs::path& directory) {
     std::set<std::string> lines;
     std::error_code none;
@@ -66,7 +66,6 @@ void print_summary(const Phone& phone, const Story& story, const RunRecord& reco
     fmt::print("\n");
 }
 
-// One run; play() is its order.
 class Run {
   public:
     Run(const Scenario& scenario, const RunOptions& options)
@@ -100,7 +99,7 @@ class Run {
     }
 
   private:
-    // Returns whether the run continues after the machine went down.
+    // Returns whether this continues a run from before a reboot of the machine.
     bool prepare_phone() {
         const bool resumed = !options_.notebook.empty() && state_.load(options_.notebook);
         fs::path binary = options_.daemon;
@@ -152,7 +151,7 @@ class Run {
         story_.add_message("phone", "", "is up again");
         for (size_t i = 0; i < state_.answers.size(); i++)
             scenario_.driver.answers[i].trigger.seen = state_.answers[i];
-        // Which obstacles occurred before is not known.
+        // The notebook does not keep which of them fired before the reboot.
         for_each_trigger(scenario_, [](const Trigger& trigger) { trigger.fired = true; });
         timeline_.resume(state_.position, state_.panicked);
         const bool last = state_.panicked && timeline_.position() == state_.position;
@@ -168,7 +167,7 @@ class Run {
         if (options_.log) options_.log.append(text + "\n");
         options_.controller->on_line(text);
         timeline_.on_line(text);
-        // With the real clock the gate does not see the wait, only the lines before it.
+        // With the real clock poll() is not intercepted, so the wait is recognized by its line.
         const bool waits = matches("*: Wait event from modem *", text) ||
                            matches("*: unknown Modem status", text);
         if (options_.real_time && waits) timeline_.on_wait();
@@ -195,7 +194,7 @@ class Run {
         if (!story_.violations().empty()) check_room();
     }
 
-    // A full disk outside the phone is no failure of the daemon.
+    // A full disk of the host is no failure of the daemon.
     void check_room() const {
         struct statvfs disk {};
         if (!options_.keep || statvfs(options_.root.c_str(), &disk) != 0) return;

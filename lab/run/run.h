@@ -12,14 +12,15 @@
 
 namespace rvd::lab {
 
-// Follows a run, may change it, and judges it: this one by the scenario's expectations.
+// Follows a run, may change it, and checks its result. The default checks the scenario's
+// expectations.
 class RunController {
   public:
     virtual ~RunController() = default;
     virtual void begin(RunContext& run) { run_ = &run; }
     virtual void on_call(const std::string& /*name*/, const std::string& /*path*/, int /*fd*/) {}
     virtual void on_line(const std::string& /*text*/) {}
-    virtual void on_wait() {}  // before what the timeline has for the wait for the modem
+    virtual void on_wait() {}  // the daemon waits for the modem; called before the timeline
     virtual void on_fault(const Fault&) {}
     virtual void check(RunRecord& record);
 
@@ -34,19 +35,19 @@ struct RunOptions {
     OutputFile trace, picture, log;
     bool real_time = false;
     bool device = false;   // on this machine's own kernel, with character devices
-    std::string prepare;   // command that gets the phone's root before the daemon starts
-    std::string notebook;  // file with the state that survives a reboot of the machine; empty:
-                           // the machine stays up
+    std::string prepare;   // a command to run with the phone's root before the daemon starts
+    std::string notebook;  // file that keeps the run's state over a reboot of the machine; "": the
+                           // machine is not the phone and stays up
     bool story = true;     // print the story
     StoryStyle style;
     bool summary = false;       // print transfers and files at the end
     int timeout = 60;           // seconds of real time
-    int jitter = 0;             // microseconds that the gate waits between two reads
-    bool record_calls = false;  // record every call of the daemon in the conduct
+    int jitter = 0;             // microseconds of delay before each read
+    bool record_calls = false;  // intercept and record every call
     std::shared_ptr<RunController> controller = std::make_shared<RunController>();
 };
 
-// Thrown when this machine is about to reboot: run_scenario() with the same notebook continues.
+// Thrown when this machine is about to reboot; run_scenario() with the same notebook continues.
 struct Reboots {};
 
 struct Result {
@@ -54,7 +55,7 @@ struct Result {
     RunRecord record;
 };
 
-// Changes this process for good (namespaces): call it in a child. Throws Error.
+// Moves this process to new namespaces, so call it in a child. Throws Error.
 Result run_scenario(const Scenario& scenario, const RunOptions& options);
 
 }  // namespace rvd::lab

@@ -1,6 +1,6 @@
-// The story of a run: who said what to whom, and when. It is printed as it happens and kept: the
-// expectations of a scenario are checked against the kept lines and requests, and a violation fails
-// the run.
+// The story of a run: messages between its actors with their times. They are printed at once and
+// kept, since expectations are checked against the kept lines and requests. A violation fails the
+// run.
 #pragma once
 
 #include <fmt/format.h>
@@ -17,20 +17,20 @@ namespace rvd::lab {
 
 class Story {
   public:
-    // With `out` null the story is only kept.
+    // If `out` is null nothing is printed.
     Story(FILE* out, const StoryStyle& style, Time start);
 
-    // The first lines: what the story is about.
+    // Prints what the story is about.
     void begin(const std::string& about) { printer_.begin(about); }
 
     void set_time(Time now) { now_ = now; }
 
     void add_message(const char* from, const char* to, const std::string& text);
 
-    // One record that the daemon wrote to the kernel log.
+    // A record that the daemon wrote to the kernel log.
     void log_line(int level, const std::string& text);
 
-    // One request of the daemon; not printed unless `shown`.
+    // A request of the daemon; printed only if `shown`.
     void request(const char* to, const std::string& text, bool shown = true);
 
     void violation(const std::string& text);
@@ -39,7 +39,7 @@ class Story {
         violation(fmt::format(fmt::runtime(format), first, more...));
     }
 
-    // A transfer for the summary. It ends with the daemon's next line or request. The progress of a
+    // A transfer for the summary. It ends at the daemon's next line or request. The progress of a
     // long one is printed.
     void begin_transfer(const std::string& name, uint64_t total);
     void advance_transfer(uint64_t bytes);
@@ -47,25 +47,25 @@ class Story {
     // Called with each line and request.
     std::function<void(const std::string&text)> on_line, on_request;
 
-    // The lines, requests and violations from before the machine went down.
+    // Restores the lines, requests and violations from before a reboot of the machine.
     void restore(std::vector<std::string> log, std::vector<std::string> requests,
                  std::vector<std::string> violations);
 
-    // Drops everything kept but the violations.
+    // Drops everything except the violations.
     void clear();
 
     const std::vector<std::string>& log() const { return log_; }
     const std::vector<std::string>& requests() const { return requests_; }
 
-    // Lines and requests in their order, each after its time: "4.5 s POWER_OFF".
+    // Lines and requests in order, each with its time: "4.5 s POWER_OFF".
     const std::vector<std::string>& entries() const { return entries_; }
 
     const std::vector<std::string>& violations() const { return violations_; }
 
-    // The kernel's log ring.
+    // The content of the kernel's log ring.
     const std::string& ring() const { return ring_; }
 
-    // A heading, and a line for all transfers of a name.
+    // A table with one row for all transfers of the same name.
     std::string transfer_summary() const;
 
     // Trace events, as JSON for a trace viewer.
@@ -102,7 +102,7 @@ class Story {
     std::vector<std::string> log_, requests_, entries_, violations_;
     std::vector<Message> messages_;
     std::vector<Transfers> transfers_;
-    // The current transfer; none where really_begun_ is zero.
+    // The current transfer; none if real_begin_ is zero.
     size_t current_ = 0;
     uint64_t total_ = 0, moved_ = 0;
     Time begin_ = 0;

@@ -1,4 +1,4 @@
-// The sequence diagram of a story, drawn by rvd-report's code.
+// The sequence diagram of a story, drawn with rvd-report's code.
 #include "lab/run/story.h"
 #include "report/print/people.h"
 #include "report/print/picture.h"
@@ -25,7 +25,7 @@ std::string Story::picture(const std::string& title) const {
         const auto says = [&](const char* text) {
             return message.text.find(text) != std::string::npos;
         };
-        // The log directory's group is told as an error where it is set, too.
+        // Success in setting the log directory's group is logged as an error, too.
         const bool failure =
                 (says("ERR!") && !says(" changed(0)")) || message.from == std::string("lab");
         if (*message.to == '\0' && message.from == std::string("daemon") && !failure) continue;

@@ -22,7 +22,7 @@ constexpr char kPlain[] = "\033[0m";
 struct Pattern {
     const char* from;
     const char* text;
-    const char* title;  // of the chapter that begins here; null: a line of a brief story
+    const char* title;  // of the chapter that it begins; null: only a line of a brief story
 };
 
 const Pattern kPatterns[] = {
@@ -96,12 +96,12 @@ void StoryPrinter::line(Time now, const char* from, const char* to, const std::s
                 return strcmp(pattern.from, from) == 0 && matches(pattern.text, text);
             });
     const bool known = found != std::end(kPatterns);
-    // A daemon that is started again begins no chapter.
-    const bool again = begin_ && found == std::begin(kPatterns);
+    // Only the first start of the daemon begins a chapter.
+    const bool again = has_chapter_ && found == std::begin(kPatterns);
     const bool chapter = known && found->title != nullptr && !again;
     if (chapter) heading(now, found->title);
     if (style_.brief && (!known || found->title != nullptr)) return;
-    if (!style_.brief && !chapter && begin_ && now - last_ >= kLongPause)
+    if (!style_.brief && !chapter && has_chapter_ && now - last_ >= kLongPause)
         print(std::string(14, ' '), colour(kDim),
               fmt::format("{:.6g} s later", seconds(now - last_)));
     last_ = now;
@@ -117,7 +117,7 @@ void StoryPrinter::heading(Time now, const char* title) {
     strftime(clock, sizeof(clock), "%F %T", gmtime_r(&moment, &parts));
     if (!style_.brief) fmt::print(out_, "\n");
     print("", colour(kBold), fmt::format("{}  {}", clock, title));
-    begin_ = true;
+    has_chapter_ = true;
 }
 
 void StoryPrinter::print(const std::string& columns, const char* colour, const std::string& text) {

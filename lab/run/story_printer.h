@@ -16,25 +16,25 @@ constexpr double seconds(Time time) {
 struct StoryStyle {
     bool colours = false;
     bool brief = false;  // only the chapters and their most important lines
-    int width = 0;       // columns at which lines are wrapped; 0: never
+    int width = 0;       // columns of the terminal; 0: lines are not wrapped
 };
 
-// The width and, with "auto", the colours that suit the file; "always" and "never" as they say.
+// The style for a file. `colours` is "auto", "always" or "never".
 StoryStyle choose_style(FILE* out, const std::string& colours);
 
-// Whether this is a terminal that understands escape sequences.
+// Whether this is a terminal with escape sequences.
 bool is_capable_terminal(int fd);
 
 class StoryPrinter {
   public:
-    // Times are printed relative to `start`. With `out` null nothing is printed.
+    // Times are printed relative to `start`. If `out` is null nothing is printed.
     StoryPrinter(FILE* out, const StoryStyle& style, Time start)
         : out_(out), style_(style), start_(start) {}
 
-    // Prints what the story is about, and a legend of the columns.
+    // Prints what the story is about and a legend of the columns.
     void begin(const std::string& about);
 
-    // Prints one line, and before it the heading of a chapter that it begins.
+    // Prints one line, after a heading if the line begins a chapter.
     void line(Time now, const char* from, const char* to, const std::string& text);
 
   private:
@@ -46,7 +46,7 @@ class StoryPrinter {
     const StoryStyle style_;
     const Time start_;
     Time last_ = 0;
-    bool begin_ = false;  // the first chapter has
+    bool has_chapter_ = false;
 };
 
 }  // namespace rvd::lab

@@ -6,7 +6,7 @@ namespace rvd::lab {
 
 void Timeline::resume(size_t position, bool panicked) {
     at_ = position;
-    // The panic was the event that was waited for, and its reboot has happened.
+    // The machine's own reboot was the one that the event asks for.
     if (panicked && !finished() && next().upload) apply(scenario.timeline[at_++]);
     phone.clear_properties();
     modem.reboot();

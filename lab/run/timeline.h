@@ -1,4 +1,4 @@
-// What happens to the phone in a run, one event after the other.
+// The scenario's events. Each is armed when the one before it has fired.
 #pragma once
 
 #include "lab/run/context.h"
@@ -7,16 +7,15 @@ namespace rvd::lab {
 
 class Timeline : private RunContext {
   public:
-    // `start` is when the run has begun.
+    // `start` is the time at which the run began.
     Timeline(const RunContext& run, Time start) : RunContext(run), start_(start) {}
 
     void begin() { arm(); }
 
-    // Continues at `position` after a reboot, or after a panic.
+    // Continues at `position` after a reboot or panic of the machine.
     void resume(size_t position, bool panicked);
 
-    // These trigger events: the daemon begins to wait, the device goes to upload mode (returns
-    // whether an event waited for that), a line, a request.
+    // Trigger the next event if it waits for this. on_upload() returns whether it did.
     void on_wait();
     bool on_upload();
     void on_line(const std::string& text) { match(&Event::line, text); }
@@ -37,7 +36,7 @@ class Timeline : private RunContext {
 
     const Time start_;
     size_t at_ = 0;
-    int64_t matched_ = 0;  // how often what the next event waits for has come
+    int64_t matched_ = 0;  // matches of the next event's line or request so far
     bool triggered_ = false;
 };
 

@@ -8,7 +8,7 @@ namespace rvd::lab {
 
 namespace {
 
-// The library reports the end of a line within a text as a control character.
+// toml++ reports a line break inside a string as a control character.
 bool is_unterminated(const std::string& text, const toml::parse_error& error) {
     const std::string_view why = error.description();
     if (why.find("parsing string") == why.npos) return false;
@@ -19,7 +19,7 @@ bool is_unterminated(const std::string& text, const toml::parse_error& error) {
     return error.source().begin.column > length || why.find("end-of-file") != why.npos;
 }
 
-// The library mistakes some letters beyond ASCII for blanks; in a text, \u writes them.
+// toml++ takes some non-ASCII letters for blanks.
 void reject_non_ascii(const std::string& text, const std::string& name) {
     const auto beyond = std::find_if(text.begin(), text.end(), [](char c) { return c & 0x80; });
     if (beyond == text.end()) return;
@@ -37,8 +37,8 @@ std::map<std::string, Value> Value::entries() const {
         for (const auto& [key, value] : *table->as_table()) {
             const std::string name(key.str());
             Value& entry = all[name];
-            const bool laid_over = entry.node != nullptr && entry.node->is_table();
-            entry = {&value, laid_over && value.is_table() ? entry.node : nullptr,
+            const bool merges = entry.node != nullptr && entry.node->is_table();
+            entry = {&value, merges && value.is_table() ? entry.node : nullptr,
                      path.empty() ? name : path + "." + name};
         }
     }

@@ -1,4 +1,4 @@
-// A scenario file as a tree of values with their places.
+// A scenario file as a tree of values that know their line.
 #pragma once
 
 #include <map>
@@ -7,28 +7,28 @@
 
 #include "lab/base.h"
 
-// The library's assertions would abort before it reports where a file is no TOML.
+// toml++ would abort on an assertion before it reports where a file is not valid TOML.
 #define TOML_ASSERT(expr) static_cast<void>(0)
 #include <toml++/toml.h>
 
 namespace rvd::lab {
 
-// A node of a document. A table may be laid over another one, table by table and key by key;
-// anything else replaces what is beneath it.
+// A node of a document. A table is merged over its base key by key, tables in it likewise; any
+// other value replaces the base's.
 struct Value {
     const toml::node* node;
-    const toml::node* base = nullptr;  // the table that this table is laid over
+    const toml::node* base = nullptr;  // the table under this one
     std::string path = {};             // "driver.answer[]"
 
-    // These throw Error where the value is no table or list.
+    // The entries of a table, the items of a list. Throw Error if the value is something else.
     std::map<std::string, Value> entries() const;
     std::vector<Value> items() const;
 
-    // Throws Error with the file and the line.
+    // Throws Error with file and line.
     [[noreturn]] void reject(const std::string& why) const;
 };
 
-// Throws Error with `name`, the line and what is wrong there.
+// Throws Error with `name`, the line and the reason.
 toml::table parse_document(const std::string& text, const std::string& name);
 
 }  // namespace rvd::lab

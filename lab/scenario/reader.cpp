@@ -11,7 +11,7 @@ namespace rvd::lab {
 namespace {
 
 constexpr size_t kFewWords = 6;       // listed in a message
-constexpr size_t kLongestText = 512;  // that is matched with a pattern
+constexpr size_t kLongestText = 512;  // that may be matched with a pattern
 constexpr double kBeyondNumbers = 9223372036854775808.0;
 
 const std::map<std::string, int64_t> kSpans = {
@@ -19,7 +19,7 @@ const std::map<std::string, int64_t> kSpans = {
 const std::map<std::string, int64_t> kSizes = {
         {"KiB", 1 << 10}, {"MiB", 1 << 20}, {"GiB", 1 << 30}};
 
-// The value of "1.5 s" or "64 KiB"; negative for anything else.
+// The value of "1.5 s" or "64 KiB"; negative for any other text.
 int64_t measured(const std::string& text, const std::map<std::string, int64_t>& units) {
     char* end = nullptr;
     const double value = strtod(text.c_str(), &end);
@@ -33,7 +33,7 @@ bool has_pattern(const std::string& text, const std::string& pattern) {
     if (text.size() > kLongestText || text.find('\0') != text.npos) return false;
     regex_t compiled;
     if (regcomp(&compiled, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0)
-        throw std::logic_error("no pattern: " + pattern);
+        throw std::logic_error("bad pattern: " + pattern);
     const bool found = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
     regfree(&compiled);
     return found;

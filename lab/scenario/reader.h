@@ -1,6 +1,6 @@
-// Reads the tables of a scenario key by key. Each call of key() names a key, a member, its meaning
-// and its form: the same calls read a file, refuse what does not fit, and make the schema that
-// `rvd-lab keys` prints.
+// Reads the tables of a scenario. Each call of key() declares a key, its member, meaning and
+// constraint. The same calls read and check a file and generate the schema that `rvd-lab keys`
+// prints.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -12,30 +12,30 @@ namespace rvd::lab {
 
 using Schema = nlohmann::ordered_json;
 
-// What a value must be, beyond its type.
+// Limits a value beyond its type.
 struct Constraint {
     std::string what;                     // for the message: "a property's name", "modem"
     std::string pattern = {};             // POSIX extended regular expression for the whole text
-    std::vector<std::string> words = {};  // one of these
-    bool patterned = false;               // the first word is a pattern that matches one of them
-    bool span = false;                    // a time, with its unit
+    std::vector<std::string> words = {};  // if not empty, the value is one of these
+    bool patterned = false;  // the value's first word is a pattern that matches one of them
+    bool span = false;       // a time with a unit
     int64_t least = 0, most = INT64_MAX;
-    const Constraint* names = nullptr;  // of a map
+    const Constraint* names = nullptr;  // constrains the keys of a map
 };
 inline const Constraint kAny = {};
 inline const Constraint kSpan = {{}, {}, {}, false, true};
 Constraint between(int64_t least, int64_t most);
 Constraint named(const Constraint& names,
-                 Constraint constraint = kAny);  // a map whose names have a form
+                 Constraint constraint = kAny);  // constrains the keys of a map, too
 
 class Reader {
   public:
     explicit Reader(const Value& table) : table_(&table), entries_(table.entries()) {}
     explicit Reader(Schema& schema) : schema_(&schema) {}
 
-    // A text, number or truth, a structure that has keys of its own, or an optional, a list or a
-    // map of such. Structures have a function keys(Reader&, T&). `out` keeps its value where the
-    // key is missing; a list is replaced, a map added to.
+    // `out` is a string, integer, bool, or struct with a function keys(Reader&, T&), or an
+    // optional, vector or map of these. It keeps its value if the key is missing; a vector is
+    // replaced, a map is added to.
     template <class T>
     Reader& key(const char* name, T& out, const char* help, const Constraint& constraint = kAny) {
         if (schema_ != nullptr) {
@@ -50,16 +50,16 @@ class Reader {
         return *this;
     }
 
-    // Refuses the table unless at least, or exactly, one of these keys is given.
+    // Rejects the table unless at least one, or exactly one, of these keys is given.
     void require_any(std::initializer_list<const char*> names) const { require(names, SIZE_MAX); }
     void require_one(std::initializer_list<const char*> names) const { require(names, 1); }
 
-    // Refuses the last key, where it is given, unless this holds.
+    // Rejects the last key, if it is given, unless `holds`.
     void require_that(bool holds, const std::string& why) const {
         if (last_ != nullptr && !holds) last_->reject(why);
     }
 
-    // Refuses unknown keys.
+    // Rejects unknown keys.
     void finish() const;
 
   private:

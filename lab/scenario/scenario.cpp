@@ -26,7 +26,7 @@ std::vector<std::string> errno_names() {
     return names;
 }
 
-// The requests of a story: those to the driver, and some others.
+// What a story shows as requests: those to the driver and some system calls.
 std::vector<std::string> request_words() {
     std::vector<std::string> words = request_names();
     words.insert(words.end(), {"link", "prctl", "setuid", "capset", "sync"});
@@ -43,7 +43,7 @@ const Constraint kFileSize = between(0, kLargestFile), kWord = between(0, UINT32
                  kSmall = between(0, INT32_MAX), kCount = between(1, INT32_MAX),
                  kPacket = between(0, 8192), kSigned = between(INT64_MIN, INT64_MAX);
 
-// No part of a path is empty, "." or "..", so that a run cannot leave the phone's directories.
+// No component of a path is empty, "." or "..", so that a run stays within the phone's directories.
 const std::string kPart = "(\\.?[^./][^/]*|\\.\\.[^/]+)";
 const std::string kPlainPart = "(\\.?[^[*?./][^[*?/]*|\\.\\.[^[*?/]+)";
 const Constraint kPhonePath = {
@@ -61,7 +61,7 @@ const Constraint kEnd = {
         "waits|parked|limit|upload|stop|exit (1?[0-9]?[0-9]|2[0-4][0-9]|25[0-5])"};
 const Constraint kDate = {"a time as \"2020-10-01 12:30:00\"",
                           "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"};
-// Android's rule. Such a name is no path.
+// Android's rule for names; it excludes "/".
 const Constraint kProperty = {"a property's name", "[a-zA-Z0-9_:@-]+(\\.[a-zA-Z0-9_:@-]+)*"};
 const Constraint kProperties = named(kProperty), kPhoneFiles = named(kPhonePath),
                  kFillers = named(kPhonePath, kFileSize);
@@ -70,7 +70,7 @@ const Constraint kModem = {"modem", "", {"tq720", "vk880"}},
                  kPanic = {"panic", "", {"upload", "returns"}};
 const Constraint kRegion = {"region", "", {std::begin(kRegionNames), std::end(kRegionNames)}};
 
-// Reads "NAME:SIZE@PLACE>PLACE#CHECKSUM"; false if it is something else.
+// Parses "NAME:SIZE@B_OFF>M_OFF#CHECKSUM". Returns false on an error.
 bool read_entry(const std::string& word, FirmwareEntry& entry) {
     constexpr char kMarks[] = ":@>#";
     std::optional<int64_t>* const values[] = {&entry.size, &entry.b_off, &entry.m_off, &entry.crc};
@@ -90,14 +90,14 @@ bool read_entry(const std::string& word, FirmwareEntry& entry) {
     return !entry.name.empty();
 }
 
-// Returns what is wrong with the table, or an empty text.
+// Returns the error in the table, or "".
 std::string read_table(const std::string& text, std::vector<FirmwareEntry>& entries) {
     constexpr size_t kLongestName = 12;
     std::istringstream in(text);
     entries.clear();
     for (std::string word; in >> word;) {
         if (!read_entry(word, entries.emplace_back()))
-            return fmt::format("\"{}\" is no entry: expected NAME:SIZE@PLACE>PLACE#CHECKSUM", word);
+            return fmt::format("\"{}\" is no entry: expected NAME:SIZE@B_OFF>M_OFF#CHECKSUM", word);
         if (entries.back().name.size() > kLongestName)
             return fmt::format("\"{}\" is longer than {} characters", entries.back().name,
                                kLongestName);
@@ -115,11 +115,12 @@ Time read_date(const std::string& text) {
 }  // namespace
 
 static void keys(Reader& reader, Trigger& trigger) {
-    reader.key("nth", trigger.nth, "from which time on it applies (1)", kCount)
-            .key("count", trigger.count, "to how many of them; 0: to all that follow (1)", kSmall)
+    reader.key("nth", trigger.nth, "the first occurrence that it applies to (1)", kCount)
+            .key("count", trigger.count,
+                 "how many occurrences it applies to; 0: all that follow (1)", kSmall)
             .key("after", trigger.after,
-                 "counted from this line of the daemon's log on (the start)")
-            .key("said", trigger.after_count, "how often that line has been logged by then (1)",
+                 "count occurrences only after this line of the daemon's log (the start)")
+            .key("said", trigger.after_count, "how often that line must have been logged (1)",
                  kCount);
 }
 
@@ -131,9 +132,8 @@ struct PhoneKeys {
 static void keys(Reader& reader, PhoneKeys& phone) {
     Scenario& s = phone.scenario;
     std::map<std::string, int64_t> fillers;
-    reader.key("files", s.files, "files made beforehand: path = content", kPhoneFiles)
-            .key("fillers", fillers, "files made beforehand of nothing but 'x': path = bytes",
-                 kFillers)
+    reader.key("files", s.files, "files present at the start: path = content", kPhoneFiles)
+            .key("fillers", fillers, "files of so many 'x' at the start: path = bytes", kFillers)
             .key("missing", s.missing, "paths (nodes, directories, files) that don't exist",
                  kPhonePath)
             .key("read_only", s.read_only, "directories on a read-only file system", kPhonePath)
@@ -149,24 +149,24 @@ static void keys(Reader& reader, PhoneKeys& phone) {
 static void keys(Reader& reader, Firmware& firmware) {
     std::string table;
     reader.key("table", table,
-               "the table of contents, \"TOC BOOT:96K MAIN:5000 NV\": each entry's name, then "
-               "where wanted :size (512), @place in its file, >place in modem memory (one after "
+               "the table of contents, \"TOC BOOT:96K MAIN:5000 NV\": each entry's name, then, "
+               "optionally, :size (512), @offset in its file, >offset in modem memory (one after "
                "the other), #checksum");
     const std::string why = read_table(table, firmware.entries);
     reader.require_that(why.empty(), why);
-    reader.key("truncate", firmware.truncate, "the partition ends after so many bytes", kWord)
+    reader.key("truncate", firmware.truncate, "cut the partition off after so many bytes", kWord)
             .key("image", firmware.image,
-                 "a file that is the partition, its path beginning at the current directory")
+                 "a real image to use as the partition; a path from the current directory")
             .require_that(firmware.entries.empty() && !firmware.truncate,
-                          "an image leaves nothing to \"table\" and \"truncate\"");
-    reader.key("nv_size", firmware.nv_size, "bytes in the NV file; -1: no file (its entry's)",
+                          "\"image\" excludes \"table\" and \"truncate\"");
+    reader.key("nv_size", firmware.nv_size, "bytes in the NV file; -1: no file (size of the entry)",
                between(-1, kLargestFile));
 }
 
 static void keys(Reader& reader, Answer& answer) {
     static const Constraint request = {"request", "", request_names()};
     reader.key("request", answer.request, "its name, as \"POWER_ON\"", request)
-            .key("result", answer.result, "result; negative: errno", kSigned)
+            .key("result", answer.result, "result; negative: an errno", kSigned)
             .require_one({"request"});
     reader.require_one({"result"});
     keys(reader, answer.trigger);
@@ -175,7 +175,7 @@ static void keys(Reader& reader, Answer& answer) {
 static void keys(Reader& reader, Region& region) {
     reader.key("size", region.size, "bytes announced", kWord)
             .key("delivers", region.delivers, "bytes delivered (as announced)", kWord)
-            .key("packet", region.packet, "bytes a read (4096)", between(1, 8192));
+            .key("packet", region.packet, "bytes per read (4096)", between(1, 8192));
 }
 
 static void keys(Reader& reader, DriverSetup& driver) {
@@ -184,9 +184,11 @@ static void keys(Reader& reader, DriverSetup& driver) {
             .key("owner", driver.owner, "who crashed the modem (0)", between(INT32_MIN, INT32_MAX))
             .key("reason", driver.reason, "the driver's crash text")
             .key("srinfo", driver.srinfo, "text of the silent-reset record (none)")
-            .key("panic", driver.panic, "a panic request: \"upload\" ends the device, \"returns\"",
+            .key("panic", driver.panic,
+                 "a panic request: \"upload\" enters upload mode, \"returns\" does nothing "
+                 "(upload)",
                  kPanic)
-            .key("answer", driver.answers, "requests that are answered otherwise")
+            .key("answer", driver.answers, "requests that get another result")
             .key("regions", driver.regions, "modem memory regions", named(kRegion));
 }
 
@@ -198,15 +200,16 @@ static void keys(Reader& reader, DumpSetup& dump) {
 static void keys(Reader& reader, Quirk& quirk) {
     reader.key("at", quirk.at, "word (\"0xA00D\"), \"info\", \"reason\", or step.frame (\"1.3\")",
                kPlace)
-            .key("say", quirk.word, "another word, or another command word in the frame", kWord)
-            .key("curr_frame", quirk.curr_frame, "another frame number", kWord)
-            .key("len", quirk.len, "another payload length word", kWord)
-            .key("cut", quirk.cut, "only so many bytes of the packet", kPacket)
-            .key("extra", quirk.extra, "so many bytes more than the packet has", kPacket)
-            .key("late", quirk.late, "sent so much later", kSpan)
-            .key("twice", quirk.twice, "sent twice")
-            .key("silent", quirk.silent, "never sent, and nothing after it")
-            .key("hang_up", quirk.hang_up, "a hang-up instead")
+            .key("say", quirk.word, "send another word, or another command word in the frame",
+                 kWord)
+            .key("curr_frame", quirk.curr_frame, "send another frame number", kWord)
+            .key("len", quirk.len, "send another payload length", kWord)
+            .key("cut", quirk.cut, "cut the packet to so many bytes", kPacket)
+            .key("extra", quirk.extra, "append so many bytes to the packet", kPacket)
+            .key("late", quirk.late, "delay the packet", kSpan)
+            .key("twice", quirk.twice, "send the packet twice")
+            .key("silent", quirk.silent, "send neither the packet nor anything after it")
+            .key("hang_up", quirk.hang_up, "hang up instead")
             .require_one({"at"});
     keys(reader, quirk.trigger);
 }
@@ -216,9 +219,9 @@ static void keys(Reader& reader, Fault& fault) {
                             error = {"errno", "", errno_names()};
     reader.key("call", fault.call, "system call: open, read, write, fsync, mkdir, mmap, ...", call)
             .key("path", fault.path, "only on paths that match (*)")
-            .key("error", fault.error, "the errno it gives, as \"EIO\"", error)
-            .key("cut", fault.cut, "a read or write of only so many bytes; 0: end of file")
-            .key("hang_up", fault.hang_up, "the node hangs up under the call")
+            .key("error", fault.error, "the errno that it fails with, as \"EIO\"", error)
+            .key("cut", fault.cut, "read or write only so many bytes; 0: end of file")
+            .key("hang_up", fault.hang_up, "the node hangs up during the call")
             .require_one({"call"});
     reader.require_one({"error", "cut", "hang_up"});
     keys(reader, fault.trigger);
@@ -230,14 +233,16 @@ static void keys(Reader& reader, Event& event) {
             .key("waits", event.waits, "when: the daemon waits for an event")
             .key("line", event.line, "when: the daemon logs this")
             .key("request", event.request, "when: the driver or the link sees this", request)
-            .key("said", event.occurrence, "when: how often it has come since the event before (1)",
+            .key("said", event.occurrence,
+                 "when: how often that line or request must occur after the previous event (1)",
                  kCount)
-            .key("upload", event.upload, "when: the device went to upload mode")
-            .key("after", event.after, "and then so much later", kSpan)
+            .key("upload", event.upload, "when: the device enters upload mode")
+            .key("after", event.after, "and then this much later", kSpan)
             .key("state", event.state, "the modem changes to this state", kSmall)
             .key("set", event.set, "these properties change", kProperties)
             .key("restart", event.restart, "the daemon is killed and started again")
-            .key("reboot", event.reboot, "the device reboots: restart, properties fresh")
+            .key("reboot", event.reboot,
+                 "the device reboots: the daemon is restarted, non-persistent properties are reset")
             .key("stop", event.stop, "the run ends here")
             .require_one({"at", "waits", "line", "request", "upload"});
     reader.require_any({"state", "set", "restart", "reboot", "stop"});
@@ -246,29 +251,33 @@ static void keys(Reader& reader, Event& event) {
 static void keys(Reader& reader, FileExpectation& file) {
     static const Constraint content = {"content", "", content_names()};
     reader.key("path", file.path,
-               "path, below the log directory where it begins with no slash; its last part may be "
-               "a pattern",
+               "path, relative to the log directory unless it begins with a slash; its last "
+               "component "
+               "may be a pattern",
                kFilePattern)
             .key("number", file.number, "how many such files (1)", kSmall)
             .key("size", file.size, "bytes")
             .key("mode", file.mode, "access mode, as \"0664\"", kMode)
             .key("text", file.text, "content, a pattern")
             .key("equals", file.equals,
-                 "content: \"dump\", \"erased\", or a region's name; with a size, so much of it",
+                 "content: \"dump\", \"erased\" or a region's name; with `size`, only its first "
+                 "bytes",
                  content)
             .require_one({"path"});
 }
 
 static void keys(Reader& reader, Expectations& expect) {
     static const Constraint request = {"request", "", request_words(), true};
-    reader.key("log", expect.log, "lines the daemon logs, in this order, others between")
-            .key("no_log", expect.no_log, "lines it must not log")
-            .key("times", expect.times, "how often it logs a line")
+    reader.key("log", expect.log,
+               "lines that the daemon logs, in this order, with others in between")
+            .key("no_log", expect.no_log, "lines that it must not log")
+            .key("times", expect.times, "how often it logs a line: line = number")
             .key("requests", expect.requests,
-                 "requests and link words, in this order, others between", request)
-            .key("no_requests", expect.no_requests, "requests that must not come", request)
-            .key("story", expect.story, "both together, each behind its time: \"4.5 s POWER_OFF\"")
-            .key("whole_story", expect.whole_story, "nothing else happens in the story (false)")
+                 "requests and link words, in this order, with others in between", request)
+            .key("no_requests", expect.no_requests, "requests that must not occur", request)
+            .key("story", expect.story,
+                 "lines and requests in order, each after its time: \"4.5 s POWER_OFF\"")
+            .key("whole_story", expect.whole_story, "there are no other lines and requests (false)")
             .key("properties", expect.properties, "properties at the end; \"\": unset", kProperties)
             .key("end", expect.end,
                  "how the run ends: \"waits\" (for the modem), \"parked\", \"limit\", \"upload\", "
@@ -283,9 +292,9 @@ static void keys(Reader& reader, Scenario& s) {
     std::string start = "2020-10-01 12:30:00";
     PhoneKeys phone{s};
     reader.key("name", s.name, "name of the case")
-            .key("about", s.about, "what it shows, one sentence")
+            .key("about", s.about, "what the case shows, in one sentence")
             .key("modem", s.modem, "\"tq720\" (integrated) or \"vk880\" (external)", kModem)
-            .key("program", s.program, "another program in the daemon's place: \"rvd-check\"",
+            .key("program", s.program, "run another program in the daemon's place: \"rvd-check\"",
                  kProgram)
             .key("args", s.args, "the daemon's arguments (-d -t and the modem)")
             .key("cmdline", s.cmdline, "the kernel command line (debug level mid)")
@@ -296,11 +305,11 @@ static void keys(Reader& reader, Scenario& s) {
             .key("phone", phone, "the phone's file system")
             .key("firmware", s.firmware, "the firmware partition and the NV file")
             .key("driver", s.driver, "the modem's driver")
-            .key("dump", s.dump, "the crash dump the modem has")
-            .key("loader", s.loader, "what the boot loader does wrong")
+            .key("dump", s.dump, "the modem's crash dump")
+            .key("loader", s.loader, "deviations of the boot loader")
             .key("fault", s.faults, "system calls that fail")
-            .key("timeline", s.timeline, "what happens, one after the other")
-            .key("expect", s.expect, "what must be seen");
+            .key("timeline", s.timeline, "events, one after the other")
+            .key("expect", s.expect, "what must have happened at the end");
     s.start = read_date(start);
 }
 
@@ -326,7 +335,7 @@ void add_defaults(Scenario& s) {
         complete(path);
 }
 
-// Refuses an end that the run cannot reach, and a case without expectations.
+// Rejects an end that the run cannot reach, and a case without expectations.
 void check_end(const Value& table, const Scenario& s) {
     if (table.entries().count("expect") == 0)
         table.reject("the case expects nothing; say so with expect.end = \"waits\"");
@@ -379,7 +388,7 @@ Schema scenario_schema() {
     Reader reader(schema);
     Scenario s;
     keys(reader, s);
-    schema["properties"]["case"] = {{"description", "runs: tables laid over the rest of the file"},
+    schema["properties"]["case"] = {{"description", "runs: each merged over the rest of the file"},
                                     {"type", "array"},
                                     {"items", {{"$ref", "#"}}}};
     return schema;

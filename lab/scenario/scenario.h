@@ -1,5 +1,5 @@
-// What a scenario file can say. A file holds a base and, optionally, `[[case]]` tables that are
-// laid over it key by key; every case is one run. `rvd-lab keys` prints every key with its meaning.
+// The content of a scenario file: a base and one or more `[[case]]` tables that are merged over it
+// key by key. Every case is one run. `rvd-lab keys` prints all keys with their meaning.
 #pragma once
 
 #include <map>
@@ -14,13 +14,13 @@ namespace rvd::lab {
 
 constexpr char kLogDirectory[] = "/data/vendor/log/rvd";
 
-// Selects some of a series of equal things: `count` of them from the nth on (0: all). With `after`
-// the series begins after the `said`th line of the daemon's log that matches.
+// Selects `count` occurrences of something from the nth on (0: all that follow). With `after`, only
+// those are counted that follow the `after_count`th matching line of the daemon's log.
 struct Trigger {
     int64_t nth = 1, count = 1, after_count = 1;
     std::string after;
 
-    // Counts one more, and returns whether it is selected.
+    // Counts an occurrence and returns whether it is selected.
     bool fires() const {
         if (!after.empty() && after_seen < after_count) return false;
         seen++;
@@ -30,12 +30,13 @@ struct Trigger {
     }
     void note_line(const std::string& line) const { after_seen += matches(after, line) ? 1 : 0; }
 
-    // The state of the run.
+    // The state during a run.
     mutable int64_t seen = 0, after_seen = 0;
     mutable bool fired = false;
 };
 
-// Counts one more for each of `things` that `applies`: the first whose turn has come, or null.
+// Counts an occurrence for each of `things` that `applies` and returns the first that fires, or
+// null.
 template <class Thing, class Applies>
 const Thing* first_triggered(const std::vector<Thing>& things, const Applies& applies) {
     const Thing* first = nullptr;
@@ -45,14 +46,14 @@ const Thing* first_triggered(const std::vector<Thing>& things, const Applies& ap
     return first;
 }
 
-// An entry of the firmware's table of contents, with defaults for what is not given.
+// An entry of the firmware's table of contents; missing values have defaults.
 struct FirmwareEntry {
     std::string name;
     std::optional<int64_t> b_off, m_off, crc, size;
 };
 
 struct Firmware {
-    std::string image;  // a file that is the partition, instead of `entries`
+    std::string image;  // a real image to use as the partition, instead of `entries`
     std::vector<FirmwareEntry> entries;
     std::optional<int64_t> truncate;  // the partition ends here
     std::optional<int64_t> nv_size;   // of the NV file; negative: there is none
@@ -88,7 +89,7 @@ struct DumpSetup {
     std::string reason = "prefetch abort in task L1C";
 };
 
-// One deviation of the boot loader, at the packet it was about to send.
+// One deviation of the boot loader, at a packet that it is about to send.
 struct Quirk {
     std::string at;
     Trigger trigger;
@@ -103,7 +104,7 @@ struct Fault {
     Trigger trigger;
     std::optional<int64_t> cut;
     bool hang_up = false;
-    enum class Stop { no, before, after } stop = Stop::no;  // the daemon, by whoever hears of it
+    enum class Stop { no, before, after } stop = Stop::no;  // kill or cut at this call
 };
 
 struct Event {
@@ -111,9 +112,9 @@ struct Event {
     std::optional<Time> at;
     bool waits = false, upload = false;
     std::string line, request;
-    int64_t occurrence = 1;  // how often, of a line or request
+    int64_t occurrence = 1;  // of the line or request
     Time after = 0;
-    // What.
+    // What happens.
     std::optional<int64_t> state;
     std::map<std::string, std::string> set;
     bool restart = false, reboot = false, stop = false;
@@ -137,7 +138,7 @@ struct Expectations {
 
 struct Scenario {
     std::string name, about, modem = "tq720";
-    std::string program;  // beside the daemon's binary, in its place; "": the daemon
+    std::string program;  // beside the daemon's binary, to run instead of it; "": the daemon
     std::vector<std::string> args;
     std::string cmdline = "console=ram androidboot.debug_level=0x4945";
     std::map<std::string, std::string> properties;
@@ -166,7 +167,7 @@ struct Scenario {
     }
 };
 
-// The turns of everything that goes wrong around the daemon.
+// Visits the triggers of all faults, answers and quirks.
 template <class Visit>
 void for_each_trigger(const Scenario& scenario, const Visit& visit) {
     for (const Fault& fault : scenario.faults)
@@ -177,12 +178,12 @@ void for_each_trigger(const Scenario& scenario, const Visit& visit) {
         visit(quirk.trigger);
 }
 
-// The cases of a file, or of a text as if it were the file `name`. Throws Error with the file, the
-// line and what is allowed there.
+// The cases of a file, or of a text that is called `name` in messages. Throw Error with the file,
+// the line and what is allowed there.
 std::vector<Scenario> read_scenarios(const std::string& path);
 std::vector<Scenario> parse_scenarios(const std::string& text, const std::string& name);
 
-// All keys and what they take, as a JSON schema, in the order of the tables.
+// All keys as a JSON schema.
 nlohmann::ordered_json scenario_schema();
 
 }  // namespace rvd::lab
