@@ -257,7 +257,8 @@ const std::vector<const char*>& failures_of(const std::string& call) {
     static const std::vector<const char*> none;
     if (kIgnoredCalls.count(call) != 0) return none;
     const auto found = kFailures.find(call);
-    if (found == kFailures.end()) throw Error("how \"" + call + "\" can fail isn't known");
+    if (found == kFailures.end())
+        throw Error("no failures are defined for the system call \"" + call + "\"");
     return found->second;
 }
 

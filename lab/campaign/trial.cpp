@@ -141,7 +141,7 @@ void Trial::kill_daemon() {
 
 void Trial::on_wait() {
     if (kind_ == FaultKind::fail) return;
-    if (locked_) violation("the daemon waits, and the wake lock is held");
+    if (locked_) violation("the daemon waits while the wake lock is held");
     check_records();
     requests_ = run_->story.requests().size();
     stopped_in_pass_ = false;
@@ -164,7 +164,7 @@ void Trial::check_records() {
     const bool right = stopped_in_pass_ ? handed <= 2 : handed == std::min<int64_t>(fetched, 1);
     if (!right) violation(fmt::format("a record is handed back {} times", handed));
     if (std::filesystem::exists(run_->phone.path(record_path())))
-        violation(record_path() + " is still there once the boot is over");
+        violation(record_path() + " is still there after the boot");
     const std::string& text = run_->scenario.driver.srinfo;
     const std::string whole = fmt::format("SET_SRINFO len={} {}", text.size(), text);
     for (size_t i = requests_; i < requests.size(); i++) {
@@ -185,7 +185,7 @@ void Trial::check(RunRecord& record) {
     if (record.end == baseline_.end && record.modem != baseline_.modem)
         violation(fmt::format("the modem is left in state {}", record.modem));
     for (const auto& [path, content] : record.files) {
-        if (matches("*.new", path)) violation("an unfinished " + path + " is left");
+        if (matches("*.new", path)) violation("the unfinished " + path + " is left");
     }
     const auto records = [](const RunRecord& run) {
         return count_from(0, run.requests, "SET_SRINFO *");

@@ -218,7 +218,7 @@ class Driver : public Modem, private ModelContext {
     void get_srinfo(Call& call) {
         srinfo_buf& buf = call.record.srinfo;
         if (buf.len != sizeof(buf.data))
-            story.violation(fmt::format("room for a record of {} bytes", buf.len));
+            story.violation(fmt::format("a buffer of {} bytes for a silent-reset record", buf.len));
         const std::string& text = scenario.driver.srinfo;
         size_t size = 0;
         if (!text.empty()) {
@@ -234,7 +234,8 @@ class Driver : public Modem, private ModelContext {
     void set_srinfo(Call& call) {
         const srinfo_buf& buf = call.record.srinfo;
         if (buf.len == 0 || buf.len > sizeof(buf.data))
-            story.violation(fmt::format("a record of {} bytes is handed back", buf.len));
+            story.violation(
+                    fmt::format("a silent-reset record of {} bytes is handed back", buf.len));
         const size_t shown = std::min<size_t>({buf.len, sizeof(buf.data), kShownRecord});
         call.detail = fmt::format(" len={} {}", buf.len, std::string_view(buf.data, shown));
     }
@@ -244,7 +245,7 @@ class Driver : public Modem, private ModelContext {
         const std::string name = text_of(record.name);
         call.detail = fmt::format(" {} {}", name, record.idx);
         if (record.idx >= std::size(kRegionNames) || name != kRegionNames[record.idx]) {
-            story.violation("a region's name that does not match its number");
+            story.violation("a region name that does not match its index");
             call.result = -EINVAL;
         }
         if (call.refused || call.result != 0) return;

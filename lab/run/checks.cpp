@@ -240,7 +240,7 @@ void check_whole(const RunContext& run) {
             return equals_named(run, file, wanted);
         };
         if (!wanted.equals.empty() && std::none_of(files.begin(), files.end(), is_whole))
-            run.story.violation("none is whole: " + wanted.path);
+            run.story.violation("no file is complete: " + wanted.path);
     }
 }
 

@@ -84,9 +84,10 @@ void StoryPrinter::begin(const std::string& about) {
     if (out_ == nullptr) return;
     print("", colour(kBold), about);
     print("", "",
-          "A line: seconds on the phone's clock, who (-> to whom), what. daemon: rvd itself; "
+          "Columns: seconds on the phone's clock, sender (-> receiver), message. daemon: rvd "
+          "itself; "
           "driver, loader: models of the kernel's modem driver and of the modem's boot loader; "
-          "phone, kernel: what surrounds them.");
+          "phone, kernel: the rest of the virtual phone.");
 }
 
 void StoryPrinter::line(Time now, const char* from, const char* to, const std::string& text) {
