@@ -1,6 +1,5 @@
 #include "lab/base.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <fnmatch.h>
@@ -24,6 +23,10 @@ std::string human_size(uint64_t bytes) {
     return fmt::format("{:.{}f} {}", value, std::trunc(value) == value ? 0 : 1, units[unit]);
 }
 
+bool starts_with(std::string_view text, std::string_view prefix) {
+    return text.substr(0, prefix.size()) == prefix;
+}
+
 bool matches(std::string_view pattern, std::string_view text) {
     const auto terminated = [](std::string part) {  // a saved kernel log ends with a NUL
         std::replace(part.begin(), part.end(), '\0', '\1');
@@ -35,6 +38,12 @@ bool matches(std::string_view pattern, std::string_view text) {
     const std::string whole = terminated(std::string(text));
     return fnmatch(terminated(literal).c_str(), whole.c_str(), 0) == 0 ||
            fnmatch(terminated(std::string(pattern)).c_str(), whole.c_str(), FNM_NOESCAPE) == 0;
+}
+
+int64_t count_matches(std::string_view pattern, const std::vector<std::string>& texts,
+                      size_t first) {
+    return std::count_if(texts.begin() + static_cast<ptrdiff_t>(first), texts.end(),
+                         [&](const std::string& text) { return matches(pattern, text); });
 }
 
 namespace {

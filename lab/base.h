@@ -20,9 +20,15 @@ using Packet = std::vector<uint8_t>;
 
 std::string human_size(uint64_t bytes);  // "1 MiB"
 
+bool starts_with(std::string_view text, std::string_view prefix);
+
 // Whether a shell pattern matches the whole text. Brackets match as a set, as in "[a-f0]", or
 // literally, as in "toc[0]*".
 bool matches(std::string_view pattern, std::string_view text);
+
+// How many of the texts match a pattern, counted from index `first`.
+int64_t count_matches(std::string_view pattern, const std::vector<std::string>& texts,
+                      size_t first = 0);
 
 // "; did you mean "..."?" with the nearest known word; empty if none is near.
 std::string did_you_mean(const std::string& word, const std::vector<std::string>& known);

@@ -31,10 +31,9 @@ Disk::Disk(const Phone& phone) : phone_(phone) {
 }
 
 bool Disk::contains(const std::string& path) {
-    return std::any_of(std::begin(kMountPoints), std::end(kMountPoints),
-                       [&](const std::string& mount_point) {
-                           return path.compare(0, mount_point.size() + 1, mount_point + "/") == 0;
-                       });
+    return std::any_of(
+            std::begin(kMountPoints), std::end(kMountPoints),
+            [&](const std::string& mount_point) { return starts_with(path, mount_point + "/"); });
 }
 
 struct stat Disk::File::status() const {

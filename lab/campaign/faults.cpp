@@ -104,7 +104,7 @@ bool possible(const RecordedCall& call, const std::string& failure) {
         return false;  // a record is never written in part
     if (failure == "end") return call.path != "/proc/cmdline" && !node;
     if (failure == "ENOENT") return matches("/dev/*", call.path) || matches("/sys/*", call.path);
-    if (failure == "ENOSPC" && call.name == "open") return call.path.compare(0, 6, "/data/") == 0;
+    if (failure == "ENOSPC" && call.name == "open") return starts_with(call.path, "/data/");
     if (failure == "ENOSPC") return !node;
     return true;
 }

@@ -20,7 +20,6 @@ namespace rvd::lab {
 
 namespace {
 
-constexpr char kLogs[] = "/data/vendor/log/rvd";
 constexpr int kWarmUpPasses = 50;  // after these the daemon's memory stays the same
 constexpr long kMemorySlackKiB = 512;
 constexpr Time kQuirkLasts = 40 * kSecond;
@@ -98,7 +97,7 @@ class Passes : public RunController {
         const auto open = run_->backend.descriptors();
         for (const auto& [fd, path] : open) {
             if (path != kAndroidLog && path != "/dev/boot")
-                violation(fmt::format("descriptor {} is left open: {}", fd, path));
+                violation("descriptor {} is left open: {}", fd, path);
         }
         if (open.size() > 2) violation("more is open than the boot node and the log");
     }
@@ -124,35 +123,25 @@ class Passes : public RunController {
         fs::resize_file(run_->phone.path(kAndroidLog), 0);  // it is on tmpfs
     }
 
-    std::vector<std::string> saved() const {
-        std::vector<std::string> files;
-        std::error_code none;
-        for (const auto& entry : fs::recursive_directory_iterator(run_->phone.path(kLogs), none)) {
-            if (entry.is_regular_file()) files.push_back(entry.path());
-        }
-        return files;
-    }
-
     // Their bytes stay in use on the storm's disk.
     void remove_logs() {
         int64_t bytes = 0;
-        for (const std::string& file : saved())
-            bytes += static_cast<int64_t>(fs::file_size(file));
+        for (const auto& file : run_->phone.files(kLogDirectory))
+            bytes += static_cast<int64_t>(file.file_size());
         counters_.bytes += bytes;
         other_data_ += bytes;
-        fs::remove_all(run_->phone.path(kLogs));
+        fs::remove_all(run_->phone.path(kLogDirectory));
     }
 
     // Without space for a dump the daemon forces upload mode and saves nothing.
     void check_refused() {
         counters_.refused++;
-        const auto& requests = run_->story.requests();
-        if (std::none_of(requests.begin(), requests.end(), [](const std::string& request) {
-                return matches("TRIGGER_KERNEL_PANIC \"Not enough freespace\"*", request);
-            }))
+        if (count_matches("TRIGGER_KERNEL_PANIC \"Not enough freespace\"*",
+                          run_->story.requests()) == 0)
             violation("upload mode is not forced while the disk is full");
-        for (const std::string& file : saved()) {
-            if (matches("*/cpcrash_*", file)) violation(file + " is saved while the disk is full");
+        for (const auto& file : run_->phone.files(kLogDirectory)) {
+            const std::string path = run_->phone.inside(file.path());
+            if (matches("*/cpcrash_*", path)) violation(path + " is saved while the disk is full");
         }
     }
 
@@ -163,17 +152,19 @@ class Passes : public RunController {
             return strtol(status.c_str() + status.find(name) + strlen(name), nullptr, 10);
         };
         const long used = number("VmHWM:"), threads = number("Threads:");
-        if (threads > 1 + kSavingThreads)
-            violation(fmt::format("the daemon has {} threads", threads));
+        if (threads > 1 + kSavingThreads) violation("the daemon has {} threads", threads);
         if (daemon != daemon_) daemon_passes_ = 0;
         daemon_ = daemon;
         if (daemon_passes_++ <= kWarmUpPasses) warm_memory_ = used;
         if (used > warm_memory_ + kMemorySlackKiB)
-            violation(fmt::format("the daemon needs {} KiB; after {} passes it needed {} KiB", used,
-                                  kWarmUpPasses, warm_memory_));
+            violation("the daemon needs {} KiB; after {} passes it needed {} KiB", used,
+                      kWarmUpPasses, warm_memory_);
     }
 
-    void violation(const std::string& text) { run_->story.violation(text); }
+    template <class... Parts>
+    void violation(const Parts&... parts) {
+        run_->story.violation(parts...);
+    }
 
     void disturb() {
         disturbed_ = true;
@@ -184,9 +175,9 @@ class Passes : public RunController {
         return std::uniform_int_distribution<int>(0, static_cast<int>(limit) - 1)(random_);
     }
     bool once_in(int times) { return below(times) == 0; }
-    template <class Thing, size_t size>
-    const Thing& one_of(const Thing (&things)[size]) {
-        return things[static_cast<size_t>(below(size))];
+    template <class Things>
+    auto& one_of(Things& things) {
+        return things[static_cast<size_t>(below(static_cast<int64_t>(std::size(things))))];
     }
 
     void choose_pass() {
@@ -234,16 +225,13 @@ class Passes : public RunController {
     }
 
     void choose_fault() {
-        for (const Fault& fault : run_->scenario.faults)
-            fault.trigger.seen = 0;
         auto& faults = run_->scenario.faults;
         for (Fault& fault : faults)
-            fault.trigger.nth = INT32_MAX;
+            fault.trigger = {INT32_MAX};  // never
         if (once_in(2)) return;
-        Fault& fault = faults[static_cast<size_t>(below(std::size(kFaulty)))];
-        const auto& ways = failures_of(fault.call);
+        Fault& fault = one_of(faults);
         fault = make_fault(fault.call, 1 + below(fault.call == "ioctl" ? 30 : 200),
-                           ways[static_cast<size_t>(below(static_cast<int>(ways.size())))]);
+                           one_of(failures_of(fault.call)));
         if (!fault.cut) return;
         // Only files are read and written in part: a packet is transferred whole.
         fault.path = fault.call == "write" ? "/data/*" : "/dev/block/*";

@@ -32,15 +32,6 @@ constexpr struct {
         {"write_srinfo_file: store done", "*/*sr_info_*"},
 };
 
-bool begins_with(const std::string& text, const std::string& beginning) {
-    return text.compare(0, beginning.size(), beginning) == 0;
-}
-
-int64_t count_from(size_t first, const std::vector<std::string>& texts, const char* pattern) {
-    return std::count_if(texts.begin() + static_cast<ptrdiff_t>(first), texts.end(),
-                         [&](const std::string& text) { return matches(pattern, text); });
-}
-
 // Whether a complete file has lost content. It may grow or be renamed, and it may be replaced or
 // removed if the baseline does so.
 bool damaged(const std::string& path, const std::string& content, const Files& baseline,
@@ -50,7 +41,7 @@ bool damaged(const std::string& path, const std::string& content, const Files& b
     if (now != files.end() && wanted != baseline.end() && now->second == wanted->second)
         return false;
     return std::none_of(files.begin(), files.end(),
-                        [&](const auto& file) { return begins_with(file.second, content); });
+                        [&](const auto& file) { return starts_with(file.second, content); });
 }
 
 }  // namespace
@@ -115,7 +106,7 @@ void Trial::cut_power() {
     disk_.reset();
     // Checked at once, since the next crash may reuse the names.
     for (const auto& [path, content] : before_) {
-        if (!begins_with(read_file(phone.path(path)), content))
+        if (!starts_with(read_file(phone.path(path)), content))
             violation(path + " was reported as saved and is lost");
     }
     phone.clear_properties();
@@ -127,7 +118,7 @@ void Trial::cut_power() {
 Files Trial::intact_reported_files() const {
     Files files;
     for (const auto& [path, content] : reported_) {
-        if (begins_with(read_file(run_->phone.path(path)), content)) files.emplace(path, content);
+        if (starts_with(read_file(run_->phone.path(path)), content)) files.emplace(path, content);
     }
     return files;
 }
@@ -149,20 +140,20 @@ void Trial::on_wait() {
 
 // The silent-reset record that is to be handed back.
 std::string Trial::record_path() const {
-    return "/data/vendor/log/rvd/err/last_sr_info_" + run_->scenario.prefix();
+    return kLogDirectory + ("/err/last_sr_info_" + run_->scenario.prefix());
 }
 
 // How often in the current pass.
 int64_t Trial::handed_back() const {
-    return count_from(requests_, run_->story.requests(), "SET_SRINFO *");
+    return count_matches("SET_SRINFO *", run_->story.requests(), requests_);
 }
 
 void Trial::check_records() {
     const auto& requests = run_->story.requests();
-    const int64_t fetched = count_from(requests_, requests, "GET_SRINFO len=[1-9]*");
+    const int64_t fetched = count_matches("GET_SRINFO len=[1-9]*", requests, requests_);
     const int64_t handed = handed_back();
     const bool right = stopped_in_pass_ ? handed <= 2 : handed == std::min<int64_t>(fetched, 1);
-    if (!right) violation(fmt::format("a record is handed back {} times", handed));
+    if (!right) violation("a record is handed back {} times", handed);
     if (std::filesystem::exists(run_->phone.path(record_path())))
         violation(record_path() + " is still there after the boot");
     const std::string& text = run_->scenario.driver.srinfo;
@@ -183,12 +174,12 @@ void Trial::check(RunRecord& record) {
     check_whole(*run_);
     check_counter();
     if (record.end == baseline_.end && record.modem != baseline_.modem)
-        violation(fmt::format("the modem is left in state {}", record.modem));
+        violation("the modem is left in state {}", record.modem);
     for (const auto& [path, content] : record.files) {
         if (matches("*.new", path)) violation("the unfinished " + path + " is left");
     }
     const auto records = [](const RunRecord& run) {
-        return count_from(0, run.requests, "SET_SRINFO *");
+        return count_matches("SET_SRINFO *", run.requests);
     };
     if (records(record) < records(baseline_)) violation("a record was not handed back");
     record = {};  // only a baseline's is used
@@ -201,8 +192,8 @@ void Trial::check_end(const RunRecord& record) {
         violation("the run ended with \"" + record.end + "\", not \"" + baseline_.end + "\"");
     const Time longer = kind_ == FaultKind::fail ? kGrace : baseline_.lasted + kRepeated;
     if (record.lasted > baseline_.lasted + longer)
-        violation(fmt::format("the run lasted {} s, not about {} s", record.lasted / kSecond,
-                              baseline_.lasted / kSecond));
+        violation("the run lasted {} s, not about {} s", record.lasted / kSecond,
+                  baseline_.lasted / kSecond);
     std::vector<std::string> more;
     std::set_difference(record.open.begin(), record.open.end(), baseline_.open.begin(),
                         baseline_.open.end(), std::back_inserter(more));
@@ -215,18 +206,18 @@ void Trial::check_complete(const Files& files) {
         if (!damaged(path, content, baseline_.files, files)) continue;
         // A second crash within the minute overwrites the file, whose name holds the minute.
         const std::string opened = "*: " + path + " opened (fd *";
-        if (count_from(0, run_->story.log(), opened.c_str()) < 2)
+        if (count_matches(opened, run_->story.log()) < 2)
             violation(path + " was complete before the fault and is damaged");
     }
 }
 
 // Every boot after the stop is counted. A reboot resets the counter.
 void Trial::check_counter() {
-    const int64_t wanted =
-            boots_ + count_from(lines_, run_->story.log(), "status_loop: CP status_loop start *");
+    const int64_t wanted = boots_ + count_matches("status_loop: CP status_loop start *",
+                                                  run_->story.log(), lines_);
     const std::string seen = run_->phone.property(kCounter);
     if (strtol(seen.c_str(), nullptr, 10) != wanted)
-        violation(fmt::format("{} boots are counted as \"{}\"", wanted, seen));
+        violation("{} boots are counted as \"{}\"", wanted, seen);
 }
 
 }  // namespace rvd::lab

@@ -1,8 +1,6 @@
 // The backend on a real kernel: character devices for the nodes, and the machine's own log, clock,
 // disk and capabilities. If the machine is the phone (--notebook), its clock is set to the
 // scenario's and it really panics and reboots; otherwise only the daemon is restarted.
-#include <errno.h>
-#include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>

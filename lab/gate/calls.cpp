@@ -25,12 +25,8 @@ constexpr long kBlock = 1024;  // bytes
 constexpr int kRingReadAll = 3;
 constexpr int kRingSize = 10;
 
-bool under(const std::string& path, const std::string& prefix) {
-    return path.compare(0, prefix.size(), prefix) == 0;
-}
-
 std::optional<Node> node_of(const std::string& path) {
-    if (!under(path, "/dev/")) return {};
+    if (!starts_with(path, "/dev/")) return {};
     if (path.find("_boot") != std::string::npos) return Node::boot;
     if (path.find("_ramdump") != std::string::npos) return Node::dump;
     return {};
@@ -179,13 +175,13 @@ std::string Calls::path_of_fd(int fd) const {
 
 // The daemon may change files only in these places.
 void Calls::check_path(const Call& call, const std::string& path) {
-    static const char* const places[] = {
-            "/data/vendor/log/rvd", "/mnt/vendor/", kWakeLockPath, kWakeUnlockPath, kSimCountPath,
-            kPropertyDir,           kAndroidLog,    "/dev/null",   "/proc/"};
+    static const char* const places[] = {kLogDirectory,   "/mnt/vendor/", kWakeLockPath,
+                                         kWakeUnlockPath, kSimCountPath,  kPropertyDir,
+                                         kAndroidLog,     "/dev/null",    "/proc/"};
     const char* coverage = getenv("GCOV_PREFIX");
     const bool own = std::any_of(std::begin(places), std::end(places),
-                                 [&](const char* place) { return under(path, place); });
-    if (!own && (coverage == nullptr || !under(path, coverage)))
+                                 [&](const char* place) { return starts_with(path, place); });
+    if (!own && (coverage == nullptr || !starts_with(path, coverage)))
         story.violation(call.info->family + " changes " + path);
 }
 
@@ -217,7 +213,7 @@ void Calls::handle_syslog(const Call& call) {
     const int action = static_cast<int>(call.argument(0));
     if (action == kRingSize) return daemon.answer(call, 1 << 20);
     if (action != kRingReadAll) {
-        story.violation(fmt::format("kernel log action {}", action));
+        story.violation("kernel log action {}", action);
         return daemon.answer(call, -EINVAL);
     }
     std::string ring = story.ring();
@@ -238,10 +234,10 @@ void Calls::handle_statfs(const Call& call) {
     struct statfs record {};
     if (statfs(phone.path(path).c_str(), &record) != 0) return daemon.answer(call, -errno);
     int64_t free = kDefaultFreeMb << 20;
-    if (scenario.disk && under(path, "/data")) free = phone.disk_room();
+    if (scenario.disk && starts_with(path, "/data")) free = phone.disk_room();
     size_t longest = 0;
     for (const auto& [prefix, megabytes] : scenario.free_mb) {
-        if (!under(path, prefix) || prefix.size() < longest) continue;
+        if (!starts_with(path, prefix) || prefix.size() < longest) continue;
         longest = prefix.size();
         free = megabytes << 20;
     }
@@ -281,7 +277,7 @@ void Calls::handle_clone(const Call& call) {
 
 // The write that fills the virtual disk is short; later writes fail with ENOSPC.
 void Calls::handle_write(const Call& call) {
-    if (!scenario.disk || !under(path_of(call), "/data/")) return daemon.continue_call(call);
+    if (!scenario.disk || !starts_with(path_of(call), "/data/")) return daemon.continue_call(call);
     const auto room = static_cast<uint64_t>(phone.disk_room());
     if (length_of(buffers(call)) <= room) return daemon.continue_call(call);
     if (room == 0) return daemon.answer(call, -ENOSPC);

@@ -1,7 +1,6 @@
 #include "lab/gate/daemon.h"
 
 #include <elf.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <seccomp.h>

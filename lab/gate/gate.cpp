@@ -2,7 +2,6 @@
 // and advances the clock when no thread can run. Daemon (daemon.h) is the process, Scheduler
 // (scheduler.h) its threads and the clock, Links (links.h) its descriptors to the models, and Calls
 // (calls.h) the handler of each call.
-#include <fmt/format.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>

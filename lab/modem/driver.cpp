@@ -62,8 +62,8 @@ class Driver : public Modem, private ModelContext {
 
     void receive(Node node, const Packet& packet) override {
         if (loader_ && loader_->node == node) return loader_->receive(packet);
-        story.violation(fmt::format("{} bytes written to the {} node while no boot loader runs",
-                                    packet.size(), node_name(node)));
+        story.violation("{} bytes written to the {} node while no boot loader runs", packet.size(),
+                        node_name(node));
     }
 
     bool next_packet(Node node, Packet& packet) override {
@@ -218,7 +218,7 @@ class Driver : public Modem, private ModelContext {
     void get_srinfo(Call& call) {
         srinfo_buf& buf = call.record.srinfo;
         if (buf.len != sizeof(buf.data))
-            story.violation(fmt::format("a buffer of {} bytes for a silent-reset record", buf.len));
+            story.violation("a buffer of {} bytes for a silent-reset record", buf.len);
         const std::string& text = scenario.driver.srinfo;
         size_t size = 0;
         if (!text.empty()) {
@@ -306,7 +306,7 @@ int64_t Driver::request(Node node, unsigned long number, uint64_t argument, cons
                          [&](const Handler& known) { return known.number == number; });
     if (handler == std::end(kHandlers) ||
         (handler->nodes & (node == Node::boot ? kBoot : kDump)) == 0) {
-        story.violation(fmt::format("request 0x{:08X} on the {} node", number, node_name(node)));
+        story.violation("request 0x{:08X} on the {} node", number, node_name(node));
         return -ENOTTY;
     }
     if (notification_ != Report::nothing && handler->handler != &Driver::notify) {

@@ -1,7 +1,6 @@
 #include "lab/modem/firmware.h"
 
 #include <fcntl.h>
-#include <string.h>
 
 #include <algorithm>
 #include <filesystem>

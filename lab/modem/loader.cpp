@@ -133,8 +133,8 @@ class ModelLoader : public Loader, private ModelContext {
         if (sum.cmd != expected.word() || packet.size() != (crc ? sizeof(sum) : sizeof(sum.cmd)))
             return reject(packet);
         if (crc && sum.crc != expected.entry->crc)
-            story.violation(fmt::format("checksum 0x{:08X} sent, 0x{:08X} in the table", sum.crc,
-                                        expected.entry->crc));
+            story.violation("checksum 0x{:08X} sent, 0x{:08X} in the table", sum.crc,
+                            expected.entry->crc);
         step_++;
         story.request("loader", "link " + name_of(expected.word()));
         if (expected.kind == Kind::dump_step) return begin_dump_step(expected.command);
@@ -174,9 +174,9 @@ class ModelLoader : public Loader, private ModelContext {
     }
 
     void reject(const Packet& packet) {
-        story.violation(fmt::format("the loader expects {} and gets {} bytes, first word {}",
-                                    finished() ? "nothing more" : name_of(plan_[step_].word()),
-                                    packet.size(), name_of(record_of<uint32_t>(packet))));
+        story.violation("the loader expects {} and gets {} bytes, first word {}",
+                        finished() ? "nothing more" : name_of(plan_[step_].word()), packet.size(),
+                        name_of(record_of<uint32_t>(packet)));
     }
 
     void announce_dump() {

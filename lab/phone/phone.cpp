@@ -32,7 +32,7 @@ std::string place_of(const std::string& property) {
 }
 
 bool persists(const std::string& property) {
-    return property.compare(0, 8, "persist.") == 0;
+    return starts_with(property, "persist.");
 }
 
 void make_directory(const fs::path& path) {
@@ -182,19 +182,26 @@ void put_scenario_files(const Scenario& scenario, const std::string& root, uid_t
         if (file.has_filename()) write_file(file, content);
         const fs::path made = file.has_filename() ? file : file.parent_path();
         set_owner(made, owner);
-        for (fs::path at = made; at.string().compare(0, logs.size(), logs) == 0;
-             at = at.parent_path())
+        for (fs::path at = made; starts_with(at.string(), logs); at = at.parent_path())
             set_owner(at, owner);
     }
     for (const std::string& missing : scenario.missing)
         fs::remove_all(root + missing);
 }
 
+std::vector<fs::directory_entry> Phone::files(const std::string& directory) const {
+    std::vector<fs::directory_entry> files;
+    std::error_code none;
+    for (const auto& entry : fs::recursive_directory_iterator(path(directory), none)) {
+        if (entry.is_regular_file()) files.push_back(entry);
+    }
+    return files;
+}
+
 int64_t Phone::disk_room() const {
     int64_t room = scenario_.disk.value_or(INT64_MAX);
-    for (const auto& entry : fs::recursive_directory_iterator(path("/data"))) {
-        if (entry.is_regular_file()) room -= static_cast<int64_t>(entry.file_size());
-    }
+    for (const auto& file : files("/data"))
+        room -= static_cast<int64_t>(file.file_size());
     return std::max<int64_t>(room, 0);
 }
 

@@ -2,6 +2,7 @@
 // tmpfs and vanishes with the run, unless it is built in a directory to be kept.
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -35,8 +36,11 @@ class Phone {
 
     // The path inside the phone; a path outside of the root is returned unchanged.
     std::string inside(const std::string& path) const {
-        return path.compare(0, root_.size(), root_) == 0 ? path.substr(root_.size()) : path;
+        return starts_with(path, root_) ? path.substr(root_.size()) : path;
     }
+    // All regular files beneath a directory of the phone, on the host's paths.
+    std::vector<std::filesystem::directory_entry> files(const std::string& directory) const;
+
     const Partition& partition() const { return partition_; }
 
     // Bytes free on the scenario's data disk.

@@ -41,7 +41,7 @@ void RunBackend::run_due_events() {
 
 void RunBackend::check_timeout() {
     if (std::chrono::steady_clock::now() - began_ <= std::chrono::seconds(options_.timeout)) return;
-    story_.violation(fmt::format("the run took longer than {} s of real time", options_.timeout));
+    story_.violation("the run took longer than {} s of real time", options_.timeout);
     stop("timeout");
 }
 
@@ -66,7 +66,7 @@ void RunBackend::record_exit(int status) {
 void RunBackend::check_open_count(Node node, size_t open) {
     // One descriptor for the event wait, and one for a boot or request.
     if (open > (node == Node::boot ? 2 : 1))
-        story_.violation(fmt::format("the {} node is open {} times", node_name(node), open));
+        story_.violation("the {} node is open {} times", node_name(node), open);
 }
 
 }  // namespace rvd::lab

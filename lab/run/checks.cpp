@@ -17,11 +17,6 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-int64_t count_of(const std::string& pattern, const Texts& seen) {
-    return std::count_if(seen.begin(), seen.end(),
-                         [&](const std::string& text) { return matches(pattern, text); });
-}
-
 bool is_expected(const std::string& text, const Texts& patterns) {
     return std::any_of(patterns.begin(), patterns.end(),
                        [&](const std::string& pattern) { return matches(pattern, text); });
@@ -43,7 +38,8 @@ void check_order(const char* what, const Texts& patterns, const Texts& seen, Sto
 
 void check_none(const char* what, const Texts& patterns, const Texts& seen, Story& story) {
     for (const std::string& pattern : patterns) {
-        if (count_of(pattern, seen) > 0) story.violation("unexpected {} \"{}\"", what, pattern);
+        if (count_matches(pattern, seen) > 0)
+            story.violation("unexpected {} \"{}\"", what, pattern);
     }
 }
 
@@ -208,7 +204,7 @@ void check_expectations(const RunContext& run, const RunRecord& record) {
         story.violation("{} lines and requests, not {}", story.entries().size(),
                         expect.story.size());
     for (const auto& [pattern, times] : expect.times) {
-        const int64_t seen = count_of(pattern, story.log());
+        const int64_t seen = count_matches(pattern, story.log());
         if (seen != times) story.violation("expected {} times, found {}: {}", times, seen, pattern);
     }
     check_files(run);

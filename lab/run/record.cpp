@@ -1,9 +1,6 @@
 #include "lab/run/record.h"
 
 #include <algorithm>
-#include <filesystem>
-
-namespace fs = std::filesystem;
 
 namespace rvd::lab {
 
@@ -18,10 +15,10 @@ std::vector<std::string> open_paths(const RunBackend& backend) {
 Files closed_files(const Phone& phone, const std::vector<std::string>& open) {
     Files files;
     for (const char* place : {"/data", "/efs", "/mnt", "/dev/block"}) {
-        for (const auto& entry : fs::recursive_directory_iterator(phone.path(place))) {
-            const std::string inside = phone.inside(entry.path());
-            if (entry.is_regular_file() && !std::binary_search(open.begin(), open.end(), inside))
-                files[inside] = read_file(entry.path());
+        for (const auto& file : phone.files(place)) {
+            const std::string inside = phone.inside(file.path());
+            if (!std::binary_search(open.begin(), open.end(), inside))
+                files[inside] = read_file(file.path());
         }
     }
     return files;

@@ -37,22 +37,20 @@ Scenario on_real_kernel(Scenario scenario, bool is_phone) {
 }
 
 // One line for each file: its name and size.
-std::set<std::string> saved_files(const fs::path& directory) {
+std::set<std::string> saved_files(const Phone& phone) {
     std::set<std::string> lines;
-    std::error_code none;
-    for (const auto& entry : fs::recursive_directory_iterator(directory, none)) {
-        if (entry.is_regular_file())
-            lines.insert(fmt::format("  {:<50} {:>12}\n",
-                                     entry.path().lexically_relative(directory).string(),
-                                     human_size(entry.file_size())));
-    }
+    const fs::path directory = phone.path(kLogDirectory);
+    for (const auto& file : phone.files(kLogDirectory))
+        lines.insert(fmt::format("  {:<50} {:>12}\n",
+                                 file.path().lexically_relative(directory).string(),
+                                 human_size(file.file_size())));
     return lines;
 }
 
 void print_summary(const Phone& phone, const Story& story, const RunRecord& record, bool brief) {
     fmt::print("\nThe run ended with \"{}\" after {:.3f} s of the phone's time.\n", record.end,
                seconds(record.lasted));
-    const auto files = saved_files(phone.path(kLogDirectory));
+    const auto files = saved_files(phone);
     if (brief) {
         fmt::print("It saved {} files; without --brief they are listed.\n", files.size());
     } else {
@@ -129,11 +127,11 @@ class Run {
         story_.on_line = [this](const std::string& text) { handle_line(text); };
         story_.on_request = [this](const std::string& text) { handle_request(text); };
         if (!options_.record_calls) return;
-        backend_->on_call = [this](const std::string& call, int time, const std::string& path,
+        backend_->on_call = [this](const std::string& call, int nth, const std::string& path,
                                    int fd) {
-            const std::string place = story_.log().empty() ? "" : story_.log().back();
+            const std::string last_line = story_.log().empty() ? "" : story_.log().back();
             options_.controller->on_call(call, path, fd);
-            record_.calls.push_back({call, time, path, place});
+            record_.calls.push_back({call, nth, path, last_line});
         };
     }
 
@@ -145,8 +143,7 @@ class Run {
 
     void resume() {
         story_.restore(state_.log, state_.requests, state_.violations);
-        for (const std::string& line : state_.log)
-            if (options_.log) options_.log.append(line + "\n");
+        if (options_.log) options_.log.append(fmt::format("{}\n", fmt::join(state_.log, "\n")));
         story_.panic_reason = state_.panic_reason;
         story_.add_message("phone", "", "is up again");
         for (size_t i = 0; i < state_.answers.size(); i++)

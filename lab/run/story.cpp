@@ -43,7 +43,7 @@ void Story::log_line(int level, const std::string& text) {
     end_transfer();
     add_to_ring(level, text);
     std::string shown = text;
-    if (shown.compare(0, prefix.size(), prefix) == 0) shown.erase(0, prefix.size());
+    if (starts_with(shown, prefix)) shown.erase(0, prefix.size());
     if (!shown.empty() && shown.back() == '\n') shown.pop_back();
     add_message("daemon", "", shown);
     log_.push_back(shown);
