@@ -113,17 +113,17 @@ bool possible(const RecordedCall& call, const std::string& failure) {
 // one and the last. Similar calls have the same name, path and preceding log line; for writes to a
 // log the line does not count.
 std::vector<RecordedCall> sample_similar(const std::vector<RecordedCall>& calls) {
-    std::map<std::string, std::vector<RecordedCall>> alike;
+    std::map<std::string, std::vector<RecordedCall>> similar;
     for (const RecordedCall& call : calls) {
         const bool log = call.path == "/dev/kmsg" || call.path == kAndroidLog;
-        alike[call.name + " " + call.path + " " + (log ? "" : call.last_line)].push_back(call);
+        similar[call.name + " " + call.path + " " + (log ? "" : call.last_line)].push_back(call);
     }
     std::vector<RecordedCall> chosen;
-    for (const auto& [key, all] : alike) {
-        const std::set<size_t> places = {0, std::min<size_t>(1, all.size() - 1), all.size() / 2,
-                                         all.size() - 1};
-        for (const size_t place : places)
-            chosen.push_back(all[place]);
+    for (const auto& [key, all] : similar) {
+        const std::set<size_t> indices = {0, std::min<size_t>(1, all.size() - 1), all.size() / 2,
+                                          all.size() - 1};
+        for (const size_t index : indices)
+            chosen.push_back(all[index]);
     }
     return chosen;
 }
@@ -167,7 +167,7 @@ std::vector<PlannedFault> plan(std::vector<Row>& rows, const FaultOptions& optio
 }
 
 Job make_job(const PlannedFault& planned, const Row& row, const FaultOptions& options) {
-    const auto& [number, call, name, failure] = planned;
+    const auto& [row_index, call, name, failure] = planned;
     const FaultKind kind = kKinds.at(options.kind);
     Job job{row.flow.name, row.flow, options.run};
     job.options.story = name == options.only;

@@ -56,8 +56,8 @@ class Passes : public RunController {
 
     void begin(RunContext& run) override {
         RunController::begin(run);
-        const sigset_t held = interruptions();
-        sigprocmask(SIG_BLOCK, &held, nullptr);
+        const sigset_t signals = interruptions();
+        sigprocmask(SIG_BLOCK, &signals, nullptr);
     }
 
     void on_fault(const Fault&) override { disturb(); }
@@ -81,8 +81,8 @@ class Passes : public RunController {
         counters_.passes++;
         const bool last = ++played_ == count_;
         if (last || interrupted() || !run_->story.violations().empty()) return stop();
-        counters_.lived = run_->backend.now() - run_->scenario.start;
-        choose_pass();
+        counters_.virtual_time = run_->backend.now() - run_->scenario.start;
+        plan_pass();
     }
 
     void check(RunRecord& record) override { check_expectations(*run_, record); }
@@ -111,13 +111,13 @@ class Passes : public RunController {
     // Saved files are prefixes of the modem's data, and complete in an undisturbed pass.
     void check_files() {
         // A liar's lengths decide which part of a frame is saved.
-        if (shape_ != "liar") check_collected(*run_);
+        if (shape_ != "liar") check_prefixes(*run_);
         if (has_crash_ && short_of_space_) check_refused();
         if (has_crash_ && !disturbed_ && !short_of_space_) {
             RunRecord pass;
             pass.end = run_->scenario.expect.end;
             check_expectations(*run_, pass);
-            counters_.whole++;
+            counters_.complete++;
         }
         remove_logs();
         fs::resize_file(run_->phone.path(kAndroidLog), 0);  // it is on tmpfs
@@ -180,25 +180,25 @@ class Passes : public RunController {
         return things[static_cast<size_t>(below(static_cast<int64_t>(std::size(things))))];
     }
 
-    void choose_pass() {
+    void plan_pass() {
         has_crash_ = short_of_space_ = false;
         fill_at_line_.clear();
         const auto& quirks = run_->scenario.loader;
         disturbed_ = std::any_of(quirks.begin(), quirks.end(),
                                  [](const Quirk& quirk) { return !quirk.at.empty(); });
-        if (shape_ == "mixed") mix();
-        if (shape_ == "storm") storm();
-        if (shape_ == "flap") flap();
-        if (shape_ == "liar") lie();
+        if (shape_ == "mixed") plan_mixed();
+        if (shape_ == "storm") plan_storm();
+        if (shape_ == "flap") plan_flap();
+        if (shape_ == "liar") plan_liar();
     }
 
-    void mix() {
-        choose_events();
-        choose_fault();
-        if (once_in(4)) choose_quirk();
+    void plan_mixed() {
+        plan_events();
+        plan_fault();
+        if (once_in(4)) plan_quirk();
     }
 
-    void choose_events() {
+    void plan_events() {
         auto& timeline = run_->scenario.timeline;
         static const int states[] = {1, 2, 9, 3};
         Event event;
@@ -224,7 +224,7 @@ class Passes : public RunController {
         timeline.push_back(killed);
     }
 
-    void choose_fault() {
+    void plan_fault() {
         auto& faults = run_->scenario.faults;
         for (Fault& fault : faults)
             fault.trigger = {INT32_MAX};  // never
@@ -238,7 +238,7 @@ class Passes : public RunController {
         fault.trigger.nth = 1 + below(10);
     }
 
-    void choose_quirk() {
+    void plan_quirk() {
         Quirk quirk;
         if (once_in(3)) quirk.word = below(1 << 16);
         quirk.silent = once_in(6);
@@ -250,18 +250,18 @@ class Passes : public RunController {
 
     // The boot loader may keep a pointer to the quirk, so the element stays and an empty `at` ends
     // it.
-    void misbehave(size_t place, const Quirk& quirk) {
+    void misbehave(size_t index, const Quirk& quirk) {
         disturb();
-        Quirk& here = run_->scenario.loader[place];
-        here = quirk;
-        here.trigger.count = 0;
-        here.at = kQuirky[place];
-        run_->backend.later(kQuirkLasts, [&here] { here.at.clear(); });
+        Quirk& active = run_->scenario.loader[index];
+        active = quirk;
+        active.trigger.count = 0;
+        active.at = kQuirky[index];
+        run_->backend.later(kQuirkLasts, [&active] { active.at.clear(); });
     }
 
     // A crash every few seconds on a disk that other data fills, too. It is emptied when it is
     // full. Some dumps run out of space midway.
-    void storm() {
+    void plan_storm() {
         Scenario& scenario = run_->scenario;
         other_data_ += below(30) * kMega;
         if (other_data_ > kDisk) other_data_ = 0;
@@ -288,7 +288,7 @@ class Passes : public RunController {
     }
 
     // The state changes faster than the daemon reads it; the last change ends the pass.
-    void flap() {
+    void plan_flap() {
         Time after = 0;
         const int changes = 2 + below(20);
         for (int i = 0; i < changes; i++) {
@@ -301,9 +301,9 @@ class Passes : public RunController {
     }
 
     // Random words, numbers and lengths in half of the boot loader's packets.
-    void lie() {
-        choose_events();
-        for (size_t place = 0; place < std::size(kQuirky); place++) {
+    void plan_liar() {
+        plan_events();
+        for (size_t index = 0; index < std::size(kQuirky); index++) {
             if (once_in(2)) continue;
             Quirk quirk;
             quirk.trigger.nth = 1 + below(3);
@@ -313,7 +313,7 @@ class Passes : public RunController {
             if (once_in(4)) quirk.cut = below(64);
             if (once_in(4)) quirk.extra = below(4096);
             quirk.twice = once_in(8);
-            misbehave(place, quirk);
+            misbehave(index, quirk);
         }
     }
 

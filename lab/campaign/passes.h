@@ -11,9 +11,9 @@ namespace rvd::lab {
 
 // Counted during the soak, for its progress and report.
 struct SoakCounters {
-    std::atomic<int> passes{0}, dumps{0}, whole{0}, refused{0}, disturbances{0};
-    std::atomic<int64_t> bytes{0};  // saved
-    std::atomic<Time> lived{0};     // virtual time
+    std::atomic<int> passes{0}, dumps{0}, complete{0}, refused{0}, disturbances{0};
+    std::atomic<int64_t> bytes{0};      // saved
+    std::atomic<Time> virtual_time{0};  // virtual time
 };
 
 // The flow "crash" without its timeline, as the base of all passes.

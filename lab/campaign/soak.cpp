@@ -51,11 +51,11 @@ class BusyLoop {
 
 // The first text's line in which the texts begin to differ.
 std::string different_line(const std::string& text, const std::string& other) {
-    const auto at = std::mismatch(text.begin(), text.end(), other.begin(), other.end()).first -
-                    text.begin();
-    const auto here = static_cast<size_t>(at);
-    const size_t begin = here == 0 ? 0 : text.rfind('\n', here - 1) + 1;
-    return text.substr(begin, text.find('\n', here) - begin);
+    const auto length = std::mismatch(text.begin(), text.end(), other.begin(), other.end()).first -
+                        text.begin();
+    const auto common = static_cast<size_t>(length);
+    const size_t begin = common == 0 ? 0 : text.rfind('\n', common - 1) + 1;
+    return text.substr(begin, text.find('\n', common) - begin);
 }
 
 // Runs the same soak repeatedly beside two busy loops and compares the stories. Returns the signal
@@ -115,11 +115,11 @@ int run_soak(const SoakOptions& options, const ReportOptions& reporting) {
         signal = run_once(job, options.passes, counters, outcome);
         table.update({{"passes", counters.passes.load()},
                       {"dumps", counters.dumps.load()},
-                      {"saved_whole", counters.whole.load()},
+                      {"saved_whole", counters.complete.load()},
                       {"refused", counters.refused.load()},
                       {"disturbances", counters.disturbances.load()},
                       {"bytes", counters.bytes.load()},
-                      {"lived_seconds", counters.lived / kSecond},
+                      {"lived_seconds", counters.virtual_time / kSecond},
                       {"wall_seconds", std::lround(outcome.spent.count())}});
     }
     if (!reporting.json) {

@@ -36,9 +36,9 @@ constexpr struct {
 // removed if the baseline does so.
 bool damaged(const std::string& path, const std::string& content, const Files& baseline,
              const Files& files) {
-    const auto wanted = baseline.find(path), now = files.find(path);
-    if (now == files.end() && wanted == baseline.end()) return false;
-    if (now != files.end() && wanted != baseline.end() && now->second == wanted->second)
+    const auto expected = baseline.find(path), now = files.find(path);
+    if (now == files.end() && expected == baseline.end()) return false;
+    if (now != files.end() && expected != baseline.end() && now->second == expected->second)
         return false;
     return std::none_of(files.begin(), files.end(),
                         [&](const auto& file) { return starts_with(file.second, content); });
@@ -157,9 +157,9 @@ void Trial::check_records() {
     if (std::filesystem::exists(run_->phone.path(record_path())))
         violation(record_path() + " is still there after the boot");
     const std::string& text = run_->scenario.driver.srinfo;
-    const std::string whole = fmt::format("SET_SRINFO len={} {}", text.size(), text);
+    const std::string complete = fmt::format("SET_SRINFO len={} {}", text.size(), text);
     for (size_t i = requests_; i < requests.size(); i++) {
-        if (matches("SET_SRINFO *", requests[i]) && requests[i] != whole)
+        if (matches("SET_SRINFO *", requests[i]) && requests[i] != complete)
             violation("an unknown record is handed back: " + requests[i]);
     }
 }
@@ -169,9 +169,9 @@ void Trial::check(RunRecord& record) {
     check_end(record);
     check_complete(record.files);
     // A cut may leave sectors of zeros in files that were not reported as saved.
-    if (kind_ != FaultKind::cut || survival_ == Disk::Survival::all) check_collected(*run_);
+    if (kind_ != FaultKind::cut || survival_ == Disk::Survival::all) check_prefixes(*run_);
     if (kind_ == FaultKind::fail) return;
-    check_whole(*run_);
+    check_any_complete(*run_);
     check_counter();
     if (record.end == baseline_.end && record.modem != baseline_.modem)
         violation("the modem is left in state {}", record.modem);
@@ -194,10 +194,10 @@ void Trial::check_end(const RunRecord& record) {
     if (record.lasted > baseline_.lasted + longer)
         violation("the run lasted {} s, not about {} s", record.lasted / kSecond,
                   baseline_.lasted / kSecond);
-    std::vector<std::string> more;
+    std::vector<std::string> additional;
     std::set_difference(record.open.begin(), record.open.end(), baseline_.open.begin(),
-                        baseline_.open.end(), std::back_inserter(more));
-    for (const std::string& path : more)
+                        baseline_.open.end(), std::back_inserter(additional));
+    for (const std::string& path : additional)
         violation("left open: " + path);
 }
 
@@ -213,11 +213,11 @@ void Trial::check_complete(const Files& files) {
 
 // Every boot after the stop is counted. A reboot resets the counter.
 void Trial::check_counter() {
-    const int64_t wanted = boots_ + count_matches("status_loop: CP status_loop start *",
-                                                  run_->story.log(), lines_);
+    const int64_t expected = boots_ + count_matches("status_loop: CP status_loop start *",
+                                                    run_->story.log(), lines_);
     const std::string seen = run_->phone.property(kCounter);
-    if (strtol(seen.c_str(), nullptr, 10) != wanted)
-        violation("{} boots are counted as \"{}\"", wanted, seen);
+    if (strtol(seen.c_str(), nullptr, 10) != expected)
+        violation("{} boots are counted as \"{}\"", expected, seen);
 }
 
 }  // namespace rvd::lab

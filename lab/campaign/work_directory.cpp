@@ -32,8 +32,8 @@ fs::path temporary_directory() {
 // Removes the temporary directories of killed runs. They are empty: their content was mounted in
 // the run's namespace.
 void remove_stale_directories() {
-    std::error_code none;
-    for (const auto& entry : fs::directory_iterator(temporary_directory(), none)) {
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(temporary_directory(), ignored)) {
         if (entry.path().filename().string().find(kPrefix) != 0) continue;
         const ScopedFd lock(open(entry.path().c_str(), kDirectory));
         if (flock(lock.get(), LOCK_EX | LOCK_NB) == 0) rmdir(entry.path().c_str());
@@ -48,8 +48,8 @@ bool others_write(const fs::path& directory) {
 
 void refuse_foreign_links(const fs::path& path) {
     for (fs::path at = fs::absolute(path); at.has_relative_path(); at = at.parent_path()) {
-        std::error_code none;
-        if (fs::is_symlink(at, none) && others_write(at.parent_path()))
+        std::error_code ignored;
+        if (fs::is_symlink(at, ignored) && others_write(at.parent_path()))
             throw Error(at.string() + " is a link in a directory that others can write to");
     }
 }

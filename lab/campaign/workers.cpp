@@ -66,10 +66,10 @@ ScopedFd make_memory_file() {
 }
 
 // With --root, each of several phones gets a directory of its own.
-RunOptions options_for(const Job& job, const WorkDirectory& place) {
+RunOptions options_for(const Job& job, const WorkDirectory& directory) {
     RunOptions options = job.options;
     options.keep = !options.root.empty();
-    options.root = place.path();
+    options.root = directory.path();
     if (!options.keep || job.direct) return options;
     std::string leaf = job.scenario.name;
     std::replace(leaf.begin(), leaf.end(), '/', '_');
@@ -80,11 +80,11 @@ RunOptions options_for(const Job& job, const WorkDirectory& place) {
 }
 
 // Carries out a job in the child and writes its violations and record to `report_file`.
-int run_in_child(const Job& job, const WorkDirectory& place, int report_file) {
+int run_in_child(const Job& job, const WorkDirectory& directory, int report_file) {
     int status = kPassed;
     Result result;
     try {
-        result = run_scenario(job.scenario, options_for(job, place));
+        result = run_scenario(job.scenario, options_for(job, directory));
         if (!result.violations.empty()) status = kFailed;
         if (fflush(stdout) != 0 || ferror(stdout) != 0) throw_errno("cannot write the story");
     } catch (const Reboots&) {
@@ -100,7 +100,7 @@ int run_in_child(const Job& job, const WorkDirectory& place, int report_file) {
     return status;
 }
 
-pid_t start(const Job& job, const WorkDirectory& place, const Signals& signals,
+pid_t start(const Job& job, const WorkDirectory& directory, const Signals& signals,
             const Worker& worker) {
     fflush(stdout);
     const pid_t pid = fork();
@@ -110,7 +110,7 @@ pid_t start(const Job& job, const WorkDirectory& place, const Signals& signals,
     signal(SIGPIPE, SIG_DFL);
     signals.restore();
     if (worker.output.valid()) dup2(worker.output.get(), STDOUT_FILENO);
-    const int status = run_in_child(job, place, worker.report_file.get());
+    const int status = run_in_child(job, directory, worker.report_file.get());
     fflush(stdout);
     _exit(status);
 }
@@ -139,15 +139,15 @@ void finish(Worker& worker, int status) {
 int run_each(size_t count, int jobs, const std::function<Job(size_t)>& make,
              const std::function<void(size_t, Outcome&)>& done, const std::function<void()>& tick) {
     const Signals signals;
-    std::optional<WorkDirectory> place;
+    std::optional<WorkDirectory> directory;
     std::map<pid_t, Worker> workers;
     int interrupted = 0;
     size_t started = 0;
-    const auto more = [&] { return interrupted == 0 && started < count; };
-    while (more() || !workers.empty()) {
-        while (more() && workers.size() < static_cast<size_t>(jobs)) {
+    const auto has_more = [&] { return interrupted == 0 && started < count; };
+    while (has_more() || !workers.empty()) {
+        while (has_more() && workers.size() < static_cast<size_t>(jobs)) {
             const Job job = make(started);
-            if (!place) place.emplace(job.options.root);
+            if (!directory) directory.emplace(job.options.root);
             Worker worker{started++,
                           {},
                           Clock::now(),
@@ -155,7 +155,7 @@ int run_each(size_t count, int jobs, const std::function<Job(size_t)>& make,
                           make_memory_file()};
             worker.outcome.suite = job.suite;
             worker.outcome.name = job.scenario.name;
-            const pid_t pid = start(job, *place, signals, worker);
+            const pid_t pid = start(job, *directory, signals, worker);
             workers.emplace(pid, std::move(worker));
         }
         if (const int signal = signals.wait(); signal != 0 && signal != SIGCHLD) {

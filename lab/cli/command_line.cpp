@@ -14,8 +14,8 @@ namespace rvd::lab {
 namespace {
 
 std::string default_daemon() {
-    std::error_code none;
-    return std::filesystem::read_symlink("/proc/self/exe", none).parent_path() / "rvd";
+    std::error_code ignored;
+    return std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path() / "rvd";
 }
 
 // The daemon's version is a string in its binary.

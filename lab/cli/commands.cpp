@@ -14,8 +14,8 @@ using nlohmann::literals::operator""_json_pointer;
 namespace {
 
 // Opens the files for results. Trace, picture and log hold one run.
-void open_results(CommandLine& line, bool many) {
-    if (many && !(line.trace + line.picture + line.log).empty())
+void open_results(CommandLine& line, bool several) {
+    if (several && !(line.trace + line.picture + line.log).empty())
         throw Error("--trace, --picture and --log take one run: choose it with --case or --only");
     line.run.trace = OutputFile(line.trace);
     line.run.picture = OutputFile(line.picture);
@@ -25,7 +25,7 @@ void open_results(CommandLine& line, bool many) {
     line.reporting.junit = OutputFile(line.junit);
 }
 
-std::vector<Job> chosen(const CommandLine& line) {
+std::vector<Job> selected_jobs(const CommandLine& line) {
     std::vector<Job> jobs;
     std::vector<std::string> names;
     for (const std::string& file : line.files) {
@@ -44,12 +44,13 @@ std::vector<Job> chosen(const CommandLine& line) {
 // Prints a line for each key of a table: "driver.answer[].request" and its meaning.
 void print_keys(const nlohmann::ordered_json& table, const std::string& path) {
     for (const auto& [name, key] : table["properties"].items()) {
-        const std::string place = path + name;
-        fmt::print("{:<28} {}\n", place, key["description"].get<std::string>());
-        if (key.contains("properties")) print_keys(key, place + ".");
-        if (key.contains("/items/properties"_json_pointer)) print_keys(key["items"], place + "[].");
+        const std::string key_path = path + name;
+        fmt::print("{:<28} {}\n", key_path, key["description"].get<std::string>());
+        if (key.contains("properties")) print_keys(key, key_path + ".");
+        if (key.contains("/items/properties"_json_pointer))
+            print_keys(key["items"], key_path + "[].");
         if (key.contains("/additionalProperties/properties"_json_pointer))
-            print_keys(key["additionalProperties"], place + ".NAME.");
+            print_keys(key["additionalProperties"], key_path + ".NAME.");
     }
 }
 
@@ -70,7 +71,7 @@ int demo(CommandLine& line) {
 }
 
 int run(CommandLine& line) {
-    std::vector<Job> jobs = chosen(line);
+    std::vector<Job> jobs = selected_jobs(line);
     if (line.list) {
         for (const Job& job : jobs)
             fmt::print("{}: {}\n", job.suite, job.scenario.name);

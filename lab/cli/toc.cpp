@@ -50,22 +50,22 @@ Json plan_for(const char* modem, int image, check::Capture& lines) {
 Json describe(int image, check::Capture& lines) {
     const auto table = check::read_table(image);
     const check::Layout layout = check::lay_out(image, table);
-    Json about = {{"size", check::size_of(image)},
-                  {"toc_count", table.empty() ? 0 : table[0].toc_count}};
+    Json toc_json = {{"size", check::size_of(image)},
+                     {"toc_count", table.empty() ? 0 : table[0].toc_count}};
     for (const check::Entry& entry : table)
-        about["entries"].push_back({{"index", entry.index},
-                                    {"name", check::printable(TocName(entry).text)},
-                                    {"from", entry.in_partition ? "image" : "NV"},
-                                    {"b_off", entry.b_off},
-                                    {"m_off", entry.m_off},
-                                    {"size", entry.size},
-                                    {"crc", entry.crc}});
-    about["gaps"] = texts(layout.gaps);
-    about["overlaps"] = texts(layout.overlaps);
-    about["beyond"] = texts(layout.beyond);
+        toc_json["entries"].push_back({{"index", entry.index},
+                                       {"name", check::printable(TocName(entry).text)},
+                                       {"from", entry.in_partition ? "image" : "NV"},
+                                       {"b_off", entry.b_off},
+                                       {"m_off", entry.m_off},
+                                       {"size", entry.size},
+                                       {"crc", entry.crc}});
+    toc_json["gaps"] = texts(layout.gaps);
+    toc_json["overlaps"] = texts(layout.overlaps);
+    toc_json["beyond"] = texts(layout.beyond);
     for (const char* modem : {"tq720", "vk880"})
-        about["plans"].push_back(plan_for(modem, image, lines));
-    return about;
+        toc_json["plans"].push_back(plan_for(modem, image, lines));
+    return toc_json;
 }
 
 void print_list(const char* head, const Json& list) {
@@ -82,18 +82,18 @@ void print_rows(const Json& rows, const char* number) {
                    row.contains("crc") ? fmt::format("0x{:08x}", row["crc"].get<uint32_t>()) : "");
 }
 
-void print(const Json& about) {
+void print(const Json& toc_json) {
     constexpr char kHead[] = "  {:>5}  {:<12}  {:<5}  {:<10}  {:<10}  {:>10}  {}\n";
-    fmt::print("{} bytes, the table counts {} entries\n", about["size"].get<uint64_t>(),
-               about["toc_count"].get<uint32_t>());
-    if (about.contains("entries")) {
+    fmt::print("{} bytes, the table counts {} entries\n", toc_json["size"].get<uint64_t>(),
+               toc_json["toc_count"].get<uint32_t>());
+    if (toc_json.contains("entries")) {
         fmt::print(kHead, "entry", "name", "from", "there at", "in modem", "bytes", "checksum");
-        print_rows(about["entries"], "index");
+        print_rows(toc_json["entries"], "index");
     }
-    print_list("  gap: ", about["gaps"]);
-    print_list("  overlap: ", about["overlaps"]);
-    print_list("  ", about["beyond"]);
-    for (const Json& plan : about["plans"]) {
+    print_list("  gap: ", toc_json["gaps"]);
+    print_list("  overlap: ", toc_json["overlaps"]);
+    print_list("  ", toc_json["beyond"]);
+    for (const Json& plan : toc_json["plans"]) {
         const bool refused = !plan["refusals"].empty();
         fmt::print("\n{} {}\n", plan["modem"].get<std::string>(),
                    refused ? "does not boot from it" : "boots from it");
@@ -113,13 +113,13 @@ int toc(CommandLine& line) {
     if (!image.valid()) throw_errno(line.firmware);
     setenv("RVD_ANDROID_LOG", "/dev/null", 1);
     check::Capture lines;
-    const Json about = describe(image.get(), lines);
+    const Json toc_json = describe(image.get(), lines);
     if (line.reporting.json) {
-        fmt::print("{}\n", about.dump(1));
+        fmt::print("{}\n", toc_json.dump(1));
     } else {
-        print(about);
+        print(toc_json);
     }
-    for (const Json& plan : about["plans"]) {
+    for (const Json& plan : toc_json["plans"]) {
         if (plan["refusals"].empty()) return kPassed;
     }
     return kFailed;

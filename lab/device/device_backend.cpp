@@ -125,10 +125,10 @@ class DeviceBackend : public RunBackend {
 
     // Other threads, which save logs, may open and close descriptors at any time.
     std::string path_of(int fd) const override {
-        std::error_code none;
+        std::error_code ignored;
         if (!is_single_threaded()) return "";
         const std::string link = proc(("fd/" + std::to_string(fd)).c_str());
-        const std::string path = phone_.inside(fs::read_symlink(link, none));
+        const std::string path = phone_.inside(fs::read_symlink(link, ignored));
         return path == boot_path_ ? "/dev/boot" : path == dump_path_ ? "/dev/dump" : path;
     }
 
@@ -232,8 +232,8 @@ class DeviceBackend : public RunBackend {
 
     // Whether the main thread is the only one: a directory has a link per subdirectory, plus two.
     bool is_single_threaded() const {
-        std::error_code none;
-        return fs::hard_link_count(proc("task"), none) == 3;
+        std::error_code ignored;
+        return fs::hard_link_count(proc("task"), ignored) == 3;
     }
 
     // Whether the daemon sleeps longer than it does in any pass. /proc shows the call's arguments.

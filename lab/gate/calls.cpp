@@ -79,17 +79,17 @@ const Fault* Calls::find_fault(const Call& call) {
     in_main_ = in_main_ || path_of(call) == "/dev/kmsg";
     const int time = ++counts_[family];
     if (in_main_ && backend.on_call) backend.on_call(family, time, path_of(call), fd_of(call));
-    const Fault* due = nullptr;
+    const Fault* first = nullptr;
     for (const Fault& fault : scenario.faults) {
         if (fault.call != family) continue;
         if (fault.path != "*" && !matches(fault.path, path_of(call))) continue;
         if (!in_main_) {
             fault.trigger.seen++;
-        } else if (fault.trigger.fires() && due == nullptr) {
-            due = &fault;
+        } else if (fault.trigger.fires() && first == nullptr) {
+            first = &fault;
         }
     }
-    return due;
+    return first;
 }
 
 bool Calls::inject_fault(const Call& call) {
@@ -167,21 +167,22 @@ int Calls::fd_of(const Call& call) const {
 std::string Calls::path_of_fd(int fd) const {
     const std::string name = links.name_of(fd);
     if (!name.empty()) return name;
-    std::error_code none;
-    const std::string path = phone.inside(std::filesystem::read_symlink(daemon.fd_path(fd), none));
+    std::error_code ignored;
+    const std::string path =
+            phone.inside(std::filesystem::read_symlink(daemon.fd_path(fd), ignored));
     // The kernel shows an unnamed file as "#" and its inode number, which differs between runs.
     return matches("*/#* (deleted)", path) ? path.substr(0, path.rfind('#')) + "#unnamed" : path;
 }
 
 // The daemon may change files only in these places.
 void Calls::check_path(const Call& call, const std::string& path) {
-    static const char* const places[] = {kLogDirectory,   "/mnt/vendor/", kWakeLockPath,
-                                         kWakeUnlockPath, kSimCountPath,  kPropertyDir,
-                                         kAndroidLog,     "/dev/null",    "/proc/"};
+    static const char* const writable[] = {kLogDirectory,   "/mnt/vendor/", kWakeLockPath,
+                                           kWakeUnlockPath, kSimCountPath,  kPropertyDir,
+                                           kAndroidLog,     "/dev/null",    "/proc/"};
     const char* coverage = getenv("GCOV_PREFIX");
-    const bool own = std::any_of(std::begin(places), std::end(places),
-                                 [&](const char* place) { return starts_with(path, place); });
-    if (!own && (coverage == nullptr || !starts_with(path, coverage)))
+    const bool allowed = std::any_of(std::begin(writable), std::end(writable),
+                                     [&](const char* prefix) { return starts_with(path, prefix); });
+    if (!allowed && (coverage == nullptr || !starts_with(path, coverage)))
         story.violation(call.info->family + " changes " + path);
 }
 
@@ -250,20 +251,20 @@ void Calls::handle_statfs(const Call& call) {
 
 void Calls::handle_identity(const Call& call) {
     const std::string& name = call.name();
-    std::string words = name;
-    if (name == "prctl") words += fmt::format(" keepcaps {}", call.argument(1));
-    if (name == "setuid") words += fmt::format(" {}", call.argument(0));
+    std::string text = name;
+    if (name == "prctl") text += fmt::format(" keepcaps {}", call.argument(1));
+    if (name == "setuid") text += fmt::format(" {}", call.argument(0));
     if (name == "capset") {
         __user_cap_data_struct data[2] = {};
         call.memory().read(call.argument(1), data, sizeof(data));
-        words += fmt::format(
+        text += fmt::format(
                 " effective={:08x}{:08x} permitted={:08x}{:08x} inheritable={:08x}{:08x}",
                 data[1].effective, data[0].effective, data[1].permitted, data[0].permitted,
                 data[1].inheritable, data[0].inheritable);
     }
-    const bool about_file = call.info->path >= 0;
-    if (!about_file) story.request("kernel", words);
-    const bool missing = about_file && access(phone.path(path_of(call)).c_str(), F_OK) != 0;
+    const bool takes_path = call.info->path >= 0;
+    if (!takes_path) story.request("kernel", text);
+    const bool missing = takes_path && access(phone.path(path_of(call)).c_str(), F_OK) != 0;
     if (phone.real_root() || missing) return daemon.continue_call(call);
     daemon.answer(call, 0);
 }

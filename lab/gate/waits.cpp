@@ -23,12 +23,12 @@ Time from_timespec(const timespec& time) {
 
 void Calls::handle_sleep(const Call& call) {
     if (call.name() == "pause") return scheduler.wait_in(call, kNever);
-    const bool chosen = call.name() == "clock_nanosleep";
+    const bool has_clock_id = call.name() == "clock_nanosleep";
     timespec span{};
-    if (!call.memory().read(call.argument(chosen ? 2 : 0), &span, sizeof(span)))
+    if (!call.memory().read(call.argument(has_clock_id ? 2 : 0), &span, sizeof(span)))
         return daemon.answer(call, -EFAULT);
     Time deadline = scheduler.now() + from_timespec(span);
-    if (chosen && (call.argument(1) & TIMER_ABSTIME) != 0) {
+    if (has_clock_id && (call.argument(1) & TIMER_ABSTIME) != 0) {
         deadline = from_timespec(span);
         if (call.argument(0) != CLOCK_REALTIME) deadline += scheduler.start() - kUptime;
     }
@@ -113,8 +113,8 @@ void Calls::handle_clock(const Call& call) {
     if (which == CLOCK_PROCESS_CPUTIME_ID || which == CLOCK_THREAD_CPUTIME_ID)
         return daemon.continue_call(call);
     const bool wall = which == CLOCK_REALTIME || which == CLOCK_REALTIME_COARSE;
-    const Time shown = wall ? now : now - scheduler.start() + kUptime;
-    const timespec time = {shown / kSecond, shown % kSecond};
+    const Time reported = wall ? now : now - scheduler.start() + kUptime;
+    const timespec time = {reported / kSecond, reported % kSecond};
     answer_with_record(call, 1, &time, sizeof(time));
 }
 

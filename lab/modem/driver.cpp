@@ -55,9 +55,9 @@ class Driver : public Modem, private ModelContext {
     // The daemon reports a boot as failed once COMPLETE_NORMAL_BOOTUP has failed, and makes no
     // second report where the first one failed.
     void request_failed(unsigned long number) override {
-        if (number == IOCTL_COMPLETE_NORMAL_BOOTUP) notification_ = Report::fail;
+        if (number == IOCTL_COMPLETE_NORMAL_BOOTUP) expected_report_ = Report::fail;
         if (number == IOCTL_NOTIFY_BOOT_DONE || number == IOCTL_NOTIFY_BOOT_FAIL)
-            notification_ = Report::nothing;
+            expected_report_ = Report::none;
     }
 
     void receive(Node node, const Packet& packet) override {
@@ -87,7 +87,7 @@ class Driver : public Modem, private ModelContext {
     int state() const override { return state_; }
 
     void daemon_ended() override {
-        notification_ = Report::nothing;
+        expected_report_ = Report::none;
         images_->reset();
         region_sent_ = region_end_;
     }
@@ -95,7 +95,7 @@ class Driver : public Modem, private ModelContext {
     void reboot() override {
         state_ = MODEM_STATE_OFF;
         powered_ = false;
-        notification_ = Report::nothing;
+        expected_report_ = Report::none;
         images_.emplace(context());
         loader_.reset();
     }
@@ -104,7 +104,7 @@ class Driver : public Modem, private ModelContext {
     struct Call {
         unsigned long number;
         const Memory& memory;
-        bool refused = false, shown = true;
+        bool fails = false, shown = true;
         int64_t result = 0;
         std::string detail = {};
         union {
@@ -134,14 +134,14 @@ class Driver : public Modem, private ModelContext {
     const ModelContext& context() const { return *this; }
 
     void power_on(Call& call) {
-        if (call.refused) return;
+        if (call.fails) return;
         powered_ = true;
         images_->reset();
         state_ = kStateBooting;
     }
 
     void power_off(Call& call) {
-        if (call.refused) return;
+        if (call.fails) return;
         powered_ = false;
         state_ = MODEM_STATE_OFF;
         loader_.reset();
@@ -149,7 +149,7 @@ class Driver : public Modem, private ModelContext {
 
     void power_reset(Call& call) {
         call.detail = fmt::format(" {}", mode_name(call.record.mode));
-        if (call.refused) return;
+        if (call.fails) return;
         loader_.reset();
         images_->reset();
         powered_ = powered_ || call.record.mode == CP_BOOT_MODE_DUMP;
@@ -159,7 +159,7 @@ class Driver : public Modem, private ModelContext {
     void start_loader(Call& call) {
         const uint32_t mode = call.record.mode;
         call.detail = fmt::format(" {}", mode_name(mode));
-        if (call.refused) return;
+        if (call.fails) return;
         if (mode > CP_BOOT_MODE_DUMP) story.violation("the loader is started in an unknown mode");
         if (!powered_) story.violation("the loader is started while the modem is off");
         if (!images_->complete())
@@ -170,16 +170,17 @@ class Driver : public Modem, private ModelContext {
     }
 
     void complete(Call& call) {
-        notification_ = call.refused ? Report::fail : Report::done;
+        expected_report_ = call.fails ? Report::fail : Report::done;
         if (!loader_ || !loader_->finished())
             story.violation("boot-up is called complete before the handshake has ended");
-        if (!call.refused) state_ = kStateOnline;
+        if (!call.fails) state_ = kStateOnline;
     }
 
     void notify(Call& call) {
-        if (notification_ != (call.number == IOCTL_NOTIFY_BOOT_DONE ? Report::done : Report::fail))
+        if (expected_report_ !=
+            (call.number == IOCTL_NOTIFY_BOOT_DONE ? Report::done : Report::fail))
             story.violation("a notification that contradicts how the boot ended");
-        notification_ = Report::nothing;
+        expected_report_ = Report::none;
     }
 
     void status(Call& call) {
@@ -192,7 +193,7 @@ class Driver : public Modem, private ModelContext {
         if (reason.size() == kCrashReasonSize)
             story.violation("a crash reason that is not terminated");
         call.detail = " \"" + reason + "\"";
-        if (call.refused) return;
+        if (call.fails) return;
         story.panic_reason = reason;
         if (scenario.driver.panic == "upload") backend.panic();
     }
@@ -203,7 +204,7 @@ class Driver : public Modem, private ModelContext {
         call.detail =
                 fmt::format(" size={} m_offset=0x{:08x} b_offset=0x{:08x} mode={} len={}",
                             image.size, image.m_offset, image.b_offset, image.mode, image.len);
-        if (call.refused) return;
+        if (call.fails) return;
         if (!powered_) story.violation("an image is loaded while the modem is off");
         if (!images_->load(image, call.memory)) call.result = -EFAULT;
     }
@@ -212,7 +213,7 @@ class Driver : public Modem, private ModelContext {
         const cp_security_req& req = call.record.security;
         call.detail = fmt::format(" {} 0x{:x} 0x{:x}", req.mode, req.param1, req.param2);
         if (req.param3 != 0) story.violation("a security request with a third parameter");
-        if (!call.refused) images_->check(req);
+        if (!call.fails) images_->check(req);
     }
 
     void get_srinfo(Call& call) {
@@ -248,7 +249,7 @@ class Driver : public Modem, private ModelContext {
             story.violation("a region name that does not match its index");
             call.result = -EINVAL;
         }
-        if (call.refused || call.result != 0) return;
+        if (call.fails || call.result != 0) return;
         const Region& region = scenario.driver.regions.at(name);
         record.size = static_cast<uint32_t>(region.size);
         backend.discard_unread(Node::dump);
@@ -270,7 +271,7 @@ class Driver : public Modem, private ModelContext {
 
     int state_;
     bool powered_ = false;
-    enum class Report { nothing, done, fail } notification_ = Report::nothing;
+    enum class Report { none, done, fail } expected_report_ = Report::none;
     std::unique_ptr<Loader> loader_;  // while it runs
     std::optional<Images> images_{std::in_place, context()};
 
@@ -301,37 +302,36 @@ const Driver::Handler Driver::kHandlers[] = {
 };
 
 int64_t Driver::request(Node node, unsigned long number, uint64_t argument, const Memory& memory) {
-    const auto* handler =
-            std::find_if(std::begin(kHandlers), std::end(kHandlers),
-                         [&](const Handler& known) { return known.number == number; });
-    if (handler == std::end(kHandlers) ||
-        (handler->nodes & (node == Node::boot ? kBoot : kDump)) == 0) {
+    const auto* entry = std::find_if(std::begin(kHandlers), std::end(kHandlers),
+                                     [&](const Handler& known) { return known.number == number; });
+    if (entry == std::end(kHandlers) ||
+        (entry->nodes & (node == Node::boot ? kBoot : kDump)) == 0) {
         story.violation("request 0x{:08X} on the {} node", number, node_name(node));
         return -ENOTTY;
     }
-    if (notification_ != Report::nothing && handler->handler != &Driver::notify) {
-        story.violation(std::string(handler->name) +
+    if (expected_report_ != Report::none && entry->handler != &Driver::notify) {
+        story.violation(std::string(entry->name) +
                         " before the boot is reported as done or failed");
-        notification_ = Report::nothing;
+        expected_report_ = Report::none;
     }
     const Answer* answer = first_triggered(scenario.driver.answers, [&](const Answer& given) {
-        return given.request == handler->name;
+        return given.request == entry->name;
     });
     Call call{number, memory};
-    call.refused =
-            answer != nullptr && (answer->result < 0 || (handler->strict && answer->result != 0));
+    call.fails =
+            answer != nullptr && (answer->result < 0 || (entry->strict && answer->result != 0));
     const size_t size = _IOC_SIZE(number);
-    const size_t in = (_IOC_DIR(number) & _IOC_WRITE) != 0 ? size : handler->in;
-    const size_t out = (_IOC_DIR(number) & _IOC_READ) != 0 ? size : handler->out;
+    const size_t in = (_IOC_DIR(number) & _IOC_WRITE) != 0 ? size : entry->in;
+    const size_t out = (_IOC_DIR(number) & _IOC_READ) != 0 ? size : entry->out;
     if (memory.read(argument, &call.record, in)) {
-        (this->*handler->handler)(call);
+        (this->*entry->handler)(call);
     } else {
         call.result = -EFAULT;
     }
-    if (call.result >= 0 && !call.refused && !memory.write(argument, &call.record, out))
+    if (call.result >= 0 && !call.fails && !memory.write(argument, &call.record, out))
         call.result = -EFAULT;
     if (answer != nullptr) call.result = answer->result;
-    std::string text = handler->name + call.detail;
+    std::string text = entry->name + call.detail;
     if (call.result != 0) text += fmt::format(" = {}", call.result);
     story.request("driver", text, call.shown || call.result != 0);
     return call.result;

@@ -27,10 +27,10 @@ uint32_t word(const std::optional<int64_t>& given, int64_t otherwise) {
     return static_cast<uint32_t>(given.value_or(otherwise));
 }
 
-void put_seeded(std::ofstream& file, uint64_t seed, uint32_t place, uint64_t size) {
+void put_seeded(std::ofstream& file, uint64_t seed, uint32_t offset, uint64_t size) {
     Packet bytes(size);
     fill_seeded(seed, 0, bytes.data(), size);
-    file.seekp(place).write(reinterpret_cast<char*>(bytes.data()), static_cast<ssize_t>(size));
+    file.seekp(offset).write(reinterpret_cast<char*>(bytes.data()), static_cast<ssize_t>(size));
 }
 
 void finish(std::ofstream& file, const std::string& path) {
@@ -143,10 +143,10 @@ const toc_entry* Partition::find(const char* name) const {
 
 bool Partition::holds(const toc_entry& entry, const Packet& bytes) const {
     std::ifstream file(is_nv(entry) ? nv_path_ : partition_path_, std::ios::binary);
-    Packet there(bytes.size());
+    Packet content(bytes.size());
     file.seekg(entry.b_off)
-            .read(reinterpret_cast<char*>(there.data()), static_cast<ssize_t>(there.size()));
-    return file.good() && there == bytes;
+            .read(reinterpret_cast<char*>(content.data()), static_cast<ssize_t>(content.size()));
+    return file.good() && content == bytes;
 }
 
 }  // namespace rvd::lab

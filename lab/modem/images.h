@@ -28,7 +28,7 @@ class Images : private ModelContext {
         if (!memory.read(chunk.image_addr, bytes.data(), len)) return false;
         bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
         story.advance_transfer(len);
-        if (complete() && !ended_) end();
+        if (complete() && !checked_) check_content();
         return true;
     }
 
@@ -81,25 +81,25 @@ class Images : private ModelContext {
         }
         first_ = first;
         bytes_.clear();
-        ended_ = false;
+        checked_ = false;
         story.begin_transfer("image " + image_name(*image_), first.size);
         return true;
     }
 
-    void end() {
-        ended_ = true;
+    void check_content() {
+        checked_ = true;
         const std::string name = image_name(*image_);
-        const uint32_t place = first_.m_offset;  // a copy: fmt cannot bind a packed member
+        const uint32_t m_offset = first_.m_offset;  // a copy: fmt cannot bind a packed member
         story.add_message("daemon", "driver",
                           fmt::format("image {}, {} to 0x{:08x} of modem memory", name,
-                                      human_size(bytes_.size()), place));
+                                      human_size(bytes_.size()), m_offset));
         if (!partition.holds(*image_, bytes_))
             story.violation(name + " in modem memory differs from its file");
-        loaded_[place] = first_.size;
+        loaded_[m_offset] = first_.size;
     }
 
     const toc_entry* image_ = nullptr;  // the current or the last one
-    bool ended_ = false, verified_ = false;
+    bool checked_ = false, verified_ = false;
     cp_image first_{};  // its first chunk
     Packet bytes_;
     std::map<uint32_t, uint32_t> loaded_;  // size of each complete image by m_offset

@@ -35,8 +35,8 @@ class Memory {
 
     // Reads several ranges into one buffer, up to `size` bytes.
     bool gather(const std::vector<iovec>& ranges, void* out, size_t size) const {
-        const iovec here = {out, size};
-        return process_vm_readv(pid_, &here, 1, ranges.data(), ranges.size(), 0) ==
+        const iovec local = {out, size};
+        return process_vm_readv(pid_, &local, 1, ranges.data(), ranges.size(), 0) ==
                static_cast<ssize_t>(size);
     }
 
@@ -45,18 +45,18 @@ class Memory {
         constexpr size_t kPage = 4096;
         const size_t first = kPage - address % kPage;
         char bytes[2 * kPage];
-        const iovec here = {bytes, sizeof(bytes)};
-        const iovec there[] = {{reinterpret_cast<void*>(address), first},
-                               {reinterpret_cast<void*>(address + first), kPage}};
-        const ssize_t n = process_vm_readv(pid_, &here, 1, there, 2, 0);
+        const iovec local = {bytes, sizeof(bytes)};
+        const iovec remote[] = {{reinterpret_cast<void*>(address), first},
+                                {reinterpret_cast<void*>(address + first), kPage}};
+        const ssize_t n = process_vm_readv(pid_, &local, 1, remote, 2, 0);
         return {bytes, n > 0 ? strnlen(bytes, static_cast<size_t>(n)) : 0};
     }
 
   private:
     template <class Copy>
     bool copy(Copy call, uint64_t address, void* bytes, size_t size) const {
-        const iovec here = {bytes, size}, there = {reinterpret_cast<void*>(address), size};
-        return size == 0 || call(pid_, &here, 1, &there, 1, 0) == static_cast<ssize_t>(size);
+        const iovec local = {bytes, size}, remote = {reinterpret_cast<void*>(address), size};
+        return size == 0 || call(pid_, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
     }
 
     pid_t pid_;

@@ -59,8 +59,8 @@ void start_namespace_init() {
     if (pid < 0) throw_errno("cannot fork");
     close(alive[pid > 0 ? 0 : 1]);
     if (pid > 0) return;
-    char none = 0;
-    while (read(alive[0], &none, sizeof(none)) < 0 && errno == EINTR) {
+    char ignored = 0;
+    while (read(alive[0], &ignored, sizeof(ignored)) < 0 && errno == EINTR) {
     }
     _exit(0);
 }
@@ -180,9 +180,9 @@ void put_scenario_files(const Scenario& scenario, const std::string& root, uid_t
         const fs::path file = root + inside;
         make_directory(file.parent_path());
         if (file.has_filename()) write_file(file, content);
-        const fs::path made = file.has_filename() ? file : file.parent_path();
-        set_owner(made, owner);
-        for (fs::path at = made; starts_with(at.string(), logs); at = at.parent_path())
+        const fs::path target = file.has_filename() ? file : file.parent_path();
+        set_owner(target, owner);
+        for (fs::path at = target; starts_with(at.string(), logs); at = at.parent_path())
             set_owner(at, owner);
     }
     for (const std::string& missing : scenario.missing)
@@ -191,8 +191,8 @@ void put_scenario_files(const Scenario& scenario, const std::string& root, uid_t
 
 std::vector<fs::directory_entry> Phone::files(const std::string& directory) const {
     std::vector<fs::directory_entry> files;
-    std::error_code none;
-    for (const auto& entry : fs::recursive_directory_iterator(path(directory), none)) {
+    std::error_code ignored;
+    for (const auto& entry : fs::recursive_directory_iterator(path(directory), ignored)) {
         if (entry.is_regular_file()) files.push_back(entry);
     }
     return files;

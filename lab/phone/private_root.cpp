@@ -70,10 +70,10 @@ void bind_mount(const std::string& from, const std::string& to, bool read_only) 
 
 void share(const std::string& path, const std::string& root, bool read_only) {
     const fs::path here = root + path;
-    std::error_code none;
+    std::error_code ignored;
     fs::create_directories(here.parent_path());
-    if (fs::is_symlink(path, none)) return fs::copy_symlink(path, here, none);
-    if (!fs::exists(path, none)) return;
+    if (fs::is_symlink(path, ignored)) return fs::copy_symlink(path, here, ignored);
+    if (!fs::exists(path, ignored)) return;
     if (fs::is_directory(path)) {
         fs::create_directory(here);
     } else {

@@ -21,9 +21,9 @@ RunBackend::RunBackend(const Scenario& scenario, const Phone& phone, Story& stor
 
 std::map<int, std::string> RunBackend::descriptors() const {
     std::map<int, std::string> open;
-    std::error_code none;
+    std::error_code ignored;
     for (const auto& entry :
-         std::filesystem::directory_iterator(fmt::format("/proc/{}/fd", daemon()), none)) {
+         std::filesystem::directory_iterator(fmt::format("/proc/{}/fd", daemon()), ignored)) {
         const int fd = std::stoi(entry.path().filename());
         const std::string path = path_of(fd);
         if (fd > STDERR_FILENO && !path.empty() && path != "/dev/kmsg") open[fd] = path;

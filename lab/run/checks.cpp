@@ -71,9 +71,9 @@ void check_errors(const Expectations& expect, Story& story) {
 // The phone's paths that match a pattern. Only its last component may have wildcards.
 Texts find_files(const Phone& phone, const std::string& pattern) {
     Texts found;
-    std::error_code none;
+    std::error_code ignored;
     const fs::path directory = fs::path(phone.path(pattern)).parent_path();
-    for (const auto& entry : fs::directory_iterator(directory, none)) {
+    for (const auto& entry : fs::directory_iterator(directory, ignored)) {
         const std::string inside = phone.inside(entry.path());
         if (matches(pattern, inside)) found.push_back(inside);
     }
@@ -84,54 +84,54 @@ Texts find_files(const Phone& phone, const std::string& pattern) {
 // Whether a file consists of the first `size` bytes of fill_seeded().
 bool equals_seeded(const std::string& path, uint64_t seed, uint64_t size) {
     std::ifstream file(path, std::ios::binary);
-    std::vector<char> seen(256 << 10), wanted(seen.size());
+    std::vector<char> actual(256 << 10), expected(actual.size());
     uint64_t done = 0;
     while (file) {
-        file.read(seen.data(), static_cast<std::streamsize>(seen.size()));
+        file.read(actual.data(), static_cast<std::streamsize>(actual.size()));
         const auto n = static_cast<size_t>(file.gcount());
-        fill_seeded(seed, done, wanted.data(), n);
-        if (memcmp(seen.data(), wanted.data(), n) != 0) return false;
+        fill_seeded(seed, done, expected.data(), n);
+        if (memcmp(actual.data(), expected.data(), n) != 0) return false;
         done += n;
     }
     return done == size;
 }
 
-bool equals_named(const RunContext& run, const std::string& file, const FileExpectation& wanted) {
+bool equals_named(const RunContext& run, const std::string& file, const FileExpectation& expected) {
     const std::string path = run.phone.path(file);
-    if (wanted.equals == "erased") return read_file(path).find_first_not_of('\xFF') == path.npos;
-    const Content content = content_of(run.scenario, wanted.equals);
-    const uint64_t size = wanted.size ? static_cast<uint64_t>(*wanted.size) : content.size;
+    if (expected.equals == "erased") return read_file(path).find_first_not_of('\xFF') == path.npos;
+    const Content content = content_of(run.scenario, expected.equals);
+    const uint64_t size = expected.size ? static_cast<uint64_t>(*expected.size) : content.size;
     return equals_seeded(path, content.seed, size);
 }
 
-void check_equal(const RunContext& run, const std::string& file, const FileExpectation& wanted) {
-    if (!wanted.equals.empty() && !equals_named(run, file, wanted))
-        run.story.violation("{} differs from what the modem sent ({})", file, wanted.equals);
+void check_equal(const RunContext& run, const std::string& file, const FileExpectation& expected) {
+    if (!expected.equals.empty() && !equals_named(run, file, expected))
+        run.story.violation("{} differs from what the modem sent ({})", file, expected.equals);
 }
 
-void check_file(const RunContext& run, const std::string& file, const FileExpectation& wanted) {
+void check_file(const RunContext& run, const std::string& file, const FileExpectation& expected) {
     const std::string path = run.phone.path(file);
     Story& story = run.story;
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) return story.violation(file + " cannot be examined");
     const std::string mode = fmt::format("{:04o}", status.st_mode & 07777u);
-    if (wanted.size && status.st_size != *wanted.size)
-        story.violation("{} has {} bytes, not {}", file, status.st_size, *wanted.size);
-    if (!wanted.mode.empty() && mode != wanted.mode)
-        story.violation("{} has mode {}, not {}", file, mode, wanted.mode);
-    if (!wanted.text.empty() && !matches(wanted.text, read_file(path)))
-        story.violation("{} doesn't read \"{}\"", file, wanted.text);
-    check_equal(run, file, wanted);
+    if (expected.size && status.st_size != *expected.size)
+        story.violation("{} has {} bytes, not {}", file, status.st_size, *expected.size);
+    if (!expected.mode.empty() && mode != expected.mode)
+        story.violation("{} has mode {}, not {}", file, mode, expected.mode);
+    if (!expected.text.empty() && !matches(expected.text, read_file(path)))
+        story.violation("{} doesn't read \"{}\"", file, expected.text);
+    check_equal(run, file, expected);
 }
 
 void check_files(const RunContext& run) {
-    for (const FileExpectation& wanted : run.scenario.expect.files) {
-        const Texts files = find_files(run.phone, wanted.path);
-        if (static_cast<int64_t>(files.size()) != wanted.number)
-            run.story.violation("expected {} files, found {}: {}", wanted.number, files.size(),
-                                wanted.path);
+    for (const FileExpectation& expected : run.scenario.expect.files) {
+        const Texts files = find_files(run.phone, expected.path);
+        if (static_cast<int64_t>(files.size()) != expected.number)
+            run.story.violation("expected {} files, found {}: {}", expected.number, files.size(),
+                                expected.path);
         for (const std::string& file : files)
-            check_file(run, file, wanted);
+            check_file(run, file, expected);
     }
     for (const std::string& pattern : run.scenario.expect.absent) {
         for (const std::string& file : find_files(run.phone, pattern))
@@ -215,28 +215,28 @@ void check_expectations(const RunContext& run, const RunRecord& record) {
     check_end(expect, record, story);
 }
 
-void check_collected(const RunContext& run) {
+void check_prefixes(const RunContext& run) {
     // A short read drops the rest of its packet, which damages the file.
     const auto& faults = run.scenario.faults;
     if (std::any_of(faults.begin(), faults.end(),
                     [](const Fault& fault) { return fault.call == "read" && fault.cut; }))
         return;
-    for (FileExpectation wanted : run.scenario.expect.files) {
-        for (const std::string& file : find_files(run.phone, wanted.path)) {
-            wanted.size = static_cast<int64_t>(fs::file_size(run.phone.path(file)));
-            check_equal(run, file, wanted);
+    for (FileExpectation expected : run.scenario.expect.files) {
+        for (const std::string& file : find_files(run.phone, expected.path)) {
+            expected.size = static_cast<int64_t>(fs::file_size(run.phone.path(file)));
+            check_equal(run, file, expected);
         }
     }
 }
 
-void check_whole(const RunContext& run) {
-    for (const FileExpectation& wanted : run.scenario.expect.files) {
-        const Texts files = find_files(run.phone, wanted.path);
-        const auto is_whole = [&](const std::string& file) {
-            return equals_named(run, file, wanted);
+void check_any_complete(const RunContext& run) {
+    for (const FileExpectation& expected : run.scenario.expect.files) {
+        const Texts files = find_files(run.phone, expected.path);
+        const auto is_complete = [&](const std::string& file) {
+            return equals_named(run, file, expected);
         };
-        if (!wanted.equals.empty() && std::none_of(files.begin(), files.end(), is_whole))
-            run.story.violation("no file is complete: " + wanted.path);
+        if (!expected.equals.empty() && std::none_of(files.begin(), files.end(), is_complete))
+            run.story.violation("no file is complete: " + expected.path);
     }
 }
 

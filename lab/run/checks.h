@@ -17,10 +17,10 @@ void check_triggers(const RunContext& run);
 void check_expectations(const RunContext& run, const RunRecord& record);
 
 // Each file that should equal the modem's data is a prefix of it.
-void check_collected(const RunContext& run);
+void check_prefixes(const RunContext& run);
 
 // For each expectation at least one file equals the modem's data.
-void check_whole(const RunContext& run);
+void check_any_complete(const RunContext& run);
 
 // No sanitizer has reported anything.
 void check_sanitizers(const RunContext& run);

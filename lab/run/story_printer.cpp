@@ -75,9 +75,10 @@ bool is_capable_terminal(int fd) {
 }
 
 StoryStyle choose_style(FILE* out, const std::string& colours) {
-    const char* const none = getenv("NO_COLOR");
-    const bool suits = is_capable_terminal(fileno(out)) && (none == nullptr || *none == '\0');
-    return {colours == "always" || (colours == "auto" && suits), false, width_of(fileno(out))};
+    const char* const no_color = getenv("NO_COLOR");
+    const bool wanted =
+            is_capable_terminal(fileno(out)) && (no_color == nullptr || *no_color == '\0');
+    return {colours == "always" || (colours == "auto" && wanted), false, width_of(fileno(out))};
 }
 
 void StoryPrinter::begin(const std::string& about) {

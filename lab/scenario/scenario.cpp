@@ -326,13 +326,13 @@ void add_defaults(Scenario& s) {
     int64_t size = 16'000;
     for (const char* name : kRegionNames)
         s.driver.regions.emplace(name, Region{size += 10'000, {}, 4096});
-    const auto complete = [](std::string& path) {
+    const auto make_absolute = [](std::string& path) {
         if (path[0] != '/') path = fmt::format("{}/{}", kLogDirectory, path);
     };
     for (FileExpectation& file : s.expect.files)
-        complete(file.path);
+        make_absolute(file.path);
     for (std::string& path : s.expect.absent)
-        complete(path);
+        make_absolute(path);
 }
 
 // Rejects an end that the run cannot reach, and a case without expectations.

@@ -18,7 +18,7 @@ constexpr char kLogDirectory[] = "/data/vendor/log/rvd";
 // those are counted that follow the `after_count`th matching line of the daemon's log.
 struct Trigger {
     int64_t nth = 1, count = 1, after_count = 1;
-    std::string after;
+    std::string after = {};
 
     // Counts an occurrence and returns whether it is selected.
     bool fires() const {
