@@ -177,13 +177,13 @@ no line "no such line" after the start
 unexpected line "main: *"
 no request "POWER_OFF" after the start
 unexpected request "POWER_ON"
-no fact "9 s POWER_ON" after the start
+no story entry "9 s POWER_ON" after the start
 109 lines and requests, not 1
 expected 7 times, found 1: main: Call boot start
 expected 2 files, found 0: /data/vendor/log/rvd/x*
 /sys/power/wake_lock has 5 bytes, not 1
 /sys/power/wake_lock has mode 0644, not 0600
-/sys/power/wake_lock doesn't read "a*"
+/sys/power/wake_lock does not match "a*"
 /sys/power/wake_lock differs from what the modem sent (erased)
 /mnt/vendor/efs/nv_data.bin differs from what the modem sent (dump)
 /run/rvd/output differs from what the modem sent (vss)

@@ -99,7 +99,7 @@ class Passes : public RunController {
             if (path != kAndroidLog && path != "/dev/boot")
                 violation("descriptor {} is left open: {}", fd, path);
         }
-        if (open.size() > 2) violation("more is open than the boot node and the log");
+        if (open.size() > 2) violation("the boot node or the log is open twice");
     }
 
     void check_nv() {

@@ -24,7 +24,7 @@ constexpr int kSlowestPass = 2;  // seconds of real time
 SoakCounters& share_counters() {
     void* const page = mmap(nullptr, sizeof(SoakCounters), PROT_READ | PROT_WRITE,
                             MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (page == MAP_FAILED) throw_errno("no memory for the figures");
+    if (page == MAP_FAILED) throw_errno("no memory for the counters");
     return *new (page) SoakCounters;
 }
 
@@ -72,7 +72,7 @@ int replay(Job job, int replays, Outcome& sum) {
         throw_if_not_run(outcome);
         const std::string& story = outcome.output;
         if (done++ == 0) first = story;
-        if (outcome.status != kPassed) sum.violations.push_back("a replay fails");
+        if (outcome.status != kPassed) sum.violations.push_back("a replay failed");
         if (story == first) return;
         sum.violations.push_back(fmt::format("\"{}\" instead of \"{}\"",
                                              different_line(story, first),

@@ -28,7 +28,7 @@ inline std::string parse_error_message(const CLI::App& app, const CLI::ParseErro
     }
     if (word == unknown.end()) word = unknown.begin();
     const std::string bare = word->substr(0, word->find('='));
-    return "\"" + bare + "\" is not known here" + did_you_mean(bare, known);
+    return "unknown argument \"" + bare + "\"" + did_you_mean(bare, known);
 }
 
 }  // namespace rvd::lab

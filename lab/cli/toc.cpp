@@ -87,7 +87,7 @@ void print(const Json& toc_json) {
     fmt::print("{} bytes, the table counts {} entries\n", toc_json["size"].get<uint64_t>(),
                toc_json["toc_count"].get<uint32_t>());
     if (toc_json.contains("entries")) {
-        fmt::print(kHead, "entry", "name", "from", "there at", "in modem", "bytes", "checksum");
+        fmt::print(kHead, "entry", "name", "from", "b_off", "m_off", "bytes", "checksum");
         print_rows(toc_json["entries"], "index");
     }
     print_list("  gap: ", toc_json["gaps"]);
@@ -100,7 +100,7 @@ void print(const Json& toc_json) {
         print_list("  ", plan["refusals"]);
         print_list("  overlap: ", plan["overlaps"]);
         if (plan["stages"].empty()) continue;
-        fmt::print(kHead, "stage", "name", "from", "there at", "in modem", "bytes", "");
+        fmt::print(kHead, "stage", "name", "from", "b_off", "m_off", "bytes", "");
         print_rows(plan["stages"], "stage");
     }
 }

@@ -214,7 +214,7 @@ void Calls::handle_syslog(const Call& call) {
     const int action = static_cast<int>(call.argument(0));
     if (action == kRingSize) return daemon.answer(call, 1 << 20);
     if (action != kRingReadAll) {
-        story.violation("kernel log action {}", action);
+        story.violation("unexpected syslog() action {}", action);
         return daemon.answer(call, -EINVAL);
     }
     std::string ring = story.ring();

@@ -109,7 +109,8 @@ void Links::deliver(const Link& link, const Packet& packet) {
     if (link.node) return modem_.receive(*link.node, packet);
     const std::string text(packet.begin(), packet.end());
     if (text.size() > kLongestRecord)
-        story_.violation("a kernel log record of {} bytes: refused", text.size());
+        story_.violation("a kernel log record of {} bytes, which the kernel would reject",
+                         text.size());
     const bool level = text.size() > 2 && text[0] == '<' && text[2] == '>';
     if (!level) story_.violation("a kernel log record without a level: " + text);
     story_.log_line(level ? text[1] - '0' : 0, level ? text.substr(3) : text);

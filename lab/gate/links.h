@@ -25,7 +25,7 @@ class Links {
         ino_t inode = 0;           // of the daemon's end
         bool closed = false;       // by the daemon
         bool send_blocked = false;
-        Packet unsent = {};                 // that did not fit, while `pending`
+        Packet unsent = {};                 // that did not fit, while `send_blocked`
         std::vector<Packet> received = {};  // received and not delivered yet
 
         bool hung_up() const { return !fd.valid(); }

@@ -172,14 +172,14 @@ class Driver : public Modem, private ModelContext {
     void complete(Call& call) {
         expected_report_ = call.fails ? Report::fail : Report::done;
         if (!loader_ || !loader_->finished())
-            story.violation("boot-up is called complete before the handshake has ended");
+            story.violation("boot-up is reported as complete before the handshake has ended");
         if (!call.fails) state_ = kStateOnline;
     }
 
     void notify(Call& call) {
         if (expected_report_ !=
             (call.number == IOCTL_NOTIFY_BOOT_DONE ? Report::done : Report::fail))
-            story.violation("a notification that contradicts how the boot ended");
+            story.violation("the notification contradicts the result of the boot");
         expected_report_ = Report::none;
     }
 
@@ -191,7 +191,7 @@ class Driver : public Modem, private ModelContext {
     void panic(Call& call) {
         const std::string reason = text_of(call.record.reason);
         if (reason.size() == kCrashReasonSize)
-            story.violation("a crash reason that is not terminated");
+            story.violation("the crash reason is not NUL-terminated");
         call.detail = " \"" + reason + "\"";
         if (call.fails) return;
         story.panic_reason = reason;
@@ -212,7 +212,7 @@ class Driver : public Modem, private ModelContext {
     void check_security(Call& call) {
         const cp_security_req& req = call.record.security;
         call.detail = fmt::format(" {} 0x{:x} 0x{:x}", req.mode, req.param1, req.param2);
-        if (req.param3 != 0) story.violation("a security request with a third parameter");
+        if (req.param3 != 0) story.violation("the third parameter of a security request is not 0");
         if (!call.fails) images_->check(req);
     }
 
@@ -246,7 +246,7 @@ class Driver : public Modem, private ModelContext {
         const std::string name = text_of(record.name);
         call.detail = fmt::format(" {} {}", name, record.idx);
         if (record.idx >= std::size(kRegionNames) || name != kRegionNames[record.idx]) {
-            story.violation("a region name that does not match its index");
+            story.violation("the name of a region does not match its index");
             call.result = -EINVAL;
         }
         if (call.fails || call.result != 0) return;

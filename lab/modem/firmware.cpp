@@ -72,7 +72,7 @@ void Partition::read_table() {
     if (!fd.valid()) throw_errno(image());
     for (const check::Entry& entry : check::read_table(fd.get()))
         table_.push_back(entry);
-    if (table_.empty()) throw Error(image() + ": there is no table in it");
+    if (table_.empty()) throw Error(image() + ": no table of contents");
 }
 
 // An entry without an offset follows the one before it; NV data has a file of its own.

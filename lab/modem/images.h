@@ -21,7 +21,7 @@ class Images : private ModelContext {
         if (!continues(chunk, len) && !begin(chunk)) return true;
         if (chunk.m_offset + len > uint64_t{kModemOffsetMask} + 1 ||
             bytes_.size() + len > chunk.size) {
-            story.violation("a chunk that goes beyond its image or the modem's memory");
+            story.violation("a chunk exceeds its image or the modem's memory");
             return true;
         }
         Packet bytes(len);
@@ -43,7 +43,7 @@ class Images : private ModelContext {
             case SECURITY_SECURE:
             case SECURITY_DUMP:
                 if (table.size() < 2 || req.param1 != table[1].size)
-                    story.violation("a security request with another size of the boot image");
+                    story.violation("a security request has a wrong size of the boot image");
                 verified_ = true;
                 break;
             case SECURITY_TOC:
@@ -52,7 +52,7 @@ class Images : private ModelContext {
                     story.violation("a security request for an image that was never loaded");
                 break;
             default:
-                story.violation("a security request with an unknown mode");
+                story.violation("a security request has an unknown mode");
         }
     }
 
@@ -75,7 +75,7 @@ class Images : private ModelContext {
         image_ = scenario.external() ? partition.find(kTocBoot)
                                      : partition.find(first.m_offset, first.b_offset, first.size);
         if (image_ == nullptr || image_->size != first.size) {
-            story.violation("a chunk that belongs to no image of the table");
+            story.violation("a chunk belongs to no image of the table");
             image_ = nullptr;
             return false;
         }

@@ -245,8 +245,8 @@ class ModelLoader : public Loader, private ModelContext {
         packet.resize(packet.size() + static_cast<size_t>(quirk->extra), 0x55);
         due += quirk->late;
         story.add_message("loader", "daemon",
-                          fmt::format("{} as the scenario changes it: {} bytes, first word {}",
-                                      name, packet.size(), name_of(record_of<uint32_t>(packet))));
+                          fmt::format("{}, changed by the scenario: {} bytes, first word {}", name,
+                                      packet.size(), name_of(record_of<uint32_t>(packet))));
         outgoing_.push_back({packet, due});
         if (quirk->twice) outgoing_.push_back({packet, due});
         if (quirk->late > 0)

@@ -54,7 +54,7 @@ bool enter_namespaces(int kinds) {
     }
     if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         throw_unsupported_errno(
-                "cannot keep mounts private (in a chroot, the root must be a mount point)");
+                "cannot make mounts private (in a chroot, the root must be a mount point)");
     return real_root;
 }
 

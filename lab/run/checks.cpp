@@ -120,7 +120,7 @@ void check_file(const RunContext& run, const std::string& file, const FileExpect
     if (!expected.mode.empty() && mode != expected.mode)
         story.violation("{} has mode {}, not {}", file, mode, expected.mode);
     if (!expected.text.empty() && !matches(expected.text, read_file(path)))
-        story.violation("{} doesn't read \"{}\"", file, expected.text);
+        story.violation("{} does not match \"{}\"", file, expected.text);
     check_equal(run, file, expected);
 }
 
@@ -199,7 +199,7 @@ void check_expectations(const RunContext& run, const RunRecord& record) {
     check_none("line", expect.no_log, story.log(), story);
     check_order("request", expect.requests, story.requests(), story);
     check_none("request", expect.no_requests, story.requests(), story);
-    check_order("fact", expect.story, story.entries(), story);
+    check_order("story entry", expect.story, story.entries(), story);
     if (expect.whole_story && story.entries().size() != expect.story.size())
         story.violation("{} lines and requests, not {}", story.entries().size(),
                         expect.story.size());

@@ -23,8 +23,8 @@ bool is_unterminated(const std::string& text, const toml::parse_error& error) {
 void reject_non_ascii(const std::string& text, const std::string& name) {
     const auto beyond = std::find_if(text.begin(), text.end(), [](char c) { return c & 0x80; });
     if (beyond == text.end()) return;
-    throw Error(fmt::format("{}:{}: a character that is not ASCII; in a text, \\u spells it", name,
-                            1 + std::count(text.begin(), beyond, '\n')));
+    throw Error(fmt::format("{}:{}: a character that is not ASCII; in a string, write it as \\u...",
+                            name, 1 + std::count(text.begin(), beyond, '\n')));
 }
 
 }  // namespace
@@ -46,7 +46,7 @@ std::map<std::string, Value> Value::entries() const {
 }
 
 std::vector<Value> Value::items() const {
-    if (!node->is_array()) reject("expected a list");
+    if (!node->is_array()) reject("expected an array");
     std::vector<Value> all;
     for (const toml::node& item : *node->as_array())
         all.push_back({&item, nullptr, path + "[]"});
@@ -64,7 +64,7 @@ toml::table parse_document(const std::string& text, const std::string& name) try
 } catch (const toml::parse_error& error) {
     throw Error(fmt::format("{}:{}: {}", name, error.source().begin.line,
                             is_unterminated(text, error)
-                                    ? "the text that begins here is not terminated"
+                                    ? "the string that begins here is not terminated"
                                     : error.description()));
 }
 

@@ -93,7 +93,7 @@ void Reader::check(const Value& value, const std::string& text, const Constraint
 }
 
 void Reader::read(const Value& value, std::string& out, const Constraint& constraint) {
-    if (!value.node->is_string()) value.reject("expected a text");
+    if (!value.node->is_string()) value.reject("expected a string");
     out = **value.node->as_string();
     check(value, out, constraint);
 }

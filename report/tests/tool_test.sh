@@ -58,8 +58,8 @@ done <<'TABLE'
 0|out:--first-until|diff --help
 0|out:^rvd-report [0-9]+\.|--version
 2|evidence is required|
-2|"--timelin" is not known here; did you mean "--timeline"|--timelin demo
-2|"--incomplet" is not known here; did you mean "--incomplete"|list --incomplet demo
+2|unknown argument "--timelin"; did you mean "--timeline"|--timelin demo
+2|unknown argument "--incomplet"; did you mean "--incomplete"|list --incomplet demo
 2|^rvd-report: none: No such file|none
 2|nothing in it was left by rvd|empty
 2|hostile/cpcrash_umts_info|hostile/cpcrash_umts_info_tq720_20201001-1231.log
