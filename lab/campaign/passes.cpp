@@ -20,7 +20,7 @@ namespace rvd::lab {
 
 namespace {
 
-constexpr int kWarmUpPasses = 50;  // after these the daemon's memory stays the same
+constexpr int kWarmUpPasses = 50;  // afterwards the daemon's memory must not grow
 constexpr long kMemorySlackKiB = 512;
 constexpr Time kQuirkLasts = 40 * kSecond;
 constexpr int kSavingThreads = 3;  // most threads that save logs at the same time

@@ -12,8 +12,8 @@ namespace rvd::lab {
 // Counted during the soak, for its progress and report.
 struct SoakCounters {
     std::atomic<int> passes{0}, dumps{0}, complete{0}, refused{0}, disturbances{0};
-    std::atomic<int64_t> bytes{0};      // saved
-    std::atomic<Time> virtual_time{0};  // virtual time
+    std::atomic<int64_t> bytes{0};  // saved
+    std::atomic<Time> virtual_time{0};
 };
 
 // The flow "crash" without its timeline, as the base of all passes.

@@ -10,7 +10,8 @@
 // - at least one of each of those files is complete, and no ".new" file is left;
 // - boots are counted, and the modem's final state is the baseline's;
 // - whenever the daemon waits for the modem, the wake lock is released, and a fetched silent-reset
-//   record has been handed back complete and once (at most twice in the pass of the stop).
+//   record has been handed back complete, once (at most twice in the pass of the stop), and
+//   removed.
 #pragma once
 
 #include <optional>

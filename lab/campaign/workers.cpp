@@ -31,7 +31,7 @@ struct Worker {
     Outcome outcome;
     Clock::time_point start;
     ScopedFd output;       // none: the lab's own standard output
-    ScopedFd report_file;  // violations and conduct
+    ScopedFd report_file;  // violations and record
 };
 
 // Blocks the signals that this process waits for; restored in each child.

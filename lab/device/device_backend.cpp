@@ -291,7 +291,7 @@ class DeviceBackend : public RunBackend {
         return "/proc/" + std::to_string(pid_) + "/" + file;
     }
 
-    const bool machine_is_phone_;  // the machine
+    const bool machine_is_phone_;
     const Time start_;
     const std::string boot_path_ = "/dev/" + scenario_.prefix() + "_boot0";
     const std::string dump_path_ = "/dev/" + scenario_.prefix() + "_ramdump0";

@@ -88,10 +88,11 @@ class Modem {
   public:
     virtual ~Modem() = default;
 
-    // Handles a request and returns its result or a negated errno. A fault made the other kind fail
-    // before it reached the driver.
+    // Handles a request and returns its result or a negated errno.
     virtual int64_t request(Node node, unsigned long number, uint64_t argument,
                             const Memory& memory) = 0;
+
+    // An injected fault made a request fail before it reached the driver.
     virtual void request_failed(unsigned long number) = 0;
 
     // Takes a packet written to a node. Gives the next packet for its reader; false if there is

@@ -24,8 +24,8 @@ void put_scenario_files(const Scenario& scenario, const std::string& root, uid_t
 class Phone {
   public:
     // Moves this process to new mount and PID namespaces; processes that it starts later die with
-    // it. `directory` must exist: the root is built there, on its own disk if `keep`, else on
-    // tmpfs. Throws Unsupported.
+    // it. `directory` must exist: the root is built there, on a tmpfs unless `keep`. Throws
+    // Unsupported.
     Phone(const Scenario& scenario, const std::string& directory, bool keep);
 
     // Builds the root, or reuses the one from before a reboot of the machine.
@@ -38,7 +38,7 @@ class Phone {
     std::string inside(const std::string& path) const {
         return starts_with(path, root_) ? path.substr(root_.size()) : path;
     }
-    // All regular files beneath a directory of the phone, on the host's paths.
+    // All regular files beneath a directory of the phone, with their paths on the host.
     std::vector<std::filesystem::directory_entry> files(const std::string& directory) const;
 
     const Partition& partition() const { return partition_; }
