@@ -161,11 +161,6 @@ class Passes : public RunController {
                       kWarmUpPasses, warm_memory_);
     }
 
-    template <class... Parts>
-    void violation(const Parts&... parts) {
-        run_->story.violation(parts...);
-    }
-
     void disturb() {
         disturbed_ = true;
         counters_.disturbances++;

@@ -50,7 +50,7 @@ void Trial::begin(RunContext& run) {
     RunController::begin(run);
     if (kind_ != FaultKind::cut) return;
     disk_.emplace(run.phone);
-    reported_ = closed_files(run.phone, {});
+    reported_ = run.phone.closed_files({});
 }
 
 void Trial::on_call(const std::string& name, const std::string& path, int fd) {
@@ -66,7 +66,7 @@ void Trial::on_line(const std::string& text) {
     if (!disk_) return;
     for (const auto& [line, files] : kReports) {
         if (!matches(line, text)) continue;
-        for (auto& [path, content] : closed_files(run_->phone, {})) {
+        for (auto& [path, content] : run_->phone.closed_files({})) {
             if (matches(files, path)) reported_[path] = content;
         }
     }
@@ -74,7 +74,7 @@ void Trial::on_line(const std::string& text) {
 
 void Trial::on_fault(const Fault&) {
     if (kind_ == FaultKind::fail) {
-        before_ = closed_files(run_->phone, open_paths(run_->backend));
+        before_ = run_->phone.closed_files(run_->backend.open_paths());
     } else {
         run_->backend.later(0, [this] { stop(); });
     }
@@ -125,7 +125,7 @@ Files Trial::intact_reported_files() const {
 
 void Trial::kill_daemon() {
     run_->story.add_message("phone", "daemon", "kills it");
-    before_ = closed_files(run_->phone, open_paths(run_->backend));
+    before_ = run_->phone.closed_files(run_->backend.open_paths());
     boots_ = strtol(run_->phone.property(kCounter).c_str(), nullptr, 10);
     run_->backend.start_daemon();
 }

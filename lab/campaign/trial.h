@@ -49,10 +49,6 @@ class Trial : public RunController {
     void check_complete(const Files& files);
     void check_records();
     void check_counter();
-    template <class... Parts>
-    void violation(const Parts&... parts) {
-        run_->story.violation(parts...);
-    }
 
     const FaultKind kind_;
     const Disk::Survival survival_;

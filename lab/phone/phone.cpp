@@ -198,6 +198,18 @@ std::vector<fs::directory_entry> Phone::files(const std::string& directory) cons
     return files;
 }
 
+Files Phone::closed_files(const std::vector<std::string>& open) const {
+    Files contents;
+    for (const char* directory : {"/data", "/efs", "/mnt", "/dev/block"}) {
+        for (const auto& file : files(directory)) {
+            const std::string path = inside(file.path());
+            if (!std::binary_search(open.begin(), open.end(), path))
+                contents[path] = read_file(file.path());
+        }
+    }
+    return contents;
+}
+
 int64_t Phone::disk_room() const {
     int64_t room = scenario_.disk.value_or(INT64_MAX);
     for (const auto& file : files("/data"))

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,9 @@ constexpr gid_t kLogGroup = 1007;
 // Puts a scenario's properties and files into a new root, whose directories exist, and removes what
 // the scenario declares missing.
 void put_scenario_files(const Scenario& scenario, const std::string& root, uid_t owner);
+
+// A file's content by its path within the phone.
+using Files = std::map<std::string, std::string>;
 
 class Phone {
   public:
@@ -40,6 +44,9 @@ class Phone {
     }
     // All regular files beneath a directory of the phone, with their paths on the host.
     std::vector<std::filesystem::directory_entry> files(const std::string& directory) const;
+
+    // The content of the files on the phone's partitions without those in `open`, which is sorted.
+    Files closed_files(const std::vector<std::string>& open) const;
 
     const Partition& partition() const { return partition_; }
 

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "lab/phone/phone.h"
@@ -29,6 +30,14 @@ std::map<int, std::string> RunBackend::descriptors() const {
         if (fd > STDERR_FILENO && !path.empty() && path != "/dev/kmsg") open[fd] = path;
     }
     return open;
+}
+
+std::vector<std::string> RunBackend::open_paths() const {
+    std::vector<std::string> paths;
+    for (const auto& [fd, path] : descriptors())
+        paths.push_back(path);
+    std::sort(paths.begin(), paths.end());
+    return paths;
 }
 
 void RunBackend::run_due_events() {

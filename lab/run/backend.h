@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "lab/modem/modem.h"
 #include "lab/run/story.h"
@@ -47,6 +48,7 @@ class RunBackend : public Backend {
     // kernel log; the nodes are "/dev/boot" and "/dev/dump".
     virtual pid_t daemon() const = 0;
     std::map<int, std::string> descriptors() const;
+    std::vector<std::string> open_paths() const;  // sorted
 
     // Called when the daemon begins to wait for a hang-up and, on the gate, when its only thread
     // begins to sleep.

@@ -1,8 +1,8 @@
 // The checks of a run. Each failed check adds a violation to the story.
 #pragma once
 
-#include "lab/run/context.h"
 #include "lab/run/record.h"
+#include "lab/run/timeline.h"
 
 namespace rvd::lab {
 

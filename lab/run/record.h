@@ -2,17 +2,12 @@
 // without it.
 #pragma once
 
-#include <map>
 #include <string>
 #include <vector>
 
 #include "lab/phone/phone.h"
-#include "lab/run/backend.h"
 
 namespace rvd::lab {
-
-// A file's content by its path within the phone.
-using Files = std::map<std::string, std::string>;
 
 struct RecordedCall {
     std::string name;
@@ -30,11 +25,5 @@ struct RunRecord {
     Files files;    // at the end
     std::vector<RecordedCall> calls;
 };
-
-// The paths of the daemon's descriptors, sorted.
-std::vector<std::string> open_paths(const RunBackend& backend);
-
-// The phone's files without those in `open`.
-Files closed_files(const Phone& phone, const std::vector<std::string>& open);
 
 }  // namespace rvd::lab

@@ -90,7 +90,7 @@ class Run {
         record_.lasted = backend_->now() - start_;
         record_.modem = backend_->modem().state();
         record_.requests = story_.requests();
-        record_.files = closed_files(phone_, {});
+        record_.files = phone_.closed_files({});
         check();
         write_results();
         return {story_.violations(), record_};
@@ -114,7 +114,7 @@ class Run {
 
     void install_callbacks() {
         backend_->on_wait = [this] {
-            record_.open = open_paths(*backend_);
+            record_.open = backend_->open_paths();
             options_.controller->on_wait();
             timeline_.on_wait();
         };

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "lab/campaign/work_directory.h"
-#include "lab/run/context.h"
 #include "lab/run/record.h"
 #include "lab/run/timeline.h"
 
@@ -25,6 +24,11 @@ class RunController {
     virtual void check(RunRecord& record);
 
   protected:
+    template <class... Parts>
+    void violation(const Parts&... parts) {
+        run_->story.violation(parts...);
+    }
+
     RunContext* run_ = nullptr;
 };
 

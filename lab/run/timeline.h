@@ -1,10 +1,26 @@
-// The scenario's events. Each is armed when the one before it has fired.
+// The scenario's events, and what they and the other parts of a run share.
 #pragma once
 
-#include "lab/run/context.h"
+#include "lab/modem/modem.h"
+#include "lab/phone/phone.h"
+#include "lab/run/backend.h"
+#include "lab/run/story.h"
+#include "lab/scenario/scenario.h"
 
 namespace rvd::lab {
 
+class Timeline;
+
+struct RunContext {
+    Scenario& scenario;
+    const Phone& phone;
+    RunBackend& backend;
+    Modem& modem;
+    Story& story;
+    const Timeline& timeline;
+};
+
+// Each event is armed when the one before it has fired.
 class Timeline : private RunContext {
   public:
     // `start` is the time at which the run began.
