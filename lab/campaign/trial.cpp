@@ -109,8 +109,6 @@ void Trial::cut_power() {
         if (!starts_with(read_file(phone.path(path)), content))
             violation(path + " was reported as saved and is lost");
     }
-    phone.clear_properties();
-    run_->modem.reboot();
     run_->backend.reboot();
 }
 

@@ -77,19 +77,15 @@ void Calls::answer_with_record(const Call& call, int argument, const void* recor
 const Fault* Calls::find_fault(const Call& call) {
     const std::string& family = call.info->family;
     in_main_ = in_main_ || path_of(call) == "/dev/kmsg";
-    const int time = ++counts_[family];
-    if (in_main_ && backend.on_call) backend.on_call(family, time, path_of(call), fd_of(call));
-    const Fault* first = nullptr;
-    for (const Fault& fault : scenario.faults) {
-        if (fault.call != family) continue;
-        if (fault.path != "*" && !matches(fault.path, path_of(call))) continue;
-        if (!in_main_) {
-            fault.trigger.seen++;
-        } else if (fault.trigger.fires() && first == nullptr) {
-            first = &fault;
-        }
-    }
-    return first;
+    const int nth = ++counts_[family];
+    if (in_main_ && backend.on_call) backend.on_call(family, nth, path_of(call), fd_of(call));
+    const auto applies = [&](const Fault& fault) {
+        return fault.call == family && (fault.path == "*" || matches(fault.path, path_of(call)));
+    };
+    if (in_main_) return first_triggered(scenario.faults, applies);
+    for (const Fault& fault : scenario.faults)
+        fault.trigger.seen += applies(fault);
+    return nullptr;
 }
 
 bool Calls::inject_fault(const Call& call) {

@@ -20,6 +20,13 @@ RunBackend::RunBackend(const Scenario& scenario, const Phone& phone, Story& stor
       options_(options),
       modem_(make_modem({scenario, phone.partition(), *this, story})) {}
 
+bool RunBackend::reboot() {
+    phone_.clear_properties();
+    modem().reboot();
+    start_daemon();
+    return true;
+}
+
 std::map<int, std::string> RunBackend::descriptors() const {
     std::map<int, std::string> open;
     std::error_code ignored;

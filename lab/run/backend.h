@@ -28,12 +28,10 @@ class RunBackend : public Backend {
     // Starts the daemon, after killing the one that runs.
     virtual void start_daemon() = 0;
 
-    // Reboots the device. Returns false if the machine itself reboots: run() then returns "reboot",
-    // and the run continues in another process.
-    virtual bool reboot() {
-        start_daemon();
-        return true;
-    }
+    // Reboots the device: the modem is off, properties are reset, and the daemon starts. Returns
+    // false if the machine itself reboots: run() then returns "reboot", and the run continues in
+    // another process.
+    virtual bool reboot();
 
     // Runs until the daemon exits ("exit N", "signal N"), waits with nothing left to wake it
     // ("waits", "parked"), reaches the limit ("limit"), or stop() is called. Kills the daemon.

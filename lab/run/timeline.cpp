@@ -47,8 +47,6 @@ void Timeline::fire() {
     apply(event);
     if (event.reboot) {
         story.add_message("phone", "", "reboots");
-        phone.clear_properties();
-        modem.reboot();
         if (!backend.reboot()) return;
     } else if (event.restart) {
         backend.start_daemon();

@@ -44,17 +44,18 @@ const Constraint kFileSize = between(0, kLargestFile), kWord = between(0, UINT32
                  kPacket = between(0, 8192), kSigned = between(INT64_MIN, INT64_MAX);
 
 // No component of a path is empty, "." or "..", so that a run stays within the phone's directories.
-const std::string kPart = "(\\.?[^./][^/]*|\\.\\.[^/]+)";
-const std::string kPlainPart = "(\\.?[^[*?./][^[*?/]*|\\.\\.[^[*?/]+)";
+const std::string kComponent = "(\\.?[^./][^/]*|\\.\\.[^/]+)";
+const std::string kPlainComponent = "(\\.?[^[*?./][^[*?/]*|\\.\\.[^[*?/]+)";
 const Constraint kPhonePath = {
-        "the phone's: expected an absolute path without \"..\" in /data, /dev, "
+        "a path of the phone: expected an absolute path without \"..\" in /data, /dev, "
         "/efs, /mnt or /sys",
-        "/(data|dev|efs|mnt|sys)(/" + kPart + ")*/?"};
-const Constraint kFilePattern = {"a path without \"..\" whose last part alone may be a pattern",
-                                 "/?(" + kPlainPart + "/)*" + kPart};
+        "/(data|dev|efs|mnt|sys)(/" + kComponent + ")*/?"};
+const Constraint kFilePattern = {
+        "a path without \"..\" of which only the last component may be a pattern",
+        "/?(" + kPlainComponent + "/)*" + kComponent};
 const Constraint kMode = {"a mode of four octal digits, as \"0664\"", "[0-7]{4}"};
-const Constraint kPlace = {
-        "a place: a word as \"0xA00D\", \"info\", \"reason\" or step.frame as \"1.3\"",
+const Constraint kPacketName = {
+        "a packet: a word as \"0xA00D\", \"info\", \"reason\" or step.frame as \"1.3\"",
         "0x[0-9A-F]{4}|info|reason|[0-9]+\\.[0-9]+"};
 const Constraint kEnd = {
         "an end: \"waits\", \"parked\", \"limit\", \"upload\", \"stop\" or \"exit N\"",
@@ -97,7 +98,8 @@ std::string read_table(const std::string& text, std::vector<FirmwareEntry>& entr
     entries.clear();
     for (std::string word; in >> word;) {
         if (!read_entry(word, entries.emplace_back()))
-            return fmt::format("\"{}\" is no entry: expected NAME:SIZE@B_OFF>M_OFF#CHECKSUM", word);
+            return fmt::format("\"{}\" is not an entry: expected NAME:SIZE@B_OFF>M_OFF#CHECKSUM",
+                               word);
         if (entries.back().name.size() > kLongestName)
             return fmt::format("\"{}\" is longer than {} characters", entries.back().name,
                                kLongestName);
@@ -199,7 +201,7 @@ static void keys(Reader& reader, DumpSetup& dump) {
 
 static void keys(Reader& reader, Quirk& quirk) {
     reader.key("at", quirk.at, "word (\"0xA00D\"), \"info\", \"reason\", or step.frame (\"1.3\")",
-               kPlace)
+               kPacketName)
             .key("say", quirk.word, "send another word, or another command word in the frame",
                  kWord)
             .key("curr_frame", quirk.curr_frame, "send another frame number", kWord)
