@@ -95,7 +95,7 @@ int run_in_child(const Job& job, const WorkDirectory& directory, int report_file
     }
     if (!job.options.record_calls) result.record = {};
     const auto bytes =
-            nlohmann::json::to_cbor({{"wrong", result.violations}, {"conduct", result.record}});
+            nlohmann::json::to_cbor({{"violations", result.violations}, {"record", result.record}});
     if (write(report_file, bytes.data(), bytes.size()) < 0) perror("rvd-lab");
     return status;
 }
@@ -123,8 +123,8 @@ void finish(Worker& worker, int status) {
     if (WIFEXITED(status)) {
         outcome.status = WEXITSTATUS(status);
         const auto report = nlohmann::json::from_cbor(read_file(worker.report_file.get()));
-        report.at("wrong").get_to(outcome.violations);
-        report.at("conduct").get_to(outcome.record);
+        report.at("violations").get_to(outcome.violations);
+        report.at("record").get_to(outcome.record);
     } else if (const int number = WTERMSIG(status); number == SIGPIPE && direct) {
         outcome.status = kSignalBase + number;  // the reader of the story closed the pipe
     } else {
