@@ -1,5 +1,5 @@
 // The daemon's descriptors of the driver's nodes and of /dev/kmsg. Each open() gets a socket pair
-// of its own, so that the kernel itself carries out the daemon's reads, writes and polls.
+// of its own, so that the kernel itself carries out the daemon's reads and writes.
 #pragma once
 
 #include <poll.h>
