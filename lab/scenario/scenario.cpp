@@ -135,14 +135,16 @@ static void keys(Reader& reader, PhoneKeys& phone) {
     Scenario& s = phone.scenario;
     std::map<std::string, int64_t> fillers;
     reader.key("files", s.files, "files present at the start: path = content", kPhoneFiles)
-            .key("fillers", fillers, "files of so many 'x' at the start: path = bytes", kFillers)
+            .key("fillers", fillers, "files of repeated 'x' at the start: path = bytes", kFillers)
             .key("missing", s.missing, "paths (nodes, directories, files) that don't exist",
                  kPhonePath)
             .key("read_only", s.read_only, "directories on a read-only file system", kPhonePath)
             .key("free", s.free_mb, "free space by path prefix, in MB (20000)", kSmall)
             .key("disk", s.disk,
-                 "size of the data disk: what files hold is not free, and writes beyond it fail")
-            .key("ring", s.ring, "bytes in the kernel's log ring (what was logged)", kFileSize)
+                 "size of the data disk; files use it up, and writes beyond it fail with ENOSPC")
+            .key("ring", s.ring,
+                 "size of the kernel's log ring, cut or filled up to it (what was logged)",
+                 kFileSize)
             .key("log_group", s.log_group, "the group \"log\" exists (true)");
     for (const auto& [path, size] : fillers)
         s.files[path].assign(static_cast<size_t>(size), 'x');
@@ -168,7 +170,7 @@ static void keys(Reader& reader, Firmware& firmware) {
 static void keys(Reader& reader, Answer& answer) {
     static const Constraint request = {"request", "", request_names()};
     reader.key("request", answer.request, "its name, as \"POWER_ON\"", request)
-            .key("result", answer.result, "result; negative: an errno", kSigned)
+            .key("result", answer.result, "result; negative: a negated errno", kSigned)
             .require_one({"request"});
     reader.require_one({"result"});
     keys(reader, answer.trigger);
@@ -311,7 +313,7 @@ static void keys(Reader& reader, Scenario& s) {
             .key("loader", s.loader, "deviations of the boot loader")
             .key("fault", s.faults, "system calls that fail")
             .key("timeline", s.timeline, "events, one after the other")
-            .key("expect", s.expect, "what must have happened at the end");
+            .key("expect", s.expect, "what is checked at the end");
     s.start = read_date(start);
 }
 
