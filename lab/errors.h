@@ -1,6 +1,9 @@
 // The lab's exceptions.
 #pragma once
 
+#include <errno.h>
+#include <string.h>
+
 #include <stdexcept>
 #include <string>
 
@@ -17,7 +20,12 @@ struct Unsupported : Error {
 };
 
 // Throw "what: strerror(errno)".
-[[noreturn]] void throw_errno(const std::string& what);
-[[noreturn]] void throw_unsupported_errno(const std::string& what);
+[[noreturn]] inline void throw_errno(const std::string& what) {
+    throw Error(what + ": " + strerror(errno));
+}
+
+[[noreturn]] inline void throw_unsupported_errno(const std::string& what) {
+    throw Unsupported(what + ": " + strerror(errno));
+}
 
 }  // namespace rvd::lab

@@ -3,7 +3,7 @@
 #pragma once
 
 #include <algorithm>
-#include <vector>
+#include <list>
 
 #include "lab/gate/daemon.h"
 
@@ -38,10 +38,7 @@ class Scheduler {
 
     void expect_thread() { expected_threads_++; }
     void remove(pid_t tid) {
-        threads_.erase(
-                std::remove_if(threads_.begin(), threads_.end(),
-                               [&](const Thread& thread) { return thread.call.tid() == tid; }),
-                threads_.end());
+        threads_.remove_if([&](const Thread& thread) { return thread.call.tid() == tid; });
     }
 
     // A thread stops at a call, waits in it, or runs on. A blocked thread waits for another one.
@@ -84,7 +81,7 @@ class Scheduler {
     }
 
     bool has(pid_t tid) { return find(tid) != nullptr; }
-    const std::vector<Thread>& threads() const { return threads_; }  // oldest first
+    const std::list<Thread>& threads() const { return threads_; }  // oldest first
 
     // The stopped thread to serve next: the one that ran last, or else the oldest; null if none.
     const Thread* next() const {
@@ -119,7 +116,7 @@ class Scheduler {
     const Time start_;
     Time now_, last_activity_;
     int expected_threads_ = 0;
-    std::vector<Thread> threads_;
+    std::list<Thread> threads_;
     pid_t last_run_ = 0;
 };
 
