@@ -1,5 +1,5 @@
-// The boot half of what both controllers share: links and NV validation, the power requests, and
-// the operations that work on a boot node of their own.
+// The boot half of the base controller: link checks and NV validation, driver requests, and the
+// operations that open the boot node for themselves.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -61,7 +61,8 @@ bool main_link_supported(int link, bool has_pcie) {
     return true;
 }
 
-// A boot node for one request. O_NONBLOCK: it must open while a boot or dump uses the modem.
+// Opens the boot node for one request; `*result` is 0 or -errno. O_NONBLOCK: it must open even
+// while a boot or dump has it open.
 ScopedFd open_for_request(const char* tag, int* result) {
     const char* path = Container::getRvdArgs()->boot_node;
     ScopedFd node(open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC));
@@ -94,11 +95,11 @@ int BootDump::check_links(bool has_pcie) {
                    : -ENODEV;
 }
 
-void BootDump::wait_nv_validation(bool look_after_last_pause) {
+void BootDump::wait_nv_validation(bool check_after_last_pause) {
     bool done = nv_validated();
     for (int pauses = 1; !done && pauses <= kNvPauses; ++pauses) {
         usleep(kNvPause);
-        if (pauses < kNvPauses || look_after_last_pause) done = nv_validated();
+        if (pauses < kNvPauses || check_after_last_pause) done = nv_validated();
     }
     Log::info("boot", "NV validation %s\n", done ? "done" : "TIMEOUT");
 }

@@ -1,9 +1,10 @@
 // The modem controller: boots the modem, collects its crash dump, powers it off and sends the
-// device into upload mode. A process has one, of its modem's variant. What both variants do has its
-// body here; a variant holds the two records and what differs. Main thread only.
+// device into upload mode. A process has one. This base class implements what both modems
+// share; the derived class of each modem owns the two records and implements what differs. Main
+// thread only.
 //
-// Results: 0 or more on success, the first failing step's negative result otherwise; every failure
-// has been logged when an operation returns.
+// Results: 0 or more on success, otherwise the negative result of the first step that failed; an
+// operation logs every failure before it returns.
 #pragma once
 
 #include "bootdump/StdArgs.h"
@@ -14,69 +15,73 @@ class BootDump {
   public:
     virtual ~BootDump() {}
 
-    // Boots the modem up to the completed normal boot-up.
+    // Boots the modem and reports the completed boot to the driver.
     virtual int boot() = 0;
     // Collects a crash dump, then triggers the kernel panic.
     virtual int dump() = 0;
-    // Powers the modem off at device shutdown. The negated errno when the boot node does not open.
+    // Powers the modem off at device shutdown. Returns 0, or -errno if the boot node cannot be
+    // opened.
     virtual int shutdown();
-    // Sends the device into upload mode with the crash reason of the arguments.
+    // Has the driver panic the kernel with the crash reason in the arguments; the device then goes
+    // into upload mode.
     virtual int upload();
-    // Writes the SIM count of the factory to the driver.
+    // Passes the SIM count that the factory stored to the driver.
     virtual void set_sim_configuration();
-    // upload() with this reason, shorter than 512 bytes.
+    // upload() with this crash reason, of fewer than 512 bytes.
     virtual int set_kernel_panic(const char* reason);
-    // The records of the current boot and dump, closed between them.
+    // The records of the current boot and dump; closed when none is running.
     virtual std_boot_args* getStdBoot() = 0;
     virtual std_dump_args* getStdDump() = 0;
-    // Plans the stages of the table of contents in the boot record into its `dload`.
+    // Fills the download plan, `dload`, from the table of contents in the boot record.
     virtual void build_std_dload_control() = 0;
-    // The driver's state number, asked on the open boot record.
+    // Asks the driver for the modem's state. Needs an open boot record.
     virtual int get_modem_state();
-    // Copies one memory region into a file of the log directory.
+    // Copies one memory region of the modem into a file in the log directory.
     virtual int get_log_dump(const char* name, cp_log_dump_index idx);
     // Asks the platform to reboot the device.
     virtual int std_reboot_system(const char* reason);
     // Whether the device's carrier wants a reboot when the modem refuses its image.
     virtual bool check_vtc_sales_code();
-    // Opens the boot record with everything a boot of this mode needs and plans it. False: the
-    // record is closed again.
+    // Opens everything that a boot of this mode needs into the boot record and fills the plan. On
+    // failure returns false with the record closed.
     virtual bool prepare_boot_args(cp_boot_mode mode);
-    // Opens the boot record with the boot node alone.
+    // Initialises the boot record and opens only the boot node into it.
     virtual bool std_boot_prepare_args(unsigned int max_stage);
     // Closes the record's descriptors and initialises it.
     virtual void std_boot_close_args();
-    // Requests on the open boot record: power on, reset, start of the modem's boot loader.
+    // Driver requests: power on, reset, start of the modem's boot loader. Need an open boot record.
     virtual int std_boot_power_on();
     virtual int std_boot_power_reset(cp_boot_mode mode);
     virtual int std_boot_start_cp_bootloader(cp_boot_mode mode);
-    // Completes the boot-up and notifies the driver how that went.
+    // Requests the completion of the boot and notifies the driver whether it succeeded.
     virtual int std_boot_complete_normal_bootup();
-    // Opens the dump record: storage checked, dump node and crash files open, versions written.
-    // False leaves what was opened in the record.
+    // Checks the free space, opens the dump node and the crash files into the dump record, and
+    // writes the versions. On failure returns false; std_dump_close_args closes what is open.
     virtual bool std_dump_prepare_args();
     // Flushes the crash files, closes the record's descriptors and initialises it.
     virtual void std_dump_close_args();
-    // Receives the crash dump over the link into the files of the dump record.
+    // Receives the crash dump over the link into the files in the dump record.
     virtual int std_dump_receive_cp_dump();
-    // Completes the crash files and has the driver panic the kernel with the crash reason.
+    // Flushes and closes the crash files, then has the driver panic the kernel with the crash
+    // reason.
     virtual int std_dump_trigger_kernel_panic();
-    // Logs the driver's and the daemon's version, to the crash text log too.
+    // Logs the versions of driver and daemon, also to the crash text log.
     virtual int std_dump_write_versions();
     // Zeroes a record and sets its descriptors to -1, without closing them.
     virtual void std_boot_init_args();
     virtual void std_dump_init_args();
 
   protected:
-    // --- What both variants' boots begin with ----------------------------------------------------
+    // --- The first steps of a boot ---------------------------------------------------------------
 
-    // Logs the paths of boot node, partition and NV file.
+    // Logs the paths of the boot node, the partition and the NV file.
     static void log_boot_files();
-    // 0, or -19 for a link that this modem does not have.
+    // Returns 0, or -19 (-ENODEV) for a link that this modem does not have.
     static int check_links(bool has_pcie);
-    // Waits until the platform has validated the NV data: up to 50 pauses of 100 ms, a look at the
-    // property before each, and one after the last where asked for. The boot goes on either way.
-    static void wait_nv_validation(bool look_after_last_pause);
+    // Waits for the property that the platform sets once the NV data is validated: up to 50 checks,
+    // each followed by a pause of 100 ms, and one more if `check_after_last_pause`. The boot
+    // continues after a timeout.
+    static void wait_nv_validation(bool check_after_last_pause);
 
     // --- Preparation of the boot record ----------------------------------------------------------
 
@@ -84,27 +89,28 @@ class BootDump {
     struct stage_range {
         unsigned first, end;
     };
-    // Selects the entries of the checked table that a boot of this mode walks, and sets the stage
-    // fields of the boot record. False: the table is refused.
+    // Selects the table entries that a boot of this mode uses, and sets the stage fields of the
+    // boot record. False: the table is refused.
     virtual bool select_stages(cp_boot_mode mode, stage_range* walked) = 0;
-    // Logs an entry as it is walked.
-    virtual void note_entry(unsigned index) = 0;
-    // Bounds the last stage of a table to what the plan has room for, with a message when that is
-    // less. False: a normal boot would go without images.
-    bool bound_stages(cp_boot_mode mode, unsigned* last);
+    // Called for each of these entries in order; logs it.
+    virtual void visit_entry(unsigned index) = 0;
+    // Clamps the last stage to the plan's size, with a message. False: a normal boot would lose
+    // images.
+    bool clamp_stages(cp_boot_mode mode, unsigned* last);
 
-    // Logs a failed step and returns its result.
+    // Logs a failed step and returns `result`.
     static int failed(const char* tag, const char* text, int result);
-    // The same, to the crash text log too.
+    // The same, also to the crash text log.
     static int dump_failed(const char* tag, const char* text, int result);
 
   private:
-    // Opens the boot node and the partition, reads the table of contents and checks its head.
+    // Opens the boot node and the partition, reads the table of contents and checks entry 0.
     bool open_firmware();
-    // Opens the NV files that the walked entries name. False, too, when a normal boot finds none.
+    // Opens the NV files of the entries in `walked`. False if one cannot be opened, or a normal
+    // boot needs NV data and the table has none.
     bool open_nv_files(cp_boot_mode mode, const stage_range& walked);
-    // Opens the file behind an NV entry into its slot and notes the entry's size in `*nv_size`;
-    // other entries are left alone.
+    // For an NV entry: opens its file into its slot and sets `*nv_size` to the entry's size. Does
+    // nothing for other entries.
     bool open_nv(const toc_entry& entry, cp_boot_mode mode, uint32_t* nv_size);
 };
 

@@ -1,4 +1,4 @@
-// The external modem's boot: the sequence.
+// The external modem's boot sequence.
 #include <errno.h>
 
 #include "bootdump/BootDumpExt.h"
@@ -17,7 +17,7 @@ int BootDumpExt::boot() {
     log_boot_files();
     int result = check_links(/*has_pcie=*/true);
     if (result == 0) {
-        wait_nv_validation(/*look_after_last_pause=*/true);
+        wait_nv_validation(/*check_after_last_pause=*/true);
         if (prepare_boot_args(CP_BOOT_MODE_NORMAL)) {
             result = ostra_normal_boot();
             if (result < 0) Log::info("boot", "ERR! ostra_normal_boot fail\n");

@@ -1,4 +1,4 @@
-// The integrated modem's boot: the sequence, its stages and the driver's security requests.
+// The integrated modem's boot sequence and security requests.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -39,7 +39,7 @@ int BootDumpModap::boot() {
     log_boot_files();
     int result = check_links(/*has_pcie=*/false);
     if (result == 0) {
-        wait_nv_validation(/*look_after_last_pause=*/false);
+        wait_nv_validation(/*check_after_last_pause=*/false);
         boot_wake_lock(1);
         result = boot_steps();
     }

@@ -1,5 +1,5 @@
-// The dump half of what both controllers share: the record with its crash files, the copies of
-// memory regions, and the kernel panic that ends a dump.
+// The dump half of the base controller: the dump record and its crash files, the copies of memory
+// regions, and the kernel panic that ends a dump.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -29,15 +29,14 @@ void stamp_minute(char (&stamp)[kNameSize]) {
     strftime(stamp, sizeof(stamp), "%Y%m%d-%H%M", &now);
 }
 
-// Not truncated: a dump that is repeated within the minute writes over the one before, whose bytes
-// stay until the new content is complete. O_NONBLOCK: a FIFO of that name must not hold the dump
-// up.
-int create_evidence(const char* path) {
+// No O_TRUNC: a second dump in the same minute overwrites the files of the first, whose bytes must
+// stay until the new content is complete. O_NONBLOCK: a FIFO of that name must not block the dump.
+int open_crash_file(const char* path) {
     return open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
 }
 
-// Where the crash file of a slot goes.
-void crash_file_path(unsigned slot, const char* base, const char* stamp, TextRoom path) {
+// The path of the crash file of a slot.
+void crash_file_path(unsigned slot, const char* base, const char* stamp, TextBuffer path) {
     const char* dir = Log::get_log_dir();
     switch (slot) {
         case DUMP_FD_LOG:
@@ -53,15 +52,15 @@ void crash_file_path(unsigned slot, const char* base, const char* stamp, TextRoo
     }
 }
 
-// Receives a region of `size` bytes into its file and counts what was saved. Returns the last
-// write's result, or negative.
+// Receives a region of `size` bytes into its file; `*saved` counts the bytes written. Returns the
+// result of the last write, or a negative value.
 int save_region(int file, uint32_t size, unsigned long* saved) {
     constexpr char kTag[] = "get_log_dump";
     int result = 0;
     while (*saved < size) {
         char chunk[kRegionChunk];
         int received = Container::getProtocol()->std_ul_rx_frame(chunk, sizeof(chunk));
-        // End of file: no more data will come.
+        // End of file before `size` bytes: the region is incomplete.
         if (received == 0) received = -EIO;
         if (received < 0) {
             Log::dump_info(kTag, "ERR! log_dump std_ul_rx_frame fail (ret %d)\n", received);
@@ -77,7 +76,7 @@ int save_region(int file, uint32_t size, unsigned long* saved) {
     return result;
 }
 
-void complete_file(int32_t* slot, const char* failure) {
+void flush_and_close(int32_t* slot, const char* failure) {
     if (*slot < 0) return;
     if (fsync(*slot) < 0) Log::dump_error("std_dump_trigger_kernel_panic", "%s", failure);
     close(*slot);
@@ -100,8 +99,8 @@ void BootDump::std_dump_init_args() {
 
 void BootDump::std_dump_close_args() {
     const std_dump_args* dump = getStdDump();
-    // After a failed dump the device may restart before the kernel writes them back.
-    if (dump->fd[DUMP_FD_LOG] >= 0) flush_names(Log::get_log_dir());
+    // After a failed dump the device may restart before the kernel writes the files back.
+    if (dump->fd[DUMP_FD_LOG] >= 0) flush_directory(Log::get_log_dir());
     for (const unsigned slot : {DUMP_FD_LOG, DUMP_FD_INFO, DUMP_FD_DUMP}) {
         if (dump->fd[slot] >= 0) fsync(dump->fd[slot]);
     }
@@ -137,7 +136,7 @@ bool BootDump::std_dump_prepare_args() {
     for (const unsigned slot : {DUMP_FD_LOG, DUMP_FD_INFO, DUMP_FD_DUMP}) {
         char path[kPathSize];
         crash_file_path(slot, base, stamp, path);
-        const int fd = create_evidence(path);
+        const int fd = open_crash_file(path);
         if (fd < 0) {
             Log::dump_error(kTag, "ERR! %s open fail\n", path);
             return false;
@@ -152,7 +151,7 @@ bool BootDump::std_dump_prepare_args() {
 
 int BootDump::std_dump_write_versions() {
     constexpr char kTag[] = "std_dump_write_versions";
-    // Longer than the record, so that a version which fills it is terminated.
+    // Longer than the record: a version that fills it has no terminator.
     char version[sizeof(lnkm_version) + 4] = {};
     if (ioctl(getStdDump()->fd[DUMP_FD_NODE], IOCTL_GET_LNKM_VERSION, version) < 0) {
         Log::dump_error(kTag, "ERR! IOCTL_GET_LNKM_VERSION fail\n");
@@ -170,9 +169,9 @@ int BootDump::std_dump_receive_cp_dump() {
 int BootDump::std_dump_trigger_kernel_panic() {
     constexpr char kTag[] = "std_dump_trigger_kernel_panic";
     std_dump_args* dump = getStdDump();
-    complete_file(&dump->fd[DUMP_FD_DUMP], "ERR! fsync(dump_fd) fail\n");
-    complete_file(&dump->fd[DUMP_FD_INFO], "ERR! fsync(info_fd) fail\n");
-    if (truncate_here(dump->fd[DUMP_FD_LOG]) < 0) {
+    flush_and_close(&dump->fd[DUMP_FD_DUMP], "ERR! fsync(dump_fd) fail\n");
+    flush_and_close(&dump->fd[DUMP_FD_INFO], "ERR! fsync(info_fd) fail\n");
+    if (truncate_at_offset(dump->fd[DUMP_FD_LOG]) < 0) {
         Log::dump_error(kTag, "ERR! ftruncate(log_fd) fail\n");
     }
     if (fsync(dump->fd[DUMP_FD_LOG]) < 0) {
@@ -207,7 +206,7 @@ int BootDump::get_log_dump(const char* name, cp_log_dump_index idx) {
     char path[kPathSize];
     format_text(path, "%s/cpcrash_%s_dump_%s_%s.log", Log::get_log_dir(), name,
                 Container::getRvdArgs()->node_prefix, stamp);
-    const ScopedFd file(create_evidence(path));
+    const ScopedFd file(open_crash_file(path));
     if (!file.valid()) {
         Log::dump_error(kTag, "ERR! %s open fail\n", path);
         return -EINVAL;
@@ -216,11 +215,11 @@ int BootDump::get_log_dump(const char* name, cp_log_dump_index idx) {
 
     unsigned long saved = 0;
     const int written = save_region(file.get(), region.size, &saved);
-    if (written >= 0 && truncate_here(file.get()) < 0) {
+    if (written >= 0 && truncate_at_offset(file.get()) < 0) {
         Log::dump_error(kTag, "ERR! ftruncate(log_dump) fail\n");
     }
     if (fsync(file.get()) < 0) Log::dump_error(kTag, "ERR! fsync(log_dump) fail\n");
-    flush_names(Log::get_log_dir());
+    flush_directory(Log::get_log_dir());
     if (written < 0) return written;
     Log::dump_info(kTag, "%s Complete! (%lu bytes)\n", path, saved);
     return saved > 0 ? written : result;

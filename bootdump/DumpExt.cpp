@@ -1,4 +1,5 @@
-// The external modem's crash: two regions through the driver, then the upload of its boot loader.
+// The external modem's dump: two memory regions through the driver, then the upload from its boot
+// loader.
 #include <errno.h>
 #include <unistd.h>
 

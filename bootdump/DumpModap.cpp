@@ -1,5 +1,5 @@
-// The integrated modem's crash: memory regions are copied while the modem is stopped, then its boot
-// loader is started to upload the rest.
+// The integrated modem's dump: memory regions through the driver, then the upload from its boot
+// loader.
 #include <errno.h>
 #include <unistd.h>
 
@@ -78,7 +78,7 @@ int BootDumpModap::boot_dump_loader() {
     if (result < 0) return failed(kTag, "ERR! load_cp_images fail\n", result);
 
     Log::info(kTag, "Request security : dump mode\n");
-    // No dump loads the main image: its size is 0.
+    // A dump does not load MAIN: its size is 0.
     result = std_security_req(SECURITY_DUMP, boot_args_.dload[STAGE_BOOT].size,
                               boot_args_.dload[STAGE_MAIN].size);
     if (result < 0) return failed(kTag, "ERR! security check fail\n", result);

@@ -1,5 +1,5 @@
-// The external modem's images: its boot loader in one piece through the driver, then the rows of
-// the plan over the link.
+// Loads the external modem: its boot loader in one request to the driver, then the rows of the plan
+// over the link.
 #include <errno.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -41,7 +41,7 @@ int BootDumpExt::std_boot_load_cp_bootloader(unsigned int stage) {
     const int result = ioctl(boot_args_.fd[BOOT_FD_NODE], IOCTL_LOAD_CP_IMAGE, &image);
     if (result != 0) {
         Log::error(kTag, "ERR! IOCTL_LOAD_CP_IMAGE fail (%d)\n", result);
-        // A positive result is a failure too; callers test for a negative one.
+        // A positive result is a failure too, and callers test for a negative one.
         return result < 0 ? result : -EIO;
     }
     Log::info(kTag, "xmit bootloader complete!\n");
@@ -50,14 +50,14 @@ int BootDumpExt::std_boot_load_cp_bootloader(unsigned int stage) {
 
 int BootDumpExt::std_boot_load_cp_images() {
     const RvdArgs* args = Container::getRvdArgs();
-    // Between SPI and PCIe no DONE is exchanged for the boot loader itself.
+    // Booted over SPI with PCIe as main link, the boot loader expects no DONE for its own image.
     const bool skip_boot_row = args->boot_link == LINK_SPI && args->main_link == LINK_PCIE;
     const int first = skip_boot_row ? args->first_stage : args->boot_stage;
     for (int row = first; row < boot_args_.max_stage; ++row) {
         const int result = load_row(boot_args_.dload[row]);
         if (result < 0) return result;
     }
-    return finishes_behind_plan() ? load_row(finish_row()) : 0;
+    return finish_row_exceeds_plan() ? load_row(finish_row()) : 0;
 }
 
 int BootDumpExt::load_row(const std_dload_control& row) {

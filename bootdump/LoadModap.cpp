@@ -1,4 +1,4 @@
-// The integrated modem's images: the planned stages, chunk by chunk into modem memory.
+// Loads the integrated modem: the planned stages, chunk by chunk through the driver.
 #include <errno.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -64,8 +64,8 @@ int BootDumpModap::load_cp_image_by_stage(unsigned int stage, cp_boot_mode mode)
 
 int BootDumpModap::send_chunks(const std_dload_control& entry, unsigned int stage, cp_image* image,
                                char* buffer) {
-    // The first chunk that is not full ends an image for the driver: an empty one where the size is
-    // a multiple of the chunk's.
+    // The driver takes the first chunk that is not full as the end of the image. If the image's
+    // size is a multiple of the chunk size, that chunk is empty.
     for (uint32_t sent = 0;; sent += image->len, image->m_offset += image->len) {
         const bool last = entry.size - sent < kImageChunk;
         if (last) image->len = entry.size - sent;
@@ -83,7 +83,7 @@ int BootDumpModap::send_chunks(const std_dload_control& entry, unsigned int stag
         if (result != 0) {
             Log::error("load_cp_image_by_stage", "ERR! IOCTL_LOAD_CP_IMAGE fail (%u,%d)\n", stage,
                        result);
-            // A positive result is a failure too; callers test for a negative one.
+            // A positive result is a failure too, and callers test for a negative one.
             return result < 0 ? result : -EIO;
         }
         if (last) return 0;

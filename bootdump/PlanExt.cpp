@@ -1,4 +1,4 @@
-// The external modem's plan: one row per stage number, out of the table of contents.
+// The external modem's plan: one row per stage number, built from the table of contents.
 #include <algorithm>
 #include <iterator>
 
@@ -13,7 +13,7 @@ namespace {
 
 std_dload_control empty_row() {
     std_dload_control row = {};
-    // Not 0: a row that nothing fills must not be read from standard input.
+    // Not 0: a row that no entry fills must not read from standard input.
     row.fd = -1;
     return row;
 }
@@ -38,14 +38,14 @@ bool BootDumpExt::select_stages(cp_boot_mode mode, stage_range* walked) {
     walked->end = count;
     if (const unsigned end = images_end(count); end > kDloadStages) {
         unsigned last = end - 1;
-        if (!bound_stages(mode, &last)) return false;
+        if (!clamp_stages(mode, &last)) return false;
         walked->end = last + 1;
     }
     boot_args_.max_stage = static_cast<int32_t>(std::min(walked->end, kDloadStages));
     return true;
 }
 
-void BootDumpExt::note_entry(unsigned index) {
+void BootDumpExt::visit_entry(unsigned index) {
     const toc_entry& entry = boot_args_.toc[index];
     Log::info("prepare_boot_args",
               "TOC[%d].name = %s, b_off=0x%08x, m_off=0x%08x, size=0x%08x crc=0x%08x\n",
@@ -72,7 +72,7 @@ std_dload_control BootDumpExt::finish_row() {
     return row;
 }
 
-bool BootDumpExt::finishes_behind_plan() const {
+bool BootDumpExt::finish_row_exceeds_plan() const {
     return toc_entries() > kDloadStages && images_end(toc_entries()) == kDloadStages;
 }
 

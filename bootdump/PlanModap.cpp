@@ -9,7 +9,7 @@ namespace rvd {
 
 namespace {
 
-// A table that does not count its entries still has these four.
+// A table without a count has four entries.
 constexpr unsigned kLastStageOfUncountedToc = 3;
 
 }  // namespace
@@ -29,14 +29,14 @@ bool BootDumpModap::select_stages(cp_boot_mode mode, stage_range* walked) {
     }
     if (args->nv_data_path[0] == '\0') last = static_cast<unsigned>(args->main_stage);
     if (mode == CP_BOOT_MODE_DUMP) last = static_cast<unsigned>(args->boot_stage);
-    if (!bound_stages(mode, &last)) return false;
+    if (!clamp_stages(mode, &last)) return false;
     boot_args_.first_stage = first;
     boot_args_.max_stage = static_cast<int32_t>(last);
     *walked = {first, last + 1};
     return true;
 }
 
-void BootDumpModap::note_entry(unsigned index) {
+void BootDumpModap::visit_entry(unsigned index) {
     const toc_entry& entry = boot_args_.toc[index];
     Log::info("prepare_boot_args", "toc[%d].name = %s, b_off=0x%08x, m_off=0x%08x, size=0x%08x\n",
               static_cast<int>(index), TocName(entry).text, entry.b_off, entry.m_off, entry.size);

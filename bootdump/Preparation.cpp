@@ -1,5 +1,5 @@
-// Preparation of the boot record: boot node, partition, table of contents and the NV files that the
-// table names. What a variant makes of the table is in its Plan file.
+// Prepares the boot record: boot node, partition, table of contents and the NV files that the table
+// names. The modems' Plan files turn the table into a plan.
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -23,8 +23,8 @@ bool refused(const char* text) {
     return false;
 }
 
-// A table may name an NV file twice; the slot keeps the last and leaks none.
-void keep(int32_t* slot, int fd) {
+// A table may name an NV file twice: the slot keeps the last descriptor, the earlier one is closed.
+void replace_fd(int32_t* slot, int fd) {
     if (*slot >= 0) close(*slot);
     *slot = fd;
 }
@@ -82,7 +82,7 @@ bool BootDump::open_firmware() {
     }
     Log::info(kTag, "BIN(%s) opened (fd %d)\n", args->partition_path, partition);
     boot->fd[BOOT_FD_PARTITION] = partition;
-    // After a short read the rest of the table stays zero.
+    // After a short read the rest of the table stays zeroed.
     if (read(partition, boot->toc, sizeof(boot->toc)) < 0) {
         Log::error(kTag, "ERR! TOC read fail\n");
         return false;
@@ -98,7 +98,7 @@ bool BootDump::open_firmware() {
     return true;
 }
 
-bool BootDump::bound_stages(cp_boot_mode mode, unsigned* last) {
+bool BootDump::clamp_stages(cp_boot_mode mode, unsigned* last) {
     if (*last < kDloadStages) return true;
     Log::info(kTag, "ERR! last stage %u is beyond the plan, stages end at %u\n", *last,
               kDloadStages - 1);
@@ -115,7 +115,7 @@ bool BootDump::bound_stages(cp_boot_mode mode, unsigned* last) {
 bool BootDump::open_nv_files(cp_boot_mode mode, const stage_range& walked) {
     uint32_t nv_size = 0;
     for (unsigned i = walked.first; i < walked.end; ++i) {
-        note_entry(i);
+        visit_entry(i);
         if (!open_nv(getStdBoot()->toc[i], mode, &nv_size)) return false;
     }
     if (mode == CP_BOOT_MODE_DUMP || nv_size != 0 ||
@@ -131,7 +131,7 @@ bool BootDump::open_nv(const toc_entry& entry, cp_boot_mode mode, uint32_t* nv_s
     const boot_fd_slot slot = source_slot(entry);
     const int size = static_cast<int>(entry.size);
     bool opened = false;
-    int fd = -1;  // unchanged where no protected file is provided
+    int fd = -1;  // stays -1 if the protocol provides no protected file
     switch (slot) {
         case BOOT_FD_NV:
             opened = Util::getNvFd(mode, args->nv_data_path, size, &fd);
@@ -146,7 +146,7 @@ bool BootDump::open_nv(const toc_entry& entry, cp_boot_mode mode, uint32_t* nv_s
             return true;
     }
     *nv_size = entry.size;
-    if (opened) keep(&boot->fd[slot], fd);
+    if (opened) replace_fd(&boot->fd[slot], fd);
     return opened;
 }
 

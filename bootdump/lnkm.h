@@ -1,7 +1,5 @@
-// The kernel's modem-interface driver `lnkm`, as seen through its boot and dump nodes: every
-// request, every record and every number of that boundary, and nothing else. All records are packed
-// and little-endian; the driver and the daemon run on the same processor, so they are used in
-// place.
+// The interface of the kernel's modem driver `lnkm`: the requests, records and constants of its
+// boot and dump nodes. Records are packed and in the processor's byte order, little-endian.
 #pragma once
 
 #include <sys/ioctl.h>
@@ -11,9 +9,9 @@
 
 namespace rvd {
 
-// What a boot is for. Passed to the driver as a 32-bit word.
+// The purpose of a boot. Passed to the driver as a 32-bit word.
 enum cp_boot_mode : uint32_t {
-    CP_BOOT_MODE_NORMAL = 0,  // ordinary boot
+    CP_BOOT_MODE_NORMAL = 0,  // normal boot
     CP_BOOT_MODE_DUMP = 1,    // boot loader only, to upload a crash dump
 };
 
@@ -27,7 +25,7 @@ enum cp_log_dump_index : uint32_t {
     CP_LOG_DUMP_L2B = 5,
 };
 
-// Result of IOCTL_GET_CP_STATUS. The driver has more states; these are the ones acted upon.
+// Result of IOCTL_GET_CP_STATUS. The driver has more states; the daemon acts on these.
 enum modem_state : int {
     MODEM_STATE_OFF = 0,
     MODEM_STATE_CRASH_RESET = 1,
@@ -44,12 +42,13 @@ enum security_mode : uint32_t {
     SECURITY_VSS = 12,        // verify VSS on request; parameters: its memory offset and size
 };
 
-// Results of a security request that mean an image is not one for this device.
+// Results of a security request: the image is not valid for this device.
 constexpr uint32_t kInvalidImageCodes[] = {0x00FEED02, 0x00FEED04, 0xFEED0002, 0x00050E00};
 
-// Who crashed the modem, by the driver's numbers.
+// Who crashed the modem.
 enum class crash_origin { CP, RIL, USER, LNKM, CP_WATCHDOG, CLD, UNKNOWN };
 
+// Maps the driver's owner number.
 constexpr crash_origin crash_origin_of(int32_t owner) {
     switch (owner) {
         case 0:
@@ -80,7 +79,8 @@ constexpr crash_origin crash_origin_of(int32_t owner) {
     }
 }
 
-// The text of a crash's record, and the one that IOCTL_TRIGGER_KERNEL_PANIC takes, always whole.
+// Bytes of the text in a crash record, and of the text that IOCTL_TRIGGER_KERNEL_PANIC reads, which
+// is always all of them.
 constexpr size_t kCrashReasonSize = 512;
 
 #pragma pack(push, 1)
@@ -88,9 +88,9 @@ constexpr size_t kCrashReasonSize = 512;
 // One chunk of an image for modem memory.
 struct cp_image {
     uint64_t image_addr;  // user-space address of the bytes
-    uint32_t size;        // total size of the image that the chunk belongs to
-    uint32_t m_offset;    // where in modem memory the bytes go
-    uint32_t b_offset;    // where in its source file the image begins
+    uint32_t size;        // bytes of the whole image
+    uint32_t m_offset;    // offset of this chunk in modem memory
+    uint32_t b_offset;    // offset of the image in its source file
     uint32_t mode;        // cp_boot_mode of the load
     uint32_t len;         // bytes at image_addr
 };
@@ -98,7 +98,7 @@ static_assert(sizeof(cp_image) == 28 && offsetof(cp_image, size) == 8 &&
               offsetof(cp_image, m_offset) == 12 && offsetof(cp_image, b_offset) == 16 &&
               offsetof(cp_image, mode) == 20 && offsetof(cp_image, len) == 24);
 
-// Selects a memory region; afterwards the dump node delivers `size` bytes of it as read data.
+// Selects a memory region; reads of the dump node then return its `size` bytes.
 struct cp_log_dump {
     char name[32];  // NUL-terminated
     uint32_t idx;   // cp_log_dump_index
@@ -118,12 +118,11 @@ static_assert(sizeof(cp_security_req) == 16 && offsetof(cp_security_req, param3)
 // A crash's owner, and the driver's text about it.
 struct cp_crash_reason {
     int32_t owner;
-    char text[kCrashReasonSize];  // NUL-terminated by the driver, bounded by the daemon all the
-                                  // same
+    char text[kCrashReasonSize];  // NUL-terminated
 };
 static_assert(sizeof(cp_crash_reason) == 516 && offsetof(cp_crash_reason, text) == 4);
 
-// The driver's version, not terminated when it fills all bytes.
+// The driver's version; not terminated if it fills all bytes.
 struct lnkm_version {
     char text[20];
 };
@@ -131,7 +130,7 @@ static_assert(sizeof(lnkm_version) == 20);
 
 constexpr uint32_t kSrinfoDataSize = 4092;
 
-// A silent-reset record: a 16-byte header and a text, as `len` bytes of data.
+// A silent-reset record: `len` bytes of data, a 16-byte header followed by text.
 struct srinfo_buf {
     uint32_t len;
     char data[kSrinfoDataSize];
@@ -140,16 +139,16 @@ static_assert(sizeof(srinfo_buf) == 4096 && offsetof(srinfo_buf, data) == 4);
 
 #pragma pack(pop)
 
-// Requests of the boot node, except where noted. Results are 0 or more on success and negative on
-// failure unless the line says otherwise.
+// Requests, with their argument. For the boot node unless noted; results are 0 or more on success
+// and negative on failure unless noted.
 constexpr unsigned kLnkmType = 'o';
 constexpr unsigned IOCTL_POWER_ON = _IO(kLnkmType, 0x19);
 constexpr unsigned IOCTL_POWER_OFF = _IO(kLnkmType, 0x20);  // non-zero on failure
 constexpr unsigned IOCTL_POWER_RESET = _IOW(kLnkmType, 0x21, cp_boot_mode);
 constexpr unsigned IOCTL_START_CP_BOOTLOADER = _IOW(kLnkmType, 0x22, cp_boot_mode);
 constexpr unsigned IOCTL_COMPLETE_NORMAL_BOOTUP = _IO(kLnkmType, 0x23);
-constexpr unsigned IOCTL_GET_CP_STATUS = _IO(kLnkmType, 0x27);                // result: modem_state
-constexpr unsigned IOCTL_TRIGGER_KERNEL_PANIC = _IO(kLnkmType, 0x35);         // both; crash reason
+constexpr unsigned IOCTL_GET_CP_STATUS = _IO(kLnkmType, 0x27);         // result: modem_state
+constexpr unsigned IOCTL_TRIGGER_KERNEL_PANIC = _IO(kLnkmType, 0x35);  // both nodes; crash reason
 constexpr unsigned IOCTL_LOAD_CP_IMAGE = _IOW(kLnkmType, 0x40, cp_image);     // 0 on success
 constexpr unsigned IOCTL_GET_SRINFO = _IO(kLnkmType, 0x45);                   // srinfo_buf
 constexpr unsigned IOCTL_SET_SRINFO = _IO(kLnkmType, 0x46);                   // srinfo_buf

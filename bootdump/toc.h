@@ -1,4 +1,4 @@
-// The table of contents at the head of the modem's firmware partition.
+// The table of contents at the start of the modem's firmware partition.
 #pragma once
 
 #include <cstddef>
@@ -10,10 +10,10 @@ namespace rvd {
 #pragma pack(push, 1)
 struct toc_entry {
     char name[12];       // NUL-terminated unless all 12 bytes are used
-    uint32_t b_off;      // where the image begins in its source file
-    uint32_t m_off;      // where it goes in modem memory (low 30 bits)
+    uint32_t b_off;      // offset of the image in its source file
+    uint32_t m_off;      // offset of the image in modem memory (low 30 bits)
     uint32_t size;       // bytes
-    uint32_t crc;        // carried to the modem, never computed here
+    uint32_t crc;        // passed to the modem, which checks it
     uint32_t toc_count;  // entry 0 only: number of entries
 };
 #pragma pack(pop)
@@ -25,7 +25,7 @@ constexpr unsigned kTocEntries = 16;
 constexpr uint32_t kTocUncounted = 1;  // `toc_count` of a table that does not count its entries
 constexpr uint32_t kModemOffsetMask = 0x3FFFFFFF;
 
-// Names that a controller gives a meaning to; every other entry is a plain partition image.
+// Entry names with a special meaning; any other entry is an image in the partition.
 constexpr char kTocName[] = "TOC";
 constexpr char kTocBoot[] = "BOOT";
 constexpr char kTocMain[] = "MAIN";
@@ -39,7 +39,7 @@ inline bool has_name(const toc_entry& entry, const char* name) {
     return strncmp(entry.name, name, sizeof(entry.name)) == 0;
 }
 
-// A name as text: one that fills its field has no terminator there.
+// An entry's name with a terminator, which the field lacks if the name fills it.
 struct TocName {
     explicit TocName(const toc_entry& entry) { memcpy(text, entry.name, sizeof(entry.name)); }
 

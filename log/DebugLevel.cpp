@@ -1,4 +1,4 @@
-// The debug level and the modem's debug option, from the kernel command line and a property.
+// The debug level and the debug option, from the kernel command line and a property.
 #include <stdlib.h>
 #include <string.h>
 
@@ -21,8 +21,7 @@ constexpr char kForceUploadKey[] = "androidboot.force_upload=";
 constexpr char kKernelCpKey[] = "kro_debug.cp=";
 constexpr char kCpOptionProperty[] = "persist.vendor.rvd.debug_cp_opt";
 
-// One key of the kernel command line. A lookup cuts the command line into words, so every key
-// needs a reading of its own.
+// One key of the kernel command line. get_cmdline_str modifies its buffer, so each key has its own.
 class CmdlineKey {
   public:
     explicit CmdlineKey(const char* key)
@@ -40,7 +39,7 @@ class CmdlineKey {
     size_t key_length_;
 };
 
-// The codes are two letters of ASCII, the low byte first: "LO", "EI", "HI".
+// The codes are two ASCII letters, little-endian: "LO", "EI", "HI".
 int level_of_code(unsigned long code) {
     switch (code) {
         case 0x4F4C:
@@ -94,7 +93,7 @@ void level_from_forced_upload(int* level) {
 }  // namespace
 
 void Log::check_debug_level() {
-    // Stored once: a saving thread must not see a level that a later key overrules.
+    // Stored once: a saving thread must not see a level that a later key overrides.
     int level = debug_level;
     if (!level_from_boot_loader(&level)) level_from_kernel(&level);
     if (level == 0) level_from_forced_upload(&level);

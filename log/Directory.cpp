@@ -1,4 +1,4 @@
-// The log directory: made on demand, and refused while the data partition is short of space.
+// The log directory: created on demand, refused while there is too little free space.
 #include <errno.h>
 #include <grp.h>
 #include <sys/stat.h>
@@ -24,7 +24,7 @@ constexpr size_t kGroupSize = 4096;  // a group entry with its members
 char log_root[] = "/data";
 char log_dir[kPathSize] = RVD_LOG_DIRECTORY;
 
-void hand_to_log_group(const char* path) {
+void set_log_group(const char* path) {
     group entry = {};
     group* found = nullptr;
     char strings[kGroupSize];
@@ -76,7 +76,7 @@ int Log::create_log_directory(const char* path) {
         }
         sleep(kRetryPause);
     }
-    hand_to_log_group(path);
+    set_log_group(path);
     return 0;
 }
 
@@ -87,7 +87,7 @@ int Log::create_directory(const char* path) {
         info("create_directory", "(%s) is not a directory\n", path);
         return -EFAULT;
     }
-    // A saving thread and the main thread may both be making it.
+    // EEXIST: a saving thread may create it at the same time.
     const int created = mkdir(kLogDir, kDirMode);
     if (created < 0 && errno != EEXIST) {
         error("create_directory", "log path create fail err=%d\n", created);

@@ -1,5 +1,5 @@
-// The message operations. A line is formatted once; each sink gets the end of it that is its own,
-// in one write.
+// The message operations. A line is formatted once; each sink gets it from the offset where its own
+// part begins, in one write.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
@@ -23,12 +23,12 @@ namespace {
 
 constexpr char kAndroidTag[] = "boot";
 
-// Offset of a line's part for the Android log and for the crash text log. The level, which the
-// kernel removes from a record, and the driver's prefix are for the kernel log alone.
+// Where a line begins for the Android log and for the crash text log. The level and "lnkm: " are
+// for the kernel log only.
 constexpr size_t kAndroidStart = sizeof("<6>lnkm: ") - 1;
 constexpr size_t kCrashLogStart = sizeof("<6>lnkm: rvd: ") - 1;
 
-// One for each of the two strerror_r that a C library may declare.
+// One overload for each strerror_r: POSIX returns a status, GNU the text.
 [[maybe_unused]] const char* error_text(int status, const char* buffer) {
     return status == 0 ? buffer : "Unknown error";
 }
@@ -37,7 +37,7 @@ constexpr size_t kCrashLogStart = sizeof("<6>lnkm: rvd: ") - 1;
 }
 
 void write_line(int fd, const char* line, size_t length) {
-    // A sink that fails must not stop the next one.
+    // A failing sink must not keep the line from the next one.
     const ssize_t written = write(fd, line, length);
     static_cast<void>(written);
 }
@@ -77,7 +77,7 @@ class Line {
         constexpr int kCapacity = static_cast<int>(sizeof(text_)) - 1;
         length_ = std::clamp(length_, 0, kCapacity);
         const int added = vsnprintf(text_ + length_, sizeof(text_) - length(), format, values);
-        // Negative where the text cannot be converted: the line ends after its head.
+        // Negative if a conversion fails: the line then ends after the tag.
         length_ += added < 0 ? snprintf(text_ + length_, sizeof(text_) - length(), "\n") : added;
         if (length_ > kCapacity) {
             length_ = kCapacity;

@@ -1,4 +1,4 @@
-// Guarded removals inside the log directory; only the test actions of the command line use them.
+// Removes saved logs, only inside the log directory. Only the test actions use this.
 #include <dirent.h>
 #include <errno.h>
 #include <ftw.h>
@@ -35,7 +35,7 @@ int Log::remove_directory(const char* path) {
               static_cast<unsigned long>(kRemovableLength));
         return -EINVAL;
     }
-    // Some C libraries follow a symbolic link as the root of a walk; its target must stay.
+    // bionic's nftw follows a symbolic link given as the root; the link's target must stay.
     struct stat root;
     if (lstat(path, &root) == 0 && S_ISLNK(root.st_mode)) {
         return unlink_cb(path, &root, FTW_SL, nullptr);
@@ -62,7 +62,7 @@ void Log::remove_logs(int kind, const char* directory, const char* name) {
     while (const dirent* entry = readdir(listing.get())) {
         if (strstr(entry->d_name, pattern) == nullptr) continue;
         char path[kPathSize];
-        // A path that was cut could name another file.
+        // A truncated path could name another file.
         if (format_text(path, "%s/%s", directory, entry->d_name)) unlink(path);
     }
 }

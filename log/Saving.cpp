@@ -1,4 +1,4 @@
-// Copies of the kernel log: in line while a crash is handled, on detached threads otherwise.
+// Copies of the kernel log: on the main thread during a dump, on detached threads otherwise.
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -24,14 +24,14 @@ namespace rvd {
 
 namespace {
 
-constexpr int kReadAll = 3;  // the whole ring, left as it is
+constexpr int kReadAll = 3;  // SYSLOG_ACTION_READ_ALL: reads the buffer without clearing it
 constexpr mode_t kSavedMode = 0664;
 constexpr size_t kSavedPathSize = 256;
 
 constexpr char kChipProperty[] = "ro.hardware.chipname";
 constexpr const char* kChipsWithoutSaves[] = {"talvir410", "talvir4180"};
 
-// A request that outlives its caller's name.
+// A request with its own copy of the name.
 struct OwnedRequest {
     Log::SaveRequest request;
     HeapPtr<char> name;
@@ -59,8 +59,8 @@ bool chip_saves_in_background() {
     return true;
 }
 
-// Fills `path` with the file a request names; false when its flags name none.
-bool saved_path(const Log::SaveRequest& request, const char* stamp, TextRoom path) {
+// Fills `path` with the file of a request; false if its flags select none.
+bool saved_path(const Log::SaveRequest& request, const char* stamp, TextBuffer path) {
     if (request.flags & Log::kSaveLast) {
         format_text(path, "%s/%s_last.log", Log::get_log_dir(), request.name);
         return true;
@@ -152,7 +152,7 @@ int Log::dmesg_to_file(const char* path) {
         return 0;
     }
     if (fsync(file.get()) < 0) error("dmesg_to_file", "ERR! fsync(fd) fail\n");
-    flush_names(get_log_dir());
+    flush_directory(get_log_dir());
     return 0;
 }
 

@@ -1,4 +1,4 @@
-// The command line, option by option in the order given, a later one overriding an earlier.
+// Parses the command line in order; a later option overrides an earlier one.
 #include <stdio.h>
 #include <unistd.h>
 
@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kTag[] = "parseArgs";
 
-// With "+" every C library stops at the first word that is no option.
+// "+": with every C library, parsing stops at the first argument that is not an option.
 constexpr char kOptions[] =
         "+"
         "hdt:s:b:m:n:o:p:P:B:D:T:";
@@ -34,7 +34,7 @@ constexpr char kUsage[] =
         " -B Boot device\n"
         " -D Dump device\n";
 
-// A message of null refuses the link for that use, an empty one accepts it silently.
+// A null message: the link is refused for that use. An empty one: accepted without a message.
 struct LinkLetter {
     char letter;
     int32_t code;
@@ -109,14 +109,14 @@ bool check_srinfo_type(const char* arg) {
     return false;
 }
 
-bool fits(bool whole, const char* arg) {
-    if (!whole) Log::info(kTag, "ERR! argument too long: %s\n", arg);
-    return whole;
+bool check_fits(bool fits, const char* arg) {
+    if (!fits) Log::info(kTag, "ERR! argument too long: %s\n", arg);
+    return fits;
 }
 
 bool set_nv_directory(const char* arg) {
     RvdArgs* args = Container::getRvdArgs();
-    if (!fits(format_text(args->nv_data_path, "%s/nv_data.bin", arg), arg)) return false;
+    if (!check_fits(format_text(args->nv_data_path, "%s/nv_data.bin", arg), arg)) return false;
     Log::info(kTag, "set nv partition : %s\n", arg);
     Log::info(kTag, "nv data file path : %s\n", args->nv_data_path);
     Log::info(kTag, "nv norm file path : %s\n", args->nv_norm_path);
@@ -124,8 +124,8 @@ bool set_nv_directory(const char* arg) {
     return true;
 }
 
-bool report_partition(bool whole, const char* arg) {
-    if (!fits(whole, arg)) return false;
+bool report_partition(bool fits, const char* arg) {
+    if (!check_fits(fits, arg)) return false;
     Log::info(kTag, "set partition number : %s\n", arg);
     Log::info(kTag, "partition path : %s\n", Container::getRvdArgs()->partition_path);
     return true;
@@ -143,7 +143,7 @@ bool set_partition_name(const char* arg) {
 
 bool set_boot_node(const char* arg) {
     RvdArgs* args = Container::getRvdArgs();
-    if (!fits(format_text(args->boot_node, "/dev/%s", arg), arg)) return false;
+    if (!check_fits(format_text(args->boot_node, "/dev/%s", arg), arg)) return false;
     args->boot_device = args->boot_node;
     Log::info(kTag, "set boot_node : %s\n", arg);
     Log::info(kTag, "boot_node : %s\n", args->boot_node);
@@ -152,7 +152,7 @@ bool set_boot_node(const char* arg) {
 
 bool set_dump_node(const char* arg) {
     RvdArgs* args = Container::getRvdArgs();
-    if (!fits(format_text(args->dump_node, "/dev/%s", arg), arg)) return false;
+    if (!check_fits(format_text(args->dump_node, "/dev/%s", arg), arg)) return false;
     Log::info(kTag, "set dump_node : %s\n", arg);
     Log::info(kTag, "dump_node : %s\n", args->dump_node);
     return true;

@@ -50,7 +50,7 @@ constexpr Preset kPresets[] = {
          "/mnt/vendor/efs/nv_5g_data.bin", 6, 1, 0, 2, "VK880 modem\n", create<BootDumpExt>},
 };
 constexpr char kPartitionPath[] = "/dev/block/by-name/modem";
-constexpr size_t kModemNameLength = 5;  // what follows in the argument is not looked at
+constexpr size_t kModemNameLength = 5;  // the rest of the argument is ignored
 
 void apply(const Preset& preset) {
     rvd_args.modem_type = preset.modem_type;

@@ -1,5 +1,5 @@
-// The process-wide registry: the arguments and the objects they select. Filled on the main thread
-// at start-up, only read afterwards; nothing in it is ever released.
+// The process-wide registry: the arguments and the objects they select. The main thread fills it at
+// start-up; afterwards it is only read, and nothing in it is ever released.
 #pragma once
 
 #include "main/RvdArgs.h"
@@ -12,7 +12,7 @@ class Srinfo;
 struct std_boot_args;
 struct std_dump_args;
 
-// Outcome of reading the command line.
+// The result of parsing the command line.
 enum parse_result : int {
     PARSE_OK = 0,
     PARSE_INVALID = 1,
@@ -25,7 +25,7 @@ class Container {
     // Never null.
     static RvdArgs* getRvdArgs();
 
-    // The controller and its records; null until a modem type is named.
+    // The controller and its records; null until a modem is selected.
     static BootDump* getBootDump();
     static std_boot_args* getStdBoot();
     static std_dump_args* getStdDump();
@@ -33,14 +33,14 @@ class Container {
     static void setProtocol(Protocol* protocol);
     static Protocol* getProtocol();
 
-    // Null until a modem type is named.
+    // Null until a modem is selected.
     static Srinfo* getSrinfo();
 
-    // Reads the command line into the arguments and creates the objects of the modem it names.
+    // Parses the command line into the arguments and creates the objects of the modem it names.
     // Returns a parse_result.
     static int parseArgs(int argc, char** argv);
 
-    // To standard output.
+    // Prints the usage to standard output.
     static void printUsage(const char* program);
 
   private:

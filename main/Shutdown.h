@@ -1,16 +1,16 @@
-// How the daemon stops for good: parked, since init would start an ended one again.
+// The daemon stops by parking: init would restart a process that exits.
 #pragma once
 
 namespace rvd {
 
-// Never returns and does nothing more.
+// Sleeps forever.
 [[noreturn]] void park();
 
-// When a device shutdown is seen.
+// When the device's shutdown is checked for.
 enum class shutdown_moment { BETWEEN_PASSES, AFTER_EVENT };
 
-// Powers the modem off and parks when the platform shuts the device down; after an event it also
-// answers the platform.
+// If the platform is shutting the device down, powers the modem off and parks; after an event it
+// also confirms this to the platform.
 void park_on_device_shutdown(const char* tag, shutdown_moment moment);
 
 }  // namespace rvd

@@ -1,5 +1,5 @@
-// After a boot: properties are updated, then the modem is watched until an event ends the pass. The
-// driver signals a change of state as a hang-up on the boot node.
+// Updates the properties after a boot, then watches the modem until an event ends the pass. The
+// driver signals a change of the modem's state as POLLHUP on the boot node.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -28,7 +28,7 @@ constexpr char kBootCount[] = "vendor.rvd.cp_reset";
 constexpr char kBootDone[] = "vendor.rvd.boot_done";
 
 constexpr int kSilentResetWait = 50000;   // ms
-constexpr int kForEver = -1;              // ms
+constexpr int kNoTimeout = -1;            // ms
 constexpr unsigned kRildRestartWait = 3;  // s
 constexpr unsigned kAfterPowerOff = 27;   // s
 constexpr unsigned kDumpRetryPause = 1;   // s
@@ -53,7 +53,7 @@ void count_boot() {
     property_set(kBootCount, text);
 }
 
-void note_boot() {
+void record_boot() {
     count_boot();
     if (in_normal_operation()) {
         if (Property(kBootDone, "0").is_set()) {
@@ -64,7 +64,7 @@ void note_boot() {
     property_set(kBootDone, "1");
 }
 
-// Returns what the node reported, 0 after a time-out.
+// Returns the poll events of the node, 0 after a timeout.
 short wait_for_hang_up(int node, int timeout) {
     pollfd entry = {node, POLLHUP, 0};
     poll(&entry, 1, timeout);
@@ -72,15 +72,15 @@ short wait_for_hang_up(int node, int timeout) {
 }
 
 int wait_for_event(int node) {
-    short events = wait_for_hang_up(node, kForEver);
+    short events = wait_for_hang_up(node, kNoTimeout);
     if (!(events & POLLHUP)) {
         Log::info(kTag, "ERR! poll without POLLHUP (revents 0x%X)\n",
                   static_cast<unsigned>(events));
     }
-    // POLLERR and POLLNVAL are level-triggered: every wait ends at once.
+    // POLLERR and POLLNVAL are level-triggered: without the pause this loop would spin.
     while (!(events & POLLHUP)) {
         sleep(kIdlePause);
-        events = wait_for_hang_up(node, kForEver);
+        events = wait_for_hang_up(node, kNoTimeout);
     }
     return ioctl(node, IOCTL_GET_CP_STATUS, nullptr);
 }
@@ -90,7 +90,7 @@ void force_kernel_panic(const char* reason) {
     if (result != 0) Log::info(kTag, "set_kernel_panic() error %d\n", result);
 }
 
-void collect_dump() {
+void dump_with_retries() {
     BootDump* modem = Container::getBootDump();
     for (int retries = 0; modem->dump() < 0; ++retries) {
         Log::info(kTag, "start_dump fail\n");
@@ -116,7 +116,7 @@ void handle_crash() {
     } else if (storage != 0) {
         return;
     }
-    collect_dump();
+    dump_with_retries();
     Log::info(kTag, "CP status RESET\n");
 }
 
@@ -135,7 +135,7 @@ void handle_reset(int node) {
     sleep(kAfterPowerOff);
 }
 
-// Returns at the event that ends the pass: any but an unknown state.
+// Returns after the event that ends the pass; an unknown state does not end it.
 void handle_events(int node) {
     Log::info(kTag, "Wait event from modem %d\n", Container::getRvdArgs()->modem_type);
     for (;;) {
@@ -150,7 +150,7 @@ void handle_events(int node) {
                 return handle_reset(node);
             default:
                 Log::info(kTag, "unknown Modem status\n");
-                // POLLHUP is level-triggered and stays as long as the state does.
+                // POLLHUP is level-triggered and lasts as long as the state.
                 sleep(kIdlePause);
                 break;
         }
@@ -166,13 +166,13 @@ void watch_node() {
         if (debug_level == 0) return;
         if (cp_debug == CP_DEBUG_NONE) return handle_missing_node(args->boot_device, node.get());
     }
-    note_boot();
+    record_boot();
     if (debug_level != 0 && cp_debug == CP_DEBUG_SILENT_RESET) {
         Log::info(kTag, "CP Silent reset repeat\n");
         wait_for_hang_up(node.get(), kSilentResetWait);
         return;
     }
-    // Without a node nothing could end the wait.
+    // Without a node no event could end the wait.
     if (node.valid()) handle_events(node.get());
 }
 

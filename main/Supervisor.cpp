@@ -42,7 +42,7 @@ void test_upload() {
     end_pass();
 }
 
-// Whether the debug options let this pass boot the modem.
+// Whether the debug options allow this pass to boot the modem.
 bool boot_allowed() {
     if (debug_level == 0) return true;
     if (cp_debug == CP_DEBUG_NOBOOT) {
@@ -75,7 +75,7 @@ int boot_modem() {
     return Container::getBootDump()->boot();
 }
 
-// Asks for the state of a modem that failed to boot, on a descriptor of its own.
+// The state of a modem that failed to boot, through a new descriptor: the boot closed its own.
 int get_modem_state() {
     ScopedFd node(open(Container::getRvdArgs()->boot_node, O_RDWR | O_CLOEXEC));
     if (!node.valid()) {

@@ -1,4 +1,4 @@
-// The test actions of the command line.
+// The test actions of option -T.
 #include "bootdump/BootDump.h"
 #include "log/Log.h"
 #include "main/Container.h"

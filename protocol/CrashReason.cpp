@@ -1,4 +1,4 @@
-// The crash reason: who crashed the modem, as one sentence.
+// The crash reason: one sentence that says who crashed the modem and why.
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>

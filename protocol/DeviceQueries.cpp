@@ -1,5 +1,4 @@
-// What the controllers ask about the device: its SIM count, its carrier, a reboot, protected NV
-// data.
+// Device queries of the controllers: SIM count, carrier, reboot, protected NV data.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -68,7 +67,7 @@ bool ProtocolVelo::check_vtc_sales_code() {
 int ProtocolVelo::std_reboot_system(const char* reason) {
     constexpr char kTag[] = "std_reboot_system";
     char value[PROPERTY_VALUE_MAX];
-    // A cut reason would be another one.
+    // A truncated reason would be a different one.
     const int result =
             format_text(value, "reboot,%s", reason) ? property_set(kPowerControl, value) : -EINVAL;
     if (result < 0) Log::info(kTag, "ERR! failed to setprop [sys.powerctl](%s)\n", value);

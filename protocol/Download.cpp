@@ -1,4 +1,4 @@
-// An image to the modem's boot loader: its frames, its CRC, and the handshake that ends a boot.
+// Sends images to the modem's boot loader: frames, CRC, and the handshake that ends a boot.
 #include <errno.h>
 #include <unistd.h>
 

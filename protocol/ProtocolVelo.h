@@ -1,4 +1,4 @@
-// The protocol as this generation of modems speaks it.
+// The protocol of the tq720 and vk880 generation of modems.
 #pragma once
 
 #include "protocol/Protocol.h"
@@ -20,9 +20,10 @@ class ProtocolVelo : public Protocol {
     int std_udl_poll(operation op, short events, long timeout) override;
     int std_dl_tx_frame(int fd, void* frame) override;
 
-    // Receives what the modem announces: sizes and crash reason. 0, or negative.
+    // Receives the announcement of a dump: its sizes and the crash reason. Returns 0, or a negative
+    // value.
     int std_ul_recv_info();
-    // Receives one step of the dump. Returns the bytes saved, or negative.
+    // Receives one step of the dump. Returns the bytes saved, or a negative value.
     int std_ul_recv_data(unsigned int step);
 };
 

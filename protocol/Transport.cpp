@@ -1,4 +1,4 @@
-// Words and frames on the two nodes, and the words that begin and end a stage in either direction.
+// Words and frames on the two nodes, and the exchanges that start and end a stage.
 #include <errno.h>
 #include <poll.h>
 #include <string.h>
@@ -115,7 +115,7 @@ int ProtocolVelo::std_dl_tx_frame(int fd, void* frame) {
                   static_cast<int>(frm->len));
         return -EFAULT;
     }
-    // Nothing of the previous frame stays after the payload.
+    // The payload of the previous frame must not remain behind this one.
     memset(frm->data + frm->len, 0, sizeof(frm->data) - frm->len);
     const size_t length = UDL_HEADER + frm->len;
     const ssize_t sent = write(node_of(DOWNLOAD), frm, length);

@@ -1,5 +1,5 @@
-// A crash dump from the modem's boot loader: announcement, reason, then the frames step by step,
-// each written to the dump file as it comes.
+// Receives a crash dump from the modem's boot loader: announcement, reason, then each step's
+// frames, each of which is written to the dump file at once.
 #include <errno.h>
 #include <limits.h>
 #include <string.h>
@@ -17,13 +17,13 @@ namespace rvd {
 
 namespace {
 
-// Logs a failed step, to the crash text log too, and hands its result on.
+// Logs a failed step, also to the crash text log, and returns `result`.
 int dump_failed(const char* tag, const char* text, int result) {
     Log::dump_info(tag, "%s", text);
     return result;
 }
 
-// Appends to the prefix, cut to fit: a dump is worth more than its label.
+// Appends to the prefix and truncates: a long reason must not cost the dump.
 void append_reason(std_dump_args* dump, const char* text, size_t length) {
     const size_t prefix = strlen(dump->reason);
     copy_text({dump->reason + prefix, sizeof(dump->reason) - prefix}, text, length);
@@ -36,14 +36,14 @@ int save_crash_reason(int info_fd) {
         Log::dump_error(kTag, "ERR! REASON write fail\n");
         return -1;
     }
-    if (truncate_here(info_fd) < 0) Log::dump_error(kTag, "ERR! ftruncate(info_fd) fail\n");
+    if (truncate_at_offset(info_fd) < 0) Log::dump_error(kTag, "ERR! ftruncate(info_fd) fail\n");
     const int result = fsync(info_fd);
     if (result != 0) Log::dump_error(kTag, "ERR! fsync(info_fd) fail (%d)\n", result);
-    flush_names(Log::get_log_dir());
+    flush_directory(Log::get_log_dir());
     return result;
 }
 
-// Whether a frame is the one expected and holds what it announces.
+// Checks that a frame is the expected one and as long as its header says. Returns 0 or -14.
 int check_frame(const udl_frame& frame, int received, unsigned int step, uint32_t seqn) {
     constexpr char kTag[] = "std_ul_recv_data";
     const uint32_t exp = udl_response(UDL_STAGE_DUMP, step);
@@ -93,7 +93,7 @@ int ProtocolVelo::std_dump_receive_cp_dump() {
                        static_cast<int>(dump->dump_size));
         return -EFAULT;
     }
-    if (truncate_here(dump->fd[DUMP_FD_DUMP]) < 0) {
+    if (truncate_at_offset(dump->fd[DUMP_FD_DUMP]) < 0) {
         Log::dump_error(kTag, "ERR! ftruncate(dump_fd) fail\n");
     }
     result = fsync(dump->fd[DUMP_FD_DUMP]);
@@ -101,7 +101,7 @@ int ProtocolVelo::std_dump_receive_cp_dump() {
         Log::dump_error(kTag, "ERR! fsync(dump_fd) fail\n");
         return result;
     }
-    flush_names(Log::get_log_dir());
+    flush_directory(Log::get_log_dir());
     Log::dump_info(kTag, "DUMP DATA saved\n");
 
     const unsigned boot_stage = static_cast<unsigned>(Container::getRvdArgs()->boot_stage);

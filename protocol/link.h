@@ -1,5 +1,5 @@
-// What travels between the daemon and the modem's boot loader: command words, frames and the record
-// that announces a dump. All fields are little-endian.
+// The wire format of the link to the modem's boot loader: command words, frames and the record that
+// announces a dump. All fields are little-endian.
 #pragma once
 
 #include <cstddef>
@@ -17,11 +17,11 @@ constexpr uint32_t UDL_CMD_BIN = 0x01;
 constexpr uint32_t UDL_CMD_CRC = 0x0C;
 constexpr uint32_t UDL_CMD_DONE = 0x0D;
 
-// Stages 0 to 12 are rows of the download plan.
+// Stages 0 to 12 belong to the download plan.
 constexpr uint32_t UDL_STAGE_DUMP = 13;
 constexpr uint32_t UDL_STAGE_FINISH = 15;
 
-// A step of the dump stands where a sub-command would, so no dump has more.
+// A dump's step number takes the 8 bits of the sub-command.
 constexpr uint32_t UDL_MAX_STEP = 0xFF;
 
 constexpr uint32_t udl_request(uint32_t stage, uint32_t cmd) {
@@ -37,8 +37,8 @@ constexpr uint32_t UDL_MSS = 2048;  // largest payload of a frame
 
 struct udl_frame {
     uint32_t cmd;
-    uint32_t num_frames;  // of this image or step
-    uint32_t curr_frame;  // 1 for the first
+    uint32_t num_frames;  // in this image or step
+    uint32_t curr_frame;  // counts from 1
     uint32_t len;         // payload bytes
     uint8_t data[UDL_MSS];
 };
@@ -49,7 +49,7 @@ struct udl_crc {
 };
 
 struct udl_dump_info {
-    uint32_t dump_size;  // bytes that all steps will carry
+    uint32_t dump_size;  // bytes of all steps together
     uint32_t num_steps;
     uint32_t reason_len;  // bytes of crash reason text that follow this record
 };

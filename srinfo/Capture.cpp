@@ -1,4 +1,5 @@
-// A record from the driver to its files, and its text back to the driver after the next boot.
+// Saves a record from the driver to its files, and returns its text to the driver after the next
+// boot.
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -20,7 +21,7 @@ namespace rvd {
 
 namespace {
 
-// "JVER" at byte 2 of the text, little-endian: every valid record has it.
+// "JVER", little-endian, at byte 2 of the text of every valid record.
 constexpr uint32_t kValidMark = 0x5245564A;
 constexpr size_t kValidMarkOffset = 18;
 
@@ -58,7 +59,7 @@ bool SrinfoVelo::last_exists(const char* tag) {
     last_path(path, tag);
     Log::info(kTag, "%s: full_path: %s\n", kTag, path);
     struct stat status = {};
-    // A file that cannot be asked about may hold a record that waits.
+    // Any other error: the file may exist and hold a record for the driver.
     return lstat(path, &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
@@ -71,25 +72,26 @@ bool SrinfoVelo::save_last(const char* tag, char* data, unsigned int size) {
     const int written = write_srinfo_last(file.get(), data, size);
     if (written < 0) {
         Log::info("store_srinfo", "srinfo_last write fail(%d)\n", written);
-        // An empty file is never handed to the driver, a cut record would be.
+        // restore_srinfo ignores an empty file, but would return a truncated record to the driver.
         if (ftruncate(file.get(), 0) < 0 || fsync(file.get()) < 0) {
             Log::error("store_srinfo", "ERR! srinfo_last is not emptied\n");
         }
     }
-    return name_last(tag) && written >= 0;
+    return publish_last(tag) && written >= 0;
 }
 
-// Until a record has its name, nothing waits: one that was cut off is fetched again.
-bool SrinfoVelo::name_last(const char* tag) {
-    char made[kPathSize];
+// Renames the complete file to its final name. If the daemon dies before, the next store_srinfo
+// fetches the record again.
+bool SrinfoVelo::publish_last(const char* tag) {
+    char temporary[kPathSize];
     char path[kPathSize];
-    made_path(made, tag);
+    temporary_path(temporary, tag);
     last_path(path, tag);
-    if (rename(made, path) < 0) {
+    if (rename(temporary, path) < 0) {
         Log::error("store_srinfo", "ERR! srinfo_last rename fail\n");
         return false;
     }
-    flush_names(Log::kErrorDir);
+    flush_directory(Log::kErrorDir);
     return true;
 }
 

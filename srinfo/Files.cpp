@@ -1,5 +1,5 @@
-// The two files of a record: the log for people, with one older generation, and the file that
-// carries the text to the next boot.
+// The files of a record: the srinfo log with its one backup, and the last-srinfo file, which keeps
+// the text until the next boot.
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -27,12 +27,12 @@ constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK 
 constexpr unsigned kTextOffset = 16;
 constexpr unsigned kRow = 16;
 
-// A record's first `reach` bytes with zeros behind them, so that a last row or a text without a
-// brace may end past the data area. The driver's length counts no more than the area holds.
+// A zero-padded copy of a record's `valid` bytes, clamped to the data area, and of the `extra`
+// bytes behind them: the last row, or a text without a brace, may extend beyond the data area.
 struct PaddedRecord {
-    PaddedRecord(const char* data, unsigned valid, unsigned reach)
+    PaddedRecord(const char* data, unsigned valid, unsigned extra)
         : size(std::min(valid, kSrinfoDataSize)) {
-        memcpy(bytes, data, std::min(size + reach, kSrinfoDataSize));
+        memcpy(bytes, data, std::min(size + extra, kSrinfoDataSize));
     }
 
     char bytes[kSrinfoDataSize + kTextOffset + kRow] = {};
@@ -56,7 +56,7 @@ void Srinfo::last_path(char (&path)[kPathSize], const char* tag) {
     format_text(path, "%s/%s_%s", Log::kErrorDir, "last_sr_info", tag);
 }
 
-void Srinfo::made_path(char (&path)[kPathSize], const char* tag) {
+void Srinfo::temporary_path(char (&path)[kPathSize], const char* tag) {
     format_text(path, "%s/%s_%s.new", Log::kErrorDir, "last_sr_info", tag);
 }
 
@@ -136,11 +136,11 @@ int Srinfo::open_srinfo_last(const char* tag) {
 
 int SrinfoVelo::create_srinfo_last(const char* tag) {
     char path[kPathSize];
-    char made[kPathSize];
+    char temporary[kPathSize];
     last_path(path, tag);
-    made_path(made, tag);
+    temporary_path(temporary, tag);
     Log::info("create_srinfo_last", "create last_sr_info file - %s\n", path);
-    return open_last_at_start(made, O_CREAT | O_TRUNC, "last_sr_info create fail\n");
+    return open_last_at_start(temporary, O_CREAT | O_TRUNC, "last_sr_info create fail\n");
 }
 
 int SrinfoVelo::write_srinfo_last(int fd, char* data, unsigned int size) {
@@ -175,7 +175,7 @@ int SrinfoVelo::write_srinfo_file(int fd, char* data, unsigned int size) {
     }
     write_all(fd, "\n", 1);
     if (fsync(fd) < 0) Log::error(kTag, "ERR! fsync(srinfo_hex) fail\n");
-    flush_names(Log::get_log_dir());
+    flush_directory(Log::get_log_dir());
     Log::info(kTag, "store done\n");
     return static_cast<int>(record.size);
 }

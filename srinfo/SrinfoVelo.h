@@ -1,5 +1,5 @@
-// The records of this generation of modems: a header of 16 bytes that the daemon does not read,
-// then text that ends with its first closing brace.
+// The records of the tq720 and vk880 generation of modems: a header of 16 bytes, which the daemon
+// ignores, then text up to its first closing brace.
 #pragma once
 
 #include "srinfo/Srinfo.h"
@@ -13,15 +13,15 @@ class SrinfoVelo : public Srinfo {
     char* alloc_srinfo(unsigned int* size, int fd) override;
     int write_srinfo_file(int fd, char* data, unsigned int size) override;
 
-    // A new last-srinfo file, open for writing at its start; it has yet to get its name.
+    // Creates a last-srinfo file under its temporary name and opens it for writing.
     int create_srinfo_last(const char* tag);
-    // Writes the record's text: data bytes 16 to `size` + 16 of a data area, up to the first
-    // closing brace. Returns the bytes written, or -1.
+    // Writes the record's text: bytes 16 to `size` + 16 of the data area, up to and including the
+    // first closing brace. Returns the bytes written, or -1.
     int write_srinfo_last(int fd, char* data, unsigned int size);
 
   private:
     bool last_exists(const char* tag);
-    bool name_last(const char* tag);
+    bool publish_last(const char* tag);
     bool save_last(const char* tag, char* data, unsigned int size);
     void save_log(const char* tag, char* data, unsigned int size);
 };

@@ -1,4 +1,4 @@
-// The kernel command line, one key at a time.
+// Lookup of a key in the kernel command line.
 #include <fcntl.h>
 #include <string.h>
 #include <unistd.h>

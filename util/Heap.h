@@ -1,4 +1,5 @@
-// Owner of malloc'ed memory. Large blocks come from malloc, whose failure the daemon handles.
+// Ownership of malloc'ed memory. Large buffers come from malloc: the daemon handles its failure,
+// and has no exceptions.
 #pragma once
 
 #include <stdlib.h>
@@ -14,8 +15,8 @@ struct Free {
 template <class T>
 using HeapPtr = std::unique_ptr<T, Free>;
 
-// Uninitialised bytes aligned to a cache line, where the kernel copies fastest; null without
-// memory.
+// Uninitialised bytes, aligned to a cache line, where the kernel copies fastest. Null if there is
+// no memory.
 inline HeapPtr<char> heap_bytes(size_t size) {
     constexpr size_t kCacheLine = 64;
     void* bytes = nullptr;

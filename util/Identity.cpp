@@ -1,5 +1,4 @@
-// From root to the radio user. Capabilities are set with the kernel's own structures: not every C
-// library declares the call.
+// Changes from root to the radio user. Calls capset directly: not every C library declares it.
 #include <linux/capability.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -21,7 +20,7 @@ constexpr int kKept[] = {
 
 void Util::switch_user() {
     prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0);
-    // Without the user change the daemon goes on as root.
+    // If this fails, the daemon continues as root.
     const int changed = setuid(kRadioUser);
     static_cast<void>(changed);
 

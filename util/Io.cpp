@@ -25,14 +25,14 @@ ssize_t write_all(int fd, const void* data, size_t size) {
     return static_cast<ssize_t>(size);
 }
 
-int truncate_here(int fd) {
+int truncate_at_offset(int fd) {
     const off_t end = lseek(fd, 0, SEEK_CUR);
     return end < 0 ? -1 : ftruncate(fd, end);
 }
 
-void flush_names(const char* directory) {
-    const ScopedFd names(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (names.valid()) fsync(names.get());
+void flush_directory(const char* directory) {
+    const ScopedFd fd(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.valid()) fsync(fd.get());
 }
 
 }  // namespace rvd

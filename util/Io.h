@@ -1,4 +1,4 @@
-// Writes that go on after a short one, the end of a file that is written over, and names that stay.
+// Complete writes, truncation of overwritten files, and durable directory entries.
 #pragma once
 
 #include <sys/types.h>
@@ -7,16 +7,16 @@
 
 namespace rvd {
 
-// Writes all of `size` bytes, going on after a short or an interrupted write. Returns `size`, or -1
-// with errno set; a write that takes nothing counts as a full disk.
+// Writes all of `size` bytes, continuing after a short or interrupted write. Returns `size`, or -1
+// with errno set; a write of 0 bytes counts as ENOSPC.
 ssize_t write_all(int fd, const void* data, size_t size);
 
-// Ends a file at its current offset: what an earlier, longer content left behind is cut off.
+// Truncates a file at its current offset, where the rest of older, longer content may follow.
 // Returns 0, or -1 with errno set.
-int truncate_here(int fd);
+int truncate_at_offset(int fd);
 
-// Makes the names in a directory durable: without this a power cut may take away a file that was
-// created, or give back a name that it had. Silent, as nothing hangs on it but that.
-void flush_names(const char* directory);
+// Makes created, renamed and removed entries of a directory durable. Failures are ignored:
+// without this call only a power cut can lose the change.
+void flush_directory(const char* directory);
 
 }  // namespace rvd

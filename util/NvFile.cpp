@@ -1,4 +1,4 @@
-// NV data files: opened for a boot, and made in their erased state when the device never had one.
+// NV data files: opened for a boot, created in the erased state if the device has none.
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -20,10 +20,10 @@ namespace rvd {
 namespace {
 
 constexpr mode_t kNvMode = 0660;
-constexpr int kErased = 0xFF;
+constexpr int kErasedByte = 0xFF;
 constexpr uint64_t kBlock = uint64_t{64} * 1024;
-constexpr int kBlocks = 1024;  // the kernel takes no more
-// Sizes come from a signed 32-bit field; a larger one is a negative size that was widened.
+constexpr int kBlocks = 1024;  // the kernel's limit for one writev (IOV_MAX)
+// A larger value is a negative 32-bit size that was sign-extended.
 constexpr uint64_t kMaxNvSize = INT_MAX;
 
 bool open_nv(const char* path, int* fd) {
@@ -34,8 +34,8 @@ bool open_nv(const char* path, int* fd) {
     return true;
 }
 
-// Opens a new file that has no name before give_name(), so that a power cut leaves all of it or
-// nothing. On a file system without such files it has its name at once.
+// Creates a file without a name (O_TMPFILE): until link_at_path() names it, a power cut leaves no
+// partial file. On a file system without O_TMPFILE, `*named` is true and the file has its name.
 int open_new(const char* path, bool* named) {
     constexpr int kFlags = O_RDWR | O_SYNC | O_CLOEXEC;
     char directory[kPathSize];
@@ -46,21 +46,21 @@ int open_new(const char* path, bool* named) {
     return open(path, O_CREAT | O_EXCL | O_NOFOLLOW | kFlags, kNvMode);
 }
 
-bool give_name(int fd, const char* path) {
+bool link_at_path(int fd, const char* path) {
     char unnamed[32];
     format_text(unnamed, "/proc/self/fd/%d", fd);
     return linkat(AT_FDCWD, unnamed, AT_FDCWD, path, AT_SYMLINK_FOLLOW) == 0;
 }
 
-// One call writes up to 64 MiB, all from the same block: each call waits for the storage, and the
-// size of an image that a table makes up is not asked of the memory.
+// Writes up to 64 MiB per call, since each call waits for the storage (O_SYNC), and all of it from
+// the same 64 KiB, so that the memory needed does not depend on the size in the table.
 int fill_erased(int fd, const char* path, uint64_t size) {
     const HeapPtr<char> block = size <= kMaxNvSize ? heap_bytes(kBlock) : nullptr;
     if (!block) {
         Log::info("create_empty_nv", "ERR! malloc(%ld) fail\n", static_cast<long>(size));
         return -ENOMEM;
     }
-    memset(block.get(), kErased, kBlock);
+    memset(block.get(), kErasedByte, kBlock);
     for (uint64_t left = size; left > 0;) {
         iovec blocks[kBlocks];
         int count = 0;
@@ -113,13 +113,13 @@ int Util::create_empty_nv(const char* path, uint64_t size) {
     } else {
         result = fill_erased(nv.get(), path, size);
     }
-    // Also after a failure: later boots use the file as it is.
-    if (!named && !give_name(nv.get(), path)) {
+    // Also after a failed write: later boots use the file as it is.
+    if (!named && !link_at_path(nv.get(), path)) {
         Log::error("create_empty_nv", "ERR! NV(%s) link fail\n", path);
         return -EFAULT;
     }
     if (result < 0) return result;
-    // The content is durable since it was written; ext4 and f2fs write the name with this.
+    // The content is already durable (O_SYNC); ext4 and f2fs make the new name durable with this.
     if (fsync(nv.get()) < 0) {
         Log::error("create_empty_nv", "ERR! fsync(nv_fd) fail\n");
     } else {

@@ -1,4 +1,4 @@
-// A property's value as it stood when it was read.
+// A property's value, read once.
 #pragma once
 
 #include <cutils/properties.h>
@@ -10,7 +10,7 @@ class Property {
     Property(const char* name, const char* fallback) { property_get(name, value_, fallback); }
 
     const char* text() const { return value_; }
-    // The platform's flags are read by their first character.
+    // Of a flag, only the first character counts.
     bool is_set() const { return value_[0] == '1'; }
 
   private:

@@ -1,4 +1,4 @@
-// Sole owner of one short-lived descriptor. The standing ones live in the boot and dump records.
+// Sole owner of one descriptor within a scope. The boot and dump records own the lasting ones.
 #pragma once
 
 #include <unistd.h>
@@ -20,7 +20,7 @@ class ScopedFd {
     int get() const { return fd_; }
     bool valid() const { return fd_ >= 0; }
 
-    // Hands the descriptor over to the caller.
+    // Passes ownership of the descriptor to the caller.
     int release() { return std::exchange(fd_, -1); }
 
     void reset(int fd = -1) {

@@ -8,20 +8,20 @@
 
 namespace rvd {
 
-bool format_text(TextRoom room, const char* format, ...) {
-    memset(room.data, 0, room.size);
+bool format_text(TextBuffer buffer, const char* format, ...) {
+    memset(buffer.data, 0, buffer.size);
     va_list values;
     va_start(values, format);
-    const int length = vsnprintf(room.data, room.size, format, values);
+    const int length = vsnprintf(buffer.data, buffer.size, format, values);
     va_end(values);
-    return length >= 0 && static_cast<size_t>(length) < room.size;
+    return length >= 0 && static_cast<size_t>(length) < buffer.size;
 }
 
-bool copy_text(TextRoom room, const char* text, size_t length) {
+bool copy_text(TextBuffer buffer, const char* text, size_t length) {
     const size_t whole = strnlen(text, length);
-    const size_t kept = whole < room.size ? whole : room.size - 1;
-    memcpy(room.data, text, kept);
-    room.data[kept] = '\0';
+    const size_t kept = whole < buffer.size ? whole : buffer.size - 1;
+    memcpy(buffer.data, text, kept);
+    buffer.data[kept] = '\0';
     return kept == whole;
 }
 

@@ -1,4 +1,4 @@
-// The names in the platform's property library, for linking alone: a phone has the functions.
+// Stubs of the platform's property library, only to link against: a phone has the real one.
 #include <cutils/properties.h>
 
 int property_get(const char*, char*, const char*) {

@@ -1,5 +1,5 @@
-// The Android log of a machine that is no phone: a line of text for each message, to the file named
-// by RVD_ANDROID_LOG or to standard error. There is one log; the buffers are not kept apart.
+// The Android log on a host: one line of text for each message, to the file named by
+// RVD_ANDROID_LOG or to standard error. All log buffers share that one output.
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -49,7 +49,7 @@ int __android_log_buf_print(int, int prio, const char* tag, const char* fmt, ...
     char* const message = line + head;
     message[0] = '\0';
 
-    errno = saved_errno;  // The format may ask for it.
+    errno = saved_errno;  // for %m in the format
     va_list values;
     va_start(values, fmt);
     vsnprintf(message, kMaxMessage + 1, fmt, values);

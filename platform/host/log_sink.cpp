@@ -9,8 +9,8 @@ namespace rvd::host {
 
 namespace {
 
-// For the reader of a full pipe to catch up.
-constexpr int kPatienceMs = 100;
+// How long to wait for the reader of a full pipe.
+constexpr int kReaderTimeoutMs = 100;
 
 }  // namespace
 
@@ -22,12 +22,12 @@ LogSink::LogSink(const char* path) : fd_(STDERR_FILENO) {
     may_block_ = false;
 }
 
-// Standard error may be a pipe that nobody reads. A pipe that is ready for writing has room for
-// more than a line.
+// Standard error may be a pipe that nobody reads, where a write would block. A pipe that polls as
+// writable has space for more than a line.
 bool LogSink::ready() const {
     if (!may_block_) return true;
     pollfd sink = {fd_, POLLOUT, 0};
-    return poll(&sink, 1, kPatienceMs) == 1 && (sink.revents & POLLOUT) != 0;
+    return poll(&sink, 1, kReaderTimeoutMs) == 1 && (sink.revents & POLLOUT) != 0;
 }
 
 void LogSink::write_line(const char* line, size_t size) const {

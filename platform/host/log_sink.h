@@ -1,4 +1,4 @@
-// Where the Android log's lines go on a machine that is no phone.
+// The output of the Android log on a host.
 #pragma once
 
 #include <stddef.h>
@@ -8,13 +8,13 @@ namespace rvd::host {
 // A log file, opened once for the life of the process, or standard error.
 class LogSink {
   public:
-    // Appends to the file at `path`; standard error where it is null, empty or cannot be opened.
+    // Appends to the file at `path`; to standard error if it is null, empty or cannot be opened.
     explicit LogSink(const char* path);
-    // Writes to a descriptor of the caller's, which may be one that blocks.
+    // Writes to `fd`, which the caller owns and which may block.
     explicit LogSink(int fd) : fd_(fd) {}
 
-    // One line, in one write where the sink takes it whole. Waits at most a moment for a reader;
-    // the line is lost then. May change errno.
+    // Writes one line, in one write unless that is short. Waits up to 100 ms for the reader, then
+    // drops the line. May change errno.
     void write_line(const char* line, size_t size) const;
 
   private:

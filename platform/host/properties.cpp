@@ -1,6 +1,5 @@
-// The property store of a machine that is no phone: a directory, RVD_PROPERTY_DIR, with one file
-// per property, whose content is the value. Readers take no lock: a value is complete before the
-// file gets its name.
+// The property store on a host: the directory RVD_PROPERTY_DIR with one file per property, whose
+// content is the value. Readers need no lock: a file gets its name only once its value is complete.
 #include <errno.h>
 #include <fcntl.h>
 #include <inttypes.h>
@@ -27,13 +26,13 @@ struct Path {
     char text[PATH_MAX];
 };
 
-// The environment is asked once, so that later changes to it cannot split the store.
+// The environment is read once, so that a later change to it cannot split the store.
 const Path& store() {
     static const Path path = [] {
         Path chosen;
         const char* named = getenv("RVD_PROPERTY_DIR");
         if (named == nullptr || *named == '\0') named = kDefaultStore;
-        // A name that no system call would take gives an empty store.
+        // A path beyond PATH_MAX gives an empty store.
         if (strlen(named) >= sizeof(chosen.text)) named = "";
         strcpy(chosen.text, named);
         return chosen;
@@ -52,14 +51,14 @@ bool is_read_only(const char* key) {
     return strncmp(key, "ro.", strlen("ro.")) == 0;
 }
 
-// False where the path has no room, or there is no store.
+// False if the path is too long, or there is no store.
 bool make_path(Path& path, const char* file) {
     if (store().text[0] == '\0') return false;
     const int length = snprintf(path.text, sizeof(path.text), "%s/%s", store().text, file);
     return length > 0 && static_cast<size_t>(length) < sizeof(path.text);
 }
 
-// Reads up to kMaxValue bytes and terminates them; empty when the file cannot be read to its end.
+// Reads up to kMaxValue bytes and terminates them; "" if a read fails.
 void read_value(const char* path, char* value) {
     value[0] = '\0';
     const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -87,9 +86,9 @@ bool write_value(int fd, const char* value, size_t size) {
     return true;
 }
 
-// Creates a file under a name that is no property's, since none begins with a dot, and that no
-// other writer has. Another process may carry the same number in a pid namespace of its own, and a
-// killed one may have left its file behind: then the next name is tried.
+// Creates a file under a unique temporary name; no property's name begins with a dot. The name may
+// be taken, by a process with the same pid in another pid namespace or by one that was killed: then
+// the next one is tried.
 int create_draft(Path& path) {
     static std::atomic<unsigned> serial{0};
     constexpr int kTries = 1000;
@@ -103,8 +102,8 @@ int create_draft(Path& path) {
     return -1;
 }
 
-// Gives the finished draft the property's name, and takes its own away. A link, other than a
-// rename, fails where the name is taken: of two writers of a "ro." property one wins.
+// Renames the finished draft to the property's name. A "ro." property is linked instead, which
+// fails if the name exists: of two writers one wins.
 bool publish(const Path& draft, const Path& property, bool only_once) {
     if (!only_once && rename(draft.text, property.text) == 0) return true;
     const bool linked = only_once && link(draft.text, property.text) == 0;

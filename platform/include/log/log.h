@@ -1,5 +1,5 @@
-// Android's log, with the platform's own signatures. On a device the platform's header and its log
-// library take this file's place.
+// Android's log, with the platform's own signatures. A device build uses the platform's header and
+// log library instead.
 #pragma once
 
 #ifdef __cplusplus
@@ -23,8 +23,8 @@ typedef enum android_LogPriority {
     ANDROID_LOG_FATAL = 7,
 } android_LogPriority;
 
-// Adds one line to a log buffer. Text beyond 1023 bytes is cut. Safe from any thread; never waits
-// for a reader, so a line may be lost; errno is left alone. Returns 1, a lost line included.
+// Adds one line to a log buffer, truncated to 1023 bytes. Safe on any thread. A line may be dropped
+// when the log is not read fast enough. Leaves errno unchanged. Returns 1, also for a dropped line.
 int __android_log_buf_print(int bufID, int prio, const char* tag, const char* fmt, ...)
         __attribute__((format(printf, 4, 5)));
 
