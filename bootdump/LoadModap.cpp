@@ -64,8 +64,8 @@ int BootDumpModap::load_cp_image_by_stage(unsigned int stage, cp_boot_mode mode)
 
 int BootDumpModap::send_chunks(const std_dload_control& entry, unsigned int stage, cp_image* image,
                                char* buffer) {
-    // The driver takes the first chunk that is not full as the end of the image. If the image's
-    // size is a multiple of the chunk size, that chunk is empty.
+    // A short chunk tells the driver that the image ends; if the image's size is a multiple of the
+    // chunk size, that chunk is empty.
     for (uint32_t sent = 0;; sent += image->len, image->m_offset += image->len) {
         const bool last = entry.size - sent < kImageChunk;
         if (last) image->len = entry.size - sent;

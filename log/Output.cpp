@@ -1,5 +1,5 @@
-// The message operations. A line is formatted once; each sink gets it from the offset where its own
-// part begins, in one write.
+// The message operations. A line is formatted once and written with one call to each log, without
+// the prefix that is not for that log.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>

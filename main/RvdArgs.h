@@ -57,7 +57,7 @@ struct RvdArgs {
     int32_t boot_stage;                   // table index of the boot loader
     int32_t main_stage;                   // last table index loaded when there is no NV data
     uint32_t options;                     // option_bit
-    char crash_reason[kCrashReasonSize];  // passed to the driver with the kernel panic
+    char crash_reason[kCrashReasonSize];  // passed to the driver with the panic request
 };
 
 }  // namespace rvd
